@@ -1,0 +1,226 @@
+#include "ShellProbe.h"
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <csignal>
+#include <fcntl.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "ServiceLog.h"
+
+extern char** environ;
+
+const char TEMP_FILE_TEMPLATE[20] = "/tmp/fsdrv_XXXXXX";
+
+int trim_eol(char* line)
+{
+    if (line == nullptr)
+        return 0;
+    size_t len = strlen(line);
+    if (len > 0 && line[len - 1] == '\n')
+        line[--len] = '\0';
+    return static_cast<int>(len);
+}
+
+namespace {
+
+// Runs "/bin/sh -c line" and returns its wait status as system(3) does, -1
+// when the shell could not be started. posix_spawn starts the shell with
+// vfork semantics, so a service with a large address space does not pay for
+// copying its page tables on every command.
+int run_shell(const char* line)
+{
+    char arg0[] = "sh";
+    char arg1[] = "-c";
+    char* argv[] = {arg0, arg1, const_cast<char*>(line), nullptr};
+    // The shell starts with an empty signal mask and SIGPIPE at its default,
+    // whatever the calling thread blocks or the hosting process ignores, so
+    // pipelines behave as they do from a terminal.
+    posix_spawnattr_t attr;
+    posix_spawnattr_init(&attr);
+    sigset_t none, defaults;
+    sigemptyset(&none);
+    sigemptyset(&defaults);
+    sigaddset(&defaults, SIGPIPE);
+    posix_spawnattr_setsigmask(&attr, &none);
+    posix_spawnattr_setsigdefault(&attr, &defaults);
+    posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
+    pid_t pid;
+    int err = posix_spawn(&pid, "/bin/sh", nullptr, &attr, argv, environ);
+    posix_spawnattr_destroy(&attr);
+    if (err != 0) {
+        errno = err;
+        return -1;
+    }
+    int status = 0;
+    while (waitpid(pid, &status, 0) < 0) {
+        if (errno != EINTR)
+            return -1;
+    }
+    return status;
+}
+
+// A unique temporary file from TEMP_FILE_TEMPLATE; name gets its path.
+// Returns the descriptor, or -errno.
+int make_temp_file(char name[20])
+{
+    snprintf(name, 20, "%s", TEMP_FILE_TEMPLATE);
+    int fd = mkostemp(name, O_APPEND | O_SYNC | O_CLOEXEC);
+    return fd >= 0 ? fd : -errno;
+}
+
+int read_into(char* buf, int size, const char* filename)
+{
+    buf[0] = '\0';
+    FILE* file = fopen(filename, "re");
+    if (file == nullptr)
+        return 0;
+    size_t count = fread(buf, 1, static_cast<size_t>(size) - 1, file);
+    buf[count] = '\0';
+    fclose(file);
+    return static_cast<int>(count);
+}
+
+}  // namespace
+
+int call_system(const char* format, ...)
+{
+    char line[SHELL_LINE_MAX];
+    va_list args;
+    va_start(args, format);
+    int len = vsnprintf(line, sizeof(line), format, args);
+    va_end(args);
+    if (len < 0 || len >= SHELL_LINE_MAX - 1) {
+        SLOGE("[%s, %d] buffer overflow\n");
+        return -1;
+    }
+    int rc = run_shell(line);
+    if (rc != 0)
+        SLOGW("[%s, %d] system('%s'): rc=%d: %m\n", line, rc);
+    // Folds the wait status into one byte: an exit code stays itself, a
+    // terminating signal gives its number, a failed start (-1) gives 255.
+    return ((rc >> 8) | rc) & 0xff;
+}
+
+int buffer_read_from_file(char* buf, int size, const char* filename, ...)
+{
+    if (buf == nullptr || size <= 0)
+        return SHELL_ERR_BAD_ARGS;
+    char name[SHELL_FILENAME_MAX];
+    va_list args;
+    va_start(args, filename);
+    vsnprintf(name, sizeof(name), filename, args);
+    va_end(args);
+    return read_into(buf, size, name);
+}
+
+int buffer_read_from_command(char* buf, int size, const char* command, ...)
+{
+    if (buf == nullptr || size <= 0)
+        return SHELL_ERR_BAD_ARGS;
+    char cmd[SHELL_COMMAND_MAX];
+    va_list args;
+    va_start(args, command);
+    vsnprintf(cmd, sizeof(cmd), command, args);
+    va_end(args);
+
+    char name[20];
+    int fd = make_temp_file(name);
+    if (fd < 0) {
+        SLOGE("[%s, %d] create temp file failed! errno = %d.\n", -fd);
+        return fd;
+    }
+    call_system("%s > %s || true", cmd, name);
+    int result = read_into(buf, size, name);
+    close(fd);
+    unlink(name);
+    return result;
+}
+
+namespace {
+
+// Hands each line of an open file to callback; see parse_output_lines.
+int feed_lines(FILE* file, char* line, int size, line_handler_t callback, void* context)
+{
+    while (!feof(file)) {
+        if (fgets(line, size, file) == nullptr) {
+            // A read error would leave feof false forever: end the loop.
+            if (ferror(file)) {
+                SLOGE("[%s, %d] ***E: reading command output failed. errno = %d.\n", errno);
+                return -EIO;
+            }
+            continue;
+        }
+        trim_eol(line);
+        int rc = callback(context, line);
+        if (rc != 0)
+            return rc;
+    }
+    return 0;
+}
+
+}  // namespace
+
+int parse_output_lines(line_handler_t callback, void* context, const char* command, ...)
+{
+    if (callback == nullptr)
+        return SHELL_ERR_BAD_ARGS;
+    char cmd[SHELL_COMMAND_MAX];
+    va_list args;
+    va_start(args, command);
+    vsnprintf(cmd, sizeof(cmd), command, args);
+    va_end(args);
+
+    char name[20];
+    int fd = make_temp_file(name);
+    if (fd < 0) {
+        SLOGE("[%s, %d] create temp file. errno = %d.\n", -fd);
+        return fd;
+    }
+    call_system("%s > %s || true", cmd, name);
+
+    int result;
+    FILE* file = fopen(name, "re");
+    if (file == nullptr) {
+        result = -errno;
+        SLOGE("[%s, %d] open file. errno = %d.\n", -result);
+    } else {
+        // The command array is free again: lines are read into it.
+        result = feed_lines(file, cmd, sizeof(cmd), callback, context);
+        fclose(file);
+    }
+    close(fd);
+    unlink(name);
+    return result;
+}
+
+int line_read_from_file(char* buf, int size, const char* filename, ...)
+{
+    if (buf == nullptr || size <= 0)
+        return SHELL_ERR_BAD_ARGS;
+    buf[0] = '\0';
+    char name[SHELL_FILENAME_MAX];
+    va_list args;
+    va_start(args, filename);
+    vsnprintf(name, sizeof(name), filename, args);
+    va_end(args);
+
+    FILE* file = fopen(name, "re");
+    if (file == nullptr)
+        return SHELL_ERR_NO_LINE;
+    int result = SHELL_ERR_NO_LINE;
+    if (fgets(buf, size, file) != nullptr)
+        result = trim_eol(buf);
+    fclose(file);
+    return result;
+}
+
+int mtp_read_procfs(int minor, const char* item, char* buf, int size)
+{
+    return line_read_from_file(buf, size, "/proc/driver/mptp/%d/%s", minor, item);
+}

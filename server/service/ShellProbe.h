@@ -1,0 +1,58 @@
+// The one door to the shell and to small system files. Every external command
+// of the service runs through call_system or one of the readers built on it.
+// The functions keep no state and may run on any thread at the same time.
+#pragma once
+
+#define SHELL_LINE_MAX 512          // call_system's command line, terminator included
+#define SHELL_COMMAND_MAX 256       // commands whose output is read, and one output line
+#define SHELL_FILENAME_MAX 260      // file names of the file readers
+#define SHELL_ERR_BAD_ARGS (-22)
+#define SHELL_ERR_NO_LINE (-23)
+
+extern const char TEMP_FILE_TEMPLATE[20];
+
+// A line handler: gets context and one output line without its line feed; 0
+// goes on, any other value stops the reading and is handed back as is.
+typedef int (*line_handler_t)(void* context, char* line);
+
+// Removes one trailing line feed. Returns the remaining length; 0 for null.
+int trim_eol(char* line);
+
+// Runs a command line through /bin/sh.
+// < 0: -1, the line has 511 characters or more and nothing ran.
+//   0: the command exited with 0.
+// > 0: its exit code, the number of the signal that ended it, or 255 when
+//      the shell could not be started.
+int call_system(const char* format, ...) __attribute__((format(printf, 1, 2)));
+
+// Reads up to size - 1 bytes of a file into buf and terminates them.
+// < 0: -22 for a null buf or size 0.
+// >= 0: the bytes read; a file that cannot be opened reads as empty (0).
+int buffer_read_from_file(char* buf, int size, const char* filename, ...)
+    __attribute__((format(printf, 3, 4)));
+
+// Runs a command (cut to 255 characters) and reads its standard output into
+// buf as buffer_read_from_file does.
+// < 0: -22 for bad arguments, -errno when no temporary file could be made.
+// >= 0: the bytes of output read; a failing command that prints nothing gives 0.
+int buffer_read_from_command(char* buf, int size, const char* command, ...)
+    __attribute__((format(printf, 3, 4)));
+
+// Runs a command (cut to 255 characters) and hands each line of its standard
+// output, in order, to callback. A line longer than 255 characters arrives in
+// pieces.
+// < 0: -22 for a null callback, -errno when the temporary file could not be
+//      made or opened, -EIO when reading the output failed part way.
+//   0: every line was handled (also when there was none).
+// other: the first non-zero value of callback, unchanged.
+int parse_output_lines(line_handler_t callback, void* context, const char* command, ...)
+    __attribute__((format(printf, 3, 4)));
+
+// Reads the first line of a file into buf without its line feed.
+// < 0: -22 for bad arguments, -23 when the file cannot be opened or is empty.
+// >= 0: the length of the line.
+int line_read_from_file(char* buf, int size, const char* filename, ...)
+    __attribute__((format(printf, 3, 4)));
+
+// line_read_from_file of "/proc/driver/mptp/<minor>/<item>".
+int mtp_read_procfs(int minor, const char* item, char* buf, int size);

@@ -1,0 +1,162 @@
+#include "StorageCmdTable.h"
+
+#include <cstring>
+
+#include <cutils/properties.h>
+#include <norvfw/NorvMsg.h>
+
+#include "ServiceLog.h"
+#include "SignalNo.h"
+
+#define HLOGW(fmt, ...) SLOG_TAG(ANDROID_LOG_WARN, STORAGE_TAG_HUB, fmt, ##__VA_ARGS__)
+
+#define PROP_PVR_REC_ENABLE "persist.pvr.rec.enable"
+#define PROP_PVR_TSHIFT_ENABLE "persist.pvr.tshift.enable"
+#define PROP_PVR_DEVICE_SIZE_LIMIT "persist.pvr.device_size_limit"
+#define PVR_DEVICE_SIZE_LIMIT_MIN 1800u
+
+namespace {
+
+void reply_false(const android::Parcel&, android::Parcel* reply)
+{
+    reply->writeBool(false);
+}
+
+// Stores a new size limit for the automatic PVR choice. The client hears
+// nothing either way: a value below the minimum, the current value, or a
+// television that neither records nor timeshifts leaves the property alone.
+void set_pvr_dev_size_limit(const android::Parcel& request, android::Parcel*)
+{
+    bool rec = property_get_bool(PROP_PVR_REC_ENABLE, 0);
+    bool tshift = property_get_bool(PROP_PVR_TSHIFT_ENABLE, 0);
+    int32_t oldSize = property_get_int32(PROP_PVR_DEVICE_SIZE_LIMIT, 0);
+    uint32_t newSize = request.readUint32();
+    if ((rec || tshift) && newSize != static_cast<uint32_t>(oldSize) && newSize >= PVR_DEVICE_SIZE_LIMIT_MIN) {
+        char value[32];
+        snprintf(value, sizeof(value), "%u", newSize);
+        property_set(PROP_PVR_DEVICE_SIZE_LIMIT, value);
+    }
+}
+
+void get_pvr_dev_size_limit(const android::Parcel&, android::Parcel* reply)
+{
+    reply->writeUint32(static_cast<uint32_t>(property_get_int32(PROP_PVR_DEVICE_SIZE_LIMIT, 0)));
+}
+
+#define POST(code, signal, fields) {code, CMD_ROAD_POST, signal, fields, 0, nullptr, nullptr}
+#define CALL(code, fn) {code, CMD_ROAD_CALL, 0, nullptr, 0, nullptr, fn}
+
+const SCmdRow kCmdRows[] = {
+    CALL(STORAGE_IS_ENCRYPTED, reply_false),
+    CALL(STORAGE_PARTITION_PRIVATE, reply_false),
+    CALL(STORAGE_PARTITION_MIXED, reply_false),
+    CALL(STORAGE_WIPE_ADOPTABLE_DISKS, reply_false),
+    CALL(STORAGE_SET_VOLUME_INITED, reply_false),
+    CALL(STORAGE_GET_VOLUME_STATE, reply_false),
+    CALL(STORAGE_GET_STORAGE_LOW_BYTES, reply_false),
+    CALL(STORAGE_GET_STORAGE_FULL_BYTES, reply_false),
+    CALL(STORAGE_SET_PVR_DEV_SIZE_LIMIT, set_pvr_dev_size_limit),
+    CALL(STORAGE_GET_PVR_DEV_SIZE_LIMIT, get_pvr_dev_size_limit),
+    POST(STORAGE_START_HDD, SIG_ID_STORAGE_START_HDD, ""),
+    POST(STORAGE_SHUTDOWN, SIG_ID_STORAGE_SHUTDOWN, "c"),
+};
+
+#undef POST
+#undef CALL
+
+// The fields of one request, read in order before anything is posted.
+struct SPostedFields {
+    const char* text[2];
+    int32_t intValue;
+    bool boolValue;
+    int64_t tag;
+    char16_t ch;
+    bool textMissing;
+};
+
+void read_fields(const char* fields, const android::Parcel& request, SPostedFields* out)
+{
+    memset(out, 0, sizeof(*out));
+    for (const char* f = fields; *f != '\0'; ++f) {
+        switch (*f) {
+        case '1':
+        case '2': {
+            const char* text = request.readCString();
+            out->text[*f - '1'] = text;
+            if (text == nullptr)
+                out->textMissing = true;
+            break;
+        }
+        case 'i': out->intValue = request.readInt32(); break;
+        case 'b': out->boolValue = request.readBool(); break;
+        case 'w': out->tag = request.readInt64(); break;
+        case 'c': out->ch = request.readChar(); break;
+        default: break;
+        }
+    }
+}
+
+// Texts travel up to their first zero and must leave room for it in the
+// 100-byte fields; a longer text would name another file than the client
+// meant, so it is refused rather than cut.
+bool texts_fit(int code, const SPostedFields& in)
+{
+    if (in.textMissing) {
+        HLOGW("[%s, %d] ***W: cmd %d: a text is missing, nothing posted\n", code);
+        return false;
+    }
+    for (const char* text : in.text) {
+        if (text != nullptr && strlen(text) >= STORAGE_ACTION_TEXT_LEN) {
+            HLOGW("[%s, %d] ***W: cmd %d: text of %zu bytes does not fit, nothing posted\n", code,
+                  strlen(text));
+            return false;
+        }
+    }
+    return true;
+}
+
+void fill_record(const char* fields, const SPostedFields& in, StorageManagerAction_t* record)
+{
+    for (const char* f = fields; *f != '\0'; ++f) {
+        switch (*f) {
+        case '1': memcpy(record->buf1, in.text[0], strlen(in.text[0])); break;
+        case '2': memcpy(record->buf2, in.text[1], strlen(in.text[1])); break;
+        case 'i': record->intValue1 = in.intValue; break;
+        case 'b': record->boolValue1 = in.boolValue; break;
+        case 'w': record->ushortValue1 = static_cast<uint16_t>(in.tag & 0xffff); break;
+        case 'c': record->buf1[0] = static_cast<unsigned char>(in.ch); break;
+        default: break;
+        }
+    }
+}
+
+}  // namespace
+
+const SCmdRow* find_cmd_row(int code)
+{
+    for (const SCmdRow& row : kCmdRows) {
+        if (row.code == code)
+            return &row;
+    }
+    return nullptr;
+}
+
+bool post_cmd_row(const SCmdRow& row, const android::Parcel& request,
+                  StorageManagerAction_t* record, bool* bFree, CThreadObjectWithQueue& target)
+{
+    SPostedFields in;
+    read_fields(row.fields, request, &in);
+    if (row.logFormat != nullptr && in.text[0] != nullptr)
+        SLOG_TAG(ANDROID_LOG_DEBUG, STORAGE_TAG_HUB, row.logFormat, in.text[0], strlen(in.text[0]));
+    if (record == nullptr || !texts_fit(row.code, in))
+        return false;
+
+    CNorvMsg msg;
+    msg.SetSignalName(row.signal);
+    if ((row.flags & CMD_POST_NO_PAYLOAD) == 0) {
+        fill_record(row.fields, in, record);
+        msg.SetSignalPtr(record, sizeof(*record));
+        *bFree = false;
+    }
+    return target.SendCmd(&msg) == 0;
+}

@@ -1,0 +1,64 @@
+// The storage service: one global object whose thread takes signals from the
+// queue "/MQ_STORAGE_SRV" and runs one operation per signal.
+#pragma once
+
+#include <atomic>
+#include <string>
+
+#include <norvfw/NorvMsg.h>
+#include <norvfw/Observable.h>
+#include <norvfw/ThreadObject.h>
+#include <norvfw/TimeOut.h>
+
+#include "HotPlug.h"
+#include "StorageEvents.h"
+#include "StorageManagerAction.h"
+
+#define STORAGE_SERVICE_QUEUE_NAME "/MQ_STORAGE_SRV"
+#define MAX_STORAGE_QUEUE_SIZE 10
+#define STORAGE_TSH_FORMAT_TIMEOUT_IN_MS 15000
+#define STORAGE_PVR_FORMAT_TIMEOUT_IN_MS 60000
+#define STORAGE_SEND_BUF_SIZE 50000
+#define STORAGE_DEV_TAB_BUF_SIZE 2048
+#define STORAGE_MAX_CONNECTED_DEVICES 32
+
+typedef enum {
+    HddNoHdd = -2,
+    HddUnknown = -1,
+    HddOff = 0,
+    HddStarting = 1,
+    HddRunning = 2,
+    HddStopping = 3,
+} HddState;
+
+class StorageManagerService : public CThreadObjectWithQueue, public CObservableCallbackQueue {
+public:
+    StorageManagerService();
+    ~StorageManagerService() override;
+
+    // Creates the queue, starts the service thread and the hot-plug watcher.
+    // Returns the result of starting the service thread (negative on failure).
+    int Init();
+    // Runs the operation of one signal and releases its payload.
+    void ProcessNorvMsg(CNorvMsg* msg) override;
+    // The single exit of results: hands the event to the event manager.
+    void NotifyToStorageManager(LUM_EM_TYPE_E event, void* data, int len);
+
+    unsigned char m_SendBuf[STORAGE_SEND_BUF_SIZE];
+    int m_DevTabBufLen;
+    unsigned char m_DevTabBuf[STORAGE_DEV_TAB_BUF_SIZE];
+    TimeOutTimer TosvBenchmarkProgress;
+    TimeOutTimer TosvFormat;
+    std::string m_FormatDev;
+    std::string m_PvrMountPath;
+    int m_DeviceCnt;
+    CHotPlug m_HotPlug;
+    // Written on the service thread, read by traces and tests elsewhere.
+    std::atomic<HddState> m_hddState;
+};
+
+extern StorageManagerService theStorageManagerService;
+
+// One row of the dispatcher: the operation of a signal.
+typedef void (*signal_handler_t)(StorageManagerService& service, CNorvMsg* msg,
+                                 StorageManagerAction_t* action);

@@ -1,0 +1,336 @@
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <random>
+#include <sys/stat.h>
+#include <thread>
+#include <vector>
+
+#include <binder/Parcel.h>
+#include <cutils/properties.h>
+#include <norvfw/testing.h>
+
+#include "SignalNo.h"
+#include "StorageCmdTable.h"
+#include "StorageManagerService.h"
+#include "StorageModuleHub.h"
+#include "test_support.h"
+
+namespace {
+
+using android::Parcel;
+
+std::vector<unsigned char> bytes_of(const Parcel& p)
+{
+    return std::vector<unsigned char>(p.data(), p.data() + p.dataSize());
+}
+
+const std::vector<unsigned char> kFalse = {0, 0, 0, 0};
+const std::vector<unsigned char> kTrue = {1, 0, 0, 0};
+
+int invoke(int word, Parcel* reply, void (*more)(Parcel*) = nullptr, size_t* endPos = nullptr)
+{
+    Parcel request;
+    request.writeInt32(word);
+    if (more != nullptr)
+        more(&request);
+    request.setDataPosition(0);
+    int rc = StorageModuleHub::self()->invoke(request, reply);
+    if (endPos != nullptr)
+        *endPos = request.dataPosition();
+    return rc;
+}
+
+// A queue the tests read the posted records from, without a thread.
+class ProbeQueue : public CThreadObjectWithQueue {
+public:
+    void ProcessNorvMsg(CNorvMsg* msg) override
+    {
+        signals.push_back(msg->GetSignalName());
+        if (msg->GetSignalPtr() != nullptr)
+            records.push_back(*static_cast<StorageManagerAction_t*>(msg->GetSignalPtr()));
+        msg->FreeSignal();
+    }
+    std::vector<unsigned long> signals;
+    std::vector<StorageManagerAction_t> records;
+};
+
+// The service's queue, created once for the process; no service thread runs,
+// so each test drains what it posted itself.
+void ensure_service_queue()
+{
+    static bool created = theStorageManagerService.CThreadObjectWithQueue::Init("/MQ_STORAGE_SRV", MAX_STORAGE_QUEUE_SIZE, 0, false) == 0;
+    ASSERT_TRUE(created);
+    theStorageManagerService.ReadMsgsFromNonBlockingQueue();
+}
+
+}  // namespace
+
+TEST(Hub, UnknownGroupGetsMinusOneAndAnEmptyReply)
+{
+    LogCapture log;
+    Parcel reply;
+    size_t end = 0;
+    EXPECT_EQ(invoke(0x2001, &reply, nullptr, &end), -1);
+    EXPECT_EQ(reply.dataSize(), 0u);
+    EXPECT_EQ(end, 4u);  // behind the command word
+    EXPECT_TRUE(log.has("failed"));
+
+    Parcel empty, reply2;
+    EXPECT_EQ(StorageModuleHub::self()->invoke(empty, &reply2), -1);
+    EXPECT_EQ(StorageModuleHub::self()->invoke(empty, nullptr), -1);
+}
+
+TEST(Hub, CodesWithoutARowAreWarnedAboutAndAnswerNothing)
+{
+    for (int code : {0x1fff, 4097, 4098, 4100, 4103, 4104, 4156, 0x1000}) {
+        LogCapture log;
+        Parcel reply;
+        EXPECT_EQ(invoke(code, &reply), 0) << code;
+        EXPECT_EQ(reply.dataSize(), 0u) << code;
+        EXPECT_TRUE(log.has("No this option [" + std::to_string(code) + "]!")) << code;
+    }
+}
+
+TEST(Hub, ConstantRowsAnswerFalseAndReadNothingMore)
+{
+    for (int code : {4108, 4115, 4116, 4118, 4119, 4120, 4121, 4122}) {
+        Parcel reply;
+        size_t end = 0;
+        EXPECT_EQ(invoke(code, &reply, [](Parcel* p) { p->writeCString("/dev/sdb1"); }, &end), 0);
+        EXPECT_EQ(bytes_of(reply), kFalse) << code;
+        EXPECT_EQ(end, 4u) << code;
+    }
+}
+
+TEST(Hub, SizeLimitIsWrittenOnlyWhenRecordingIsOnAndTheValueIsNewAndLargeEnough)
+{
+    REQUIRE_ISOLATION();
+    auto set = [](uint32_t size) {
+        Parcel request, reply;
+        request.writeInt32(STORAGE_SET_PVR_DEV_SIZE_LIMIT);
+        request.writeUint32(size);
+        request.setDataPosition(0);
+        EXPECT_EQ(StorageModuleHub::self()->invoke(request, &reply), 0);
+        EXPECT_EQ(reply.dataSize(), 0u);
+    };
+    auto get = []() {
+        Parcel reply;
+        invoke(STORAGE_GET_PVR_DEV_SIZE_LIMIT, &reply);
+        reply.setDataPosition(0);
+        EXPECT_EQ(reply.dataSize(), 4u);
+        return reply.readUint32();
+    };
+    property_set("persist.pvr.rec.enable", "0");
+    property_set("persist.pvr.tshift.enable", "0");
+    property_set("persist.pvr.device_size_limit", "0");
+    set(4000);
+    EXPECT_EQ(get(), 0u);  // neither recording nor timeshift
+
+    property_set("persist.pvr.tshift.enable", "1");
+    set(1799);
+    EXPECT_EQ(get(), 0u);
+    set(1800);
+    EXPECT_EQ(get(), 1800u);
+    char value[PROPERTY_VALUE_MAX];
+    property_get("persist.pvr.device_size_limit", value, "");
+    EXPECT_STREQ(value, "1800");
+
+    // The same value again writes nothing: the file keeps its inode.
+    struct stat before, after;
+    ASSERT_EQ(stat("/tmp/property/persist.pvr.device_size_limit", &before), 0);
+    set(1800);
+    ASSERT_EQ(stat("/tmp/property/persist.pvr.device_size_limit", &after), 0);
+    EXPECT_EQ(before.st_ino, after.st_ino);
+
+    set(70000);
+    EXPECT_EQ(get(), 70000u);
+    // A request without the number reads 0 and changes nothing.
+    Parcel reply;
+    invoke(STORAGE_SET_PVR_DEV_SIZE_LIMIT, &reply);
+    EXPECT_EQ(get(), 70000u);
+}
+
+TEST(Hub, PostedRowsAnswerQueuedAndTheServiceFreesTheRecordOnce)
+{
+    REQUIRE_ISOLATION();
+    ensure_service_queue();
+    theStorageManagerService.m_hddState = HddUnknown;
+    unsigned long freed = NorvMsgFreedPayloads();
+
+    Parcel reply;
+    EXPECT_EQ(invoke(STORAGE_START_HDD, &reply), 0);
+    EXPECT_EQ(bytes_of(reply), kTrue);
+    EXPECT_EQ(NorvMsgFreedPayloads(), freed);  // in the queue, nobody freed it
+    EXPECT_EQ(theStorageManagerService.ReadMsgsFromNonBlockingQueue(), 1);
+    EXPECT_EQ(NorvMsgFreedPayloads(), freed + 1);
+    EXPECT_EQ(theStorageManagerService.m_hddState.load(), HddNoHdd);
+
+    Parcel reply2;
+    invoke(STORAGE_SHUTDOWN, &reply2, [](Parcel* p) { p->writeChar(1); });
+    EXPECT_EQ(bytes_of(reply2), kTrue);
+    theStorageManagerService.ReadMsgsFromNonBlockingQueue();
+    EXPECT_EQ(theStorageManagerService.m_hddState.load(), HddOff);
+    EXPECT_EQ(NorvMsgFreedPayloads(), freed + 2);
+}
+
+TEST(Hub, AFullQueueAnswersFalseAtOnceAndLosesNothing)
+{
+    REQUIRE_ISOLATION();
+    ensure_service_queue();
+    unsigned long freed = NorvMsgFreedPayloads();
+    for (int i = 0; i < MAX_STORAGE_QUEUE_SIZE; ++i) {
+        Parcel reply;
+        invoke(STORAGE_START_HDD, &reply);
+        EXPECT_EQ(bytes_of(reply), kTrue) << i;
+    }
+    Parcel reply;
+    invoke(STORAGE_START_HDD, &reply);
+    EXPECT_EQ(bytes_of(reply), kFalse);
+    EXPECT_EQ(NorvMsgFreedPayloads(), freed + 1);  // the refused record
+    EXPECT_EQ(theStorageManagerService.ReadMsgsFromNonBlockingQueue(), MAX_STORAGE_QUEUE_SIZE);
+    EXPECT_EQ(NorvMsgFreedPayloads(), freed + 1 + MAX_STORAGE_QUEUE_SIZE);
+}
+
+TEST(PostRow, FieldsLandInTheirPlaces)
+{
+    REQUIRE_ISOLATION();
+    ProbeQueue probe;
+    ASSERT_EQ(probe.Init("/lumtest_probe", 10, 0, false), 0);
+    const SCmdRow row = {1, CMD_ROAD_POST, SIG_ID_STORAGE_COPY, "12ibw", 0, nullptr, nullptr};
+    std::string text99(99, 'x');
+    Parcel request;
+    request.writeCString(text99.c_str());
+    request.writeCString("second");
+    request.writeInt32(-5);
+    request.writeBool(true);
+    request.writeInt64(0x123456789LL);
+    request.setDataPosition(0);
+
+    StorageManagerAction_t* record = static_cast<StorageManagerAction_t*>(calloc(1, sizeof(StorageManagerAction_t)));
+    bool bFree = true;
+    EXPECT_TRUE(post_cmd_row(row, request, record, &bFree, probe));
+    EXPECT_FALSE(bFree);
+    ASSERT_EQ(probe.ReadMsgsFromNonBlockingQueue(), 1);
+    ASSERT_EQ(probe.records.size(), 1u);
+    const StorageManagerAction_t& r = probe.records[0];
+    EXPECT_EQ(std::string(reinterpret_cast<const char*>(r.buf1)), text99);
+    EXPECT_EQ(r.buf1[99], 0);
+    EXPECT_STREQ(reinterpret_cast<const char*>(r.buf2), "second");
+    EXPECT_EQ(r.intValue1, -5);
+    EXPECT_TRUE(r.boolValue1);
+    EXPECT_FALSE(r.boolValue2);
+    EXPECT_EQ(r.ushortValue1, 0x6789);
+    EXPECT_EQ(probe.signals[0], static_cast<unsigned long>(SIG_ID_STORAGE_COPY));
+}
+
+TEST(PostRow, TagsWrapAt16BitsAndCharsGoToTheFirstByte)
+{
+    REQUIRE_ISOLATION();
+    ProbeQueue probe;
+    ASSERT_EQ(probe.Init("/lumtest_probe", 10, 0, false), 0);
+    const SCmdRow tagRow = {1, CMD_ROAD_POST, SIG_ID_STORAGE_READ_DIRS, "1iw", 0, nullptr, nullptr};
+    const SCmdRow charRow = {2, CMD_ROAD_POST, SIG_ID_STORAGE_SHUTDOWN, "c", 0, nullptr, nullptr};
+    Parcel a;
+    a.writeCString("/mnt/pvr/shared/sdb1");
+    a.writeInt32(20);
+    a.writeInt64(65536);
+    a.setDataPosition(0);
+    Parcel b;
+    b.writeChar(u'\x01');
+    b.setDataPosition(0);
+    for (auto [row, req] : {std::pair<const SCmdRow*, Parcel*>{&tagRow, &a}, {&charRow, &b}}) {
+        auto* record = static_cast<StorageManagerAction_t*>(calloc(1, sizeof(StorageManagerAction_t)));
+        bool bFree = true;
+        EXPECT_TRUE(post_cmd_row(*row, *req, record, &bFree, probe));
+    }
+    ASSERT_EQ(probe.ReadMsgsFromNonBlockingQueue(), 2);
+    EXPECT_EQ(probe.records[0].ushortValue1, 0);
+    EXPECT_EQ(probe.records[0].intValue1, 20);
+    EXPECT_EQ(probe.records[1].buf1[0], 1);
+    EXPECT_EQ(probe.records[1].buf1[1], 0);
+}
+
+TEST(PostRow, MissingOrOversizedTextsPostNothingAndLeaveTheRecordToTheHub)
+{
+    REQUIRE_ISOLATION();
+    ProbeQueue probe;
+    ASSERT_EQ(probe.Init("/lumtest_probe", 10, 0, false), 0);
+    const SCmdRow row = {7, CMD_ROAD_POST, SIG_ID_STORAGE_FORMAT, "1", 0, nullptr, nullptr};
+    std::string text100(100, 'y');
+    Parcel tooLong, missing, unterminated;
+    tooLong.writeCString(text100.c_str());
+    tooLong.setDataPosition(0);
+    unterminated.write("abcd", 4);
+    unterminated.setDataPosition(0);
+
+    StorageManagerAction_t record;
+    for (Parcel* request : {&tooLong, &missing, &unterminated}) {
+        LogCapture log;
+        memset(&record, 0, sizeof(record));
+        bool bFree = true;
+        EXPECT_FALSE(post_cmd_row(row, *request, &record, &bFree, probe));
+        EXPECT_TRUE(bFree);
+        EXPECT_TRUE(log.has("nothing posted"));
+    }
+    bool bFree = true;
+    Parcel fine;
+    fine.writeCString("sdb1");
+    fine.setDataPosition(0);
+    EXPECT_FALSE(post_cmd_row(row, fine, nullptr, &bFree, probe));  // no memory
+    EXPECT_EQ(probe.ReadMsgsFromNonBlockingQueue(), 0);
+}
+
+TEST(PostRow, WithoutAQueueTheRecordIsStillReleasedOnce)
+{
+    ProbeQueue never;  // Init never called
+    const SCmdRow row = {7, CMD_ROAD_POST, SIG_ID_STORAGE_MOUNT, "1", 0, nullptr, nullptr};
+    Parcel request;
+    request.writeCString("/dev/sdb1");
+    request.setDataPosition(0);
+    unsigned long freed = NorvMsgFreedPayloads();
+    auto* record = static_cast<StorageManagerAction_t*>(calloc(1, sizeof(StorageManagerAction_t)));
+    bool bFree = true;
+    EXPECT_FALSE(post_cmd_row(row, request, record, &bFree, never));
+    EXPECT_FALSE(bFree);
+    EXPECT_EQ(NorvMsgFreedPayloads(), freed + 1);
+}
+
+TEST(Hub, MalformedRequestsNeverCrashOrLeak)
+{
+    std::mt19937 rng(20261123);
+    for (int round = 0; round < 3000; ++round) {
+        std::vector<uint8_t> junk(rng() % 64);
+        for (auto& b : junk)
+            b = static_cast<uint8_t>(rng());
+        if (junk.size() >= 4 && round % 2 == 0) {
+            // Mostly real command words, so the rows' readers see the junk.
+            int32_t word = 4097 + static_cast<int32_t>(rng() % 60);
+            memcpy(junk.data(), &word, 4);
+        }
+        Parcel request, reply;
+        request.setData(junk.data(), junk.size());
+        int rc = StorageModuleHub::self()->invoke(request, &reply);
+        EXPECT_TRUE(rc == 0 || rc == -1);
+    }
+    // Whatever was posted is drained and released.
+    if (g_isolated)
+        while (theStorageManagerService.ReadMsgsFromNonBlockingQueue() > 0) {
+        }
+}
+
+TEST(Hub, ManyCallersAtOnce)
+{
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t) {
+        threads.emplace_back([] {
+            for (int i = 0; i < 200; ++i) {
+                Parcel reply;
+                invoke(i % 2 ? STORAGE_IS_ENCRYPTED : STORAGE_GET_PVR_DEV_SIZE_LIMIT, &reply);
+                EXPECT_EQ(reply.dataSize(), 4u);
+            }
+        });
+    }
+    for (auto& t : threads)
+        t.join();
+}

@@ -1,0 +1,123 @@
+// Start-up runs in a child process per case: the service's threads run until
+// the process ends, so each start needs a process of its own.
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <cstring>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <binder/Parcel.h>
+
+#include "StorageManagerService.h"
+#include "StorageModuleCmd.h"
+#include "StorageModuleHub.h"
+#include "StorageSystem.h"
+#include "test_support.h"
+
+namespace {
+
+bool post_start_hdd()
+{
+    android::Parcel request, reply;
+    request.writeInt32(STORAGE_START_HDD);
+    request.setDataPosition(0);
+    StorageModuleHub::self()->invoke(request, &reply);
+    reply.setDataPosition(0);
+    return reply.readBool();
+}
+
+bool wait_for_state(HddState want)
+{
+    for (int i = 0; i < 500; ++i) {
+        if (theStorageManagerService.m_hddState.load() == want)
+            return true;
+        usleep(10000);
+    }
+    return false;
+}
+
+int child_start()
+{
+    if (StorageSystemInit() != 0)
+        return 10;
+    if (!post_start_hdd())
+        return 11;
+    if (!wait_for_state(HddNoHdd))
+        return 12;
+    if (StorageSystemInit() != 0)  // a second start is refused quietly
+        return 13;
+    fflush(stdout);
+    return 0;
+}
+
+// Every step of start-up fails: no queue may be made and no thread can start
+// (the parent gave this process a thread stack size no memory holds).
+// Start-up still returns 0.
+int child_failing()
+{
+    struct rlimit none = {0, 0};
+    setrlimit(RLIMIT_MSGQUEUE, &none);
+    if (StorageSystemInit() != 0)
+        return 20;
+    if (post_start_hdd())
+        return 21;  // no queue: the hub must answer false
+    fflush(stdout);
+    return 0;
+}
+
+}  // namespace
+
+int child_main(const char* name)
+{
+    int rc = 99;
+    if (strcmp(name, "start") == 0)
+        rc = child_start();
+    else if (strcmp(name, "failing") == 0)
+        rc = child_failing();
+    fflush(stdout);
+    fflush(stderr);
+    // The service has no stop: leave without running destructors under its
+    // running threads.
+    _exit(rc);
+}
+
+namespace {
+
+size_t find_in(const std::string& out, const char* needle)
+{
+    size_t at = out.find(needle);
+    EXPECT_NE(at, std::string::npos) << "missing: " << needle << "\n--- output:\n" << out;
+    return at;
+}
+
+}  // namespace
+
+TEST(StorageSystemInit, StartsEveryPartInOrderAndServesCommands)
+{
+    REQUIRE_ISOLATION();
+    std::string out;
+    ASSERT_EQ(run_child("start", &out), 0) << out;
+    size_t banner = find_in(out, "+-+  STORAGE SERVER  +-+");
+    size_t init = find_in(out, "--- StorageManagerService init. ---");
+    size_t started = find_in(out, "> StorageManagerService start!");
+    size_t left = find_in(out, "leave ok");
+    EXPECT_LT(banner, init);
+    EXPECT_LT(init, started);
+    EXPECT_LT(started, left);
+    find_in(out, "power up HDD (state=-1)");
+    find_in(out, "the storage service runs already");
+    EXPECT_EQ(out.find("Error during init"), std::string::npos);
+}
+
+TEST(StorageSystemInit, ReturnsZeroWhenEveryStepFails)
+{
+    REQUIRE_ISOLATION();
+    std::string out;
+    ASSERT_EQ(run_child("failing", &out, true), 0) << out;
+    find_in(out, "TvSystemApp:: Error during init: TimeOutServer::instance().StartThread(\"timeout_server\")");
+    find_in(out, "TvSystemApp:: Error during init: theStorageManagerService.Init()");
+    find_in(out, "ERROR: UsbDevDriver.Init() of the queue failed!");
+    find_in(out, "StartThread STORAGE_SRV failed!");
+    EXPECT_EQ(out.find("> StorageManagerService start!"), std::string::npos);
+}

@@ -1,0 +1,251 @@
+#include <gtest/gtest.h>
+
+#include <dirent.h>
+#include <string>
+#include <sys/stat.h>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+#include "ShellProbe.h"
+#include "ShellQuote.h"
+#include "test_support.h"
+
+namespace {
+
+bool exists(const std::string& path)
+{
+    struct stat st;
+    return stat(path.c_str(), &st) == 0;
+}
+
+int count_temp_files()
+{
+    int n = 0;
+    DIR* dir = opendir("/tmp");
+    if (dir == nullptr)
+        return -1;
+    while (struct dirent* e = readdir(dir))
+        n += strncmp(e->d_name, "fsdrv_", 6) == 0;
+    closedir(dir);
+    return n;
+}
+
+struct Collected {
+    std::vector<std::string> lines;
+    int stopAt = -1;     // index of the line whose handler stops
+    int stopCode = 0;
+};
+
+int collect(void* ctx, char* line)
+{
+    auto* c = static_cast<Collected*>(ctx);
+    c->lines.emplace_back(line);
+    if (static_cast<int>(c->lines.size()) - 1 == c->stopAt)
+        return c->stopCode;
+    return 0;
+}
+
+void write_text(const std::string& path, const std::string& text)
+{
+    FILE* f = fopen(path.c_str(), "w");
+    ASSERT_NE(f, nullptr);
+    fwrite(text.data(), 1, text.size(), f);
+    fclose(f);
+}
+
+}  // namespace
+
+TEST(TrimEol, RemovesExactlyOneLineFeed)
+{
+    char two[] = "abc\n\n";
+    EXPECT_EQ(trim_eol(two), 4);
+    EXPECT_STREQ(two, "abc\n");
+    char lone[] = "\n";
+    EXPECT_EQ(trim_eol(lone), 0);
+    char plain[] = "abc\r";
+    EXPECT_EQ(trim_eol(plain), 4);  // a carriage return stays
+    EXPECT_EQ(trim_eol(nullptr), 0);
+}
+
+TEST(CallSystem, FoldsExitCodesAndSignalsIntoOneByte)
+{
+    EXPECT_EQ(call_system("true"), 0);
+    EXPECT_EQ(call_system("exit %d", 3), 3);
+    EXPECT_EQ(call_system("kill -9 $$"), 9);
+    EXPECT_EQ(call_system("/nonexistent/tool-%d", 1), 127);
+    EXPECT_EQ(call_system("exit 255"), 255);
+}
+
+TEST(CallSystem, RunsLinesUpTo510CharactersAndRefusesLonger)
+{
+    REQUIRE_ISOLATION();
+    // "touch /tmp/ran510 #" padded with a comment to the wanted length.
+    auto line_of = [](const char* marker, size_t len) {
+        std::string line = std::string("touch ") + marker + " #";
+        line.append(len - line.size(), 'x');
+        return line;
+    };
+    std::string ok = line_of("/tmp/ran510", 510);
+    std::string tooLong = line_of("/tmp/ran511", 511);
+    LogCapture log;
+    EXPECT_EQ(call_system("%s", ok.c_str()), 0);
+    EXPECT_TRUE(exists("/tmp/ran510"));
+    EXPECT_EQ(call_system("%s", tooLong.c_str()), -1);
+    EXPECT_FALSE(exists("/tmp/ran511"));
+    EXPECT_TRUE(log.has("buffer overflow"));
+}
+
+TEST(CallSystem, LogsAFailingCommandWithItsLine)
+{
+    LogCapture log;
+    call_system("exit 4");
+    EXPECT_TRUE(log.has("system('exit 4'): rc=1024"));
+}
+
+TEST(FileReaders, DifferOnMissingEmptyAndShortBuffers)
+{
+    REQUIRE_ISOLATION();
+    char buf[64];
+    EXPECT_EQ(buffer_read_from_file(nullptr, 10, "/tmp/x"), -22);
+    EXPECT_EQ(buffer_read_from_file(buf, 0, "/tmp/x"), -22);
+    EXPECT_EQ(line_read_from_file(nullptr, 10, "/tmp/x"), -22);
+
+    strcpy(buf, "junk");
+    EXPECT_EQ(buffer_read_from_file(buf, sizeof(buf), "/tmp/missing-%d", 1), 0);
+    EXPECT_STREQ(buf, "");
+    strcpy(buf, "junk");
+    EXPECT_EQ(line_read_from_file(buf, sizeof(buf), "/tmp/missing-%d", 1), -23);
+    EXPECT_STREQ(buf, "");
+
+    write_text("/tmp/empty", "");
+    EXPECT_EQ(buffer_read_from_file(buf, sizeof(buf), "/tmp/empty"), 0);
+    EXPECT_EQ(line_read_from_file(buf, sizeof(buf), "/tmp/empty"), -23);
+
+    write_text("/tmp/lf", "\n");
+    EXPECT_EQ(line_read_from_file(buf, sizeof(buf), "/tmp/lf"), 0);
+
+    write_text("/tmp/two", "first\nsecond\n");
+    EXPECT_EQ(line_read_from_file(buf, sizeof(buf), "/tmp/%s", "two"), 5);
+    EXPECT_STREQ(buf, "first");
+    EXPECT_EQ(buffer_read_from_file(buf, sizeof(buf), "/tmp/two"), 13);
+    EXPECT_STREQ(buf, "first\nsecond\n");
+    EXPECT_EQ(buffer_read_from_file(buf, 1, "/tmp/two"), 0);
+    EXPECT_STREQ(buf, "");
+    EXPECT_EQ(buffer_read_from_file(buf, 4, "/tmp/two"), 3);
+    EXPECT_STREQ(buf, "fir");
+}
+
+TEST(BufferReadFromCommand, TakesStandardOutputOnly)
+{
+    REQUIRE_ISOLATION();
+    char buf[128];
+    EXPECT_EQ(buffer_read_from_command(buf, sizeof(buf), "(echo out; echo err >&2)"), 4);
+    EXPECT_STREQ(buf, "out\n");
+    // A failing command that prints nothing reads like a silent success.
+    EXPECT_EQ(buffer_read_from_command(buf, sizeof(buf), "exit 7"), 0);
+    EXPECT_STREQ(buf, "");
+    EXPECT_EQ(buffer_read_from_command(nullptr, 1, "true"), -22);
+    EXPECT_EQ(count_temp_files(), 0);
+}
+
+TEST(ParseOutputLines, DeliversEveryLineInOrderIncludingEmptyOnes)
+{
+    REQUIRE_ISOLATION();
+    Collected c;
+    EXPECT_EQ(parse_output_lines(collect, &c, "printf 'a\\n\\nb\\nlast'"), 0);
+    EXPECT_EQ(c.lines, (std::vector<std::string>{"a", "", "b", "last"}));
+    EXPECT_EQ(count_temp_files(), 0);
+}
+
+TEST(ParseOutputLines, StopsAtTheFirstNonZeroHandlerResultAndHandsItBack)
+{
+    REQUIRE_ISOLATION();
+    for (int code : {42, -7}) {
+        Collected c;
+        c.stopAt = 1;
+        c.stopCode = code;
+        EXPECT_EQ(parse_output_lines(collect, &c, "seq 1 5"), code);
+        EXPECT_EQ(c.lines, (std::vector<std::string>{"1", "2"}));
+    }
+    EXPECT_EQ(count_temp_files(), 0);
+}
+
+TEST(ParseOutputLines, NoOutputCallsNothing)
+{
+    Collected c;
+    EXPECT_EQ(parse_output_lines(collect, &c, "true"), 0);
+    EXPECT_EQ(parse_output_lines(collect, &c, "exit 3"), 0);
+    EXPECT_TRUE(c.lines.empty());
+    EXPECT_EQ(parse_output_lines(nullptr, &c, "echo x"), -22);
+}
+
+TEST(ParseOutputLines, LongLinesArriveInPiecesOf255)
+{
+    Collected c;
+    EXPECT_EQ(parse_output_lines(collect, &c, "head -c 300 /dev/zero | tr '\\0' a | awk 1"), 0);
+    ASSERT_EQ(c.lines.size(), 2u);
+    EXPECT_EQ(c.lines[0], std::string(255, 'a'));
+    EXPECT_EQ(c.lines[1], std::string(45, 'a'));
+}
+
+TEST(ParseOutputLines, CutsCommandsAt255Characters)
+{
+    // "echo " and 260 digits: only 250 of them survive the cut.
+    std::string cmd = "echo " + std::string(260, '7');
+    Collected c;
+    EXPECT_EQ(parse_output_lines(collect, &c, "%s", cmd.c_str()), 0);
+    ASSERT_EQ(c.lines.size(), 1u);
+    EXPECT_EQ(c.lines[0], std::string(250, '7'));
+}
+
+TEST(ParseOutputLines, ConcurrentCallersGetTheirOwnOutput)
+{
+    REQUIRE_ISOLATION();
+    std::vector<std::thread> threads;
+    std::vector<Collected> results(4);
+    for (int i = 0; i < 4; ++i) {
+        threads.emplace_back([i, &results] {
+            for (int round = 0; round < 10; ++round) {
+                Collected c;
+                parse_output_lines(collect, &c, "seq %d %d", i * 100, i * 100 + 20);
+                results[i] = c;
+            }
+        });
+    }
+    for (auto& t : threads)
+        t.join();
+    for (int i = 0; i < 4; ++i) {
+        ASSERT_EQ(results[i].lines.size(), 21u);
+        EXPECT_EQ(results[i].lines.front(), std::to_string(i * 100));
+    }
+    EXPECT_EQ(count_temp_files(), 0);
+}
+
+TEST(ShellEscape, HostileNamesStayOneLiteralWord)
+{
+    REQUIRE_ISOLATION();
+    const char* names[] = {
+        "$(touch pwned1)", "`touch pwned2`", "a\"; touch pwned3; \"", "back\\slash",
+        "$HOME", "semi;colon & amp | pipe > out", "new\nline", "'single'",
+    };
+    ASSERT_EQ(call_system("mkdir -p /tmp/q"), 0);
+    for (const char* name : names) {
+        char quoted[256];
+        ASSERT_GT(shell_escape_dq(name, quoted, sizeof(quoted)), 0);
+        EXPECT_EQ(call_system("cd /tmp/q && touch \"%s\"", quoted), 0) << name;
+        EXPECT_TRUE(exists(std::string("/tmp/q/") + name)) << name;
+    }
+    for (const char* stray : {"pwned1", "pwned2", "pwned3", "out"})
+        EXPECT_FALSE(exists(std::string("/tmp/q/") + stray)) << stray;
+}
+
+TEST(ShellEscape, RefusesWhatDoesNotFit)
+{
+    char out[5];
+    EXPECT_EQ(shell_escape_dq("abcd", out, sizeof(out)), 4);
+    EXPECT_EQ(shell_escape_dq("abc$", out, sizeof(out)), -1);
+    EXPECT_STREQ(out, "");
+    EXPECT_EQ(shell_escape_dq(nullptr, out, sizeof(out)), -1);
+    EXPECT_EQ(shell_escape_dq("a", nullptr, 3), -1);
+}

@@ -1,0 +1,98 @@
+#include "test_support.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <fcntl.h>
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <lmdroid/log_hook.h>
+#include <lumemclient/EMALSink.h>
+
+bool g_isolated = false;
+
+LogCapture::LogCapture() { lmdroid_set_log_hook(&LogCapture::hook, this, 1); }
+LogCapture::~LogCapture() { lmdroid_set_log_hook(nullptr, nullptr, 0); }
+
+void LogCapture::hook(int prio, const char* tag, const char* msg, void* ctx)
+{
+    auto* self = static_cast<LogCapture*>(ctx);
+    std::lock_guard<std::mutex> hold(self->m_lock);
+    self->m_lines.push_back({prio, tag ? tag : "", msg ? msg : ""});
+}
+
+std::vector<LogLine> LogCapture::lines()
+{
+    std::lock_guard<std::mutex> hold(m_lock);
+    return m_lines;
+}
+
+int LogCapture::count(const std::string& needle)
+{
+    std::lock_guard<std::mutex> hold(m_lock);
+    int n = 0;
+    for (const LogLine& line : m_lines)
+        n += line.msg.find(needle) != std::string::npos;
+    return n;
+}
+
+void LogCapture::clear()
+{
+    std::lock_guard<std::mutex> hold(m_lock);
+    m_lines.clear();
+}
+
+EventCapture::EventCapture() { EMAL_SetSink(&EventCapture::sink, this); }
+EventCapture::~EventCapture() { EMAL_SetSink(nullptr, nullptr); }
+
+void EventCapture::sink(int event, const void* data, int len, void* ctx)
+{
+    auto* self = static_cast<EventCapture*>(ctx);
+    const auto* bytes = static_cast<const unsigned char*>(data);
+    std::lock_guard<std::mutex> hold(self->m_lock);
+    self->m_events.push_back({event, std::vector<unsigned char>(bytes, bytes + (bytes ? len : 0))});
+}
+
+std::vector<Event> EventCapture::events()
+{
+    std::lock_guard<std::mutex> hold(m_lock);
+    return m_events;
+}
+
+int run_child(const char* name, std::string* out, bool noThreads)
+{
+    int fds[2];
+    if (pipe2(fds, O_CLOEXEC) != 0)
+        return -1;
+    pid_t pid = fork();
+    if (pid == 0) {
+        if (noThreads) {
+            struct rlimit huge = {1ull << 40, 1ull << 40};
+            setrlimit(RLIMIT_STACK, &huge);
+        }
+        dup2(fds[1], 1);
+        dup2(fds[1], 2);
+        char self[] = "/proc/self/exe";
+        char flag[] = "--child";
+        char* argv[] = {self, flag, const_cast<char*>(name), nullptr};
+        execv(self, argv);
+        _exit(127);
+    }
+    close(fds[1]);
+    char buf[4096];
+    ssize_t n;
+    while ((n = read(fds[0], buf, sizeof(buf))) > 0 || (n < 0 && errno == EINTR)) {
+        if (n > 0)
+            out->append(buf, static_cast<size_t>(n));
+    }
+    close(fds[0]);
+    int status = 0;
+    if (pid < 0 || waitpid(pid, &status, 0) < 0)
+        return -1;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
