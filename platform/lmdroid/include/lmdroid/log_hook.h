@@ -6,7 +6,9 @@ extern "C" {
 #endif
 
 // Called for every line at or above the threshold, after formatting, from the
-// logging thread. msg has no trailing line feed added or removed.
+// logging thread. msg has no trailing line feed added or removed. Calls are
+// made one at a time, and none is still running once lmdroid_set_log_hook
+// has returned. A line logged from inside the hook skips the hook.
 typedef void (*lmdroid_log_hook_t)(int prio, const char* tag, const char* msg, void* ctx);
 
 // Installs a hook (null removes it). With a hook installed, lines still go to
