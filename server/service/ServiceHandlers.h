@@ -7,3 +7,10 @@
 // HddPower.cpp
 void handle_start_hdd(StorageManagerService& service, CNorvMsg* msg, StorageManagerAction_t* action);
 void handle_shutdown(StorageManagerService& service, CNorvMsg* msg, StorageManagerAction_t* action);
+
+// VolumeQuery.cpp
+void handle_get_allocate_bytes(StorageManagerService& service, CNorvMsg* msg, StorageManagerAction_t* action);
+void handle_get_volumes(StorageManagerService& service, CNorvMsg* msg, StorageManagerAction_t* action);
+void handle_get_uuid_for_path(StorageManagerService& service, CNorvMsg* msg, StorageManagerAction_t* action);
+void handle_hdd_get_size(StorageManagerService& service, CNorvMsg* msg, StorageManagerAction_t* action);
+void handle_get_partition_use(StorageManagerService& service, CNorvMsg* msg, StorageManagerAction_t* action);

@@ -5,6 +5,7 @@
 #include <cutils/properties.h>
 #include <norvfw/NorvMsg.h>
 
+#include "CmdCalls.h"
 #include "ServiceLog.h"
 #include "SignalNo.h"
 
@@ -44,9 +45,18 @@ void get_pvr_dev_size_limit(const android::Parcel&, android::Parcel* reply)
 }
 
 #define POST(code, signal, fields) {code, CMD_ROAD_POST, signal, fields, 0, nullptr, nullptr}
+#define POST_ALONE(code, signal) {code, CMD_ROAD_POST, signal, "", CMD_POST_NO_PAYLOAD, nullptr, nullptr}
 #define CALL(code, fn) {code, CMD_ROAD_CALL, 0, nullptr, 0, nullptr, fn}
 
 const SCmdRow kCmdRows[] = {
+    POST(STORAGE_GET_ALLOCATE_BYTES, SIG_ID_STORAGE_GET_ALLOCATE_BYTES, "1"),
+    POST(STORAGE_GET_DEVICE_SIZE, SIG_ID_STORAGE_HDD_GET_SIZE, "1i"),
+    POST(STORAGE_GET_PARTITION_USE, SIG_ID_STORAGE_GET_PARTITION_USE, "1i"),
+    POST_ALONE(STORAGE_GET_STORAGE_VOLUMES, SIG_ID_STORAGE_GET_VOLUMES),
+    POST(STORAGE_GET_UUID_FOR_PATH, SIG_ID_STORAGE_GET_UUID_FOR_PATH, "1"),
+    CALL(STORAGE_PARTITION_FS_TYPE, cmd_partition_fs_type),
+    CALL(STORAGE_PARTITION_TOTAL_SIZE, cmd_partition_total_size),
+    CALL(STORAGE_PARTITION_USED_SIZE, cmd_partition_used_size),
     CALL(STORAGE_IS_ENCRYPTED, reply_false),
     CALL(STORAGE_PARTITION_PRIVATE, reply_false),
     CALL(STORAGE_PARTITION_MIXED, reply_false),
@@ -62,6 +72,7 @@ const SCmdRow kCmdRows[] = {
 };
 
 #undef POST
+#undef POST_ALONE
 #undef CALL
 
 // The fields of one request, read in order before anything is posted.

@@ -15,20 +15,26 @@ namespace {
 struct SignalRow {
     unsigned long signal;
     signal_handler_t handler;
+    bool needsRecord;  // the handler reads the hub's record
 };
 
 // The operation of each signal. A signal that has no row here is unknown to
 // the service and only logged.
 const SignalRow kSignalRows[] = {
-    {SIG_ID_STORAGE_START_HDD, handle_start_hdd},
-    {SIG_ID_STORAGE_SHUTDOWN, handle_shutdown},
+    {SIG_ID_STORAGE_GET_ALLOCATE_BYTES, handle_get_allocate_bytes, true},
+    {SIG_ID_STORAGE_GET_VOLUMES, handle_get_volumes, false},
+    {SIG_ID_STORAGE_GET_UUID_FOR_PATH, handle_get_uuid_for_path, true},
+    {SIG_ID_STORAGE_HDD_GET_SIZE, handle_hdd_get_size, true},
+    {SIG_ID_STORAGE_GET_PARTITION_USE, handle_get_partition_use, true},
+    {SIG_ID_STORAGE_START_HDD, handle_start_hdd, false},
+    {SIG_ID_STORAGE_SHUTDOWN, handle_shutdown, false},
 };
 
-signal_handler_t find_handler(unsigned long signal)
+const SignalRow* find_row(unsigned long signal)
 {
     for (const SignalRow& row : kSignalRows) {
         if (row.signal == signal)
-            return row.handler;
+            return &row;
     }
     return nullptr;
 }
@@ -41,7 +47,9 @@ StorageManagerService::StorageManagerService()
       m_DevTabBuf(),
       TosvBenchmarkProgress(0.0, 0, 0, 0),
       TosvFormat(0.0, 0, 0, 0),
+      m_PvrDevState(false),
       m_DeviceCnt(0),
+      m_ConnectedDevice(),
       m_hddState(HddUnknown)
 {
 }
@@ -76,11 +84,13 @@ void StorageManagerService::ProcessNorvMsg(CNorvMsg* msg)
         return;
     unsigned long signal = msg->GetSignalName();
     auto* action = static_cast<StorageManagerAction_t*>(msg->GetSignalPtr());
-    signal_handler_t handler = find_handler(signal);
-    if (handler != nullptr)
-        handler(*this, msg, action);
-    else
+    const SignalRow* row = find_row(signal);
+    if (row == nullptr)
         SLOGE("[%s, %d] No this Message!\n");
+    else if (row->needsRecord && action == nullptr)
+        SLOGE("[%s, %d] ***E: signal %lu came without its record\n", signal);
+    else
+        row->handler(*this, msg, action);
     // Handlers copy what they keep of the record: it goes here, exactly once.
     msg->FreeSignal();
 }

@@ -3,6 +3,8 @@
 #pragma once
 
 #include <atomic>
+#include <cstdint>
+#include <mutex>
 #include <string>
 
 #include <norvfw/NorvMsg.h>
@@ -11,6 +13,7 @@
 #include <norvfw/TimeOut.h>
 
 #include "HotPlug.h"
+#include "StorageDevice.h"
 #include "StorageEvents.h"
 #include "StorageManagerAction.h"
 
@@ -44,17 +47,38 @@ public:
     // The single exit of results: hands the event to the event manager.
     void NotifyToStorageManager(LUM_EM_TYPE_E event, void* data, int len);
 
+    // Volume and size queries (VolumeQuery.cpp).
+    void GetDevSize(const unsigned char* buf, int len);
+    void GetDevUsedSize(const unsigned char* buf, int len);
+    bool GetAllocatableBytes(std::string storageUuid);
+    bool GetStorageVolumes();
+    bool GetUuidForPath(std::string mountPoint);
+    std::string GetPartitionFsType(const char* partitionId);
+    uint64_t GetPartitionTotalSize(const char* path);
+    uint64_t GetPartitionUsedSize(const char* path);
+
     unsigned char m_SendBuf[STORAGE_SEND_BUF_SIZE];
     int m_DevTabBufLen;
     unsigned char m_DevTabBuf[STORAGE_DEV_TAB_BUF_SIZE];
     TimeOutTimer TosvBenchmarkProgress;
     TimeOutTimer TosvFormat;
     std::string m_FormatDev;
+    bool m_PvrDevState;
     std::string m_PvrMountPath;
     int m_DeviceCnt;
+    SConnectedDevice m_ConnectedDevice[STORAGE_MAX_CONNECTED_DEVICES];
     CHotPlug m_HotPlug;
     // Written on the service thread, read by traces and tests elsewhere.
     std::atomic<HddState> m_hddState;
+
+    // Guards the device table in both forms (m_DevTabBuf, m_DevTabBufLen,
+    // m_ConnectedDevice, m_DeviceCnt) and the PVR state (m_PvrDevState,
+    // m_PvrMountPath): a run writes them on its thread while direct queries
+    // read them on the callers' threads.
+    std::mutex m_DevTableLock;
+    // Guards m_SendBuf, which the service thread and the format thread both
+    // build replies in: held from the first byte written to the send.
+    std::mutex m_SendBufLock;
 };
 
 extern StorageManagerService theStorageManagerService;

@@ -62,6 +62,9 @@ int main(int argc, char** argv)
 {
     if (argc == 3 && strcmp(argv[1], "--child") == 0)
         return child_main(argv[2]);
+    // The television runs its tools in the C locale; GNU grep in a UTF-8
+    // locale would call a line with a GBK label binary.
+    setenv("LC_ALL", "C", 1);
     g_isolated = enter_namespaces();
     if (!g_isolated)
         fprintf(stderr, "service_tests: no private namespaces (%s); tests that need them skip\n",

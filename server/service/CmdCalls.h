@@ -1,0 +1,9 @@
+// Hub rows answered on the caller's thread, one file per subsystem.
+#pragma once
+
+#include <binder/Parcel.h>
+
+// CmdVolume.cpp
+void cmd_partition_fs_type(const android::Parcel& request, android::Parcel* reply);
+void cmd_partition_total_size(const android::Parcel& request, android::Parcel* reply);
+void cmd_partition_used_size(const android::Parcel& request, android::Parcel* reply);

@@ -1,0 +1,120 @@
+// Sizes, UUIDs and volume lists against fake df, mount and blkid output.
+#include <gtest/gtest.h>
+
+#include <cstring>
+
+#include "StorageManagerService.h"
+#include "VolumeQuery.h"
+#include "fake_tools.h"
+#include "test_support.h"
+
+namespace {
+
+class VolumeQuery : public FakeTools {
+protected:
+    void SetUp() override
+    {
+        FakeTools::SetUp();
+        output("df",
+               "Filesystem 1048576-blocks Used Available Capacity Mounted on\n"
+               "/dev/sdb10 900 100 800 12% /mnt/pvr/shared/sdb10\n"
+               "/dev/sdb1 7631 1207 6424 16% /mnt/pvr/shared/sdb1\n"
+               "/dev/sdc1 50 5 45 10% /media/other\n");
+        output("mount",
+               "/dev/sdb1 on /mnt/pvr/shared/sdb1 type vfat (rw)\n"
+               "/dev/sdb10 on /mnt/pvr/shared/sdb10 type fuseblk (rw)\n");
+        output("blkid", "/dev/sdb1: LABEL=\"STICK\" UUID=\"7A3C-11F0\" TYPE=\"vfat\"\n");
+    }
+};
+
+std::vector<unsigned char> be32(uint32_t v)
+{
+    return {static_cast<unsigned char>(v >> 24), static_cast<unsigned char>(v >> 16),
+            static_cast<unsigned char>(v >> 8), static_cast<unsigned char>(v)};
+}
+
+}  // namespace
+
+TEST_F(VolumeQuery, DfLinesMatchTheWholeDeviceNameOnly)
+{
+    EXPECT_EQ(determine_dev_size("/dev/sdb1"), 7631u);
+    EXPECT_EQ(determine_dev_used_size("/dev/sdb1"), 1207u);
+    EXPECT_EQ(determine_dev_used_size("/dev/sdb10"), 100u);
+    // /dev/sdb is no df line and no block device here: 0.
+    EXPECT_EQ(determine_dev_size("/dev/sdb"), 0u);
+    EXPECT_EQ(determine_dev_used_size("/dev/sdc1"), 0u);  // outside the tree
+    EXPECT_NE(calls().find("df -Pm"), std::string::npos);
+}
+
+TEST_F(VolumeQuery, MalformedDfLinesEndTheScan)
+{
+    LogCapture log;
+    output("df", "/dev/sdb1 7631 /mnt/pvr/shared/sdb1\n/dev/sdb1 1 2 3 4% /mnt/pvr/shared/sdb1\n");
+    DETERMINE_DEV_SIZE_CALLBACK_DATA d;
+    get_dev_usage("/dev/sdb1", &d);
+    EXPECT_EQ(d.total, 7631u);
+    EXPECT_EQ(d.used, 0u);
+    EXPECT_TRUE(log.has("--- total=7631, used=0, avail=0"));
+}
+
+TEST_F(VolumeQuery, SizeEventsRepeatTheWholeRequestedName)
+{
+    EventCapture events;
+    theStorageManagerService.GetDevSize(reinterpret_cast<const unsigned char*>("/dev/sdb1"), 9);
+    theStorageManagerService.GetDevUsedSize(reinterpret_cast<const unsigned char*>("/dev/sdb1"), 9);
+    std::string longName = "/dev/" + std::string(65, 'x');  // 70 characters
+    theStorageManagerService.GetDevSize(reinterpret_cast<const unsigned char*>(longName.c_str()), 70);
+    auto got = events.events();
+    ASSERT_EQ(got.size(), 3u);
+    std::vector<unsigned char> want = be32(7631);
+    want.insert(want.end(), {'/', 'd', 'e', 'v', '/', 's', 'd', 'b', '1', 0});
+    EXPECT_EQ(got[0].id, LUM_TV_EVT_STORAGE_HDD_GET_SIZE);
+    EXPECT_EQ(got[0].data, want);
+    EXPECT_EQ(got[1].id, LUM_TV_EVT_STORAGE_HDD_GET_PARTITION_USE);
+    EXPECT_EQ(std::vector<unsigned char>(got[1].data.begin(), got[1].data.begin() + 4), be32(1207));
+    ASSERT_EQ(got[2].data.size(), 75u);
+    EXPECT_EQ(std::string(reinterpret_cast<const char*>(got[2].data.data()) + 4), longName);
+}
+
+TEST_F(VolumeQuery, AllocatableBytesAndUuidsAnswerOnlyWhatTheyFind)
+{
+    EventCapture events;
+    EXPECT_TRUE(theStorageManagerService.GetAllocatableBytes("7A3C-11F0"));
+    EXPECT_FALSE(theStorageManagerService.GetAllocatableBytes("0000-0000"));
+    EXPECT_FALSE(theStorageManagerService.GetAllocatableBytes(""));
+    EXPECT_TRUE(theStorageManagerService.GetUuidForPath("/mnt/pvr/shared/sdb1"));
+    EXPECT_FALSE(theStorageManagerService.GetUuidForPath("/mnt/pvr/shared/sdz9"));
+    auto got = events.events();
+    ASSERT_EQ(got.size(), 2u);
+    EXPECT_EQ(got[0].id, LUM_TV_EVT_STORAGE_GET_ALLOCATE_BYTES);
+    int32_t free = 0;
+    ASSERT_EQ(got[0].data.size(), 4u);
+    memcpy(&free, got[0].data.data(), 4);
+    EXPECT_EQ(free, 7631 - 1207);
+    EXPECT_EQ(got[1].id, LUM_TV_EVT_STORAGE_GET_UUID_FOR_PATH);
+    EXPECT_EQ(std::string(got[1].data.begin(), got[1].data.end()), "7A3C-11F0");  // no NUL
+}
+
+TEST_F(VolumeQuery, DirectSizesAndTypes)
+{
+    EXPECT_EQ(theStorageManagerService.GetPartitionTotalSize("/mnt/pvr/shared/sdb1"), 7631u);
+    EXPECT_EQ(theStorageManagerService.GetPartitionTotalSize("/mnt/pvr/shared/sdb1/"), 0u);
+    EXPECT_EQ(theStorageManagerService.GetPartitionUsedSize("/mnt/pvr/shared/sdb1/"), 1207u);
+    EXPECT_EQ(theStorageManagerService.GetPartitionUsedSize("/mnt/pvr/shared/sdb1"), 1207u);
+    EXPECT_EQ(theStorageManagerService.GetPartitionUsedSize(nullptr), 0u);
+    EXPECT_EQ(theStorageManagerService.GetPartitionUsedSize(std::string(150, 'a').c_str()), 0u);
+    EXPECT_EQ(theStorageManagerService.GetPartitionFsType("/mnt/pvr/shared/sdb10"), "fuseblk");
+    EXPECT_EQ(theStorageManagerService.GetPartitionFsType("/mnt/pvr/shared/sdq1"), "");
+}
+
+TEST(Volumes, BeforeAnyRunBothEventsAreEmpty)
+{
+    EventCapture events;
+    theStorageManagerService.GetStorageVolumes();
+    auto got = events.events();
+    ASSERT_EQ(got.size(), 2u);
+    EXPECT_EQ(got[0].id, LUM_TV_EVT_STORAGE_GET_STORAGE_VOLUMES);
+    EXPECT_TRUE(got[0].data.empty());
+    EXPECT_EQ(got[1].id, LUM_TV_EVT_STORAGE_GET_DEV_TABLE);
+    EXPECT_TRUE(got[1].data.empty());
+}
