@@ -1,6 +1,7 @@
 // The service tests run in their own IPC namespace, because the service's
-// queue name is system-wide, and with their own /tmp, so that a test can see
-// every temporary file the shell layer makes. Without root an unprivileged
+// queue name is system-wide, with their own /tmp, so that a test can see
+// every temporary file the shell layer makes, and in their own network
+// namespace, so that the uevents they inject reach nobody else. Without root an unprivileged
 // user namespace gives the same; without either, the tests that need it skip.
 #include <gtest/gtest.h>
 
@@ -32,10 +33,10 @@ bool write_file(const char* path, const char* text)
 
 bool enter_namespaces()
 {
-    if (unshare(CLONE_NEWIPC | CLONE_NEWNS) != 0) {
+    if (unshare(CLONE_NEWIPC | CLONE_NEWNS | CLONE_NEWNET) != 0) {
         uid_t uid = geteuid();
         gid_t gid = getegid();
-        if (unshare(CLONE_NEWUSER | CLONE_NEWIPC | CLONE_NEWNS) != 0)
+        if (unshare(CLONE_NEWUSER | CLONE_NEWIPC | CLONE_NEWNS | CLONE_NEWNET) != 0)
             return false;
         char map[64];
         snprintf(map, sizeof(map), "0 %u 1", uid);
