@@ -38,6 +38,12 @@ public:
     const char* GetThreadName() const;
 
 protected:
+    // For destructors, which must not hang when the process exits with its
+    // threads running: stops the thread and waits for it a bounded time,
+    // detaching it if it does not end. True when the thread no longer runs
+    // or is the caller itself; false when it was left running.
+    bool StopForDestruction();
+
     // The stop flag: 1 once a stop was requested.
     std::atomic<unsigned char> m_StopFlag;
 
@@ -48,6 +54,10 @@ private:
     // waits for good. 0 once joined, -ETIMEDOUT, or -EDEADLK on itself.
     int JoinWithWakes(double timeoutMs);
 
+    // ThreadWorkFunction of the object's final class, looked up by
+    // StartThread: the new thread must not read the object's vtable, which a
+    // destructor may already be rewriting.
+    void (*m_Work)(CThreadObject*);
     pthread_t m_Thread;
     std::atomic<bool> m_Running;
     bool m_Joinable;          // guarded by m_Control

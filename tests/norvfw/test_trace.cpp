@@ -1,0 +1,136 @@
+// Trace filtering, unit names from the application's table, whole lines.
+#include <gtest/gtest.h>
+#include <sstream>
+
+#include "norvfw/Nshell.h"
+#include "norvfw/Trace.h"
+#include "test_util.h"
+
+// The application's table, exported the way the product does.
+const char* traceUnitsStringArray[72] = {"None", "TvSystem", "NorvMsg", "NorvMsgQueue"};
+static const int kTraceUnitsSize = sizeof(traceUnitsStringArray);
+const int* traceUnitsStringArraySizePtr = &kTraceUnitsSize;
+
+namespace {
+
+std::vector<std::string> Lines(const std::string& text)
+{
+    std::vector<std::string> lines;
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);) {
+        lines.push_back(line);
+    }
+    return lines;
+}
+
+class TraceTest : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        norvTrace.Init("tst", 100);
+        norvTrace.SetTraceOnAll(TRACELEVEL_NONE);
+        norvTrace.StartTracingToScreen();
+    }
+    void TearDown() override
+    {
+        norvTrace.StopTracingToScreen();
+        norvTrace.SetTraceOnAll(TRACELEVEL_ERROR);
+    }
+};
+
+}  // namespace
+
+TEST_F(TraceTest, LevelsFilterAndUnitsAreNamedFromTheTable)
+{
+    norvTrace.SetTraceOn(TRACE_NORVMSGQUEUE, TRACELEVEL_WARNING);
+    norvTrace.SetTraceOn(TRACE_OBSERVE, TRACELEVEL_ALL);
+    norvtest::StdoutCapture capture;
+    TraceFormattedString(TRACE_NORVMSGQUEUE, TRACELEVEL_INFO, "hidden %d", 1);
+    TraceFormattedString(TRACE_NORVMSGQUEUE, TRACELEVEL_ERROR, "shown %d\n", 2);
+    TraceFormattedString(TRACE_OBSERVE, TRACELEVEL_DEBUG, "unnamed %s", "unit");
+    TraceFormattedString(TRACE_TVSYSTEM, TRACELEVEL_ERROR, "unit set to none");
+    TraceFormattedString(500, TRACELEVEL_ERROR, "unit out of range");
+    TraceFormattedString(TRACE_OBSERVE, TRACELEVEL_ERROR, "%s", std::string(5000, 'y').c_str());
+    norvTrace.StopTracingToScreen();
+    TraceFormattedString(TRACE_NORVMSGQUEUE, TRACELEVEL_ERROR, "screen off");
+    std::vector<std::string> lines = Lines(capture.Stop());
+    ASSERT_EQ(3u, lines.size());
+    EXPECT_EQ("[tst] NorvMsgQueue: shown 2", lines[0]);
+    EXPECT_EQ("[tst] 17: unnamed unit", lines[1]);
+    EXPECT_LT(lines[2].size(), 1024u);  // cut, but still one line
+}
+
+TEST_F(TraceTest, LinesStayWholeWhenThreadsTraceAtOnce)
+{
+    norvTrace.SetTraceOn(TRACE_NORVMSG, TRACELEVEL_ALL);
+    const int kThreads = 4;
+    const int kLines = 300;
+    const std::string tail = " " + std::string(200, 'x') + " end";
+    norvtest::StdoutCapture capture;
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([&, t] {
+            for (int i = 0; i < kLines; ++i) {
+                TraceFormattedString(TRACE_NORVMSG, TRACELEVEL_INFO, "t%d n%d%s", t, i, tail.c_str());
+            }
+        });
+    }
+    for (std::thread& th : threads) {
+        th.join();
+    }
+    std::vector<std::string> lines = Lines(capture.Stop());
+    ASSERT_EQ(static_cast<size_t>(kThreads * kLines), lines.size());
+    std::vector<int> next(kThreads, 0);
+    for (const std::string& line : lines) {
+        int t = -1;
+        int i = -1;
+        ASSERT_EQ(2, sscanf(line.c_str(), "[tst] NorvMsg: t%d n%d", &t, &i)) << line;
+        ASSERT_TRUE(t >= 0 && t < kThreads);
+        EXPECT_EQ(next[t]++, i);
+        ASSERT_EQ(tail, line.substr(line.size() - tail.size())) << line;
+    }
+}
+
+TEST_F(TraceTest, TimeTraceCountsUpToItsMaximumAndTimesFromTheFirstPoint)
+{
+    norvtest::StdoutCapture capture;
+    CTimeTrace tt(3, 3);
+    tt.TTPoint(1, "start");
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    tt.TTPoint(2, "middle");
+    tt.TTPoint(3, "end");
+    tt.TTPoint(4, "beyond");
+    EXPECT_EQ(3, tt.GetNrOfPoints());
+    std::vector<std::string> lines = Lines(capture.Stop());
+    ASSERT_EQ(3u, lines.size());
+    double ms[3];
+    for (int i = 0; i < 3; ++i) {
+        int nr = 0;
+        ASSERT_EQ(2, sscanf(lines[i].c_str(), "[tst] TT: TT[3] point %d: %*s +%lf ms", &nr, &ms[i])) << lines[i];
+        EXPECT_EQ(i + 1, nr);
+    }
+    EXPECT_EQ(0.0, ms[0]);
+    EXPECT_GE(ms[1], 5.0);
+    EXPECT_GE(ms[2], ms[1]);
+}
+
+TEST_F(TraceTest, ShellCommandSetsLevelsByNameOrNumber)
+{
+    nshell.AddNshellInternalNshellCmds();
+    std::string out;
+    EXPECT_EQ(0, nshell.Execute("trace NorvMsgQueue debug", &out));
+    EXPECT_EQ(TRACELEVEL_DEBUG, norvTrace.GetTraceLevel(TRACE_NORVMSGQUEUE));
+    EXPECT_EQ(0, nshell.Execute("trace 17 30", &out));
+    EXPECT_EQ(TRACELEVEL_WARNING, norvTrace.GetTraceLevel(TRACE_OBSERVE));
+    EXPECT_EQ(0, nshell.Execute("trace screen off", &out));
+    EXPECT_FALSE(norvTrace.IsTracingToScreen());
+    EXPECT_TRUE(out.empty()) << out;
+    for (const char* bad : {"trace NoSuchUnit debug", "trace 3 loud", "trace 999 info", "trace screen maybe"}) {
+        EXPECT_NE(0, nshell.Execute(bad, &out)) << bad;
+    }
+    EXPECT_EQ(4u, Lines(out).size());
+    out.clear();
+    EXPECT_EQ(0, nshell.Execute("trace", &out));
+    EXPECT_NE(std::string::npos, out.find("  3 NorvMsgQueue"));
+    EXPECT_NE(std::string::npos, out.find(" 70 70 "));
+}
