@@ -1,0 +1,76 @@
+#include "fake_service.h"
+
+#include <cstdio>
+#include <cstring>
+
+#include <StorageEvents.h>
+#include <StorageFormatInfo.h>
+#include <StorageModuleCmd.h>
+#include <lumemclient/EMALClient.h>
+
+namespace fakesvc {
+
+std::atomic<int> g_invokes{0};
+
+namespace {
+
+int echo(const android::Parcel& request, android::Parcel* reply)
+{
+    size_t left = request.dataAvail();
+    if (left > 0)
+        reply->write(request.data() + request.dataPosition(), left);
+    return 0;
+}
+
+int emit(const android::Parcel& request, android::Parcel*)
+{
+    int32_t id = request.readInt32();
+    int32_t count = request.readInt32();
+    for (int32_t seq = 0; seq < count; ++seq)
+        EMAL_Notify(id, &seq, sizeof(seq));
+    return 0;
+}
+
+int pvr_dev_state(const android::Parcel&, android::Parcel* reply)
+{
+    reply->writeBool(true);
+    return 0;
+}
+
+int dev_format(const android::Parcel& request, android::Parcel* reply)
+{
+    const char* dev = request.readCString();
+    SStorageFormatInfo info{};
+    snprintf(info.devName, sizeof(info.devName), "%s", dev != nullptr ? dev : "");
+    info.result = 0;
+    reply->writeBool(true);
+    EMAL_Notify(LUM_TV_EVT_STORAGE_FORMAT, &info, sizeof(info));
+    return 0;
+}
+
+struct Row {
+    int32_t word;
+    int (*run)(const android::Parcel& request, android::Parcel* reply);
+};
+
+const Row kRows[] = {
+    {kEcho, echo},
+    {kEmit, emit},
+    {STORAGE_PVR_DEV_STATE, pvr_dev_state},
+    {STORAGE_DEV_FORMAT, dev_format},
+};
+
+}  // namespace
+
+int invoke(const android::Parcel& request, android::Parcel* reply)
+{
+    g_invokes.fetch_add(1);
+    int32_t word = request.readInt32();
+    for (const Row& row : kRows) {
+        if (row.word == word)
+            return row.run(request, reply);
+    }
+    return -1;
+}
+
+}  // namespace fakesvc

@@ -1,0 +1,47 @@
+// lumstoragectl as a library function: the binary's main calls it, tests
+// call it with their own streams.
+#pragma once
+
+#include <cstdio>
+#include <string>
+
+#include "lumctl/cmd_table.h"
+#include "lumctl/ctl_client.h"
+#include "lumctl/decoded.h"
+
+namespace lumctl {
+
+enum ExitCode {
+    kExitOk = 0,
+    kExitProtocol = 1,  // connect failure, ERROR frame, broken stream, timeout in watch
+    kExitUsage = 2,
+};
+
+struct CtlContext {
+    std::string socket_path;
+    bool json = false;
+    FILE* out = nullptr;
+    FILE* err = nullptr;
+};
+
+int ctl_main(int argc, char** argv, FILE* out, FILE* err);
+
+// Subcommands; args start behind the subcommand's own word.
+int run_list(const CtlContext& ctx, int argc, char** argv);
+int run_watch(const CtlContext& ctx, int argc, char** argv);
+int run_raw(const CtlContext& ctx, int argc, char** argv);
+int run_command(const CtlContext& ctx, const CmdRow& row, int argc, char** argv);
+
+// Renderings, one line per event; a reply is several lines of text or one
+// JSON object. row may be null (a raw word with no row).
+void print_reply(const CtlContext& ctx, const CmdRow* row, int32_t word, const CtlReply& reply);
+void print_event(const CtlContext& ctx, const CtlEvent& event);
+
+// Sends request on a new connection and prints the reply.
+int transact_and_print(const CtlContext& ctx, const CmdRow* row, int32_t word,
+                       const std::vector<uint8_t>& request);
+
+int usage_error(const CtlContext& ctx, const std::string& message);
+int protocol_error(const CtlContext& ctx, const std::string& message);
+
+}  // namespace lumctl

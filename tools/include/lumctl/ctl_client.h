@@ -1,0 +1,36 @@
+// The client side of the lumstoraged protocol.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace lumctl {
+
+// Connects to the daemon's socket. Returns a descriptor, or -errno.
+int ctl_connect(const std::string& path);
+
+struct CtlReply {
+    int32_t result;
+    std::vector<uint8_t> bytes;  // the reply Parcel
+};
+
+// Sends one REQUEST and waits for its REPLY. Returns 0, or -1 with a message
+// in error (an ERROR frame's text, a closed connection, a bad frame).
+int ctl_transact(int fd, const std::vector<uint8_t>& request, CtlReply* reply, std::string* error);
+
+// Sends SUBSCRIBE and waits for SUBSCRIBED. Returns 0 or -1 with error.
+int ctl_subscribe(int fd, std::string* error);
+
+struct CtlEvent {
+    bool dropped;                // a DROPPED notice: count events were lost
+    uint32_t count;
+    int32_t id;
+    std::vector<uint8_t> data;   // the event's bytes
+};
+
+// Waits up to timeout_ms (below 0: forever) for the next EVENT or DROPPED
+// frame. Returns 1 with an event, 0 on timeout, -1 with error.
+int ctl_next_event(int fd, int timeout_ms, CtlEvent* event, std::string* error);
+
+}  // namespace lumctl

@@ -1,0 +1,135 @@
+// Client calls: each reads frames until the one it waits for, and turns an
+// ERROR frame or a broken stream into a message.
+#include "lumctl/ctl_client.h"
+
+#include <cerrno>
+#include <cstring>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include "lumproto/frame_io.h"
+
+namespace lumctl {
+
+namespace {
+
+constexpr int kFrameTimeoutMs = 30000;
+
+// Reads one frame; ERROR frames and failures become -1 with a message.
+int read_one(int fd, lumproto::FrameHeader* header, std::vector<uint8_t>* payload,
+             std::string* error)
+{
+    lumproto::ReadLimits limits{lumproto::kMaxPayload, kFrameTimeoutMs};
+    lumproto::ReadStatus status = lumproto::read_frame(fd, limits, header, payload);
+    if (status == lumproto::ReadStatus::kEof) {
+        *error = "the daemon closed the connection (is this user allowed?)";
+        return -1;
+    }
+    if (status != lumproto::ReadStatus::kOk) {
+        *error = std::string("bad frame from the daemon: ") + lumproto::read_status_name(status);
+        return -1;
+    }
+    if (header->type == lumproto::kError) {
+        size_t len = payload->size() < lumproto::kMaxErrorText ? payload->size() : lumproto::kMaxErrorText;
+        *error = "daemon error: " + std::string(payload->begin(), payload->begin() + static_cast<long>(len));
+        return -1;
+    }
+    return 0;
+}
+
+int unexpected(const lumproto::FrameHeader& header, std::string* error)
+{
+    *error = std::string("unexpected ") + lumproto::frame_type_name(header.type) + " frame";
+    return -1;
+}
+
+// A daemon that refuses a peer closes the connection unread, so the first
+// send fails; say what that most likely means.
+int send_failed(int rc, std::string* error)
+{
+    *error = std::string("send: ") + strerror(-rc);
+    if (rc == -EPIPE || rc == -ECONNRESET)
+        *error += " (the daemon closed the connection: is this user allowed?)";
+    return -1;
+}
+
+}  // namespace
+
+int ctl_connect(const std::string& path)
+{
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    if (path.empty() || path.size() >= sizeof(addr.sun_path))
+        return -ENAMETOOLONG;
+    memcpy(addr.sun_path, path.c_str(), path.size() + 1);
+    int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (fd < 0)
+        return -errno;
+    if (connect(fd, reinterpret_cast<const sockaddr*>(&addr), sizeof(addr)) != 0) {
+        int err = errno;
+        close(fd);
+        return -err;
+    }
+    return fd;
+}
+
+int ctl_transact(int fd, const std::vector<uint8_t>& request, CtlReply* reply, std::string* error)
+{
+    int rc = lumproto::write_frame(fd, lumproto::kRequest, request.data(), request.size());
+    if (rc != 0)
+        return send_failed(rc, error);
+    lumproto::FrameHeader header{};
+    std::vector<uint8_t> payload;
+    // Events may come first on a subscribed connection; they are skipped.
+    do {
+        if (read_one(fd, &header, &payload, error) != 0)
+            return -1;
+    } while (header.type == lumproto::kEvent || header.type == lumproto::kDropped);
+    if (header.type != lumproto::kReply)
+        return unexpected(header, error);
+    if (payload.size() < 4) {
+        *error = "REPLY shorter than its result";
+        return -1;
+    }
+    reply->result = static_cast<int32_t>(lumproto::get_u32le(payload.data()));
+    reply->bytes.assign(payload.begin() + 4, payload.end());
+    return 0;
+}
+
+int ctl_subscribe(int fd, std::string* error)
+{
+    int rc = lumproto::write_frame(fd, lumproto::kSubscribe, static_cast<const void*>(nullptr), 0);
+    if (rc != 0)
+        return send_failed(rc, error);
+    lumproto::FrameHeader header{};
+    std::vector<uint8_t> payload;
+    if (read_one(fd, &header, &payload, error) != 0)
+        return -1;
+    return header.type == lumproto::kSubscribed ? 0 : unexpected(header, error);
+}
+
+int ctl_next_event(int fd, int timeout_ms, CtlEvent* event, std::string* error)
+{
+    int ready = lumproto::wait_readable(fd, timeout_ms);
+    if (ready == 0)
+        return 0;
+    if (ready < 0) {
+        *error = std::string("poll: ") + strerror(-ready);
+        return -1;
+    }
+    lumproto::FrameHeader header{};
+    if (read_one(fd, &header, &event->data, error) != 0)
+        return -1;
+    bool is_event = header.type == lumproto::kEvent && event->data.size() >= 4;
+    bool is_dropped = header.type == lumproto::kDropped && event->data.size() == 4;
+    if (!is_event && !is_dropped)
+        return unexpected(header, error);
+    event->dropped = is_dropped;
+    event->count = is_dropped ? lumproto::get_u32le(event->data.data()) : 0;
+    event->id = is_event ? static_cast<int32_t>(lumproto::get_u32le(event->data.data())) : 0;
+    event->data.erase(event->data.begin(), event->data.begin() + 4);
+    return 1;
+}
+
+}  // namespace lumctl

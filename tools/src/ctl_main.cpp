@@ -1,0 +1,166 @@
+// lumstoragectl [--socket PATH] [--json] COMMAND [ARGS...]: global options,
+// then a subcommand from the table or a command of StorageCmdList.h.
+#include <cstring>
+#include <unistd.h>
+
+#include "ctl_log.h"
+#include "lumctl/ctl.h"
+#include "lumctl/request_build.h"
+#include "lumproto/socket_path.h"
+
+namespace lumctl {
+
+namespace {
+
+const char kUsage[] =
+    "usage: lumstoragectl [--socket PATH] [--json] COMMAND [ARGS...]\n"
+    "       lumstoragectl [--socket PATH] [--json] raw WORD [TYPE:VALUE...]\n"
+    "       lumstoragectl [--socket PATH] watch [--json] [--count N] [--timeout S]\n"
+    "       lumstoragectl [--json] list\n"
+    "COMMAND is a name from 'list' (STORAGE_DEV_MOUNT, DEV_MOUNT, dev-mount) or its number.\n"
+    "ARGS follow the command's request letters: s string, i int32, u uint32, l int64,\n"
+    "b true/false/1/0, c one character or a number, r raw bytes (@file, @@literal or\n"
+    "literal; give - for the int32 before it to fill in the byte count).\n"
+    "raw TYPE letters: i u l b c s, and x for hex bytes appended unpadded.\n"
+    "The socket defaults to $LUMSTORAGED_SOCKET, else /run/lumstorage/lumstoraged.sock.\n"
+    "Exit: 0 done, 1 connection or protocol error, 2 usage error.\n";
+
+int run_help(const CtlContext& ctx, int, char**)
+{
+    fputs(kUsage, ctx.out);
+    return kExitOk;
+}
+
+struct SubcommandRow {
+    const char* name;
+    int (*run)(const CtlContext& ctx, int argc, char** argv);
+};
+
+const SubcommandRow kSubcommands[] = {
+    {"list", run_list}, {"watch", run_watch}, {"raw", run_raw},
+    {"help", run_help}, {"--help", run_help}, {"-h", run_help},
+};
+
+// Consumes the global options; returns the index of the command word, or
+// -1 after a usage error.
+int parse_globals(CtlContext* ctx, int argc, char** argv)
+{
+    int i = 1;
+    for (; i < argc && argv[i][0] == '-' && argv[i][1] == '-'; ++i) {
+        if (strcmp(argv[i], "--json") == 0) {
+            ctx->json = true;
+        } else if (strcmp(argv[i], "--socket") == 0 && i + 1 < argc) {
+            ctx->socket_path = argv[++i];
+        } else if (strcmp(argv[i], "--help") == 0) {
+            return i;
+        } else {
+            usage_error(*ctx, std::string("unknown option or missing value: ") + argv[i]);
+            return -1;
+        }
+    }
+    if (i >= argc) {
+        fprintf(ctx->err, "lumstoragectl: no command\n%s", kUsage);
+        return -1;
+    }
+    return i;
+}
+
+}  // namespace
+
+int usage_error(const CtlContext& ctx, const std::string& message)
+{
+    fprintf(ctx.err, "lumstoragectl: %s\n(lumstoragectl help shows the usage)\n", message.c_str());
+    return kExitUsage;
+}
+
+int protocol_error(const CtlContext& ctx, const std::string& message)
+{
+    CTL_LOG(ERROR, "%s: %s", ctx.socket_path.c_str(), message.c_str());
+    fprintf(ctx.err, "lumstoragectl: %s\n", message.c_str());
+    return kExitProtocol;
+}
+
+int transact_and_print(const CtlContext& ctx, const CmdRow* row, int32_t word,
+                       const std::vector<uint8_t>& request)
+{
+    int fd = ctl_connect(ctx.socket_path);
+    if (fd < 0)
+        return protocol_error(ctx, "connect " + ctx.socket_path + ": " + strerror(-fd));
+    CtlReply reply;
+    std::string error;
+    int rc = ctl_transact(fd, request, &reply, &error);
+    close(fd);
+    if (rc != 0)
+        return protocol_error(ctx, error);
+    print_reply(ctx, row, word, reply);
+    return kExitOk;
+}
+
+int run_command(const CtlContext& ctx, const CmdRow& row, int argc, char** argv)
+{
+    std::vector<std::string> args(argv, argv + argc);
+    std::vector<uint8_t> request;
+    std::string error;
+    if (build_request(row, args, &request, &error) != 0)
+        return usage_error(ctx, error);
+    return transact_and_print(ctx, &row, row.value, request);
+}
+
+int run_raw(const CtlContext& ctx, int argc, char** argv)
+{
+    if (argc < 1)
+        return usage_error(ctx, "raw wants a command word");
+    int32_t word = 0;
+    const CmdRow* row = cmd_find(argv[0]);
+    if (row != nullptr)
+        word = row->value;
+    else if (!parse_cmd_number(argv[0], &word))
+        return usage_error(ctx, std::string("'") + argv[0] + "' is neither a command nor a number");
+    std::vector<std::string> items(argv + 1, argv + argc);
+    std::vector<uint8_t> request;
+    std::string error;
+    if (build_raw_request(word, items, &request, &error) != 0)
+        return usage_error(ctx, error);
+    return transact_and_print(ctx, row, word, request);
+}
+
+int run_list(const CtlContext& ctx, int, char**)
+{
+    size_t count = 0;
+    const CmdRow* rows = cmd_rows(&count);
+    if (ctx.json)
+        fputc('[', ctx.out);
+    for (size_t i = 0; i < count; ++i) {
+        const CmdRow& r = rows[i];
+        if (ctx.json)
+            fprintf(ctx.out, "%s{\"name\":\"%s\",\"code\":%d,\"request\":\"%s\",\"reply\":\"%s\"}",
+                    i > 0 ? "," : "", r.name, r.value, r.request, r.reply);
+        else
+            fprintf(ctx.out, "%-34s %5d  %-4s %s\n", r.name, r.value, r.request[0] ? r.request : "-",
+                    r.reply[0] ? r.reply : "-");
+    }
+    if (ctx.json)
+        fputs("]\n", ctx.out);
+    return kExitOk;
+}
+
+int ctl_main(int argc, char** argv, FILE* out, FILE* err)
+{
+    CtlContext ctx;
+    ctx.socket_path = lumproto::default_socket_path();
+    ctx.out = out;
+    ctx.err = err;
+    int i = parse_globals(&ctx, argc, argv);
+    if (i < 0)
+        return kExitUsage;
+    for (const SubcommandRow& sub : kSubcommands) {
+        if (strcmp(argv[i], sub.name) == 0)
+            return sub.run(ctx, argc - i - 1, argv + i + 1);
+    }
+    const CmdRow* row = cmd_find(argv[i]);
+    if (row == nullptr)
+        return usage_error(ctx, std::string("unknown command '") + argv[i] + "' (see 'list')");
+    return run_command(ctx, *row, argc - i - 1, argv + i + 1);
+}
+
+}  // namespace lumctl

@@ -1,0 +1,100 @@
+// Event payload decoders. To decode another event, write a function that
+// fills a Decoded from the bytes and add a row to kDecoders.
+#include "lumctl/event_decoders.h"
+
+#include <cstring>
+
+#include <StorageEvents.h>
+#include <StorageFormatInfo.h>
+
+namespace lumctl {
+
+namespace {
+
+struct EventNameRow {
+    int32_t id;
+    const char* name;
+};
+
+#define LUMCTL_EVENT_ROW(name, value) {value, #name},
+const EventNameRow kEventNames[] = {LUM_STORAGE_EVENT_LIST(LUMCTL_EVENT_ROW)};
+#undef LUMCTL_EVENT_ROW
+
+struct ResultName {
+    unsigned int result;
+    const char* name;
+};
+
+const ResultName kFormatResults[] = {
+    {STORAGE_FORMAT_RESULT_BUSY, "busy"},
+    {STORAGE_FORMAT_RESULT_TIMEOUT, "timeout"},
+};
+
+// SStorageFormatInfo: devName (bounded to its 30 bytes), result as a signed
+// int, with names for the busy and timeout values.
+size_t decode_format_info(const uint8_t* data, size_t len, Decoded* out)
+{
+    SStorageFormatInfo info;
+    if (len < sizeof(info))
+        return 0;
+    memcpy(&info, data, sizeof(info));
+    add_string(out, "devName", info.devName, strnlen(info.devName, sizeof(info.devName)));
+    int32_t result = 0;
+    memcpy(&result, &info.result, sizeof(result));
+    add_int(out, "result", result);
+    for (const ResultName& row : kFormatResults) {
+        if (row.result == info.result)
+            out->fields.back().text += std::string(" (") + row.name + ")";
+    }
+    return sizeof(info);
+}
+
+struct DecoderRow {
+    int32_t id;
+    // Returns the bytes it decoded, or 0 when the payload is too short.
+    size_t (*decode)(const uint8_t* data, size_t len, Decoded* out);
+};
+
+const DecoderRow kDecoders[] = {
+    {LUM_TV_EVT_STORAGE_FORMAT, decode_format_info},
+};
+
+const DecoderRow* find_decoder(int32_t id)
+{
+    for (const DecoderRow& row : kDecoders) {
+        if (row.id == id)
+            return &row;
+    }
+    return nullptr;
+}
+
+}  // namespace
+
+const char* event_name(int32_t id)
+{
+    for (const EventNameRow& row : kEventNames) {
+        if (row.id == id)
+            return row.name;
+    }
+    return nullptr;
+}
+
+Decoded decode_event(int32_t id, const uint8_t* data, size_t len)
+{
+    Decoded out;
+    const DecoderRow* row = find_decoder(id);
+    if (row == nullptr) {
+        add_bytes(&out, "hex", data, len);
+        return out;
+    }
+    size_t used = row->decode(data, len, &out);
+    if (used == 0) {
+        out.fields.clear();
+        out.complete = false;
+    }
+    if (used < len)
+        out.rest.assign(data + used, data + len);
+    return out;
+}
+
+}  // namespace lumctl
