@@ -7,3 +7,6 @@
 void cmd_partition_fs_type(const android::Parcel& request, android::Parcel* reply);
 void cmd_partition_total_size(const android::Parcel& request, android::Parcel* reply);
 void cmd_partition_used_size(const android::Parcel& request, android::Parcel* reply);
+
+// PvrState.cpp
+void cmd_pvr_dev_state(const android::Parcel& request, android::Parcel* reply);

@@ -14,3 +14,12 @@ void handle_get_volumes(StorageManagerService& service, CNorvMsg* msg, StorageMa
 void handle_get_uuid_for_path(StorageManagerService& service, CNorvMsg* msg, StorageManagerAction_t* action);
 void handle_hdd_get_size(StorageManagerService& service, CNorvMsg* msg, StorageManagerAction_t* action);
 void handle_get_partition_use(StorageManagerService& service, CNorvMsg* msg, StorageManagerAction_t* action);
+
+// MountEngine.cpp, UnmountEngine.cpp
+void handle_plug_in(StorageManagerService& service, CNorvMsg* msg, StorageManagerAction_t* action);
+void handle_mount(StorageManagerService& service, CNorvMsg* msg, StorageManagerAction_t* action);
+void handle_plug_out(StorageManagerService& service, CNorvMsg* msg, StorageManagerAction_t* action);
+void handle_unmount(StorageManagerService& service, CNorvMsg* msg, StorageManagerAction_t* action);
+
+// ../device/DevTable.cpp
+void handle_get_volume(StorageManagerService& service, CNorvMsg* msg, StorageManagerAction_t* action);

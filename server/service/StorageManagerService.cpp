@@ -21,9 +21,14 @@ struct SignalRow {
 // The operation of each signal. A signal that has no row here is unknown to
 // the service and only logged.
 const SignalRow kSignalRows[] = {
+    {SIG_ID_STORAGE_PLUG_OUT, handle_plug_out, false},
+    {SIG_ID_STORAGE_PLUG_IN, handle_plug_in, false},
     {SIG_ID_STORAGE_GET_ALLOCATE_BYTES, handle_get_allocate_bytes, true},
+    {SIG_ID_STORAGE_GET_VOLUME, handle_get_volume, true},
     {SIG_ID_STORAGE_GET_VOLUMES, handle_get_volumes, false},
     {SIG_ID_STORAGE_GET_UUID_FOR_PATH, handle_get_uuid_for_path, true},
+    {SIG_ID_STORAGE_MOUNT, handle_mount, true},
+    {SIG_ID_STORAGE_UNMOUNT, handle_unmount, true},
     {SIG_ID_STORAGE_HDD_GET_SIZE, handle_hdd_get_size, true},
     {SIG_ID_STORAGE_GET_PARTITION_USE, handle_get_partition_use, true},
     {SIG_ID_STORAGE_START_HDD, handle_start_hdd, false},
@@ -66,6 +71,8 @@ int StorageManagerService::Init()
         SLOGE("[%s, %d] ERROR: UsbDevDriver.Init() of the queue failed!");
     else
         SLOGD("[%s, %d] > StorageManagerService start!\n");
+
+    ClearMountPath();
 
     int rc = StartThread("STORAGE_SRV", 0, 0);
     if (rc < 0)

@@ -47,6 +47,24 @@ public:
     // The single exit of results: hands the event to the event manager.
     void NotifyToStorageManager(LUM_EM_TYPE_E event, void* data, int len);
 
+    // Mount and unmount runs (MountEngine.cpp, UnmountEngine.cpp).
+    int MountUsbDevices(const char* pDevName);
+    int UnmountUsbDevices(const char* pDevName);
+    void ClearMountPath();
+
+    // The device table (../device/DevTable.cpp).
+    void GetDevTable();
+    void GetDevInfo(const unsigned char* buf, int len);
+    void trace_dev_table(const unsigned char* buf, int len);
+
+    // MTP and PTP devices (MtpDevices.cpp).
+    int MountMtpDevices();
+    int UnmountMtpDevices();
+    int GetMtpDeviceNr(const char* pDeviceName);
+
+    // PVR state as the last run left it (PvrState.cpp).
+    bool GetPvrDevState();
+
     // Volume and size queries (VolumeQuery.cpp).
     void GetDevSize(const unsigned char* buf, int len);
     void GetDevUsedSize(const unsigned char* buf, int len);

@@ -312,11 +312,10 @@ TEST(Hub, MalformedRequestsNeverCrashOrLeak)
         request.setData(junk.data(), junk.size());
         int rc = StorageModuleHub::self()->invoke(request, &reply);
         EXPECT_TRUE(rc == 0 || rc == -1);
+        // Posted records are released unprocessed: the runs they would start
+        // are other tests' matter.
+        theStorageManagerService.ClearQueue();
     }
-    // Whatever was posted is drained and released.
-    if (g_isolated)
-        while (theStorageManagerService.ReadMsgsFromNonBlockingQueue() > 0) {
-        }
 }
 
 TEST(Hub, ManyCallersAtOnce)
