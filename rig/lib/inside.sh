@@ -358,11 +358,14 @@ damage_fs() {
     ext2 | ext3 | ext4)
       if [ "$how" = fixable ]; then
         # Wrong link count of the root folder, wrong free block count,
-        # "not clean" state: e2fsck -n reports them, e2fsck -y fixes them.
+        # "not clean" state and a bad checksum of group descriptor 0: the
+        # kernel refuses the volume ("Structure needs cleaning"), e2fsck -p
+        # and e2fsck -y fix it.
         debugfs -w -f - "$node" <<'EOF' >/dev/null
 set_inode_field <2> links_count 9
 ssv free_blocks_count 123
 ssv state 0
+set_bg 0 checksum 0x1234
 EOF
       else
         # An incompatible feature flag no e2fsck knows: it refuses the volume

@@ -2,6 +2,8 @@
 // fills a Decoded from the bytes and add a row to kDecoders.
 #include "lumctl/event_decoders.h"
 
+#include "lumctl/device_decoders.h"
+
 #include <cstring>
 
 #include <StorageEvents.h>
@@ -57,6 +59,17 @@ struct DecoderRow {
 
 const DecoderRow kDecoders[] = {
     {LUM_TV_EVT_STORAGE_FORMAT, decode_format_info},
+    {LUM_TV_EVT_STORAGE_DEV_MOUNT, decode_hot_plug_info},
+    {LUM_TV_EVT_STORAGE_DEV_UMOUNT, decode_mount_point},
+    {LUM_TV_EVT_STORAGE_DEV_MOUNT_END, decode_count},
+    {LUM_TV_EVT_STORAGE_DEV_UMOUNT_END, decode_count},
+    {LUM_TV_EVT_STORAGE_HDD_GET_SIZE, decode_size_reply},
+    {LUM_TV_EVT_STORAGE_HDD_GET_PARTITION_USE, decode_size_reply},
+    {LUM_TV_EVT_STORAGE_GET_ALLOCATE_BYTES, decode_free_mb},
+    {LUM_TV_EVT_STORAGE_GET_UUID_FOR_PATH, decode_uuid},
+    {LUM_TV_EVT_STORAGE_GET_STORAGE_VOLUMES, decode_tagged_table},
+    {LUM_TV_EVT_STORAGE_GET_DEV_TABLE, decode_device_rows},
+    {LUM_TV_EVT_STORAGE_GET_DEV_INFO, decode_dev_info},
 };
 
 const DecoderRow* find_decoder(int32_t id)

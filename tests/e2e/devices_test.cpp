@@ -1,0 +1,197 @@
+// Plug-in, plug-out, mount and unmount requests, MTP devices and the device
+// table, end to end: the service inside the simulated television with real
+// disk images, blkid, mount, df, e2fsck, ntfs-3g.
+#include <gtest/gtest.h>
+
+#include "service_rig.h"
+
+namespace e2e {
+namespace {
+
+const char* kStick =
+    "disk stick size=128M table=msdos plugged=no vendor=SanDisk model=\"Cruzer Blade\" serial=4C530001\n"
+    "  part size=48M fs=vfat label=hex:D6D0CEC4\n"
+    "    file /readme.txt text=hello\n"
+    "  part fs=ext4 label=DATA\n";
+
+class Devices : public ServiceRig {};
+
+std::string Mounts(const lumrig::Tv& tv) { return tv.Exec("mount | grep /mnt/pvr/shared || true").out; }
+
+TEST_F(Devices, FatAndExt4StickIsMountedAnnouncedAndListed)
+{
+    StartService(kStick);
+    ASSERT_TRUE(tv.Plug("stick").ok());
+    ASSERT_TRUE(WaitFor("LUM_TV_EVT_STORAGE_DEV_MOUNT_END"));
+    auto mounted = Events("LUM_TV_EVT_STORAGE_DEV_MOUNT");
+    ASSERT_EQ(mounted.size(), 2u);
+    std::string fat = Has(mounted[0], "sdb1") ? mounted[0] : mounted[1];
+    std::string ext = Has(mounted[0], "sdb2") ? mounted[0] : mounted[1];
+    EXPECT_TRUE(Has(fat, "\"len\":154")) << fat;
+    EXPECT_TRUE(Has(fat, "\"mountPoint\":\"/mnt/pvr/shared/sdb1\",\"label\":\"中文\",\"labelLen\":6,\"fsType\":\"vfat\""))
+        << fat;
+    EXPECT_TRUE(Has(ext, "\"mountPoint\":\"/mnt/pvr/shared/sdb2\",\"label\":\"DATA\",\"labelLen\":4,\"fsType\":\"ext4\""))
+        << ext;
+    EXPECT_TRUE(Has(Events("LUM_TV_EVT_STORAGE_DEV_MOUNT_END")[0], "\"count\":2"));
+    std::string mounts = Mounts(tv);
+    EXPECT_TRUE(Has(mounts, "/dev/sdb1 on /mnt/pvr/shared/sdb1 type vfat")) << mounts;
+    EXPECT_TRUE(Has(mounts, "/dev/sdb2 on /mnt/pvr/shared/sdb2 type ext4")) << mounts;
+    EXPECT_EQ(tv.Exec("cat /mnt/pvr/shared/sdb1/readme.txt").out, "hello");
+
+    // Both forms of the table: the disk with its USB identity, two partitions.
+    ASSERT_TRUE(Ctl({"get-storage-volumes"}).ok());
+    ASSERT_TRUE(WaitFor("LUM_TV_EVT_STORAGE_GET_DEV_TABLE", 2));
+    std::string rows = Events("LUM_TV_EVT_STORAGE_GET_DEV_TABLE").back();
+    EXPECT_TRUE(Has(rows, "\"len\":2952")) << rows;
+    EXPECT_TRUE(Has(rows, "{\"devName\":\"/dev/sdb\",\"conn\":6,")) << rows;
+    EXPECT_TRUE(Has(rows, "\"serial\":\"4C530001\"")) << rows;
+    EXPECT_TRUE(Has(rows, "{\"devName\":\"/dev/sdb1\",\"conn\":0,\"mountPoint\":\"/mnt/pvr/shared/sdb1\",\"fsType\":\"vfat\",\"label\":\"中文\""))
+        << rows;
+    std::string table = Events("LUM_TV_EVT_STORAGE_GET_STORAGE_VOLUMES").back();
+    EXPECT_TRUE(Has(table, "{\"node\":\"/dev/sdb2\",\"mountPoint\":\"/mnt/pvr/shared/sdb2\",")) << table;
+
+    // Direct and posted size queries agree with df.
+    Result total = Ctl({"partition-total-size", "/mnt/pvr/shared/sdb2"});
+    std::string df = tv.Exec("df -Pm /mnt/pvr/shared/sdb2 | awk 'NR==2 {print $2}'").out;
+    EXPECT_TRUE(Has(total.out, "\"value\":" + df.substr(0, df.size() - 1))) << total.out << " df " << df;
+    EXPECT_TRUE(Has(Ctl({"partition-fs-type", "/mnt/pvr/shared/sdb1"}).out, "\"value\":\"vfat\""));
+    ASSERT_TRUE(Ctl({"get-device-size", "/dev/sdb", "0"}).ok());
+    ASSERT_TRUE(WaitFor("LUM_TV_EVT_STORAGE_HDD_GET_SIZE"));
+    EXPECT_TRUE(Has(Events("LUM_TV_EVT_STORAGE_HDD_GET_SIZE")[0], "\"sizeMB\":128,\"device\":\"/dev/sdb\""));
+}
+
+TEST_F(Devices, NtfsIsFuseblkWhenMountedAndNtfsInTheTable)
+{
+    StartService("disk hdd size=96M table=gpt plugged=no\n  part fs=ntfs label=Movies\n");
+    ASSERT_TRUE(tv.Plug("hdd").ok());
+    ASSERT_TRUE(WaitFor("LUM_TV_EVT_STORAGE_DEV_MOUNT_END"));
+    auto mounted = Events("LUM_TV_EVT_STORAGE_DEV_MOUNT");
+    ASSERT_EQ(mounted.size(), 1u);
+    EXPECT_TRUE(Has(mounted[0], "\"label\":\"Movies\",\"labelLen\":6,\"fsType\":\"fuseblk\"")) << mounted[0];
+    ASSERT_TRUE(Ctl({"get-storage-volumes"}).ok());
+    ASSERT_TRUE(WaitFor("LUM_TV_EVT_STORAGE_GET_DEV_TABLE", 2));
+    EXPECT_TRUE(Has(Events("LUM_TV_EVT_STORAGE_GET_DEV_TABLE").back(), "\"fsType\":\"ntfs\""));
+}
+
+TEST_F(Devices, DamagedExt4IsRepairedAndAnUnrepairableOneLeavesNoDirectory)
+{
+    StartService(
+        "disk good size=64M table=msdos plugged=no\n  part fs=ext4 label=FIXME damage=fixable\n"
+        "disk bad size=64M table=msdos plugged=no\n  part fs=ext4 label=BROKEN damage=unfixable\n");
+    std::string good = tv.Plug("good").out;
+    ASSERT_TRUE(WaitFor("LUM_TV_EVT_STORAGE_DEV_MOUNT_END"));
+    ASSERT_EQ(Events("LUM_TV_EVT_STORAGE_DEV_MOUNT").size(), 1u);
+    EXPECT_TRUE(Has(Events("LUM_TV_EVT_STORAGE_DEV_MOUNT")[0], "\"label\":\"FIXME\""));
+    EXPECT_TRUE(Has(tv.Log("lumstoraged"), "<FS>: try to repair the filesystem:  e2fsck -f -p -v"));
+
+    std::string bad = tv.Plug("bad").out;
+    bad = bad.substr(0, bad.find('\n'));
+    ASSERT_TRUE(WaitFor("LUM_TV_EVT_STORAGE_DEV_MOUNT_END", 2, 90));
+    EXPECT_TRUE(Has(Events("LUM_TV_EVT_STORAGE_DEV_MOUNT_END")[1], "\"count\":0"));
+    EXPECT_EQ(Events("LUM_TV_EVT_STORAGE_DEV_MOUNT").size(), 1u);
+    EXPECT_NE(tv.Exec("test -d /mnt/pvr/shared/" + bad + "1").status, 0) << "mount point left behind";
+}
+
+TEST_F(Devices, ExfatIsRefusedWithoutADirectory)
+{
+    StartService("disk ex size=64M table=msdos plugged=no\n  part fs=exfat label=EX\n");
+    ASSERT_TRUE(tv.Plug("ex").ok());
+    ASSERT_TRUE(WaitFor("LUM_TV_EVT_STORAGE_DEV_MOUNT_END", 1, 90));
+    EXPECT_TRUE(Has(Events("LUM_TV_EVT_STORAGE_DEV_MOUNT_END")[0], "\"count\":0"));
+    EXPECT_TRUE(Events("LUM_TV_EVT_STORAGE_DEV_MOUNT").empty());
+    EXPECT_EQ(tv.Exec("ls /mnt/pvr/shared").out, "");
+    EXPECT_TRUE(Has(tv.Log("lumstoraged"), "<FS> 'filesystem 'exfat' not supported"));
+}
+
+TEST_F(Devices, PlugOutTakesDownOnlyTheStickThatWent)
+{
+    StartService(
+        "disk a size=64M table=msdos plugged=no\n  part fs=ext4 label=A\n"
+        "disk b size=64M table=msdos plugged=no\n  part fs=ext4 label=B\n");
+    std::string a = tv.Plug("a").out, b = tv.Plug("b").out;
+    a = a.substr(0, a.find('\n'));
+    b = b.substr(0, b.find('\n'));
+    ASSERT_TRUE(WaitFor("LUM_TV_EVT_STORAGE_DEV_MOUNT", 2));
+    ASSERT_TRUE(tv.Unplug("a").ok());
+    ASSERT_TRUE(WaitFor("LUM_TV_EVT_STORAGE_DEV_UMOUNT_END", 1, 90));
+    auto down = Events("LUM_TV_EVT_STORAGE_DEV_UMOUNT");
+    ASSERT_EQ(down.size(), 1u);
+    EXPECT_TRUE(Has(down[0], "\"mountPoint\":\"/mnt/pvr/shared/" + a + "1\"")) << down[0];
+    EXPECT_TRUE(Has(Events("LUM_TV_EVT_STORAGE_DEV_UMOUNT_END")[0], "\"count\":1"));
+    std::string mounts = Mounts(tv);
+    EXPECT_FALSE(Has(mounts, "/mnt/pvr/shared/" + a + "1")) << mounts;
+    EXPECT_TRUE(Has(mounts, "/mnt/pvr/shared/" + b + "1")) << mounts;
+    EXPECT_NE(tv.Exec("test -d /mnt/pvr/shared/" + a + "1").status, 0);
+    EXPECT_TRUE(Has(tv.Log("lumstoraged"), "Device /dev/" + b + "1 is still active"));
+}
+
+TEST_F(Devices, UnmountRequestTakesDownAPresentDeviceWithItsSwapFileOff)
+{
+    StartService(kStick);
+    ASSERT_TRUE(tv.Plug("stick").ok());
+    ASSERT_TRUE(WaitFor("LUM_TV_EVT_STORAGE_DEV_MOUNT_END"));
+    ASSERT_TRUE(tv.Exec("touch /mnt/pvr/shared/sdb2/.swapfile").ok());
+    Result r = Ctl({"dev-umount", "/dev/sdb"});
+    EXPECT_TRUE(Has(r.out, "\"value\":true")) << r.out;
+    ASSERT_TRUE(WaitFor("LUM_TV_EVT_STORAGE_DEV_UMOUNT_END"));
+    EXPECT_EQ(Events("LUM_TV_EVT_STORAGE_DEV_UMOUNT").size(), 2u);
+    EXPECT_TRUE(Has(Events("LUM_TV_EVT_STORAGE_DEV_UMOUNT_END")[0], "\"count\":2"));
+    EXPECT_EQ(Mounts(tv), "");
+    // The device is still there: a mount request brings it back.
+    ASSERT_TRUE(Ctl({"dev-mount", "/dev/sdb1"}).ok());
+    ASSERT_TRUE(WaitFor("LUM_TV_EVT_STORAGE_DEV_MOUNT_END", 2));
+    EXPECT_TRUE(Has(Events("LUM_TV_EVT_STORAGE_DEV_MOUNT_END")[1], "\"count\":2"));
+    EXPECT_EQ(tv.Exec("test -f /mnt/pvr/shared/sdb2/.swapfile").status, 0) << "the swap file stays on the volume";
+}
+
+TEST_F(Devices, MtpPhoneIsMountedListedAndTakenDown)
+{
+    StartService(kStick);
+    ASSERT_TRUE(tv.Cmd("mtp-add", {"--id", "VEN_04E8_PID_6860_SER_R58M1", "--name", "Galaxy", "--model", "SM-G973F"}).ok());
+    ASSERT_TRUE(Ctl({"dev-mount", "VEN_04E8_PID_6860_SER_R58M1"}).ok());
+    ASSERT_TRUE(WaitFor("LUM_TV_EVT_STORAGE_DEV_MOUNT_END"));
+    EXPECT_TRUE(Has(Events("LUM_TV_EVT_STORAGE_DEV_MOUNT_END")[0], "\"count\":1"));
+    EXPECT_TRUE(Events("LUM_TV_EVT_STORAGE_DEV_MOUNT").empty()) << "MTP volumes are not announced one by one";
+    EXPECT_TRUE(Has(Mounts(tv), "VEN_04E8_PID_6860_SER_R58M1 on /mnt/pvr/shared/VEN_04E8_PID_6860_SER_R58M1 type mptpfs"));
+    ASSERT_TRUE(Ctl({"get-storage-volumes"}).ok());
+    ASSERT_TRUE(WaitFor("LUM_TV_EVT_STORAGE_GET_DEV_TABLE", 2));
+    EXPECT_TRUE(Has(Events("LUM_TV_EVT_STORAGE_GET_DEV_TABLE").back(),
+                    "{\"devName\":\"VEN_04E8_PID_6860_SER_R58M1\",\"conn\":7,"));
+    ASSERT_TRUE(Ctl({"get-storage-volume", "VEN_04E8_PID_6860_SER_R58M1"}).ok());
+    ASSERT_TRUE(WaitFor("LUM_TV_EVT_STORAGE_GET_DEV_INFO"));
+    EXPECT_TRUE(Has(Events("LUM_TV_EVT_STORAGE_GET_DEV_INFO")[0], "\"status\":0,\"device\":{\"vendor\":\"Galaxy\",\"model\":\"SM-G973F\""));
+
+    ASSERT_TRUE(tv.Cmd("mtp-remove", {"0"}).ok());
+    ASSERT_TRUE(Ctl({"dev-umount", "VEN_04E8_PID_6860_SER_R58M1"}).ok());
+    ASSERT_TRUE(WaitFor("LUM_TV_EVT_STORAGE_DEV_UMOUNT_END"));
+    EXPECT_EQ(Mounts(tv), "");
+}
+
+TEST_F(Devices, StaleMountDirectoriesGoAtStartAndUsedOnesStay)
+{
+    Result up = tv.Up("disk stick size=64M table=msdos plugged=no\n  part fs=ext4\n");
+    ASSERT_TRUE(up.ok()) << up.Describe();
+    ASSERT_TRUE(tv.Exec("mkdir -p /mnt/pvr/shared/sdc1 /mnt/pvr/shared/sdd1 && "
+                        "mount -t tmpfs sdd1 /mnt/pvr/shared/sdd1")
+                    .ok());
+    StartServiceOnly();
+    EXPECT_NE(tv.Exec("test -d /mnt/pvr/shared/sdc1").status, 0);
+    EXPECT_EQ(tv.Exec("test -d /mnt/pvr/shared/sdd1").status, 0);
+    EXPECT_TRUE(Has(tv.Log("lumstoraged"), "clear 1 file in mount path"));
+}
+
+TEST_F(Devices, HostileLabelsAndRequestsRunNothing)
+{
+    StartService("disk stick size=64M table=msdos plugged=no\n  part fs=ext4 label='$(touch /tmp/pw)'\n");
+    ASSERT_TRUE(tv.Plug("stick").ok());
+    ASSERT_TRUE(WaitFor("LUM_TV_EVT_STORAGE_DEV_MOUNT_END"));
+    EXPECT_TRUE(Has(Events("LUM_TV_EVT_STORAGE_DEV_MOUNT")[0], "\"label\":\"$(touch /tmp/pw)\""));
+    Ctl({"get-uuid-for-path", "\"; touch /tmp/pw2; \""});
+    Ctl({"partition-fs-type", "$(touch /tmp/pw3)"});
+    Ctl({"dev-umount", "`touch /tmp/pw4`"});
+    ASSERT_TRUE(WaitFor("LUM_TV_EVT_STORAGE_DEV_UMOUNT_END", 1, 90));
+    EXPECT_EQ(tv.Exec("ls /tmp/pw* 2>/dev/null || true").out, "");
+}
+
+}  // namespace
+}  // namespace e2e

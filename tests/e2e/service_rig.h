@@ -1,0 +1,120 @@
+// The service on the simulated television: lumstoraged runs inside the rig,
+// lumstoragectl talks to it from outside, and a `watch --json` client records
+// every event into a file the test reads.
+#pragma once
+
+#include <csignal>
+#include <fcntl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "rig_fixture.h"
+
+namespace e2e {
+
+using lumrig::Result;
+
+class ServiceRig : public lumrig::RigTest {
+protected:
+    void TearDown() override
+    {
+        if (watcher_ > 0) {
+            kill(watcher_, SIGTERM);
+            waitpid(watcher_, nullptr, 0);
+        }
+        if (HasFailure() && tv.up())
+            fprintf(stderr, "--- lumstoraged log:\n%s\n", tv.Log("lumstoraged").c_str());
+    }
+
+    // Builds the television, starts the service inside and the event recorder.
+    void StartService(const std::string& description)
+    {
+        Result up = tv.Up(description);
+        ASSERT_TRUE(up.ok()) << up.Describe();
+        StartServiceOnly();
+    }
+
+    // Starts the service and the recorder on a television that is up.
+    void StartServiceOnly()
+    {
+        socket_ = tv.StartDaemon("lumstoraged",
+                                 {"env", "LMDROID_PROPERTY_DIR=/run/properties", LUMSTORAGED_BIN, "--socket",
+                                  "/run/lumstorage.sock"},
+                                 "/run/lumstorage.sock");
+        ASSERT_FALSE(socket_.empty()) << tv.Log("lumstoraged");
+        events_ = tv.StateDir() + "/service-events.jsonl";
+        watcher_ = fork();
+        if (watcher_ == 0) {
+            int fd = open(events_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+            dup2(fd, 1);
+            execl(LUMSTORAGECTL_BIN, "lumstoragectl", "--socket", socket_.c_str(), "watch", "--json",
+                  static_cast<char*>(nullptr));
+            _exit(127);
+        }
+        // The recorder is subscribed once it sees an event: ask for the
+        // volume list until its answer shows up.
+        for (int i = 0; i < 50 && Events("LUM_TV_EVT_STORAGE_GET_STORAGE_VOLUMES").empty(); ++i) {
+            Ctl({"get-storage-volumes"});
+            WaitFor("LUM_TV_EVT_STORAGE_GET_STORAGE_VOLUMES", 1, 1);
+        }
+        ASSERT_FALSE(Events("LUM_TV_EVT_STORAGE_GET_STORAGE_VOLUMES").empty()) << "the event recorder never subscribed";
+    }
+
+    Result Ctl(const std::vector<std::string>& args) const
+    {
+        std::vector<std::string> argv{LUMSTORAGECTL_BIN, "--socket", socket_, "--json"};
+        argv.insert(argv.end(), args.begin(), args.end());
+        return lumrig::Run(argv, {}, 120);
+    }
+
+    // Every recorded event line.
+    std::vector<std::string> Events() const
+    {
+        std::vector<std::string> lines;
+        std::string all = lumrig::ReadFile(events_);
+        size_t at = 0;
+        while (at < all.size()) {
+            size_t end = all.find('\n', at);
+            if (end == std::string::npos)
+                break;  // a line still being written
+            lines.push_back(all.substr(at, end - at));
+            at = end + 1;
+        }
+        return lines;
+    }
+
+    // Lines of one event, e.g. "LUM_TV_EVT_STORAGE_DEV_MOUNT".
+    std::vector<std::string> Events(const std::string& name) const
+    {
+        std::vector<std::string> out;
+        for (const std::string& line : Events()) {
+            if (line.find("\"event\":\"" + name + "\"") != std::string::npos)
+                out.push_back(line);
+        }
+        return out;
+    }
+
+    // Waits until `count` events of that name have been recorded in all.
+    bool WaitFor(const std::string& name, size_t count = 1, int timeout_s = 60) const
+    {
+        for (int waited = 0; waited < timeout_s * 50; ++waited) {
+            if (Events(name).size() >= count)
+                return true;
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        }
+        return false;
+    }
+
+    static bool Has(const std::string& line, const std::string& text) { return line.find(text) != std::string::npos; }
+
+    std::string socket_;
+    std::string events_;
+    pid_t watcher_ = -1;
+};
+
+}  // namespace e2e

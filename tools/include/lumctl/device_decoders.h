@@ -1,0 +1,23 @@
+// Decoders of the device events: mount and unmount announcements, sizes,
+// UUIDs, the volume list in both forms and device information. Each returns
+// the bytes it decoded, or 0 when the payload is too short for its layout.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+#include "lumctl/decoded.h"
+
+namespace lumctl {
+
+size_t decode_hot_plug_info(const uint8_t* data, size_t len, Decoded* out);
+size_t decode_mount_point(const uint8_t* data, size_t len, Decoded* out);
+size_t decode_count(const uint8_t* data, size_t len, Decoded* out);
+size_t decode_size_reply(const uint8_t* data, size_t len, Decoded* out);
+size_t decode_free_mb(const uint8_t* data, size_t len, Decoded* out);
+size_t decode_uuid(const uint8_t* data, size_t len, Decoded* out);
+size_t decode_tagged_table(const uint8_t* data, size_t len, Decoded* out);
+size_t decode_device_rows(const uint8_t* data, size_t len, Decoded* out);
+size_t decode_dev_info(const uint8_t* data, size_t len, Decoded* out);
+
+}  // namespace lumctl

@@ -1,0 +1,200 @@
+#include "lumctl/device_decoders.h"
+
+#include <cstring>
+#include <string>
+
+#include <StorageDevice.h>
+
+namespace lumctl {
+
+namespace {
+
+uint32_t be16(const uint8_t* p) { return static_cast<uint32_t>(p[0]) << 8 | p[1]; }
+uint32_t be32(const uint8_t* p)
+{
+    return static_cast<uint32_t>(p[0]) << 24 | static_cast<uint32_t>(p[1]) << 16 |
+           static_cast<uint32_t>(p[2]) << 8 | p[3];
+}
+
+std::string cut(const char* text, size_t size) { return std::string(text, strnlen(text, size)); }
+
+// Builds one JSON object and its one-line text from name/value pairs.
+struct Object {
+    std::string json = "{";
+    std::string text;
+    void str(const char* name, const std::string& value)
+    {
+        sep();
+        json += json_string(name, strlen(name)) + ":" + json_string(value.data(), value.size());
+        text += std::string(text.empty() ? "" : " ") + name + "=" + quoted(value.data(), value.size());
+    }
+    void num(const char* name, long long value)
+    {
+        sep();
+        json += json_string(name, strlen(name)) + ":" + std::to_string(value);
+        text += std::string(text.empty() ? "" : " ") + name + "=" + std::to_string(value);
+    }
+    void sep()
+    {
+        if (json.size() > 1)
+            json += ",";
+    }
+    std::string done() const { return json + "}"; }
+};
+
+// Appends an object to a field holding a JSON array, text one line each.
+void append(Field* field, const Object& obj)
+{
+    field->json = field->json.empty() ? "[" + obj.done() + "]" : field->json.substr(0, field->json.size() - 1) + "," + obj.done() + "]";
+    field->text += (field->text.empty() ? "" : "\n  ") + obj.text;
+}
+
+const char* const kTagNames[] = {nullptr, nullptr, "node", "conn", "mountPoint", "label", "fsType", nullptr,
+                                 "vendor", "model", "serial", "devId", "sizeMB", "usedMB"};
+
+// The children of one element list into obj; false when an element runs past
+// the end.
+bool decode_elements(const uint8_t* p, size_t len, Object* obj)
+{
+    size_t at = 0;
+    while (at + 4 <= len) {
+        uint32_t tag = be16(p + at), clen = be16(p + at + 2);
+        const uint8_t* v = p + at + 4;
+        if (at + 4 + clen > len)
+            return false;
+        const char* name = tag < sizeof(kTagNames) / sizeof(kTagNames[0]) ? kTagNames[tag] : nullptr;
+        if (name != nullptr && tag == 3 && clen >= 1)
+            obj->num(name, v[0]);
+        else if (name != nullptr && tag >= 11 && clen == 4)
+            obj->num(name, be32(v));
+        else if (name != nullptr && tag != 3 && tag < 11)
+            obj->str(name, cut(reinterpret_cast<const char*>(v), clen));
+        at += 4 + clen;
+    }
+    return at == len;
+}
+
+}  // namespace
+
+size_t decode_hot_plug_info(const uint8_t* data, size_t len, Decoded* out)
+{
+    SStorageHotPlugInfo info;
+    if (len < sizeof(info))
+        return 0;
+    memcpy(&info, data, sizeof(info));
+    add_string(out, "mountPoint", info.mountPoint, strnlen(info.mountPoint, sizeof(info.mountPoint)));
+    add_string(out, "label", info.label, strnlen(info.label, sizeof(info.label)));
+    add_uint(out, "labelLen", info.u16LabelLen);
+    add_string(out, "fsType", info.fsType, strnlen(info.fsType, sizeof(info.fsType)));
+    return sizeof(info);
+}
+
+size_t decode_mount_point(const uint8_t* data, size_t len, Decoded* out)
+{
+    const void* nul = memchr(data, 0, len);
+    if (nul == nullptr)
+        return 0;
+    size_t n = static_cast<const uint8_t*>(nul) - data;
+    add_string(out, "mountPoint", reinterpret_cast<const char*>(data), n);
+    return n + 1;
+}
+
+size_t decode_count(const uint8_t* data, size_t len, Decoded* out)
+{
+    int32_t count;
+    if (len < sizeof(count))
+        return 0;
+    memcpy(&count, data, sizeof(count));
+    add_int(out, "count", count);
+    return sizeof(count);
+}
+
+size_t decode_size_reply(const uint8_t* data, size_t len, Decoded* out)
+{
+    if (len < 5 || memchr(data + 4, 0, len - 4) == nullptr)
+        return 0;
+    add_uint(out, "sizeMB", be32(data));
+    size_t n = strlen(reinterpret_cast<const char*>(data + 4));
+    add_string(out, "device", reinterpret_cast<const char*>(data + 4), n);
+    return 4 + n + 1;
+}
+
+size_t decode_free_mb(const uint8_t* data, size_t len, Decoded* out)
+{
+    int32_t free;
+    if (len < sizeof(free))
+        return 0;
+    memcpy(&free, data, sizeof(free));
+    add_int(out, "freeMB", free);
+    return sizeof(free);
+}
+
+size_t decode_uuid(const uint8_t* data, size_t len, Decoded* out)
+{
+    add_string(out, "uuid", reinterpret_cast<const char*>(data), len);
+    return len;
+}
+
+size_t decode_tagged_table(const uint8_t* data, size_t len, Decoded* out)
+{
+    Field devices{"devices", "", "[]"};
+    devices.json.clear();
+    size_t at = len > 0 ? 1 : 0;  // the leading zero byte
+    while (at + 4 <= len) {
+        uint32_t tag = be16(data + at), clen = be16(data + at + 2);
+        if (at + 4 + clen > len)
+            break;
+        Object obj;
+        if (tag == 1 && !decode_elements(data + at + 4, clen, &obj))
+            break;
+        if (tag == 1)
+            append(&devices, obj);
+        at += 4 + clen;
+    }
+    if (devices.json.empty())
+        devices.json = "[]";
+    out->fields.push_back(devices);
+    return at;
+}
+
+size_t decode_device_rows(const uint8_t* data, size_t len, Decoded* out)
+{
+    Field rows{"rows", "", ""};
+    size_t at = 0;
+    for (; at + sizeof(SConnectedDevice) <= len; at += sizeof(SConnectedDevice)) {
+        SConnectedDevice row;
+        memcpy(&row, data + at, sizeof(row));
+        Object obj;
+        obj.str("devName", cut(row.devName, sizeof(row.devName)));
+        obj.num("conn", row.devConnectionType);
+        obj.str("mountPoint", cut(row.mountPoint, sizeof(row.mountPoint)));
+        obj.str("fsType", cut(row.fsType, sizeof(row.fsType)));
+        obj.str("label", cut(row.volumeName, sizeof(row.volumeName)));
+        obj.num("sizeMB", static_cast<long long>(row.devSize));
+        obj.num("usedMB", static_cast<long long>(row.devUsedSize));
+        obj.str("vendor", cut(row.devVendor, sizeof(row.devVendor)));
+        obj.str("model", cut(row.devModel, sizeof(row.devModel)));
+        obj.str("serial", cut(row.devSerialNr, sizeof(row.devSerialNr)));
+        obj.num("devId", static_cast<long long>(row.devId));
+        append(&rows, obj);
+    }
+    if (rows.json.empty())
+        rows.json = "[]";
+    out->fields.push_back(rows);
+    return at;
+}
+
+size_t decode_dev_info(const uint8_t* data, size_t len, Decoded* out)
+{
+    if (len < 1)
+        return 0;
+    add_uint(out, "status", data[0]);
+    Object obj;
+    if (len > 1 && !decode_elements(data + 1, len - 1, &obj))
+        return 1;
+    if (len > 1)
+        out->fields.push_back(Field{"device", obj.text, obj.done()});
+    return len;
+}
+
+}  // namespace lumctl
