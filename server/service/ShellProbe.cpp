@@ -99,6 +99,9 @@ int call_system(const char* format, ...)
         SLOGE("[%s, %d] buffer overflow\n");
         return -1;
     }
+    // Every command line, at verbose level: what a run costs in processes,
+    // and a replay of it, can be read off the log.
+    __android_log_print(ANDROID_LOG_VERBOSE, STORAGE_TAG_SERVICE, "[%s, %d] run: %s\n", __func__, __LINE__, line);
     int rc = run_shell(line);
     if (rc != 0)
         SLOGW("[%s, %d] system('%s'): rc=%d: %m\n", line, rc);

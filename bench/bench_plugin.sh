@@ -1,0 +1,80 @@
+#!/usr/bin/env bash
+# Plug-in latency on the simulated television: from the injected uevent of a
+# stick with one ext4 partition to LUM_TV_EVT_STORAGE_DEV_MOUNT_END, against
+# the floor that the commands of such a run set: the same command lines,
+# taken from the service's verbose log, replayed by a plain shell loop on the
+# same television in the same run. Prints figures, asserts nothing. Root.
+#
+# usage: bench/bench_plugin.sh [BUILD_DIR] [ROUNDS]
+set -euo pipefail
+top=$(cd "$(dirname "$0")/.." && pwd)
+build=$(cd "${1:-$top/build}" && pwd)
+rounds=${2:-10}
+rig=$top/rig/rig
+ms() { echo $(( $(date +%s%N) / 1000000 )); }
+
+id=$(printf 'disk stick size=64M table=msdos plugged=no\n  part fs=ext4 label=BENCH\n' | "$rig" up --owner $$ -)
+work=$(mktemp -d)
+cleanup() {
+  [ -n "${watcher:-}" ] && kill "$watcher" 2>/dev/null
+  "$rig" down "$id" >/dev/null 2>&1 || true
+  rm -rf "$work"
+}
+trap cleanup EXIT
+
+"$rig" run "$id" --name lumstoraged -- env LUM_LOG_LEVEL=v LMDROID_PROPERTY_DIR=/run/properties \
+  "$build/host/lumstoraged" --socket /run/lumstorage.sock >/dev/null
+sock=$("$rig" path "$id" /run/lumstorage.sock)
+for _ in $(seq 100); do [ -S "$sock" ] && break; sleep 0.05; done
+ctl() { "$build/tools/lumstoragectl" --socket "$sock" "$@" >/dev/null; }
+log=$("$rig" path "$id" /.rig/state/logs/lumstoraged.log 2>/dev/null || true)
+[ -f "$log" ] || log=/run/lumrig/$id/logs/lumstoraged.log
+events=$work/events
+"$build/tools/lumstoragectl" --socket "$sock" watch >"$events" 2>/dev/null &
+watcher=$!
+count() { grep -c "^$1 " "$events" || true; }
+wait_count() { # name, wanted count
+  for _ in $(seq 6000); do [ "$(count "$1")" -ge "$2" ] && return 0; sleep 0.005; done
+  echo "bench_plugin: no $1" >&2; exit 1
+}
+until [ "$(count LUM_TV_EVT_STORAGE_GET_STORAGE_VOLUMES)" -ge 1 ]; do ctl get-storage-volumes; sleep 0.1; done
+
+dev=$("$rig" plug "$id" stick --quiet | head -n1)
+devpath=$("$rig" exec "$id" -- readlink -f "/sys/block/$dev")
+devpath=${devpath#/sys}
+inject() { "$rig" uevent "$id" "$1@$devpath" "ACTION=$1" SUBSYSTEM=block "DEVNAME=$dev" DEVTYPE=disk >/dev/null; }
+
+# What injecting costs by itself: an event the service ignores.
+t0=$(ms); for _ in $(seq 5); do inject change; done; t1=$(ms)
+inject_ms=$(( (t1 - t0) / 5 ))
+
+service=()
+mounted=0 unmounted=0
+for r in $(seq "$rounds"); do
+  lines=$(wc -l <"$log")
+  t0=$(ms); inject add; mounted=$((mounted + 1)); wait_count LUM_TV_EVT_STORAGE_DEV_MOUNT_END "$mounted"; t1=$(ms)
+  service+=($(( t1 - t0 - inject_ms )))
+  [ "$r" -eq 1 ] && tail -n +"$((lines + 1))" "$log" | sed -n 's/.* \[call_system, [0-9]*\] run: //p' >"$work/cmds"
+  unmounted=$((unmounted + 1)); ctl dev-umount "/dev/$dev"; wait_count LUM_TV_EVT_STORAGE_DEV_UMOUNT_END "$unmounted"
+done
+
+# The floor: the same command lines, one shell each, on the same volume.
+cp "$work/cmds" "$("$rig" path "$id" /run/replay.cmds)"
+replay='while IFS= read -r line; do sh -c "$line" >/dev/null 2>&1; done </run/replay.cmds'
+undo="umount /mnt/pvr/shared/${dev}1 2>/dev/null; rmdir /mnt/pvr/shared/${dev}1 2>/dev/null; true"
+t0=$(ms); for _ in $(seq 5); do "$rig" exec "$id" -- true; done; t1=$(ms)
+exec_ms=$(( (t1 - t0) / 5 ))
+floor=()
+for _ in $(seq "$rounds"); do
+  "$rig" exec "$id" -- sh -c "$undo"
+  t0=$(ms); "$rig" exec "$id" -- sh -c "$replay"; t1=$(ms)
+  floor+=($(( t1 - t0 - exec_ms )))
+done
+
+median() { printf '%s\n' "$@" | sort -n | awk '{ a[NR] = $1 } END { print a[int((NR + 1) / 2)] }'; }
+s=$(median "${service[@]}"); f=$(median "${floor[@]}")
+echo "plug-in latency, uevent to LUM_TV_EVT_STORAGE_DEV_MOUNT_END, one ext4 partition ($rounds rounds)"
+echo "  service           median ${s} ms   (all: ${service[*]})"
+echo "  command floor     median ${f} ms   (all: ${floor[*]})"
+awk -v s="$s" -v f="$f" 'BEGIN { if (f > 0) printf "  ratio             %.2f   (target: within 1.20)\n", s / f }'
+echo "  shell lines per run: $(wc -l <"$work/cmds") (each an sh with its pipeline)"
