@@ -131,8 +131,8 @@ TEST(CtlEvent, DecodersByIdWithHexForTheRest)
     EXPECT_TRUE(d.fields.empty());
     EXPECT_EQ(shorter, d.rest);
     Bytes other = {1, 2, 0xff};
-    EXPECT_EQ("hex=3 bytes: 01 02 ff;", summary(lumctl::decode_event(LUM_TV_EVT_STORAGE_DEV_MOUNT, other.data(), other.size())));
-    EXPECT_EQ("hex=0 bytes;", summary(lumctl::decode_event(LUM_TV_EVT_STORAGE_DEV_MOUNT, nullptr, 0)));
+    EXPECT_EQ("hex=3 bytes: 01 02 ff;", summary(lumctl::decode_event(LUM_TV_EVT_STORAGE_MKDIRS, other.data(), other.size())));
+    EXPECT_EQ("hex=0 bytes;", summary(lumctl::decode_event(LUM_TV_EVT_STORAGE_MKDIRS, nullptr, 0)));
 }
 
 // Output of one print call, through a memory stream.

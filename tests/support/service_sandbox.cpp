@@ -5,6 +5,8 @@
 #include <cstring>
 #include <fcntl.h>
 #include <initializer_list>
+#include <climits>
+#include <string>
 #include <sched.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
@@ -37,6 +39,32 @@ bool enter_user_namespace(int flags)
     return write_file("/proc/self/gid_map", map);
 }
 
+// A fresh /tmp. A build tree that lives in /tmp (a clone there) stays
+// visible: its top folder is bound back into the new /tmp, so the test
+// binaries still find their libraries and scripts.
+bool private_tmp()
+{
+    char exe[PATH_MAX];
+    ssize_t n = readlink("/proc/self/exe", exe, sizeof(exe) - 1);
+    std::string top;
+    if (n > 0) {
+        exe[n] = '\0';
+        if (strncmp(exe, "/tmp/", 5) == 0)
+            top = std::string(exe).substr(0, std::string(exe).find('/', 5));
+    }
+    int oldTmp = open("/tmp", O_PATH | O_DIRECTORY | O_CLOEXEC);
+    if (oldTmp < 0)
+        return false;
+    bool ok = mount("lumsandbox", "/tmp", "tmpfs", 0, "mode=1777") == 0;
+    if (ok && !top.empty()) {
+        char source[PATH_MAX];
+        snprintf(source, sizeof(source), "/proc/self/fd/%d/%s", oldTmp, top.c_str() + 5);
+        ok = mkdir(top.c_str(), 0755) == 0 && mount(source, top.c_str(), nullptr, MS_BIND | MS_REC, nullptr) == 0;
+    }
+    close(oldTmp);
+    return ok;
+}
+
 }  // namespace
 
 bool enter_service_sandbox(bool privateTmp)
@@ -51,9 +79,9 @@ bool enter_service_sandbox(bool privateTmp)
         if (mount("/dev/null", list, nullptr, MS_BIND, nullptr) != 0)
             return false;
     }
+    if (privateTmp && !private_tmp())
+        return false;
     if (privateTmp) {
-        if (mount("lumsandbox", "/tmp", "tmpfs", 0, "mode=1777") != 0)
-            return false;
         mkdir("/tmp/property", 0700);
         setenv("LMDROID_PROPERTY_DIR", "/tmp/property", 1);
     }
