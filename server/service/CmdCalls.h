@@ -8,5 +8,7 @@ void cmd_partition_fs_type(const android::Parcel& request, android::Parcel* repl
 void cmd_partition_total_size(const android::Parcel& request, android::Parcel* reply);
 void cmd_partition_used_size(const android::Parcel& request, android::Parcel* reply);
 
-// PvrState.cpp
+// ../device/PvrPlug.cpp
 void cmd_pvr_dev_state(const android::Parcel& request, android::Parcel* reply);
+void cmd_pvr_mount_path(const android::Parcel& request, android::Parcel* reply);
+void cmd_pvr_guide_info(const android::Parcel& request, android::Parcel* reply);

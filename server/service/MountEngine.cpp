@@ -228,7 +228,11 @@ int StorageManagerService::MountUsbDevices(const char* pDevName)
         usleep(MOUNT_PASS_DELAY_US);
     }
     GetDevTable();
-    (void)pDevName;
+    MountPvrPartitionProcess();
+    // A hot-plug run tells the user interface what it may offer; a client's
+    // request does not.
+    if ((pDevName == nullptr || pDevName[0] == '\0') && context.num_new_mounted > 0)
+        NotifyGuide(LUM_TV_EVT_STORAGE_CONNECT_STATE);
     NotifyToStorageManager(LUM_TV_EVT_STORAGE_DEV_MOUNT_END, &context.num_new_mounted,
                            sizeof(context.num_new_mounted));
     return context.num_new_mounted;

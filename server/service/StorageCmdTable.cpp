@@ -61,6 +61,8 @@ const SCmdRow kCmdRows[] = {
     CALL(STORAGE_PARTITION_TOTAL_SIZE, cmd_partition_total_size),
     CALL(STORAGE_PARTITION_USED_SIZE, cmd_partition_used_size),
     CALL(STORAGE_PVR_DEV_STATE, cmd_pvr_dev_state),
+    CALL(STORAGE_PVR_MOUNT_PATH, cmd_pvr_mount_path),
+    CALL(STORAGE_PVR_GET_DEV_GUIDE_INFO, cmd_pvr_guide_info),
     CALL(STORAGE_IS_ENCRYPTED, reply_false),
     CALL(STORAGE_PARTITION_PRIVATE, reply_false),
     CALL(STORAGE_PARTITION_MIXED, reply_false),

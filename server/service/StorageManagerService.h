@@ -15,6 +15,7 @@
 #include "HotPlug.h"
 #include "StorageDevice.h"
 #include "StorageEvents.h"
+#include "StoragePvr.h"
 #include "StorageManagerAction.h"
 
 #define STORAGE_SERVICE_QUEUE_NAME "/MQ_STORAGE_SRV"
@@ -62,8 +63,20 @@ public:
     int UnmountMtpDevices();
     int GetMtpDeviceNr(const char* pDeviceName);
 
-    // PVR state as the last run left it (PvrState.cpp).
+    // PVR identity, choice and guide (../device/PvrIdentity.cpp, PvrPlug.cpp).
+    bool FindPvrIdentityFromStorage(const char* path, char* pvrIdentity, int pvrIdentityLen);
+    bool CreatePvrIdentity(const char* path);
+    void SetPvrDevState(bool state);
     bool GetPvrDevState();
+    void SetPvrMountPath(std::string path);
+    std::string GetPvrMountPath();
+    int MountPvrPartitionProcess();
+    int UnmountPvrPartitionProcess();
+    int GetPvrDevGuideInfo(SStoragePvrDevGuideInfo& stPvrGuideInfo);
+    // Sends a fresh guide record as event.
+    void NotifyGuide(LUM_EM_TYPE_E event);
+    // Announces a chosen partition and remembers it.
+    void ChoosePvrPartition(const char* mountPoint);
 
     // Volume and size queries (VolumeQuery.cpp).
     void GetDevSize(const unsigned char* buf, int len);

@@ -113,6 +113,9 @@ int StorageManagerService::UnmountUsbDevices(const char* pDevName)
         usleep(UNMOUNT_PASS_DELAY_US);
     }
     GetDevTable();
+    UnmountPvrPartitionProcess();
+    if (pDevName == nullptr)
+        NotifyGuide(LUM_TV_EVT_STORAGE_DISCONNECT);
     NotifyToStorageManager(LUM_TV_EVT_STORAGE_DEV_UMOUNT_END, &context.num_unmounted, sizeof(context.num_unmounted));
     return context.num_unmounted;
 }
