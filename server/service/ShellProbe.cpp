@@ -74,6 +74,17 @@ int make_temp_file(char name[20])
     return fd >= 0 ? fd : -errno;
 }
 
+// Runs cmd with its standard output in a new temporary file, whatever the
+// command's own status. Returns the file's descriptor (name gets its path),
+// or -errno when no file could be made and nothing ran.
+int run_into_temp_file(const char* cmd, char name[20])
+{
+    int fd = make_temp_file(name);
+    if (fd >= 0)
+        call_system("%s > %s || true", cmd, name);
+    return fd;
+}
+
 int read_into(char* buf, int size, const char* filename)
 {
     buf[0] = '\0';
@@ -133,12 +144,11 @@ int buffer_read_from_command(char* buf, int size, const char* command, ...)
     va_end(args);
 
     char name[20];
-    int fd = make_temp_file(name);
+    int fd = run_into_temp_file(cmd, name);
     if (fd < 0) {
         SLOGE("[%s, %d] create temp file failed! errno = %d.\n", -fd);
         return fd;
     }
-    call_system("%s > %s || true", cmd, name);
     int result = read_into(buf, size, name);
     close(fd);
     unlink(name);
@@ -180,12 +190,11 @@ int parse_output_lines(line_handler_t callback, void* context, const char* comma
     va_end(args);
 
     char name[20];
-    int fd = make_temp_file(name);
+    int fd = run_into_temp_file(cmd, name);
     if (fd < 0) {
         SLOGE("[%s, %d] create temp file. errno = %d.\n", -fd);
         return fd;
     }
-    call_system("%s > %s || true", cmd, name);
 
     int result;
     FILE* file = fopen(name, "re");
