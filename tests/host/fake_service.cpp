@@ -1,5 +1,7 @@
 #include "fake_service.h"
 
+#include "fake_devices.h"
+
 #include <cstdio>
 #include <cstring>
 
@@ -48,11 +50,6 @@ int dev_format(const android::Parcel& request, android::Parcel* reply)
     return 0;
 }
 
-struct Row {
-    int32_t word;
-    int (*run)(const android::Parcel& request, android::Parcel* reply);
-};
-
 const Row kRows[] = {
     {kEcho, echo},
     {kEmit, emit},
@@ -69,6 +66,12 @@ int invoke(const android::Parcel& request, android::Parcel* reply)
     for (const Row& row : kRows) {
         if (row.word == word)
             return row.run(request, reply);
+    }
+    size_t count = 0;
+    const Row* rows = device_rows(&count);
+    for (size_t i = 0; i < count; ++i) {
+        if (rows[i].word == word)
+            return rows[i].run(request, reply);
     }
     return -1;
 }

@@ -74,11 +74,60 @@ int ctl_connect(const std::string& path)
     return fd;
 }
 
-int ctl_transact(int fd, const std::vector<uint8_t>& request, CtlReply* reply, std::string* error)
+namespace {
+
+// The REPLY payload: int32 result, then the reply Parcel.
+int take_reply(const std::vector<uint8_t>& payload, CtlReply* reply, std::string* error)
+{
+    if (payload.size() < 4) {
+        *error = "REPLY shorter than its result";
+        return -1;
+    }
+    reply->result = static_cast<int32_t>(lumproto::get_u32le(payload.data()));
+    reply->bytes.assign(payload.begin() + 4, payload.end());
+    return 0;
+}
+
+// An EVENT (id, bytes) or DROPPED (count) payload; false when it is too short.
+bool take_event(const lumproto::FrameHeader& header, std::vector<uint8_t>* payload, CtlEvent* event)
+{
+    bool is_event = header.type == lumproto::kEvent && payload->size() >= 4;
+    bool is_dropped = header.type == lumproto::kDropped && payload->size() == 4;
+    if (!is_event && !is_dropped)
+        return false;
+    event->dropped = is_dropped;
+    event->count = is_dropped ? lumproto::get_u32le(payload->data()) : 0;
+    event->id = is_event ? static_cast<int32_t>(lumproto::get_u32le(payload->data())) : 0;
+    event->data.assign(payload->begin() + 4, payload->end());
+    return true;
+}
+
+// Waits for and reads the next frame: 1, 0 on timeout, -1 with error.
+int wait_and_read(int fd, int timeout_ms, lumproto::FrameHeader* header,
+                  std::vector<uint8_t>* payload, std::string* error)
+{
+    int ready = lumproto::wait_readable(fd, timeout_ms);
+    if (ready == 0)
+        return 0;
+    if (ready < 0) {
+        *error = std::string("poll: ") + strerror(-ready);
+        return -1;
+    }
+    return read_one(fd, header, payload, error) == 0 ? 1 : -1;
+}
+
+}  // namespace
+
+int ctl_send_request(int fd, const std::vector<uint8_t>& request, std::string* error)
 {
     int rc = lumproto::write_frame(fd, lumproto::kRequest, request.data(), request.size());
-    if (rc != 0)
-        return send_failed(rc, error);
+    return rc == 0 ? 0 : send_failed(rc, error);
+}
+
+int ctl_transact(int fd, const std::vector<uint8_t>& request, CtlReply* reply, std::string* error)
+{
+    if (ctl_send_request(fd, request, error) != 0)
+        return -1;
     lumproto::FrameHeader header{};
     std::vector<uint8_t> payload;
     // Events may come first on a subscribed connection; they are skipped.
@@ -88,13 +137,7 @@ int ctl_transact(int fd, const std::vector<uint8_t>& request, CtlReply* reply, s
     } while (header.type == lumproto::kEvent || header.type == lumproto::kDropped);
     if (header.type != lumproto::kReply)
         return unexpected(header, error);
-    if (payload.size() < 4) {
-        *error = "REPLY shorter than its result";
-        return -1;
-    }
-    reply->result = static_cast<int32_t>(lumproto::get_u32le(payload.data()));
-    reply->bytes.assign(payload.begin() + 4, payload.end());
-    return 0;
+    return take_reply(payload, reply, error);
 }
 
 int ctl_subscribe(int fd, std::string* error)
@@ -111,25 +154,25 @@ int ctl_subscribe(int fd, std::string* error)
 
 int ctl_next_event(int fd, int timeout_ms, CtlEvent* event, std::string* error)
 {
-    int ready = lumproto::wait_readable(fd, timeout_ms);
-    if (ready == 0)
-        return 0;
-    if (ready < 0) {
-        *error = std::string("poll: ") + strerror(-ready);
-        return -1;
-    }
     lumproto::FrameHeader header{};
-    if (read_one(fd, &header, &event->data, error) != 0)
-        return -1;
-    bool is_event = header.type == lumproto::kEvent && event->data.size() >= 4;
-    bool is_dropped = header.type == lumproto::kDropped && event->data.size() == 4;
-    if (!is_event && !is_dropped)
-        return unexpected(header, error);
-    event->dropped = is_dropped;
-    event->count = is_dropped ? lumproto::get_u32le(event->data.data()) : 0;
-    event->id = is_event ? static_cast<int32_t>(lumproto::get_u32le(event->data.data())) : 0;
-    event->data.erase(event->data.begin(), event->data.begin() + 4);
-    return 1;
+    std::vector<uint8_t> payload;
+    int rc = wait_and_read(fd, timeout_ms, &header, &payload, error);
+    if (rc <= 0)
+        return rc;
+    return take_event(header, &payload, event) ? 1 : unexpected(header, error);
+}
+
+int ctl_next_incoming(int fd, int timeout_ms, CtlIncoming* in, std::string* error)
+{
+    lumproto::FrameHeader header{};
+    std::vector<uint8_t> payload;
+    int rc = wait_and_read(fd, timeout_ms, &header, &payload, error);
+    if (rc <= 0)
+        return rc;
+    in->is_reply = header.type == lumproto::kReply;
+    if (in->is_reply)
+        return take_reply(payload, &in->reply, error) == 0 ? 1 : -1;
+    return take_event(header, &payload, &in->event) ? 1 : unexpected(header, error);
 }
 
 }  // namespace lumctl

@@ -17,11 +17,24 @@ const char kUsage[] =
     "       lumstoragectl [--socket PATH] [--json] raw WORD [TYPE:VALUE...]\n"
     "       lumstoragectl [--socket PATH] watch [--json] [--count N] [--timeout S]\n"
     "       lumstoragectl [--json] list\n"
+    "       lumstoragectl [--socket PATH] [--json] SUBCOMMAND [OPERAND] [--json] [--timeout S]\n"
     "COMMAND is a name from 'list' (STORAGE_DEV_MOUNT, DEV_MOUNT, dev-mount) or its number.\n"
     "ARGS follow the command's request letters: s string, i int32, u uint32, l int64,\n"
     "b true/false/1/0, c one character or a number, r raw bytes (@file, @@literal or\n"
     "literal; give - for the int32 before it to fill in the byte count).\n"
     "raw TYPE letters: i u l b c s, and x for hex bytes appended unpadded.\n"
+    "SUBCOMMAND sends a request the service answers by event and waits for the event:\n"
+    "  volumes          the volume list as a table (--json: the list and the device table)\n"
+    "  devinfo DEVICE   vendor, model, serial and id of a device\n"
+    "  mount DEVICE     mounts a device's volumes, printing each one and the count\n"
+    "  umount DEVICE    unmounts them, printing each mount point and the count\n"
+    "  size DEVICE      the size of a device or partition\n"
+    "  used DEVICE      the space used on a partition\n"
+    "  free UUID        the free space of a volume\n"
+    "  uuid PATH        the uuid of the volume holding PATH\n"
+    "  --timeout S waits at most S seconds (mount and umount 60, the others 20).\n"
+    "  A refused request or a time-out exits 1. Command names (dev-mount, 4109)\n"
+    "  still send the command itself and print its reply.\n"
     "The socket defaults to $LUMSTORAGED_SOCKET, else /run/lumstorage/lumstoraged.sock.\n"
     "Exit: 0 done, 1 connection or protocol error, 2 usage error.\n";
 
@@ -36,9 +49,12 @@ struct SubcommandRow {
     int (*run)(const CtlContext& ctx, int argc, char** argv);
 };
 
+// Exact words only: anything else goes to the command table.
 const SubcommandRow kSubcommands[] = {
-    {"list", run_list}, {"watch", run_watch}, {"raw", run_raw},
-    {"help", run_help}, {"--help", run_help}, {"-h", run_help},
+    {"list", run_list},     {"watch", run_watch},   {"raw", run_raw},       {"help", run_help},
+    {"--help", run_help},   {"-h", run_help},       {"volumes", run_volumes}, {"devinfo", run_devinfo},
+    {"mount", run_mount},   {"umount", run_umount}, {"size", run_size},     {"used", run_used},
+    {"free", run_free},     {"uuid", run_uuid},
 };
 
 // Consumes the global options; returns the index of the command word, or

@@ -1,13 +1,11 @@
 // watch: subscribe and print every event until --count events came or
 // --timeout seconds passed.
-#include <cerrno>
 #include <cmath>
-#include <cstdlib>
 #include <cstring>
-#include <ctime>
 #include <unistd.h>
 
 #include "lumctl/ctl.h"
+#include "lumctl/ctl_args.h"
 
 namespace lumctl {
 
@@ -19,28 +17,17 @@ struct WatchOptions {
     double timeout = -1;   // seconds; below 0: no limit
 };
 
-bool parse_positive(const char* text, double* out)
-{
-    char* end = nullptr;
-    errno = 0;
-    double v = strtod(text, &end);
-    if (errno != 0 || end == text || *end != '\0' || !std::isfinite(v) || v < 0 || v > 1e9)
-        return false;
-    *out = v;
-    return true;
-}
-
 int parse_watch(const CtlContext& ctx, int argc, char** argv, WatchOptions* opts)
 {
     for (int i = 0; i < argc; ++i) {
         double v = 0;
         if (strcmp(argv[i], "--json") == 0) {
             opts->json = true;
-        } else if (strcmp(argv[i], "--count") == 0 && i + 1 < argc && parse_positive(argv[i + 1], &v) &&
+        } else if (strcmp(argv[i], "--count") == 0 && i + 1 < argc && parse_non_negative(argv[i + 1], &v) &&
                    v >= 1 && v == std::floor(v)) {
             opts->count = static_cast<long>(v);
             ++i;
-        } else if (strcmp(argv[i], "--timeout") == 0 && i + 1 < argc && parse_positive(argv[i + 1], &v)) {
+        } else if (strcmp(argv[i], "--timeout") == 0 && i + 1 < argc && parse_non_negative(argv[i + 1], &v)) {
             opts->timeout = v;
             ++i;
         } else {
@@ -48,22 +35,6 @@ int parse_watch(const CtlContext& ctx, int argc, char** argv, WatchOptions* opts
         }
     }
     return kExitOk;
-}
-
-double now_seconds()
-{
-    timespec ts;
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) / 1e9;
-}
-
-// Milliseconds left before the deadline; -1 without one.
-int time_left_ms(double deadline)
-{
-    if (deadline < 0)
-        return -1;
-    double left = deadline - now_seconds();
-    return left <= 0 ? 0 : static_cast<int>(std::ceil(left * 1000));
 }
 
 int watch_loop(const CtlContext& ctx, int fd, const WatchOptions& opts)

@@ -56,12 +56,7 @@ const char* const kTagNames[] = {nullptr, nullptr, "node", "conn", "mountPoint",
 // the end.
 bool decode_elements(const uint8_t* p, size_t len, Object* obj)
 {
-    size_t at = 0;
-    while (at + 4 <= len) {
-        uint32_t tag = be16(p + at), clen = be16(p + at + 2);
-        const uint8_t* v = p + at + 4;
-        if (at + 4 + clen > len)
-            return false;
+    auto one = [obj](uint32_t tag, const uint8_t* v, size_t clen) {
         const char* name = tag < sizeof(kTagNames) / sizeof(kTagNames[0]) ? kTagNames[tag] : nullptr;
         if (name != nullptr && tag == 3 && clen >= 1)
             obj->num(name, v[0]);
@@ -69,12 +64,24 @@ bool decode_elements(const uint8_t* p, size_t len, Object* obj)
             obj->num(name, be32(v));
         else if (name != nullptr && tag != 3 && tag < 11)
             obj->str(name, cut(reinterpret_cast<const char*>(v), clen));
-        at += 4 + clen;
-    }
-    return at == len;
+        return true;
+    };
+    return walk_elements(p, len, one) == len;
 }
 
 }  // namespace
+
+size_t walk_elements(const uint8_t* p, size_t len, const ElementFn& fn)
+{
+    size_t at = 0;
+    while (at + 4 <= len) {
+        size_t clen = be16(p + at + 2);
+        if (at + 4 + clen > len || !fn(be16(p + at), p + at + 4, clen))
+            break;
+        at += 4 + clen;
+    }
+    return at;
+}
 
 size_t decode_hot_plug_info(const uint8_t* data, size_t len, Decoded* out)
 {
@@ -137,20 +144,18 @@ size_t decode_uuid(const uint8_t* data, size_t len, Decoded* out)
 
 size_t decode_tagged_table(const uint8_t* data, size_t len, Decoded* out)
 {
-    Field devices{"devices", "", "[]"};
-    devices.json.clear();
+    Field devices{"devices", "", ""};
     size_t at = len > 0 ? 1 : 0;  // the leading zero byte
-    while (at + 4 <= len) {
-        uint32_t tag = be16(data + at), clen = be16(data + at + 2);
-        if (at + 4 + clen > len)
-            break;
+    auto one = [&devices](uint32_t tag, const uint8_t* v, size_t clen) {
         Object obj;
-        if (tag == 1 && !decode_elements(data + at + 4, clen, &obj))
-            break;
+        if (tag == 1 && !decode_elements(v, clen, &obj))
+            return false;
         if (tag == 1)
             append(&devices, obj);
-        at += 4 + clen;
-    }
+        return true;
+    };
+    if (len > 0)
+        at += walk_elements(data + at, len - at, one);
     if (devices.json.empty())
         devices.json = "[]";
     out->fields.push_back(devices);

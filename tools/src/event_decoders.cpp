@@ -3,6 +3,7 @@
 #include "lumctl/event_decoders.h"
 
 #include "lumctl/device_decoders.h"
+#include "lumctl/pvr_decoders.h"
 
 #include <cstring>
 
@@ -51,6 +52,30 @@ size_t decode_format_info(const uint8_t* data, size_t len, Decoded* out)
     return sizeof(info);
 }
 
+// SetAllPartitions' reply: retVal, the device with its NUL, and when retVal
+// is 0 the new size in MB and three zero words, all big-endian.
+size_t decode_set_all_partition(const uint8_t* data, size_t len, Decoded* out)
+{
+    if (len < 2 || memchr(data + 1, 0, len - 1) == nullptr)
+        return 0;
+    size_t n = strlen(reinterpret_cast<const char*>(data + 1));
+    add_uint(out, "retVal", data[0]);
+    add_string(out, "device", reinterpret_cast<const char*>(data + 1), n);
+    size_t used = 1 + n + 1;
+    if (data[0] != 0)
+        return used;
+    if (len < used + 16)
+        return 0;
+    const char* const names[] = {"sizeMB", "part2MB", "part3MB", "part4MB"};
+    for (const char* name : names) {
+        const uint8_t* p = data + used;
+        add_uint(out, name, static_cast<uint32_t>(p[0]) << 24 | static_cast<uint32_t>(p[1]) << 16 |
+                                static_cast<uint32_t>(p[2]) << 8 | p[3]);
+        used += 4;
+    }
+    return used;
+}
+
 struct DecoderRow {
     int32_t id;
     // Returns the bytes it decoded, or 0 when the payload is too short.
@@ -59,6 +84,7 @@ struct DecoderRow {
 
 const DecoderRow kDecoders[] = {
     {LUM_TV_EVT_STORAGE_FORMAT, decode_format_info},
+    {LUM_TV_EVT_STORAGE_SET_ALL_PARTITION, decode_set_all_partition},
     {LUM_TV_EVT_STORAGE_DEV_MOUNT, decode_hot_plug_info},
     {LUM_TV_EVT_STORAGE_DEV_UMOUNT, decode_mount_point},
     {LUM_TV_EVT_STORAGE_DEV_MOUNT_END, decode_count},
@@ -70,6 +96,11 @@ const DecoderRow kDecoders[] = {
     {LUM_TV_EVT_STORAGE_GET_STORAGE_VOLUMES, decode_tagged_table},
     {LUM_TV_EVT_STORAGE_GET_DEV_TABLE, decode_device_rows},
     {LUM_TV_EVT_STORAGE_GET_DEV_INFO, decode_dev_info},
+    {LUM_TV_EVT_STORAGE_PVR_DEV_CHANGE, decode_path_text},
+    {LUM_TV_EVT_STORAGE_PVR_PLUG_OUT, decode_path_text},
+    {LUM_TV_EVT_STORAGE_PVR_MARK, decode_mark_info},
+    {LUM_TV_EVT_STORAGE_CONNECT_STATE, decode_guide},
+    {LUM_TV_EVT_STORAGE_DISCONNECT, decode_guide},
 };
 
 const DecoderRow* find_decoder(int32_t id)

@@ -13,7 +13,8 @@ namespace lumctl {
 
 enum ExitCode {
     kExitOk = 0,
-    kExitProtocol = 1,  // connect failure, ERROR frame, broken stream, timeout in watch
+    kExitProtocol = 1,  // connect failure, ERROR frame, broken stream, timeout in watch,
+                        // a device subcommand refused or timed out
     kExitUsage = 2,
 };
 
@@ -31,6 +32,18 @@ int run_list(const CtlContext& ctx, int argc, char** argv);
 int run_watch(const CtlContext& ctx, int argc, char** argv);
 int run_raw(const CtlContext& ctx, int argc, char** argv);
 int run_command(const CtlContext& ctx, const CmdRow& row, int argc, char** argv);
+
+// Device subcommands: send a request the service answers by event, wait for
+// the event(s) and print them (ctl_volumes.cpp, ctl_mount.cpp,
+// ctl_queries.cpp). Exit 1 when the request is refused or times out.
+int run_volumes(const CtlContext& ctx, int argc, char** argv);
+int run_devinfo(const CtlContext& ctx, int argc, char** argv);
+int run_mount(const CtlContext& ctx, int argc, char** argv);
+int run_umount(const CtlContext& ctx, int argc, char** argv);
+int run_size(const CtlContext& ctx, int argc, char** argv);
+int run_used(const CtlContext& ctx, int argc, char** argv);
+int run_free(const CtlContext& ctx, int argc, char** argv);
+int run_uuid(const CtlContext& ctx, int argc, char** argv);
 
 // Renderings, one line per event; a reply is several lines of text or one
 // JSON object. row may be null (a raw word with no row).

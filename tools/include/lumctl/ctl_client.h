@@ -33,4 +33,19 @@ struct CtlEvent {
 // frame. Returns 1 with an event, 0 on timeout, -1 with error.
 int ctl_next_event(int fd, int timeout_ms, CtlEvent* event, std::string* error);
 
+// Sends one REQUEST without waiting for its REPLY. Returns 0 or -1 with error.
+int ctl_send_request(int fd, const std::vector<uint8_t>& request, std::string* error);
+
+// A frame of a subscribed connection: the REPLY of a request sent with
+// ctl_send_request, or an EVENT / DROPPED notice.
+struct CtlIncoming {
+    bool is_reply;
+    CtlReply reply;   // when is_reply
+    CtlEvent event;   // otherwise
+};
+
+// Waits up to timeout_ms (below 0: forever) for the next REPLY, EVENT or
+// DROPPED frame. Returns 1 with a frame, 0 on timeout, -1 with error.
+int ctl_next_incoming(int fd, int timeout_ms, CtlIncoming* in, std::string* error);
+
 }  // namespace lumctl

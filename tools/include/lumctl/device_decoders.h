@@ -5,10 +5,20 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 
 #include "lumctl/decoded.h"
 
 namespace lumctl {
+
+// Called with each element of a tagged list; false stops the walk before
+// that element.
+using ElementFn = std::function<bool(uint32_t tag, const uint8_t* value, size_t len)>;
+
+// Walks the elements {u16 tag, u16 len, len bytes} (big-endian) in
+// p[0..len) until fn returns false, an element runs past the end or fewer
+// than 4 bytes are left. Returns the bytes of the elements fn took.
+size_t walk_elements(const uint8_t* p, size_t len, const ElementFn& fn);
 
 size_t decode_hot_plug_info(const uint8_t* data, size_t len, Decoded* out);
 size_t decode_mount_point(const uint8_t* data, size_t len, Decoded* out);

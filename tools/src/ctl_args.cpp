@@ -1,0 +1,64 @@
+// Clock, deadlines and the option parser of the device subcommands.
+#include "lumctl/ctl_args.h"
+
+#include <cerrno>
+#include <cmath>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+
+#include "lumctl/ctl.h"
+
+namespace lumctl {
+
+double now_seconds()
+{
+    timespec ts;
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) / 1e9;
+}
+
+int time_left_ms(double deadline)
+{
+    if (deadline < 0)
+        return -1;
+    double left = deadline - now_seconds();
+    return left <= 0 ? 0 : static_cast<int>(std::ceil(left * 1000));
+}
+
+bool parse_non_negative(const char* text, double* out)
+{
+    char* end = nullptr;
+    errno = 0;
+    double v = strtod(text, &end);
+    if (errno != 0 || end == text || *end != '\0' || !std::isfinite(v) || v < 0 || v > 1e9)
+        return false;
+    *out = v;
+    return true;
+}
+
+int parse_device_args(const CtlContext& ctx, const char* sub, const char* what, size_t want,
+                      int argc, char** argv, DeviceArgs* args)
+{
+    for (int i = 0; i < argc; ++i) {
+        double v = 0;
+        if (strcmp(argv[i], "--json") == 0) {
+            args->json = true;
+        } else if (strcmp(argv[i], "--timeout") == 0 && i + 1 < argc && parse_non_negative(argv[i + 1], &v) &&
+                   v > 0) {
+            args->timeout = v;
+            ++i;
+        } else if (strncmp(argv[i], "--", 2) == 0) {
+            return usage_error(ctx, std::string(sub) + ": bad option or value at '" + argv[i] + "'");
+        } else {
+            args->operands.push_back(argv[i]);
+        }
+    }
+    if (args->operands.size() != want)
+        return usage_error(ctx, std::string(sub) + " takes " +
+                                    (want == 0 ? std::string("no operand") : std::string(what)) +
+                                    ", not " + std::to_string(args->operands.size()) + " operand(s)");
+    return kExitOk;
+}
+
+}  // namespace lumctl

@@ -1,0 +1,51 @@
+// Shared parts of the device subcommands (volumes, devinfo, mount, umount,
+// size, used, free, uuid): their options, requests and failure reports.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "lumctl/ctl.h"
+#include "lumctl/ctl_args.h"
+#include "lumctl/event_query.h"
+
+namespace lumctl {
+
+// Default waits: a mount run that mounts nothing takes 5 s and an unmount
+// run up to about 13 s; a query may sit behind such a run in the service's
+// queue.
+constexpr double kRunTimeoutSeconds = 60;
+constexpr double kQueryTimeoutSeconds = 20;
+
+// What a subcommand sends and waits for.
+struct DeviceCall {
+    const char* sub;      // "mount"
+    const char* command;  // "STORAGE_DEV_MOUNT"
+    DeviceArgs args;
+};
+
+// Parses the subcommand's words: want operands named what, --json (the
+// global one counts too) and --timeout (default timeout seconds).
+int device_args(const CtlContext& ctx, DeviceCall* call, const char* what, size_t want,
+                double timeout, int argc, char** argv);
+
+// The query of call: its command with fields (one per request letter), the
+// awaited ids and the handler. Returns 0, or -1 with a message in error.
+int device_query(const DeviceCall& call, const std::vector<std::string>& fields,
+                 std::vector<int32_t> ids, std::function<EventStep(const CtlEvent&)> on_event,
+                 EventQuery* query, std::string* error);
+
+// Sends the query and waits. Returns kExitOk when the handler finished;
+// otherwise reports the refusal, the time-out (waiting() names what was
+// awaited, asked once the time is out) or the error and returns
+// kExitProtocol.
+int device_run(const CtlContext& ctx, const DeviceCall& call, const EventQuery& query,
+               const std::function<std::string()>& waiting);
+
+// The context with the subcommand's own --json.
+CtlContext device_context(const CtlContext& ctx, const DeviceCall& call);
+
+// "1 volume", "2 volumes".
+std::string count_of(long long n, const char* what);
+
+}  // namespace lumctl

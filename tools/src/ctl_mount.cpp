@@ -1,0 +1,135 @@
+// mount DEVICE / umount DEVICE: start a run, print each volume the service
+// announces as it comes, then the count of the run's end event.
+#include <cstring>
+
+#include <StorageDevice.h>
+#include <StorageEvents.h>
+
+#include "ctl_device.h"
+#include "lumctl/event_decoders.h"
+#include "lumctl/volume_table.h"
+
+namespace lumctl {
+
+namespace {
+
+std::string mounted_text(const CtlEvent& event)
+{
+    SStorageHotPlugInfo info;
+    if (event.data.size() < sizeof(info))
+        return "(short mount event of " + std::to_string(event.data.size()) + " bytes)";
+    memcpy(&info, event.data.data(), sizeof(info));
+    std::string fs(info.fsType, strnlen(info.fsType, sizeof(info.fsType)));
+    std::string label(info.label, strnlen(info.label, sizeof(info.label)));
+    std::string mount_point(info.mountPoint, strnlen(info.mountPoint, sizeof(info.mountPoint)));
+    std::string detail = fs + (label.empty() ? "" : ", label " + label);
+    return "mounted " + printable(mount_point) + (detail.empty() ? "" : " (" + printable(detail) + ")");
+}
+
+std::string unmounted_text(const CtlEvent& event)
+{
+    const char* text = reinterpret_cast<const char*>(event.data.data());
+    return "unmounted " + printable(std::string(text, strnlen(text, event.data.size())));
+}
+
+struct RunKind {
+    const char* sub;
+    const char* command;
+    int32_t item_id;  // one per volume
+    int32_t end_id;   // int32 count, host order
+    const char* verb;
+    std::string (*item_text)(const CtlEvent& event);
+};
+
+const RunKind kRuns[] = {
+    {"mount", "STORAGE_DEV_MOUNT", LUM_TV_EVT_STORAGE_DEV_MOUNT, LUM_TV_EVT_STORAGE_DEV_MOUNT_END, "mounted",
+     mounted_text},
+    {"umount", "STORAGE_DEV_UMOUNT", LUM_TV_EVT_STORAGE_DEV_UMOUNT, LUM_TV_EVT_STORAGE_DEV_UMOUNT_END,
+     "unmounted", unmounted_text},
+};
+
+const RunKind& run_kind(const char* sub)
+{
+    for (const RunKind& kind : kRuns) {
+        if (strcmp(kind.sub, sub) == 0)
+            return kind;
+    }
+    return kRuns[0];
+}
+
+struct RunPrinter {
+    const CtlContext& ctx;
+    const RunKind& kind;
+    const std::string& device;
+    long long seen = 0;
+
+    void item(const CtlEvent& event)
+    {
+        ++seen;
+        if (ctx.json) {
+            Decoded d = decode_event(event.id, event.data.data(), event.data.size());
+            fprintf(ctx.out, "{\"%s\":%s}\n", kind.verb, fields_json(d).c_str());
+        } else {
+            fprintf(ctx.out, "%s\n", kind.item_text(event).c_str());
+        }
+        fflush(ctx.out);
+    }
+
+    void end(const CtlEvent& event)
+    {
+        int32_t count = static_cast<int32_t>(seen);
+        if (event.data.size() >= sizeof(count))
+            memcpy(&count, event.data.data(), sizeof(count));
+        if (ctx.json)
+            fprintf(ctx.out, "{\"device\":%s,\"%s\":%d}\n", json_string(device.data(), device.size()).c_str(),
+                    kind.verb, count);
+        else
+            fprintf(ctx.out, "%s: %s %s\n", printable(device).c_str(), count_of(count, "volume").c_str(),
+                    kind.verb);
+        fflush(ctx.out);
+    }
+
+    EventStep take(const CtlEvent& event)
+    {
+        if (event.id == kind.end_id) {
+            end(event);
+            return EventStep::kDone;
+        }
+        item(event);
+        return EventStep::kMore;
+    }
+};
+
+int run_device_run(const CtlContext& ctx, const char* sub, int argc, char** argv)
+{
+    const RunKind& kind = run_kind(sub);
+    DeviceCall call{kind.sub, kind.command, {}};
+    int rc = device_args(ctx, &call, "DEVICE", 1, kRunTimeoutSeconds, argc, argv);
+    if (rc != kExitOk)
+        return rc;
+    CtlContext local = device_context(ctx, call);
+    RunPrinter printer{local, kind, call.args.operands[0]};
+    EventQuery query;
+    std::string error;
+    if (device_query(call, call.args.operands, {kind.item_id, kind.end_id},
+                     [&printer](const CtlEvent& e) { return printer.take(e); }, &query, &error) != 0)
+        return usage_error(ctx, error);
+    return device_run(ctx, call, query, [&printer, &kind] {
+        return std::string("the end of the run (") + count_of(printer.seen, "volume") + " " + kind.verb +
+               " so far)";
+    });
+}
+
+}  // namespace
+
+int run_mount(const CtlContext& ctx, int argc, char** argv)
+{
+    return run_device_run(ctx, "mount", argc, argv);
+}
+
+int run_umount(const CtlContext& ctx, int argc, char** argv)
+{
+    return run_device_run(ctx, "umount", argc, argv);
+}
+
+}  // namespace lumctl

@@ -1,0 +1,124 @@
+// volumes: the volume list as a table (or both event forms as JSON);
+// devinfo DEVICE: vendor, model, serial and id of one device.
+#include <StorageEvents.h>
+
+#include "ctl_device.h"
+#include "lumctl/device_decoders.h"
+#include "lumctl/volume_table.h"
+
+namespace lumctl {
+
+namespace {
+
+struct VolumeEvents {
+    std::vector<uint8_t> volumes;
+    std::vector<uint8_t> rows;
+    bool have_volumes = false;
+};
+
+// The list event, then (for JSON) the device-table event that follows it.
+EventStep take_volumes(VolumeEvents* got, bool want_rows, const CtlEvent& event)
+{
+    if (event.id == LUM_TV_EVT_STORAGE_GET_STORAGE_VOLUMES) {
+        got->volumes = event.data;
+        got->have_volumes = true;
+        return want_rows ? EventStep::kMore : EventStep::kDone;
+    }
+    if (!got->have_volumes)
+        return EventStep::kMore;  // a table sent for an earlier request
+    got->rows = event.data;
+    return EventStep::kDone;
+}
+
+using DecodeFn = size_t (*)(const uint8_t* data, size_t len, Decoded* out);
+
+// The one field a list decoder gives, as JSON.
+std::string decoded_json(DecodeFn decode, const std::vector<uint8_t>& data)
+{
+    Decoded d;
+    decode(data.data(), data.size(), &d);
+    return d.fields.empty() ? "[]" : d.fields[0].json;
+}
+
+int print_volumes(const CtlContext& ctx, const VolumeEvents& got)
+{
+    std::vector<VolumeEntry> entries;
+    bool whole = parse_volume_table(got.volumes.data(), got.volumes.size(), &entries);
+    if (ctx.json)
+        fprintf(ctx.out, "{\"devices\":%s,\"rows\":%s}\n", decoded_json(decode_tagged_table, got.volumes).c_str(),
+                decoded_json(decode_device_rows, got.rows).c_str());
+    else
+        fputs(render_volume_table(entries).c_str(), ctx.out);
+    if (whole)
+        return kExitOk;
+    long long shown = static_cast<long long>(entries.size());
+    return protocol_error(ctx, "volumes: the volume list is malformed after " + count_of(shown, "device"));
+}
+
+int print_devinfo_text(const CtlContext& ctx, const std::string& name, const VolumeEntry& e)
+{
+    fprintf(ctx.out, "device: %s\nstatus: 0 (ok)\nvendor: %s\nmodel: %s\nserial: %s\ndevId: 0x%08X\n",
+            printable(name).c_str(), printable(e.vendor).c_str(), printable(e.model).c_str(),
+            printable(e.serial).c_str(), e.dev_id);
+    return kExitOk;
+}
+
+int print_devinfo(const CtlContext& ctx, const std::string& name, const std::vector<uint8_t>& data)
+{
+    if (data.empty())
+        return protocol_error(ctx, "devinfo " + name + ": empty device information event");
+    Decoded decoded;
+    decode_dev_info(data.data(), data.size(), &decoded);
+    if (ctx.json)
+        fprintf(ctx.out, "{\"name\":%s,%s\n", json_string(name.data(), name.size()).c_str(),
+                fields_json(decoded).substr(1).c_str());
+    if (data[0] != 0)
+        return protocol_error(ctx, "no device information for " + name);
+    VolumeEntry entry;
+    if (!parse_volume_elements(data.data() + 1, data.size() - 1, &entry))
+        return protocol_error(ctx, "devinfo " + name + ": malformed device information");
+    return ctx.json ? kExitOk : print_devinfo_text(ctx, name, entry);
+}
+
+}  // namespace
+
+int run_volumes(const CtlContext& ctx, int argc, char** argv)
+{
+    DeviceCall call{"volumes", "STORAGE_GET_STORAGE_VOLUMES", {}};
+    int rc = device_args(ctx, &call, "", 0, kQueryTimeoutSeconds, argc, argv);
+    if (rc != kExitOk)
+        return rc;
+    VolumeEvents got;
+    bool json = call.args.json;
+    EventQuery query;
+    std::string error;
+    auto take = [&got, json](const CtlEvent& e) { return take_volumes(&got, json, e); };
+    if (device_query(call, {}, {LUM_TV_EVT_STORAGE_GET_STORAGE_VOLUMES, LUM_TV_EVT_STORAGE_GET_DEV_TABLE}, take,
+                     &query, &error) != 0)
+        return usage_error(ctx, error);
+    rc = device_run(ctx, call, query, [json] {
+        return std::string(json ? "the volume list and the device table" : "the volume list");
+    });
+    return rc != kExitOk ? rc : print_volumes(device_context(ctx, call), got);
+}
+
+int run_devinfo(const CtlContext& ctx, int argc, char** argv)
+{
+    DeviceCall call{"devinfo", "STORAGE_GET_STORAGE_VOLUME", {}};
+    int rc = device_args(ctx, &call, "DEVICE", 1, kQueryTimeoutSeconds, argc, argv);
+    if (rc != kExitOk)
+        return rc;
+    std::vector<uint8_t> data;
+    auto take = [&data](const CtlEvent& e) {
+        data = e.data;
+        return EventStep::kDone;
+    };
+    EventQuery query;
+    std::string error;
+    if (device_query(call, call.args.operands, {LUM_TV_EVT_STORAGE_GET_DEV_INFO}, take, &query, &error) != 0)
+        return usage_error(ctx, error);
+    rc = device_run(ctx, call, query, [] { return std::string("the device information"); });
+    return rc != kExitOk ? rc : print_devinfo(device_context(ctx, call), call.args.operands[0], data);
+}
+
+}  // namespace lumctl

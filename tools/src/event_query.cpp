@@ -1,0 +1,129 @@
+// The wait loop of event-answered requests. The service may send the events
+// of a request before its reply reaches this connection (the daemon writes
+// events and replies from different threads), so events of the awaited ids
+// that come first are kept until the reply says whether the request was
+// accepted.
+#include "lumctl/event_query.h"
+
+#include <algorithm>
+#include <cstring>
+#include <unistd.h>
+
+#include <binder/Parcel.h>
+
+#include "lumctl/ctl_args.h"
+
+namespace lumctl {
+
+namespace {
+
+struct Waiter {
+    const EventQuery& query;
+    QueryOutcome* out;
+    bool replied = false;
+    std::vector<CtlEvent> early;
+
+    bool awaited(int32_t id) const
+    {
+        return std::find(query.ids.begin(), query.ids.end(), id) != query.ids.end();
+    }
+
+    // One event; true when the handler is done.
+    bool take(const CtlEvent& event)
+    {
+        if (event.dropped) {
+            out->dropped += event.count;
+            return false;
+        }
+        if (!awaited(event.id))
+            return false;
+        if (replied)
+            return query.on_event(event) == EventStep::kDone;
+        if (early.size() < kMaxEarlyEvents)
+            early.push_back(event);
+        else
+            ++out->dropped;
+        return false;
+    }
+
+    // The reply: false when it refuses; else the kept events go to the
+    // handler, *done telling whether it finished with them.
+    bool accept(const CtlReply& reply, bool* done)
+    {
+        out->reply = reply;
+        replied = true;
+        if (!reply_accepted(reply))
+            return false;
+        for (const CtlEvent& event : early) {
+            if (query.on_event(event) == EventStep::kDone) {
+                *done = true;
+                break;
+            }
+        }
+        early.clear();
+        return true;
+    }
+};
+
+QueryOutcome finish(QueryOutcome* out, QueryStatus status)
+{
+    out->status = status;
+    return *out;
+}
+
+}  // namespace
+
+bool reply_accepted(const CtlReply& reply)
+{
+    if (reply.result != 0 || reply.bytes.size() < 4)
+        return false;
+    android::Parcel parcel;
+    parcel.setData(reply.bytes.data(), reply.bytes.size());
+    int32_t value = 0;
+    return parcel.readInt32(&value) == android::OK && value != 0;
+}
+
+QueryOutcome event_query_on(int fd, const EventQuery& query)
+{
+    QueryOutcome out;
+    double deadline = now_seconds() + query.timeout_ms / 1000.0;
+    if (ctl_send_request(fd, query.request, &out.error) != 0)
+        return finish(&out, QueryStatus::kError);
+    Waiter waiter{query, &out, false, {}};
+    for (;;) {
+        CtlIncoming in;
+        int rc = ctl_next_incoming(fd, time_left_ms(deadline), &in, &out.error);
+        if (rc <= 0)
+            return finish(&out, rc == 0 ? QueryStatus::kTimeout : QueryStatus::kError);
+        bool done = false;
+        if (in.is_reply && waiter.replied) {
+            out.error = "a second REPLY for one request";
+            return finish(&out, QueryStatus::kError);
+        }
+        if (in.is_reply && !waiter.accept(in.reply, &done))
+            return finish(&out, QueryStatus::kRefused);
+        if (!in.is_reply)
+            done = waiter.take(in.event);
+        if (done)
+            return finish(&out, QueryStatus::kDone);
+    }
+}
+
+QueryOutcome event_query(const std::string& socket_path, const EventQuery& query)
+{
+    QueryOutcome out;
+    int fd = ctl_connect(socket_path);
+    if (fd < 0) {
+        out.error = "connect " + socket_path + ": " + strerror(-fd);
+        return out;
+    }
+    if (ctl_subscribe(fd, &out.error) != 0) {
+        close(fd);
+        return out;
+    }
+    out = event_query_on(fd, query);
+    close(fd);
+    return out;
+}
+
+}  // namespace lumctl

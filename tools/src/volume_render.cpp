@@ -1,0 +1,160 @@
+// The volume table in the manner of lsblk: one line per device, partitions
+// indented under their disk, columns as wide as their widest cell.
+#include <algorithm>
+#include <cstring>
+
+#include "lumctl/volume_table.h"
+
+namespace lumctl {
+
+namespace {
+
+// Characters on screen: UTF-8 continuation bytes take no column.
+size_t display_width(const std::string& text)
+{
+    size_t width = 0;
+    for (unsigned char ch : text)
+        width += (ch & 0xc0) != 0x80 ? 1 : 0;
+    return width;
+}
+
+std::string short_name(const std::string& node)
+{
+    return printable(node.compare(0, 5, "/dev/") == 0 ? node.substr(5) : node);
+}
+
+bool all_digits(const std::string& text)
+{
+    return !text.empty() && text.find_first_not_of("0123456789") == std::string::npos;
+}
+
+// A partition belongs to the disk whose node is its node without the
+// trailing number ("/dev/sdb1" under "/dev/sdb").
+bool is_child(const VolumeEntry& part, const VolumeEntry& disk)
+{
+    return strcmp(volume_type(part), "part") == 0 && strcmp(volume_type(disk), "disk") == 0 &&
+           part.node.compare(0, disk.node.size(), disk.node) == 0 &&
+           all_digits(part.node.substr(disk.node.size()));
+}
+
+bool has_parent(const VolumeEntry& part, const std::vector<VolumeEntry>& entries)
+{
+    for (const VolumeEntry& e : entries) {
+        if (is_child(part, e))
+            return true;
+    }
+    return false;
+}
+
+struct Line {
+    std::string name;
+    const VolumeEntry* entry;
+};
+
+// Entries in their order, each disk followed by its partitions; partitions
+// whose disk is not listed stand on their own.
+std::vector<Line> tree_lines(const std::vector<VolumeEntry>& entries)
+{
+    std::vector<Line> lines;
+    for (const VolumeEntry& e : entries) {
+        if (has_parent(e, entries))
+            continue;
+        lines.push_back(Line{short_name(e.node), &e});
+        std::vector<const VolumeEntry*> children;
+        for (const VolumeEntry& c : entries) {
+            if (is_child(c, e))
+                children.push_back(&c);
+        }
+        for (size_t k = 0; k < children.size(); ++k) {
+            const char* branch = k + 1 < children.size() ? "\u251c\u2500" : "\u2514\u2500";
+            lines.push_back(Line{branch + short_name(children[k]->node), children[k]});
+        }
+    }
+    return lines;
+}
+
+std::string cell_type(const VolumeEntry& e) { return volume_type(e); }
+std::string cell_conn(const VolumeEntry& e) { return conn_label(e.conn); }
+std::string cell_fs(const VolumeEntry& e) { return printable(e.fs_type); }
+std::string cell_label(const VolumeEntry& e) { return printable(e.label); }
+std::string cell_size(const VolumeEntry& e) { return e.has_size ? human_mb(e.size_mb) : ""; }
+std::string cell_used(const VolumeEntry& e) { return e.has_used ? human_mb(e.used_mb) : ""; }
+std::string cell_mount(const VolumeEntry& e) { return printable(e.mount_point); }
+std::string cell_vendor(const VolumeEntry& e) { return printable(e.vendor); }
+std::string cell_model(const VolumeEntry& e) { return printable(e.model); }
+
+struct Column {
+    const char* title;
+    bool right;  // sizes line up on their right edge
+    std::string (*cell)(const VolumeEntry& entry);
+};
+
+// NAME comes first, from the tree.
+const Column kColumns[] = {
+    {"TYPE", false, cell_type},   {"CONN", false, cell_conn},     {"FSTYPE", false, cell_fs},
+    {"LABEL", false, cell_label}, {"SIZE", true, cell_size},      {"USED", true, cell_used},
+    {"MOUNTPOINT", false, cell_mount}, {"VENDOR", false, cell_vendor}, {"MODEL", false, cell_model},
+};
+constexpr size_t kColumnCount = 1 + sizeof(kColumns) / sizeof(kColumns[0]);
+
+using Row = std::vector<std::string>;
+
+Row header_row()
+{
+    Row row{"NAME"};
+    for (const Column& c : kColumns)
+        row.push_back(c.title);
+    return row;
+}
+
+Row entry_row(const Line& line)
+{
+    Row row{line.name};
+    for (const Column& c : kColumns)
+        row.push_back(c.cell(*line.entry));
+    return row;
+}
+
+bool right_aligned(size_t col) { return col > 0 && kColumns[col - 1].right; }
+
+std::string format_row(const Row& row, const std::vector<size_t>& widths)
+{
+    std::string out;
+    for (size_t col = 0; col < row.size(); ++col) {
+        std::string pad(widths[col] - display_width(row[col]), ' ');
+        out += (col > 0 ? " " : "") + (right_aligned(col) ? pad + row[col] : row[col] + pad);
+    }
+    size_t end = out.find_last_not_of(' ');
+    return out.substr(0, end == std::string::npos ? 0 : end + 1) + "\n";
+}
+
+}  // namespace
+
+std::string printable(const std::string& text)
+{
+    std::string out = text;
+    for (char& ch : out) {
+        unsigned char u = static_cast<unsigned char>(ch);
+        if (u < 0x20 || u == 0x7f)
+            ch = '?';
+    }
+    return out;
+}
+
+std::string render_volume_table(const std::vector<VolumeEntry>& entries)
+{
+    std::vector<Row> rows{header_row()};
+    for (const Line& line : tree_lines(entries))
+        rows.push_back(entry_row(line));
+    std::vector<size_t> widths(kColumnCount, 0);
+    for (const Row& row : rows) {
+        for (size_t col = 0; col < row.size(); ++col)
+            widths[col] = std::max(widths[col], display_width(row[col]));
+    }
+    std::string out;
+    for (const Row& row : rows)
+        out += format_row(row, widths);
+    return entries.empty() ? out + "(no devices)\n" : out;
+}
+
+}  // namespace lumctl
