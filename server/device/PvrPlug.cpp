@@ -92,6 +92,30 @@ bool pvr_may_act(const SPvrSettings& s)
     return true;
 }
 
+// Walks the candidates in row order: the first one is noted in
+// firstAvailable, and the row whose identity file matches the remembered
+// identity is returned (-1 if none). With takeFirstIfNew, a television that
+// never had a PVR partition takes the first candidate it can give an identity.
+int scan_candidates(StorageManagerService& service, const SRowsSnapshot& snap, const SPvrSettings& s,
+                    bool takeFirstIfNew, int* firstAvailable)
+{
+    SPropIdentity prop = read_identity();
+    for (int i = 0; i < snap.count; ++i) {
+        const SConnectedDevice& row = snap.rows[i];
+        if (!is_candidate(row, s))
+            continue;
+        if (*firstAvailable < 0)
+            *firstAvailable = i;
+        char found[PVR_IDENTITY_NAME_LENGTH + 1] = {0};
+        if (takeFirstIfNew && prop.isNo() && service.CreatePvrIdentity(row.mountPoint))
+            return i;
+        if (service.FindPvrIdentityFromStorage(row.mountPoint, found, PVR_IDENTITY_NAME_LENGTH) &&
+            prop.matches(found))
+            return i;
+    }
+    return -1;
+}
+
 void notify_path(StorageManagerService& s, LUM_EM_TYPE_E event, const std::string& path)
 {
     s.NotifyToStorageManager(event, const_cast<char*>(path.data()), static_cast<int>(path.size()));
@@ -144,22 +168,8 @@ int StorageManagerService::MountPvrPartitionProcess()
         SLOGD("[%s, %d] m_DeviceCnt = 0. No USB Ext device plugin.\n");
         return 0;
     }
-    SPropIdentity prop = read_identity();
-    int markedIdx = -1, firstAvailable = -1;
-    for (int i = 0; i < snap->count && markedIdx < 0; ++i) {
-        const SConnectedDevice& row = snap->rows[i];
-        if (!is_candidate(row, s))
-            continue;
-        if (firstAvailable < 0)
-            firstAvailable = i;
-        char found[PVR_IDENTITY_NAME_LENGTH + 1] = {0};
-        // A television that never had a PVR partition takes the first
-        // candidate; otherwise the remembered partition wins.
-        if (prop.isNo() && CreatePvrIdentity(row.mountPoint))
-            markedIdx = i;
-        else if (FindPvrIdentityFromStorage(row.mountPoint, found, PVR_IDENTITY_NAME_LENGTH) && prop.matches(found))
-            markedIdx = i;
-    }
+    int firstAvailable = -1;
+    int markedIdx = scan_candidates(*this, *snap, s, true, &firstAvailable);
     if (markedIdx < 0 && firstAvailable >= 0 && CreatePvrIdentity(snap->rows[firstAvailable].mountPoint))
         markedIdx = firstAvailable;
     if (markedIdx >= 0)
@@ -185,18 +195,8 @@ int StorageManagerService::UnmountPvrPartitionProcess()
         SetPvrDevState(false);
         return 0;
     }
-    SPropIdentity prop = read_identity();
-    int markedIdx = -1, firstAvailable = -1;
-    for (int i = 0; i < snap->count && markedIdx < 0; ++i) {
-        const SConnectedDevice& row = snap->rows[i];
-        if (!is_candidate(row, s))
-            continue;
-        if (firstAvailable < 0)
-            firstAvailable = i;
-        char found[PVR_IDENTITY_NAME_LENGTH + 1] = {0};
-        if (FindPvrIdentityFromStorage(row.mountPoint, found, PVR_IDENTITY_NAME_LENGTH) && prop.matches(found))
-            markedIdx = i;
-    }
+    int firstAvailable = -1;
+    int markedIdx = scan_candidates(*this, *snap, s, false, &firstAvailable);
     if (markedIdx >= 0)
         return 0;  // the chosen partition is still there
     notify_path(*this, LUM_TV_EVT_STORAGE_PVR_PLUG_OUT, pvrMountPath);

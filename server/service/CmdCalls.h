@@ -12,3 +12,7 @@ void cmd_partition_used_size(const android::Parcel& request, android::Parcel* re
 void cmd_pvr_dev_state(const android::Parcel& request, android::Parcel* reply);
 void cmd_pvr_mount_path(const android::Parcel& request, android::Parcel* reply);
 void cmd_pvr_guide_info(const android::Parcel& request, android::Parcel* reply);
+
+// ../device/PvrMark.cpp
+void cmd_pvr_disk_total(const android::Parcel& request, android::Parcel* reply);
+void cmd_pvr_dev_available(const android::Parcel& request, android::Parcel* reply);

@@ -23,3 +23,11 @@ void handle_unmount(StorageManagerService& service, CNorvMsg* msg, StorageManage
 
 // ../device/DevTable.cpp
 void handle_get_volume(StorageManagerService& service, CNorvMsg* msg, StorageManagerAction_t* action);
+
+// ../format/Format.cpp
+void handle_format(StorageManagerService& service, CNorvMsg* msg, StorageManagerAction_t* action);
+void handle_format_timeout(StorageManagerService& service, CNorvMsg* msg, StorageManagerAction_t* action);
+void handle_set_all_partition(StorageManagerService& service, CNorvMsg* msg, StorageManagerAction_t* action);
+
+// ../device/PvrMark.cpp
+void handle_pvr_mark_dev(StorageManagerService& service, CNorvMsg* msg, StorageManagerAction_t* action);

@@ -57,11 +57,16 @@ const SCmdRow kCmdRows[] = {
     POST(STORAGE_GET_UUID_FOR_PATH, SIG_ID_STORAGE_GET_UUID_FOR_PATH, "1"),
     POST(STORAGE_DEV_MOUNT, SIG_ID_STORAGE_MOUNT, "1"),
     POST(STORAGE_DEV_UMOUNT, SIG_ID_STORAGE_UNMOUNT, "1"),
+    {STORAGE_DEV_FORMAT, CMD_ROAD_POST, SIG_ID_STORAGE_FORMAT, "1", 0, "[%s, %d] STORAGE_DEV_FORMAT volId:%s len %d\n", nullptr},
+    POST(STORAGE_SET_ALL_PARTITION, SIG_ID_STORAGE_SET_ALL_PARTITION, "1i"),
     CALL(STORAGE_PARTITION_FS_TYPE, cmd_partition_fs_type),
     CALL(STORAGE_PARTITION_TOTAL_SIZE, cmd_partition_total_size),
     CALL(STORAGE_PARTITION_USED_SIZE, cmd_partition_used_size),
     CALL(STORAGE_PVR_DEV_STATE, cmd_pvr_dev_state),
     CALL(STORAGE_PVR_MOUNT_PATH, cmd_pvr_mount_path),
+    CALL(STORAGE_PVR_DISK_TOTAL, cmd_pvr_disk_total),
+    CALL(STORAGE_PVR_DEV_AVAILABLE, cmd_pvr_dev_available),
+    POST(STORAGE_PVR_MARK_DEV, SIG_ID_STORAGE_PVR_MARK_DEV, "1b"),
     CALL(STORAGE_PVR_GET_DEV_GUIDE_INFO, cmd_pvr_guide_info),
     CALL(STORAGE_IS_ENCRYPTED, reply_false),
     CALL(STORAGE_PARTITION_PRIVATE, reply_false),
@@ -164,7 +169,7 @@ bool post_cmd_row(const SCmdRow& row, const android::Parcel& request,
     SPostedFields in;
     read_fields(row.fields, request, &in);
     if (row.logFormat != nullptr && in.text[0] != nullptr)
-        SLOG_TAG(ANDROID_LOG_DEBUG, STORAGE_TAG_HUB, row.logFormat, in.text[0], strlen(in.text[0]));
+        SLOG_TAG(ANDROID_LOG_DEBUG, STORAGE_TAG_HUB, row.logFormat, in.text[0], static_cast<int>(strlen(in.text[0])));
     if (record == nullptr || !texts_fit(row.code, in))
         return false;
 

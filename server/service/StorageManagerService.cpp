@@ -29,8 +29,12 @@ const SignalRow kSignalRows[] = {
     {SIG_ID_STORAGE_GET_UUID_FOR_PATH, handle_get_uuid_for_path, true},
     {SIG_ID_STORAGE_MOUNT, handle_mount, true},
     {SIG_ID_STORAGE_UNMOUNT, handle_unmount, true},
+    {SIG_ID_STORAGE_FORMAT, handle_format, true},
+    {SIG_ID_STORAGE_FORMAT_TIMEOUT, handle_format_timeout, false},
+    {SIG_ID_STORAGE_SET_ALL_PARTITION, handle_set_all_partition, true},
     {SIG_ID_STORAGE_HDD_GET_SIZE, handle_hdd_get_size, true},
     {SIG_ID_STORAGE_GET_PARTITION_USE, handle_get_partition_use, true},
+    {SIG_ID_STORAGE_PVR_MARK_DEV, handle_pvr_mark_dev, true},
     {SIG_ID_STORAGE_START_HDD, handle_start_hdd, false},
     {SIG_ID_STORAGE_SHUTDOWN, handle_shutdown, false},
 };

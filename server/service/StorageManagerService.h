@@ -63,6 +63,17 @@ public:
     int UnmountMtpDevices();
     int GetMtpDeviceNr(const char* pDeviceName);
 
+    // Formatting (../format/Format.cpp).
+    bool Format(std::string volId);
+    bool SetAllPartitions(const unsigned char* buf, int len);
+
+    // PVR suitability and marking (../device/PvrMark.cpp).
+    uint64_t GetDiskTotalSize(const char* diskId);
+    bool CheckDiskEnoughForPvr(const char* diskId);
+    bool CheckDiskPartition(const char* diskId);
+    EStoragePvrFlag CheckDevAvailableForPvr(const char* diskId);
+    bool MarkPvrDev(const char* diskId, bool isFormat);
+
     // PVR identity, choice and guide (../device/PvrIdentity.cpp, PvrPlug.cpp).
     bool FindPvrIdentityFromStorage(const char* path, char* pvrIdentity, int pvrIdentityLen);
     bool CreatePvrIdentity(const char* path);

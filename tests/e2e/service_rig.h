@@ -39,13 +39,14 @@ protected:
         StartServiceOnly();
     }
 
-    // Starts the service and the recorder on a television that is up.
-    void StartServiceOnly()
+    // Starts the service and the recorder on a television that is up; env
+    // adds NAME=VALUE entries to the daemon's environment.
+    void StartServiceOnly(const std::vector<std::string>& env = {})
     {
-        socket_ = tv.StartDaemon("lumstoraged",
-                                 {"env", "LMDROID_PROPERTY_DIR=/run/properties", LUMSTORAGED_BIN, "--socket",
-                                  "/run/lumstorage.sock"},
-                                 "/run/lumstorage.sock");
+        std::vector<std::string> argv{"env", "LMDROID_PROPERTY_DIR=/run/properties"};
+        argv.insert(argv.end(), env.begin(), env.end());
+        argv.insert(argv.end(), {LUMSTORAGED_BIN, "--socket", "/run/lumstorage.sock"});
+        socket_ = tv.StartDaemon("lumstoraged", argv, "/run/lumstorage.sock");
         ASSERT_FALSE(socket_.empty()) << tv.Log("lumstoraged");
         events_ = tv.StateDir() + "/service-events.jsonl";
         watcher_ = fork();

@@ -1,0 +1,251 @@
+// Formatting end to end on the simulated television: the real mkfs.ext4 and
+// mkfs.fat on disk images, the unmount and mount runs around them, and the
+// events a client sees. The format tools are reached through wrappers first
+// on the service's PATH, which pass through to the real tool but can be held
+// (to keep a format running) or made to fail.
+#include <gtest/gtest.h>
+
+#include "service_rig.h"
+
+namespace e2e {
+namespace {
+
+const char* kRigPath = "/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin";
+
+const std::vector<std::string> kRunEvents = {
+    "LUM_TV_EVT_STORAGE_DEV_UMOUNT",    "LUM_TV_EVT_STORAGE_DEV_UMOUNT_END",     "LUM_TV_EVT_STORAGE_DEV_MOUNT",
+    "LUM_TV_EVT_STORAGE_DEV_MOUNT_END", "LUM_TV_EVT_STORAGE_SET_ALL_PARTITION", "LUM_TV_EVT_STORAGE_FORMAT"};
+
+class Format : public ServiceRig {
+protected:
+    // Builds the television with the recording property set as given, the
+    // tool wrappers in /run/fmtbin, and starts the service with them first
+    // on its PATH, its log verbose (command lines), and the event recorder.
+    void StartFormatRig(const std::string& description, bool recording)
+    {
+        Result up = tv.Up(description);
+        ASSERT_TRUE(up.ok()) << up.Describe();
+        std::string wrapper = std::string("#!/bin/sh\n") +
+                              "while [ -e /run/format.hold ]; do sleep 0.1; done\n"
+                              "[ -e /run/format.fail ] && exit 1\n"
+                              "PATH=" + kRigPath + " exec \"$(basename \"$0\")\" \"$@\"\n";
+        ASSERT_TRUE(tv.Exec("mkdir -p /run/fmtbin /run/properties && printf " + std::string(recording ? "1" : "0") +
+                            " > /run/properties/persist.pvr.rec.enable && cat > /run/fmtbin/mkfs <<'EOF'\n" +
+                            wrapper + "EOF\nchmod 755 /run/fmtbin/mkfs && ln -s mkfs /run/fmtbin/mkfs.ext4")
+                        .ok());
+        StartServiceOnly({"LUM_LOG_LEVEL=v", std::string("PATH=/run/fmtbin:") + kRigPath});
+        if (HasFatalFailure())
+            return;
+        ASSERT_TRUE(tv.Plug("stick").ok());
+        ASSERT_TRUE(WaitFor("LUM_TV_EVT_STORAGE_DEV_MOUNT_END"));
+    }
+
+    // The events of a format run recorded from index `from` on, in order,
+    // leaving out the others (PVR choices, guides, answers to queries).
+    std::vector<std::string> RunEvents(size_t from) const
+    {
+        std::vector<std::string> out;
+        auto all = Events();
+        for (size_t i = from; i < all.size(); ++i) {
+            for (const std::string& name : kRunEvents) {
+                if (Has(all[i], "\"event\":\"" + name + "\""))
+                    out.push_back(all[i]);
+            }
+        }
+        return out;
+    }
+    static std::vector<std::string> Names(const std::vector<std::string>& lines)
+    {
+        std::vector<std::string> out;
+        for (const std::string& line : lines) {
+            size_t at = line.find("\"event\":\"") + 9;
+            out.push_back(line.substr(at, line.find('"', at) - at));
+        }
+        return out;
+    }
+    std::string Blkid(const std::string& tag) const
+    {
+        return tv.Exec("blkid -p -o value -s " + tag + " /dev/sdb1 || true").out;
+    }
+    // df's size of the volume in MB, as the service reports it.
+    std::string DfSize() const
+    {
+        std::string s = tv.Exec("df -Pm | awk '$1 == \"/dev/sdb1\" { print $2 }'").out;
+        return s.substr(0, s.find('\n'));
+    }
+    // The FAT adapter here reports no blocks for a while after a format, so a
+    // new FAT volume's size is checked against its partition's: df's total
+    // lies a little below it.
+    void ExpectFatSize(const std::string& reply) const
+    {
+        int partMB = std::stoi(tv.Exec("echo $(( $(blockdev --getsize64 /dev/sdb1) >> 20 ))").out);
+        int sizeMB = std::stoi(reply.substr(reply.find("\"sizeMB\":") + 9));
+        EXPECT_LE(sizeMB, partMB) << reply;
+        EXPECT_GE(sizeMB, partMB - 4) << reply;
+    }
+    bool Hold(bool on) const
+    {
+        return tv.Exec(on ? "touch /run/format.hold" : "rm -f /run/format.hold").ok();
+    }
+};
+
+TEST_F(Format, RecordingTelevisionFormatsExt4AndRefusesASecondRequestMeanwhile)
+{
+    StartFormatRig(
+        "disk stick size=128M table=msdos plugged=no\n  part fs=ext4 label=OLDEXT\n    file /old.txt text=old\n",
+        true);
+    ASSERT_TRUE(tv.Exec("echo written > /mnt/pvr/shared/sdb1/written.txt && sync").ok());
+    std::string uuid = Blkid("UUID");
+    ASSERT_FALSE(uuid.empty());
+    size_t from = Events().size();
+
+    ASSERT_TRUE(Hold(true));
+    Result r = Ctl({"dev-format", "/dev/sdb1"});
+    EXPECT_TRUE(Has(r.out, "\"value\":true")) << r.out;
+    // Once the volume is off-line the thread is at the tool, held there.
+    ASSERT_TRUE(WaitFor("LUM_TV_EVT_STORAGE_DEV_UMOUNT_END"));
+    ASSERT_TRUE(Ctl({"dev-format", "/dev/sdc1"}).ok());
+    ASSERT_TRUE(WaitFor("LUM_TV_EVT_STORAGE_FORMAT"));
+    std::string busy = Events("LUM_TV_EVT_STORAGE_FORMAT")[0];
+    EXPECT_TRUE(Has(busy, "\"len\":36,\"data\":{\"devName\":\"/dev/sdc1\",\"result\":-2}")) << busy;
+    EXPECT_TRUE(Events("LUM_TV_EVT_STORAGE_SET_ALL_PARTITION").empty());
+    ASSERT_TRUE(Hold(false));
+    ASSERT_TRUE(WaitFor("LUM_TV_EVT_STORAGE_FORMAT", 2, 120));
+
+    auto run = RunEvents(from);
+    std::vector<std::string> expected = kRunEvents;
+    expected.insert(expected.begin() + 2, "LUM_TV_EVT_STORAGE_FORMAT");
+    ASSERT_EQ(Names(run), expected);
+    EXPECT_TRUE(Has(run[0], "\"mountPoint\":\"/mnt/pvr/shared/sdb1\"")) << run[0];
+    EXPECT_TRUE(Has(run[1], "\"count\":1")) << run[1];
+    EXPECT_TRUE(Has(run[3], "\"mountPoint\":\"/mnt/pvr/shared/sdb1\",\"label\":\"\",\"labelLen\":0,\"fsType\":\"ext4\""))
+        << run[3];
+    EXPECT_TRUE(Has(run[4], "\"count\":1")) << run[4];
+    std::string size = DfSize();
+    ASSERT_FALSE(size.empty());
+    EXPECT_TRUE(Has(run[5], "\"len\":27,\"data\":{\"retVal\":0,\"device\":\"/dev/sdb1\",\"sizeMB\":" + size +
+                                ",\"part2MB\":0,\"part3MB\":0,\"part4MB\":0},\"complete\":true,\"rest\":\"\""))
+        << run[5] << " df " << size;
+    EXPECT_TRUE(Has(run[6], "\"len\":36,\"data\":{\"devName\":\"/dev/sdb1\",\"result\":0}")) << run[6];
+
+    // A new, empty ext4 made for large files: one inode per MB, not per 4 KB.
+    EXPECT_EQ(Blkid("TYPE"), "ext4\n");
+    EXPECT_NE(Blkid("UUID"), uuid);
+    EXPECT_EQ(Blkid("LABEL"), "");
+    EXPECT_NE(tv.Exec("test -e /mnt/pvr/shared/sdb1/old.txt || test -e /mnt/pvr/shared/sdb1/written.txt").status, 0);
+    std::string inodes = tv.Exec("dumpe2fs -h /dev/sdb1 2>/dev/null | awk -F: '/^Inode count/ { print $2 + 0 }'").out;
+    ASSERT_FALSE(inodes.empty());
+    EXPECT_LT(std::stoi(inodes), 1024) << inodes;
+    std::string log = tv.Log("lumstoraged");
+    EXPECT_TRUE(Has(log, "run: mkfs.ext4 -T largefile /dev/sdb1\n"));
+    EXPECT_TRUE(Has(log, "Formatting: /dev/sdb1 ....\n"));
+    EXPECT_TRUE(Has(log, "STORAGE_DEV_FORMAT volId:/dev/sdb1 len 9\n"));
+    EXPECT_TRUE(Has(tv.Exec("mount").out, "/dev/sdb1 on /mnt/pvr/shared/sdb1 type ext4"));
+}
+
+TEST_F(Format, TelevisionWithoutRecordingFormatsFat32)
+{
+    StartFormatRig(
+        "disk stick size=128M table=msdos plugged=no\n  part fs=vfat label=OLDFAT\n    file /old.txt text=old\n",
+        false);
+    ASSERT_TRUE(tv.Exec("echo written > /mnt/pvr/shared/sdb1/written.txt && sync").ok());
+    std::string uuid = Blkid("UUID");
+    size_t from = Events().size();
+    ASSERT_TRUE(Ctl({"dev-format", "/dev/sdb1"}).ok());
+    ASSERT_TRUE(WaitFor("LUM_TV_EVT_STORAGE_FORMAT", 1, 120));
+
+    auto run = RunEvents(from);
+    ASSERT_EQ(Names(run), kRunEvents);
+    EXPECT_TRUE(Has(run[2], "\"fsType\":\"vfat\"")) << run[2];
+    EXPECT_TRUE(Has(run[4], "\"len\":27,\"data\":{\"retVal\":0,\"device\":\"/dev/sdb1\",\"sizeMB\":")) << run[4];
+    EXPECT_TRUE(Has(run[4], ",\"part2MB\":0,\"part3MB\":0,\"part4MB\":0},\"complete\":true,\"rest\":\"\"")) << run[4];
+    ExpectFatSize(run[4]);
+    EXPECT_TRUE(Has(run[5], "\"len\":36,\"data\":{\"devName\":\"/dev/sdb1\",\"result\":0}")) << run[5];
+
+    EXPECT_EQ(Blkid("TYPE"), "vfat\n");
+    EXPECT_EQ(Blkid("VERSION"), "FAT32\n");
+    EXPECT_NE(Blkid("UUID"), uuid);
+    EXPECT_EQ(tv.Exec("ls /mnt/pvr/shared/sdb1").out, "");
+    EXPECT_TRUE(Has(tv.Log("lumstoraged"), "run: mkfs -V -t vfat -F 32  /dev/sdb1\n"));
+}
+
+TEST_F(Format, WatchdogReportsAnOverdueFormatWhichStillEndsWithItsResult)
+{
+    // Without recording the watchdog gives a format 15 s; this one is held
+    // until the test has seen the expiry.
+    StartFormatRig("disk stick size=64M table=msdos plugged=no\n  part fs=vfat label=SLOW\n", false);
+    ASSERT_TRUE(Hold(true));
+    ASSERT_TRUE(Ctl({"dev-format", "/dev/sdb1"}).ok());
+    ASSERT_TRUE(WaitFor("LUM_TV_EVT_STORAGE_FORMAT", 1, 120));
+    EXPECT_TRUE(Has(Events("LUM_TV_EVT_STORAGE_FORMAT")[0], "\"devName\":\"/dev/sdb1\",\"result\":-3"))
+        << Events("LUM_TV_EVT_STORAGE_FORMAT")[0];
+    EXPECT_TRUE(Events("LUM_TV_EVT_STORAGE_SET_ALL_PARTITION").empty());
+    // Overdue still counts as running.
+    ASSERT_TRUE(Ctl({"dev-format", "/dev/sdb1"}).ok());
+    ASSERT_TRUE(WaitFor("LUM_TV_EVT_STORAGE_FORMAT", 2));
+    EXPECT_TRUE(Has(Events("LUM_TV_EVT_STORAGE_FORMAT")[1], "\"devName\":\"/dev/sdb1\",\"result\":-2"));
+    ASSERT_TRUE(Hold(false));
+    ASSERT_TRUE(WaitFor("LUM_TV_EVT_STORAGE_FORMAT", 3, 120));
+    EXPECT_TRUE(Has(Events("LUM_TV_EVT_STORAGE_FORMAT")[2], "\"devName\":\"/dev/sdb1\",\"result\":0"));
+    EXPECT_EQ(Events("LUM_TV_EVT_STORAGE_SET_ALL_PARTITION").size(), 1u);
+    EXPECT_TRUE(Has(tv.Log("lumstoraged"), "SIG_ID_STORAGE_FORMAT_TIMEOUT: /dev/sdb1\n"));
+    // The format is over: a new request is taken.
+    ASSERT_TRUE(Ctl({"dev-format", "/dev/sdb1"}).ok());
+    ASSERT_TRUE(WaitFor("LUM_TV_EVT_STORAGE_FORMAT", 4, 120));
+    EXPECT_TRUE(Has(Events("LUM_TV_EVT_STORAGE_FORMAT")[3], "\"result\":0"));
+}
+
+TEST_F(Format, FailingToolLeavesTheOldFileSystemMountedWithItsFiles)
+{
+    StartFormatRig(
+        "disk stick size=64M table=msdos plugged=no\n  part fs=ext4 label=KEEP\n    file /old.txt text=old\n",
+        false);
+    std::string uuid = Blkid("UUID");
+    ASSERT_TRUE(tv.Exec("touch /run/format.fail").ok());
+    size_t from = Events().size();
+    ASSERT_TRUE(Ctl({"dev-format", "/dev/sdb1"}).ok());
+    ASSERT_TRUE(WaitFor("LUM_TV_EVT_STORAGE_FORMAT", 1, 120));
+
+    auto run = RunEvents(from);
+    ASSERT_EQ(Names(run), kRunEvents);
+    EXPECT_TRUE(Has(run[2], "\"label\":\"KEEP\"")) << run[2];
+    EXPECT_TRUE(Has(run[4], "\"len\":11,\"data\":{\"retVal\":5,\"device\":\"/dev/sdb1\"},\"complete\":true,\"rest\":\"\""))
+        << run[4];
+    EXPECT_TRUE(Has(run[5], "\"len\":36,\"data\":{\"devName\":\"/dev/sdb1\",\"result\":-1}")) << run[5];
+    EXPECT_EQ(Blkid("UUID"), uuid);
+    EXPECT_EQ(tv.Exec("cat /mnt/pvr/shared/sdb1/old.txt").out, "old");
+    EXPECT_TRUE(Has(tv.Exec("mount").out, "/dev/sdb1 on /mnt/pvr/shared/sdb1 type ext4"));
+}
+
+TEST_F(Format, SetAllPartitionCommandRepliesWithoutAFormatRecordAlsoForAnUnmountedVolume)
+{
+    StartFormatRig(
+        "disk stick size=64M table=msdos plugged=no\n  part fs=vfat label=CMD\n    file /old.txt text=old\n",
+        false);
+    // Off-line first: the unmount run of the format finds nothing.
+    ASSERT_TRUE(Ctl({"dev-umount", "/dev/sdb1"}).ok());
+    ASSERT_TRUE(WaitFor("LUM_TV_EVT_STORAGE_DEV_UMOUNT_END"));
+    size_t from = Events().size();
+    Result r = Ctl({"set-all-partition", "/dev/sdb1", "0"});
+    EXPECT_TRUE(Has(r.out, "\"value\":true")) << r.out;
+    ASSERT_TRUE(WaitFor("LUM_TV_EVT_STORAGE_SET_ALL_PARTITION", 1, 120));
+    // The service thread ran the command: whatever it sent came before the
+    // answer to the next request.
+    size_t volumes = Events("LUM_TV_EVT_STORAGE_GET_STORAGE_VOLUMES").size();
+    ASSERT_TRUE(Ctl({"get-storage-volumes"}).ok());
+    ASSERT_TRUE(WaitFor("LUM_TV_EVT_STORAGE_GET_STORAGE_VOLUMES", volumes + 1));
+
+    auto run = RunEvents(from);
+    ASSERT_EQ(Names(run), (std::vector<std::string>{"LUM_TV_EVT_STORAGE_DEV_UMOUNT_END", "LUM_TV_EVT_STORAGE_DEV_MOUNT",
+                                                    "LUM_TV_EVT_STORAGE_DEV_MOUNT_END",
+                                                    "LUM_TV_EVT_STORAGE_SET_ALL_PARTITION"}));
+    EXPECT_TRUE(Has(run[0], "\"count\":0")) << run[0];
+    EXPECT_TRUE(Has(run[3], "\"retVal\":0,\"device\":\"/dev/sdb1\",\"sizeMB\":")) << run[3];
+    ExpectFatSize(run[3]);
+    EXPECT_TRUE(Events("LUM_TV_EVT_STORAGE_FORMAT").empty());
+    EXPECT_EQ(tv.Exec("ls /mnt/pvr/shared/sdb1").out, "");
+    EXPECT_TRUE(Has(tv.Log("lumstoraged"), "Unmount again after blkid!"));
+}
+
+}  // namespace
+}  // namespace e2e

@@ -1,0 +1,161 @@
+// The PVR partition chosen, remembered, lost and replaced, and the guide the
+// user interface gets, end to end on the simulated television.
+#include <gtest/gtest.h>
+
+#include "service_rig.h"
+
+namespace e2e {
+namespace {
+
+class Pvr : public ServiceRig {
+protected:
+    // Properties live one file each in the daemon's property folder.
+    void SetProperties(const std::string& rec, const std::string& tsh, const std::string& limit)
+    {
+        ASSERT_TRUE(tv.Exec("mkdir -p /run/properties && printf " + rec +
+                            " > /run/properties/persist.pvr.rec.enable && printf " + tsh +
+                            " > /run/properties/persist.pvr.tshift.enable && printf " + limit +
+                            " > /run/properties/persist.pvr.device_size_limit")
+                        .ok());
+    }
+    std::string Property(const std::string& key) { return tv.Exec("cat /run/properties/" + key + " 2>/dev/null").out; }
+
+    // Index of the first event of that name at or after `from`, or -1.
+    int IndexOf(const std::string& name, int from = 0)
+    {
+        auto all = Events();
+        for (size_t i = static_cast<size_t>(from); i < all.size(); ++i) {
+            if (Has(all[i], "\"event\":\"" + name + "\""))
+                return static_cast<int>(i);
+        }
+        return -1;
+    }
+    std::string Reply(const std::vector<std::string>& args) { return Ctl(args).out; }
+    std::string Mounts() { return tv.Exec("mount | grep /mnt/pvr/shared || true").out; }
+};
+
+const char* kTwoSticks =
+    "disk a size=64M table=msdos plugged=no\n  part fs=ext4 label=A\n"
+    "disk b size=64M table=msdos plugged=no\n  part fs=ext4 label=B\n";
+
+TEST_F(Pvr, FirstPlugWithTimeshiftChoosesRemembersAndSurvivesARestart)
+{
+    ASSERT_TRUE(tv.Up("disk stick size=64M table=msdos plugged=no\n  part fs=vfat label=TSH\n").ok());
+    SetProperties("0", "1", "10");
+    StartServiceOnly();
+    ASSERT_TRUE(tv.Plug("stick").ok());
+    ASSERT_TRUE(WaitFor("LUM_TV_EVT_STORAGE_DEV_MOUNT_END"));
+    int mount = IndexOf("LUM_TV_EVT_STORAGE_DEV_MOUNT");
+    int change = IndexOf("LUM_TV_EVT_STORAGE_PVR_DEV_CHANGE");
+    int guide = IndexOf("LUM_TV_EVT_STORAGE_CONNECT_STATE");
+    int end = IndexOf("LUM_TV_EVT_STORAGE_DEV_MOUNT_END");
+    ASSERT_TRUE(mount >= 0 && change > mount && guide > change && end > guide)
+        << mount << " " << change << " " << guide << " " << end;
+    EXPECT_EQ(Events("LUM_TV_EVT_STORAGE_PVR_DEV_CHANGE").size(), 1u);
+    EXPECT_TRUE(Has(Events()[change], "\"mountPoint\":\"/mnt/pvr/shared/sdb1\"")) << Events()[change];
+    EXPECT_TRUE(Has(Events()[guide], "\"len\":63000")) << Events()[guide].substr(0, 200);
+    EXPECT_TRUE(Has(Events()[guide], "\"show\":false")) << Events()[guide].substr(0, 200);
+
+    std::string identity = Property("persist.pvr.identity.id");
+    ASSERT_EQ(identity.size(), 17u) << identity;
+    EXPECT_EQ(tv.Exec("test -f /mnt/pvr/shared/sdb1/" + identity).status, 0);
+    EXPECT_TRUE(Has(Reply({"pvr-dev-state"}), "\"value\":true"));
+    EXPECT_TRUE(Has(Reply({"pvr-mount-path"}), "\"value\":\"/mnt/pvr/shared/sdb1\""));
+
+    // A restart forgets the choice; the next run finds the same partition by
+    // its identity and writes nothing new.
+    ASSERT_TRUE(tv.Stop("lumstoraged").ok());
+    StartServiceOnly();
+    EXPECT_TRUE(Has(Reply({"pvr-dev-state"}), "\"value\":false"));
+    ASSERT_TRUE(Ctl({"dev-mount", "/dev/sdb1"}).ok());
+    ASSERT_TRUE(WaitFor("LUM_TV_EVT_STORAGE_DEV_MOUNT_END"));
+    EXPECT_TRUE(Has(Reply({"pvr-mount-path"}), "\"value\":\"/mnt/pvr/shared/sdb1\""));
+    EXPECT_EQ(Property("persist.pvr.identity.id"), identity);
+}
+
+TEST_F(Pvr, RecordingOnlyOffersToFormatAFatStick)
+{
+    ASSERT_TRUE(tv.Up("disk stick size=64M table=msdos plugged=no\n  part fs=vfat label=REC\n").ok());
+    SetProperties("1", "0", "10");
+    StartServiceOnly();
+    ASSERT_TRUE(tv.Plug("stick").ok());
+    ASSERT_TRUE(WaitFor("LUM_TV_EVT_STORAGE_DEV_MOUNT_END"));
+    EXPECT_TRUE(Events("LUM_TV_EVT_STORAGE_PVR_DEV_CHANGE").empty());
+    auto guide = Events("LUM_TV_EVT_STORAGE_CONNECT_STATE");
+    ASSERT_EQ(guide.size(), 1u);
+    EXPECT_TRUE(Has(guide[0], "\"show\":true,\"event\":1,\"partitionNum\":1,\"partitions\":[{\"devName\":\"/dev/sdb1\""))
+        << guide[0].substr(0, 300);
+    // The direct query gives the same record.
+    std::string direct = Reply({"pvr-get-dev-guide-info"});
+    EXPECT_TRUE(Has(direct, "\"result\":0")) << direct.substr(0, 200);
+
+    // The suitability checks let FAT pass; marking makes it the PVR partition.
+    EXPECT_TRUE(Has(Reply({"pvr-dev-available", "/dev/sdb1"}), "\"value\":0"));
+    ASSERT_TRUE(Ctl({"pvr-mark-dev", "/dev/sdb1", "false"}).ok());
+    ASSERT_TRUE(WaitFor("LUM_TV_EVT_STORAGE_PVR_MARK"));
+    EXPECT_TRUE(Has(Events("LUM_TV_EVT_STORAGE_PVR_MARK")[0],
+                    "\"isPvrPartition\":true,\"pvrFlag\":0,\"partitionId\":\"/dev/sdb1\""))
+        << Events("LUM_TV_EVT_STORAGE_PVR_MARK")[0];
+    EXPECT_TRUE(Has(Reply({"pvr-mount-path"}), "\"value\":\"/mnt/pvr/shared/sdb1\""));
+}
+
+TEST_F(Pvr, ChosenStickUnpluggedFallsBackThenLetsGo)
+{
+    ASSERT_TRUE(tv.Up(kTwoSticks).ok());
+    SetProperties("1", "1", "10");
+    StartServiceOnly();
+    std::string a = tv.Plug("a").out;
+    a = a.substr(0, a.find('\n'));
+    ASSERT_TRUE(WaitFor("LUM_TV_EVT_STORAGE_DEV_MOUNT_END"));
+    std::string b = tv.Plug("b").out;
+    b = b.substr(0, b.find('\n'));
+    ASSERT_TRUE(WaitFor("LUM_TV_EVT_STORAGE_DEV_MOUNT_END", 2));
+    ASSERT_EQ(Events("LUM_TV_EVT_STORAGE_PVR_DEV_CHANGE").size(), 1u) << "the second stick changes nothing";
+
+    int from = static_cast<int>(Events().size());
+    ASSERT_TRUE(tv.Unplug("a").ok());
+    ASSERT_TRUE(WaitFor("LUM_TV_EVT_STORAGE_DEV_UMOUNT_END", 1, 90));
+    int out = IndexOf("LUM_TV_EVT_STORAGE_PVR_PLUG_OUT", from);
+    int change = IndexOf("LUM_TV_EVT_STORAGE_PVR_DEV_CHANGE", from);
+    int guide = IndexOf("LUM_TV_EVT_STORAGE_DISCONNECT", from);
+    ASSERT_TRUE(out >= 0 && change > out && guide > change) << out << " " << change << " " << guide;
+    EXPECT_TRUE(Has(Events()[out], "/mnt/pvr/shared/" + a + "1"));
+    EXPECT_TRUE(Has(Events()[change], "/mnt/pvr/shared/" + b + "1"));
+    EXPECT_TRUE(Has(Events()[guide], "\"show\":false"));
+
+    from = static_cast<int>(Events().size());
+    ASSERT_TRUE(tv.Unplug("b").ok());
+    ASSERT_TRUE(WaitFor("LUM_TV_EVT_STORAGE_DEV_UMOUNT_END", 2, 90));
+    out = IndexOf("LUM_TV_EVT_STORAGE_PVR_PLUG_OUT", from);
+    guide = IndexOf("LUM_TV_EVT_STORAGE_DISCONNECT", from);
+    ASSERT_TRUE(out >= 0 && guide > out);
+    EXPECT_TRUE(Has(Events()[guide], "\"show\":false"));
+    EXPECT_TRUE(Has(Events()[guide], "\"connectedDevNum\":0"));
+    EXPECT_TRUE(Has(Reply({"pvr-dev-state"}), "\"value\":false"));
+}
+
+TEST_F(Pvr, MarkingWithFormatOnADiskTooSmallFormatsFirstThenRefuses)
+{
+    ASSERT_TRUE(tv.Up("disk stick size=64M table=msdos plugged=no\n  part fs=vfat label=SMALL\n"
+                      "    file /old.txt text=old\n")
+                    .ok());
+    SetProperties("1", "0", "1000");
+    StartServiceOnly();
+    ASSERT_TRUE(tv.Plug("stick").ok());
+    ASSERT_TRUE(WaitFor("LUM_TV_EVT_STORAGE_DEV_MOUNT_END"));
+    int from = static_cast<int>(Events().size());
+    ASSERT_TRUE(Ctl({"pvr-mark-dev", "/dev/sdb1", "true"}).ok());
+    ASSERT_TRUE(WaitFor("LUM_TV_EVT_STORAGE_PVR_MARK", 1, 120));
+    int format = IndexOf("LUM_TV_EVT_STORAGE_FORMAT", from);
+    int mark = IndexOf("LUM_TV_EVT_STORAGE_PVR_MARK", from);
+    ASSERT_TRUE(format > from && mark > format) << format << " " << mark;
+    EXPECT_TRUE(Has(Events()[format], "\"result\":0"));
+    EXPECT_TRUE(Has(Events()[mark], "\"isPvrPartition\":false,\"pvrFlag\":1,")) << Events()[mark];
+    // Recording formats ext4; the old file is gone.
+    EXPECT_TRUE(Has(Mounts(), "/dev/sdb1 on /mnt/pvr/shared/sdb1 type ext4")) << Mounts();
+    EXPECT_NE(tv.Exec("test -f /mnt/pvr/shared/sdb1/old.txt").status, 0);
+    EXPECT_TRUE(Has(Reply({"pvr-dev-state"}), "\"value\":false"));
+}
+
+}  // namespace
+}  // namespace e2e

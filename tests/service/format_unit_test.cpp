@@ -1,0 +1,467 @@
+// Formatting: the busy flag, the watchdog, the reply of SetAllPartitions and
+// the order of a format run's events, against fake tools. Expected payloads
+// are written out byte by byte; the format record is in the host's order,
+// which these vectors take to be little-endian.
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <android/log.h>
+#include <cutils/properties.h>
+#include <lmdroid/log_hook.h>
+#include <norvfw/NorvMsgQueue.h>
+#include <norvfw/TimeOut.h>
+
+#include "Format.h"
+#include "SignalNo.h"
+#include "StorageManagerService.h"
+#include "fake_tools.h"
+#include "test_support.h"
+
+namespace {
+
+using Bytes = std::vector<unsigned char>;
+
+// The 36 bytes of a format record: the name, zeros up to offset 32, and the
+// result's four bytes as given.
+Bytes format_record(const char* name, Bytes result)
+{
+    Bytes out(name, name + strlen(name));
+    out.resize(32, 0);
+    out.insert(out.end(), result.begin(), result.end());
+    return out;
+}
+
+const Bytes kOk = {0x00, 0x00, 0x00, 0x00};
+const Bytes kFailed = {0xff, 0xff, 0xff, 0xff};
+const Bytes kBusy = {0xfe, 0xff, 0xff, 0xff};
+const Bytes kTimeout = {0xfd, 0xff, 0xff, 0xff};
+
+bool little_endian_host()
+{
+    const uint32_t one = 1;
+    unsigned char first;
+    memcpy(&first, &one, 1);
+    return first == 1;
+}
+
+StorageManagerService& service() { return theStorageManagerService; }
+
+void dispatch(unsigned long signal, const char* text, int32_t value = 0)
+{
+    auto* record = static_cast<StorageManagerAction_t*>(calloc(1, sizeof(StorageManagerAction_t)));
+    memcpy(record->buf1, text, strlen(text));
+    record->intValue1 = value;
+    CNorvMsg msg(signal);
+    msg.SetSignalPtr(record, sizeof(*record));
+    service().ProcessNorvMsg(&msg);
+}
+
+// Waits for a condition that the format thread brings about; the bound only
+// keeps a broken build from hanging.
+template <class F>
+bool eventually(F done)
+{
+    for (int i = 0; i < 6000; ++i) {
+        if (done())
+            return true;
+        usleep(10000);
+    }
+    return done();
+}
+
+std::vector<Event> only(const std::vector<Event>& all, std::initializer_list<int> ids)
+{
+    std::vector<Event> out;
+    for (const Event& e : all) {
+        for (int id : ids) {
+            if (e.id == id)
+                out.push_back(e);
+        }
+    }
+    return out;
+}
+
+std::vector<int> ids_of(const std::vector<Event>& events)
+{
+    std::vector<int> out;
+    for (const Event& e : events)
+        out.push_back(e.id);
+    return out;
+}
+
+// The service's queue, which the watchdog is armed on; no service thread
+// reads it in these tests.
+void ensure_service_queue()
+{
+    if (service().GetQueueHandle() < 0) {
+        ASSERT_EQ(service().CThreadObjectWithQueue::Init(STORAGE_SERVICE_QUEUE_NAME, MAX_STORAGE_QUEUE_SIZE, 0, false), 0);
+    }
+}
+
+void ensure_timer_thread()
+{
+    if (!TimeOutServer::instance().IsRunning())
+        TimeOutServer::instance().StartThread("timeout_server", 0, 0);
+}
+
+void set_recording(bool on) { property_set("persist.pvr.rec.enable", on ? "1" : "0"); }
+
+// Leaves no format behind for the next test.
+void end_simulated_format(const std::string& volume)
+{
+    format_release(service(), volume);
+    EXPECT_EQ(format_running_volume(service()), "");
+}
+
+}  // namespace
+
+TEST(FormatReply, HandBuiltSuccessAndFailureBytes)
+{
+    unsigned char buf[64];
+    memset(buf, 0xaa, sizeof(buf));
+    // 0, "/dev/sdb1" with NUL (n = 10), 0x01020304 MB, three zero words.
+    const Bytes success = {0x00, '/', 'd', 'e', 'v', '/', 's', 'd', 'b', '1', 0x00, 0x01, 0x02, 0x03, 0x04,
+                           0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00};
+    size_t len = build_set_all_partition_reply(buf, sizeof(buf), 0, "/dev/sdb1", 0x01020304);
+    ASSERT_EQ(len, 27u);  // 17 + n
+    EXPECT_EQ(Bytes(buf, buf + len), success);
+    EXPECT_EQ(buf[27], 0xaa) << "wrote past the reply";
+    // Failures carry no sizes: 1 + n.
+    len = build_set_all_partition_reply(buf, sizeof(buf), 5, "/dev/sdc", 7631);
+    EXPECT_EQ(Bytes(buf, buf + len), (Bytes{0x05, '/', 'd', 'e', 'v', '/', 's', 'd', 'c', 0x00}));
+    len = build_set_all_partition_reply(buf, sizeof(buf), 4, "x", 0);
+    EXPECT_EQ(Bytes(buf, buf + len), (Bytes{0x04, 'x', 0x00}));
+    EXPECT_EQ(build_set_all_partition_reply(buf, 26, 0, "/dev/sdb1", 1), 0u) << "does not fit";
+}
+
+TEST(FormatStart, BusyAnswerNamesTheRefusedVolumeAndChangesNothing)
+{
+    if (!little_endian_host())
+        GTEST_SKIP() << "vectors are little-endian";
+    REQUIRE_ISOLATION();
+    ensure_service_queue();
+    std::string running;
+    ASSERT_TRUE(format_claim(service(), "/dev/sdq1", &running));
+    // Stopped here so that a re-arming by the refused request would show.
+    service().TosvFormat.StopTimer();
+
+    EventCapture events;
+    LogCapture log;
+    dispatch(SIG_ID_STORAGE_FORMAT, "/dev/sdz9");
+    // A name longer than the record's field is cut to 29 characters.
+    dispatch(SIG_ID_STORAGE_FORMAT, "/dev/disk/by-id/usb-SanDisk_Cruzer_Blade");
+
+    auto got = events.events();
+    ASSERT_EQ(got.size(), 2u);
+    const Bytes busy = {'/', 'd', 'e', 'v', '/', 's', 'd', 'z', '9', 0, 0, 0, 0, 0, 0, 0, 0, 0,
+                        0,   0,   0,   0,   0,   0,   0,   0,   0,   0, 0, 0, 0, 0, 0xfe, 0xff, 0xff, 0xff};
+    EXPECT_EQ(got[0].id, LUM_TV_EVT_STORAGE_FORMAT);
+    EXPECT_EQ(got[0].data, busy);
+    EXPECT_EQ(got[1].data, format_record("/dev/disk/by-id/usb-SanDisk_C", kBusy));
+    EXPECT_EQ(log.count("Formatting: /dev/sdq1 ....\n"), 2);
+    EXPECT_FALSE(log.has("Format: /dev/sdz9"));
+    EXPECT_EQ(format_running_volume(service()), "/dev/sdq1");
+    EXPECT_FALSE(service().TosvFormat.IsRunning()) << "a refused request re-armed the watchdog";
+    EXPECT_EQ(format_threads_alive(), 0);
+    end_simulated_format("/dev/sdq1");
+}
+
+TEST(FormatStart, ClaimArmsTheWatchdogAndOnlyTheOwnerReleasesIt)
+{
+    REQUIRE_ISOLATION();
+    ensure_service_queue();
+    set_recording(false);
+    std::string running;
+    ASSERT_TRUE(format_claim(service(), "/dev/sdq1", &running));
+    EXPECT_TRUE(service().TosvFormat.IsRunning());
+    EXPECT_FALSE(format_claim(service(), "/dev/sdr1", &running));
+    EXPECT_EQ(running, "/dev/sdq1");
+    // A thread started for another name (an empty request's) leaves the
+    // running format alone.
+    format_release(service(), "");
+    EXPECT_EQ(format_running_volume(service()), "/dev/sdq1");
+    EXPECT_TRUE(service().TosvFormat.IsRunning());
+    format_release(service(), "/dev/sdq1");
+    EXPECT_EQ(format_running_volume(service()), "");
+    EXPECT_FALSE(service().TosvFormat.IsRunning());
+}
+
+TEST(FormatWatchdog, OnlyALiveExpiryReportsAndItNamesTheRunningVolume)
+{
+    if (!little_endian_host())
+        GTEST_SKIP() << "vectors are little-endian";
+    REQUIRE_ISOLATION();
+    ensure_service_queue();
+    ensure_timer_thread();
+    CNorvMsgQueue expiries;
+    ASSERT_EQ(expiries.Create("/MQ_FORMAT_WATCHDOG_TEST", 4), 0);
+    std::string running;
+    ASSERT_TRUE(format_claim(service(), "/dev/sdq1", &running));
+    EventCapture events;
+    LogCapture log;
+
+    // A message that no timer sent.
+    CNorvMsg forged(SIG_ID_STORAGE_FORMAT_TIMEOUT);
+    service().ProcessNorvMsg(&forged);
+    EXPECT_TRUE(events.events().empty());
+
+    // The live expiry of the current arming: -3 for the running volume.
+    ASSERT_EQ(service().TosvFormat.StartTimer(1, SIG_ID_STORAGE_FORMAT_TIMEOUT, expiries.GetHandle(), 0), 0);
+    CNorvMsg live;
+    ASSERT_EQ(expiries.Receive(&live), 0);
+    EXPECT_EQ(live.GetSignalName(), static_cast<unsigned long>(SIG_ID_STORAGE_FORMAT_TIMEOUT));
+    service().ProcessNorvMsg(&live);
+    auto got = events.events();
+    ASSERT_EQ(got.size(), 1u);
+    EXPECT_EQ(got[0].id, LUM_TV_EVT_STORAGE_FORMAT);
+    EXPECT_EQ(got[0].data, format_record("/dev/sdq1", kTimeout));
+    EXPECT_TRUE(log.has("SIG_ID_STORAGE_FORMAT_TIMEOUT: /dev/sdq1\n"));
+
+    // The format goes on: still busy for the next request.
+    EXPECT_EQ(format_running_volume(service()), "/dev/sdq1");
+    dispatch(SIG_ID_STORAGE_FORMAT, "/dev/sdr1");
+    got = events.events();
+    ASSERT_EQ(got.size(), 2u);
+    EXPECT_EQ(got[1].data, format_record("/dev/sdr1", kBusy));
+
+    // An expiry that the end of the format made stale says nothing.
+    ASSERT_EQ(service().TosvFormat.StartTimer(1, SIG_ID_STORAGE_FORMAT_TIMEOUT, expiries.GetHandle(), 0), 0);
+    CNorvMsg stale;
+    ASSERT_EQ(expiries.Receive(&stale), 0);
+    end_simulated_format("/dev/sdq1");
+    service().ProcessNorvMsg(&stale);
+    EXPECT_EQ(events.events().size(), 2u);
+    expiries.Destroy();
+}
+
+TEST(Format, NameOfThirtyCharactersIsRefusedWithoutAnEvent)
+{
+    EventCapture events;
+    EXPECT_FALSE(service().Format(std::string(30, 'a')));
+    EXPECT_FALSE(service().Format("/dev/disk/by-id/usb-0781-5567-0:0"));
+    EXPECT_TRUE(events.events().empty());
+}
+
+namespace {
+
+// A volume /dev/sdq1 that fake tools mount and unmount: `mount` lists what
+// the fake mount and umount keep in /tmp/fake/mount.out, the fake format
+// tools exit with /tmp/fake/mkfs.rc and wait while /tmp/fake/hold exists.
+// /mnt is a private tmpfs, for the mount points the runs make.
+class FormatRun : public FakeTools {
+protected:
+    void SetUp() override
+    {
+        FakeTools::SetUp();
+        if (IsSkipped())
+            return;
+        if (mount("lumformat", "/mnt", "tmpfs", 0, "mode=755") != 0)
+            GTEST_SKIP() << "SKIPPED: no private /mnt";
+        mnt = true;
+        script("mount",
+               "if [ $# -eq 0 ]; then cat /tmp/fake/mount.out 2>/dev/null; exit 0; fi\n"
+               "for dir; do :; done\n"
+               "eval \"dev=\\${$(($# - 1))}\"\n"
+               "echo \"$dev on $dir type ext4 (rw)\" >> /tmp/fake/mount.out\n");
+        script("umount",
+               "for dir; do :; done\n"
+               "grep -v \" on $dir \" /tmp/fake/mount.out > /tmp/fake/mount.new\n"
+               "mv /tmp/fake/mount.new /tmp/fake/mount.out\n");
+        const char* tool = "while [ -f /tmp/fake/hold ]; do sleep 0.02; done\n"
+                           "exit $(cat /tmp/fake/mkfs.rc 2>/dev/null || echo 0)\n";
+        script("mkfs", tool);
+        script("mkfs.ext4", tool);
+        script("sync", "");
+        output("mount", "/dev/sdq1 on /mnt/pvr/shared/sdq1 type ext4 (rw)\n");
+        output("blkid", "/dev/sdq1: LABEL=\"OLD\" UUID=\"1111-2222\" TYPE=\"ext4\"\n");
+        output("df",
+               "Filesystem 1048576-blocks Used Available Capacity Mounted on\n"
+               "/dev/sdq1 1000 10 990 1% /mnt/pvr/shared/sdq1\n");
+        ASSERT_EQ(system("mkdir -p /mnt/pvr/shared/sdq1"), 0);
+        remove("/tmp/fake/mkfs.rc");
+        remove("/tmp/fake/hold");
+        threshold = lmdroid_get_log_threshold();
+        lmdroid_set_log_threshold(ANDROID_LOG_VERBOSE);
+    }
+    void TearDown() override
+    {
+        if (threshold != 0)
+            lmdroid_set_log_threshold(threshold);
+        remove("/tmp/fake/hold");
+        eventually([] { return format_threads_alive() == 0; });
+        if (mnt)
+            umount2("/mnt", MNT_DETACH);
+        FakeTools::TearDown();
+    }
+    static void script(const char* tool, const char* body)
+    {
+        std::string path = std::string("/tmp/fakebin/") + tool;
+        std::ofstream(path) << "#!/bin/sh\necho \"$0 $*\" >> /tmp/fake/calls\n" << body;
+        chmod(path.c_str(), 0755);
+    }
+    static std::string mounted()
+    {
+        std::ifstream in("/tmp/fake/mount.out");
+        return std::string(std::istreambuf_iterator<char>(in), {});
+    }
+    bool mnt = false;
+    int threshold = 0;
+};
+
+const std::initializer_list<int> kRunEvents = {
+    LUM_TV_EVT_STORAGE_DEV_UMOUNT, LUM_TV_EVT_STORAGE_DEV_UMOUNT_END, LUM_TV_EVT_STORAGE_DEV_MOUNT,
+    LUM_TV_EVT_STORAGE_DEV_MOUNT_END, LUM_TV_EVT_STORAGE_SET_ALL_PARTITION, LUM_TV_EVT_STORAGE_FORMAT};
+
+}  // namespace
+
+TEST_F(FormatRun, SetAllPartitionsFormatsExt4WhenRecordingAndRepliesWithTheNewSize)
+{
+    set_recording(true);
+    EventCapture events;
+    LogCapture log;
+    dispatch(SIG_ID_STORAGE_SET_ALL_PARTITION, "/dev/sdq1", 7);
+
+    auto got = only(events.events(), kRunEvents);
+    ASSERT_EQ(ids_of(got), (std::vector<int>{LUM_TV_EVT_STORAGE_DEV_UMOUNT, LUM_TV_EVT_STORAGE_DEV_UMOUNT_END,
+                                             LUM_TV_EVT_STORAGE_DEV_MOUNT, LUM_TV_EVT_STORAGE_DEV_MOUNT_END,
+                                             LUM_TV_EVT_STORAGE_SET_ALL_PARTITION}))
+        << "no format record from the command itself";
+    // 0, "/dev/sdq1" with NUL, 1000 MB = 0x3e8 from df, three zero words.
+    const Bytes reply = {0x00, '/', 'd', 'e', 'v', '/', 's', 'd', 'q', '1', 0x00, 0x00, 0x00, 0x03, 0xe8,
+                         0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00};
+    EXPECT_EQ(got[4].data, reply);
+    EXPECT_TRUE(log.has("run: mkfs.ext4 -T largefile /dev/sdq1\n"));
+    EXPECT_TRUE(log.has("start format '/dev/sdq1' (ext2)\n"));
+    EXPECT_TRUE(log.has("new partition size=1000\n"));
+    std::string calls = this->calls();
+    size_t off = calls.find("/tmp/fakebin/umount -fl /mnt/pvr/shared/sdq1");
+    size_t tool = calls.find("/tmp/fakebin/mkfs.ext4 -T largefile /dev/sdq1");
+    size_t on = calls.find("/tmp/fakebin/mount -t ext4 -w");
+    ASSERT_NE(off, std::string::npos) << calls;
+    ASSERT_NE(tool, std::string::npos) << calls;
+    ASSERT_NE(on, std::string::npos) << calls;
+    EXPECT_LT(off, tool);
+    EXPECT_LT(tool, on);
+    EXPECT_EQ(calls.find("/tmp/fakebin/mkfs "), std::string::npos);
+    EXPECT_EQ(format_threads_alive(), 0);
+}
+
+TEST_F(FormatRun, FailingToolRepliesFiveWithoutSizesAndTheOldVolumeComesBack)
+{
+    set_recording(false);
+    std::ofstream("/tmp/fake/mkfs.rc") << "1";
+    EventCapture events;
+    LogCapture log;
+    EXPECT_FALSE(service().SetAllPartitions(reinterpret_cast<const unsigned char*>("/dev/sdq1"), 0));
+    auto got = only(events.events(), kRunEvents);
+    ASSERT_EQ(got.size(), 5u);
+    EXPECT_EQ(got[4].id, LUM_TV_EVT_STORAGE_SET_ALL_PARTITION);
+    EXPECT_EQ(got[4].data, (Bytes{0x05, '/', 'd', 'e', 'v', '/', 's', 'd', 'q', '1', 0x00}));
+    // The FAT tool's line, with its two blanks before the device.
+    EXPECT_TRUE(log.has("run: mkfs -V -t vfat -F 32  /dev/sdq1\n"));
+    EXPECT_EQ(mounted(), "/dev/sdq1 on /mnt/pvr/shared/sdq1 type ext4 (rw)\n");
+}
+
+TEST_F(FormatRun, FormatThreadRefusesASecondRequestAndReportsLast)
+{
+    if (!little_endian_host())
+        GTEST_SKIP() << "vectors are little-endian";
+    ensure_service_queue();
+    set_recording(true);
+    std::ofstream("/tmp/fake/hold") << "";
+    EventCapture events;
+    LogCapture log;
+    dispatch(SIG_ID_STORAGE_FORMAT, "/dev/sdq1");
+    EXPECT_EQ(format_running_volume(service()), "/dev/sdq1");
+    EXPECT_TRUE(service().TosvFormat.IsRunning());
+    ASSERT_TRUE(eventually([this] { return calls().find("mkfs.ext4 -T largefile /dev/sdq1") != std::string::npos; }))
+        << "the tool never ran";
+
+    // While the tool runs.
+    dispatch(SIG_ID_STORAGE_FORMAT, "/dev/sdr1");
+    EXPECT_EQ(format_running_volume(service()), "/dev/sdq1");
+    EXPECT_EQ(format_threads_alive(), 1);
+
+    remove("/tmp/fake/hold");
+    ASSERT_TRUE(eventually([] { return format_threads_alive() == 0; }));
+    EXPECT_EQ(format_running_volume(service()), "");
+    EXPECT_FALSE(service().TosvFormat.IsRunning());
+
+    auto got = only(events.events(), kRunEvents);
+    ASSERT_EQ(ids_of(got),
+              (std::vector<int>{LUM_TV_EVT_STORAGE_DEV_UMOUNT, LUM_TV_EVT_STORAGE_DEV_UMOUNT_END,
+                                LUM_TV_EVT_STORAGE_FORMAT, LUM_TV_EVT_STORAGE_DEV_MOUNT,
+                                LUM_TV_EVT_STORAGE_DEV_MOUNT_END, LUM_TV_EVT_STORAGE_SET_ALL_PARTITION,
+                                LUM_TV_EVT_STORAGE_FORMAT}));
+    EXPECT_EQ(got[0].data, (Bytes{'/', 'm', 'n', 't', '/', 'p', 'v', 'r', '/', 's', 'h', 'a', 'r', 'e', 'd', '/',
+                                  's', 'd', 'q', '1', 0}));
+    EXPECT_EQ(got[1].data, (Bytes{1, 0, 0, 0}));
+    EXPECT_EQ(got[2].data, format_record("/dev/sdr1", kBusy));
+    EXPECT_EQ(got[4].data, (Bytes{1, 0, 0, 0}));
+    EXPECT_EQ(got[5].data[0], 0);
+    EXPECT_EQ(got[6].data, format_record("/dev/sdq1", kOk));
+    EXPECT_TRUE(log.has("Format: /dev/sdq1\n"));
+    EXPECT_TRUE(log.has("Formatting: /dev/sdq1 ....\n"));
+    EXPECT_TRUE(log.has("Device/Partiton: /dev/sdq1, size: 995 MB.\n"));
+    EXPECT_EQ(mounted(), "/dev/sdq1 on /mnt/pvr/shared/sdq1 type ext4 (rw)\n");
+}
+
+// Refused names, with the fake tools in place so that a refusal that lets a
+// name through runs nothing real.
+TEST_F(FormatRun, NamesThatAreNoPlainPathRunNoToolAndFailAsATool)
+{
+    if (!little_endian_host())
+        GTEST_SKIP() << "vectors are little-endian";
+    EventCapture events;
+    // 29 characters: the longest name Format takes.
+    const char* hostile = "/dev/sdb1;touch /tmp/pwned;#x";
+    ASSERT_EQ(strlen(hostile), 29u);
+    EXPECT_TRUE(service().Format(hostile));
+    auto got = events.events();
+    ASSERT_EQ(got.size(), 2u) << "nothing was to be taken off-line";
+    EXPECT_EQ(got[0].id, LUM_TV_EVT_STORAGE_SET_ALL_PARTITION);
+    Bytes reply = {5};
+    reply.insert(reply.end(), hostile, hostile + 30);
+    EXPECT_EQ(got[0].data, reply);
+    EXPECT_EQ(got[1].id, LUM_TV_EVT_STORAGE_FORMAT);
+    EXPECT_EQ(got[1].data, format_record(hostile, kFailed));
+    EXPECT_NE(access("/tmp/pwned", F_OK), 0);
+    // Format's size query is all that runs.
+    EXPECT_EQ(calls(), "/tmp/fakebin/df -Pm\n") << "a tool ran";
+
+    // Straight from the command, without Format's length limit.
+    EventCapture direct;
+    EXPECT_FALSE(service().SetAllPartitions(reinterpret_cast<const unsigned char*>("/dev/sd b"), 0));
+    ASSERT_EQ(direct.events().size(), 1u);
+    EXPECT_EQ(direct.events()[0].data, (Bytes{5, '/', 'd', 'e', 'v', '/', 's', 'd', ' ', 'b', 0}));
+    EXPECT_FALSE(service().SetAllPartitions(nullptr, 0));
+    EXPECT_EQ(direct.events().size(), 1u);
+}
+
+TEST_F(FormatRun, EmptyVolumePassesTheBusyCheckAndLeavesTheFlagEmpty)
+{
+    if (!little_endian_host())
+        GTEST_SKIP() << "vectors are little-endian";
+    ensure_service_queue();
+    set_recording(false);
+    EventCapture events;
+    LogCapture log;
+    dispatch(SIG_ID_STORAGE_FORMAT, "");
+    EXPECT_EQ(format_running_volume(service()), "");
+    EXPECT_TRUE(log.has("Format: \n"));
+    ASSERT_TRUE(eventually([] { return format_threads_alive() == 0; }));
+    auto got = events.events();
+    ASSERT_EQ(got.size(), 2u);
+    EXPECT_EQ(got[0].id, LUM_TV_EVT_STORAGE_SET_ALL_PARTITION);
+    EXPECT_EQ(got[0].data, (Bytes{5, 0}));
+    EXPECT_EQ(got[1].id, LUM_TV_EVT_STORAGE_FORMAT);
+    EXPECT_EQ(got[1].data, format_record("", kFailed));
+    EXPECT_FALSE(service().TosvFormat.IsRunning()) << "the thread leaves its watchdog armed";
+    EXPECT_EQ(calls(), "/tmp/fakebin/df -Pm\n") << "an empty name took volumes off-line or ran a tool";
+}
