@@ -197,3 +197,12 @@ TEST(CtlOutput, JsonIsValidForEveryReplyAndEvent)
 }
 
 }  // namespace
+
+TEST(CtlQuoted, Utf8StaysOtherBytesAreEscaped)
+{
+    const char text[] = "\xe4\xb8\xad\xe6\x96\x87 \xd6\xd0\xce\xc4\"\\";
+    EXPECT_EQ(lumctl::quoted(text, sizeof(text) - 1),
+              "\"\xe4\xb8\xad\xe6\x96\x87 \\xd6\\xd0\\xce\\xc4\\x22\\x5c\"");
+    const char overlong[] = "\xc0\x80\xed\xa0\x80";
+    EXPECT_EQ(lumctl::quoted(overlong, sizeof(overlong) - 1), "\"\\xc0\\x80\\xed\\xa0\\x80\"");
+}

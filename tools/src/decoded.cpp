@@ -91,12 +91,42 @@ std::string json_string(const char* text, size_t len)
     return out + "\"";
 }
 
+namespace {
+
+// Length of a well-formed UTF-8 sequence of two to four bytes at text[i], or
+// 0 (overlong forms, surrogates and cut sequences included).
+size_t utf8_sequence(const unsigned char* text, size_t i, size_t len)
+{
+    unsigned char c = text[i];
+    size_t n = (c & 0xE0) == 0xC0 ? 2 : (c & 0xF0) == 0xE0 ? 3 : (c & 0xF8) == 0xF0 ? 4 : 0;
+    if (n == 0 || i + n > len)
+        return 0;
+    unsigned cp = c & (0x7F >> n);
+    for (size_t k = 1; k < n; ++k) {
+        if ((text[i + k] & 0xC0) != 0x80)
+            return 0;
+        cp = (cp << 6) | (text[i + k] & 0x3F);
+    }
+    static const unsigned kMin[] = {0, 0, 0x80, 0x800, 0x10000};
+    if (cp < kMin[n] || cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF))
+        return 0;
+    return n;
+}
+
+}  // namespace
+
 std::string quoted(const char* text, size_t len)
 {
     std::string out = "\"";
+    const auto* bytes = reinterpret_cast<const unsigned char*>(text);
     for (size_t i = 0; i < len; ++i) {
-        unsigned char ch = static_cast<unsigned char>(text[i]);
-        if (ch >= 0x20 && ch < 0x7f && ch != '"' && ch != '\\') {
+        unsigned char ch = bytes[i];
+        size_t seq = ch >= 0x80 ? utf8_sequence(bytes, i, len) : 0;
+        if (seq > 0) {
+            // Valid UTF-8 (a converted label) is shown as it is.
+            out.append(text + i, seq);
+            i += seq - 1;
+        } else if (ch >= 0x20 && ch < 0x7f && ch != '"' && ch != '\\') {
             out += static_cast<char>(ch);
         } else {
             char buf[8];

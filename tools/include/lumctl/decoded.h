@@ -34,7 +34,8 @@ std::string hex_spaced(const uint8_t* data, size_t len, size_t max_bytes);
 std::string hex_compact(const uint8_t* data, size_t len);
 // A JSON string literal; bytes that are not valid UTF-8 become \\u00XX.
 std::string json_string(const char* text, size_t len);
-// A C-style quoted string: printable ASCII as is, the rest as \\xNN.
+// A C-style quoted string: printable ASCII and valid UTF-8 as they are, the
+// rest as \\xNN.
 std::string quoted(const char* text, size_t len);
 
 // {"name":value,...}
