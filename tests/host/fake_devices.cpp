@@ -3,6 +3,8 @@
 // the record structures), independently of lumctl's decoders.
 #include "fake_devices.h"
 
+#include "fake_bytes.h"
+
 #include <cstring>
 #include <string>
 #include <vector>
@@ -16,20 +18,6 @@
 namespace fakesvc {
 
 namespace {
-
-using Bytes = std::vector<uint8_t>;
-
-void put_be16(Bytes* out, uint32_t v)
-{
-    out->push_back(static_cast<uint8_t>(v >> 8));
-    out->push_back(static_cast<uint8_t>(v));
-}
-
-void put_be32(Bytes* out, uint32_t v)
-{
-    put_be16(out, v >> 16);
-    put_be16(out, v & 0xffff);
-}
 
 Bytes elem(uint16_t tag, const Bytes& value)
 {
@@ -53,26 +41,12 @@ Bytes u32_elem(uint16_t tag, uint32_t v)
     return elem(tag, value);
 }
 
-Bytes join(std::initializer_list<Bytes> parts)
-{
-    Bytes out;
-    for (const Bytes& p : parts)
-        out.insert(out.end(), p.begin(), p.end());
-    return out;
-}
-
-void notify(int32_t id, Bytes data)
-{
-    EMAL_Notify(id, data.empty() ? nullptr : data.data(), static_cast<int>(data.size()));
-}
-
 // Another client's work, for the client to skip.
 void unrelated_event()
 {
     SStorageFormatInfo info{};
     snprintf(info.devName, sizeof(info.devName), "sdz");
-    notify(LUM_TV_EVT_STORAGE_FORMAT, Bytes(reinterpret_cast<uint8_t*>(&info),
-                                            reinterpret_cast<uint8_t*>(&info) + sizeof(info)));
+    notify(LUM_TV_EVT_STORAGE_FORMAT, image_of(info));
 }
 
 struct Device {
@@ -187,13 +161,6 @@ Bytes hot_plug(const Device& d)
     return Bytes(p, p + sizeof(info));
 }
 
-Bytes host_count(int32_t count)
-{
-    Bytes out(sizeof(count));
-    memcpy(out.data(), &count, sizeof(count));
-    return out;
-}
-
 int mount_run(const android::Parcel& request, android::Parcel* reply)
 {
     std::string name = operand(request);
@@ -207,11 +174,6 @@ int mount_run(const android::Parcel& request, android::Parcel* reply)
     }
     notify(LUM_TV_EVT_STORAGE_DEV_MOUNT_END, host_count(known ? 2 : 0));
     return 0;
-}
-
-Bytes c_string(const char* text)
-{
-    return Bytes(text, text + strlen(text) + 1);
 }
 
 int umount_run(const android::Parcel& request, android::Parcel* reply)

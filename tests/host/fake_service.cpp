@@ -1,12 +1,13 @@
 #include "fake_service.h"
 
 #include "fake_devices.h"
+#include "fake_pvr.h"
 
 #include <cstdio>
 #include <cstring>
+#include <initializer_list>
 
 #include <StorageEvents.h>
-#include <StorageFormatInfo.h>
 #include <StorageModuleCmd.h>
 #include <lumemclient/EMALClient.h>
 
@@ -33,28 +34,9 @@ int emit(const android::Parcel& request, android::Parcel*)
     return 0;
 }
 
-int pvr_dev_state(const android::Parcel&, android::Parcel* reply)
-{
-    reply->writeBool(true);
-    return 0;
-}
-
-int dev_format(const android::Parcel& request, android::Parcel* reply)
-{
-    const char* dev = request.readCString();
-    SStorageFormatInfo info{};
-    snprintf(info.devName, sizeof(info.devName), "%s", dev != nullptr ? dev : "");
-    info.result = 0;
-    reply->writeBool(true);
-    EMAL_Notify(LUM_TV_EVT_STORAGE_FORMAT, &info, sizeof(info));
-    return 0;
-}
-
 const Row kRows[] = {
     {kEcho, echo},
     {kEmit, emit},
-    {STORAGE_PVR_DEV_STATE, pvr_dev_state},
-    {STORAGE_DEV_FORMAT, dev_format},
 };
 
 }  // namespace
@@ -67,11 +49,13 @@ int invoke(const android::Parcel& request, android::Parcel* reply)
         if (row.word == word)
             return row.run(request, reply);
     }
-    size_t count = 0;
-    const Row* rows = device_rows(&count);
-    for (size_t i = 0; i < count; ++i) {
-        if (rows[i].word == word)
-            return rows[i].run(request, reply);
+    for (const Row* (*table)(size_t*) : {device_rows, pvr_rows}) {
+        size_t count = 0;
+        const Row* rows = table(&count);
+        for (size_t i = 0; i < count; ++i) {
+            if (rows[i].word == word)
+                return rows[i].run(request, reply);
+        }
     }
     return -1;
 }

@@ -13,10 +13,12 @@ constexpr int32_t kEcho = 1;  // reply = the request bytes behind the word
 constexpr int32_t kEmit = 2;  // int32 event id, int32 count: that many EMAL_Notify calls,
                               // payload = int32 sequence number 0..count-1
 
-// STORAGE_PVR_DEV_STATE: bool true. STORAGE_DEV_FORMAT "s": bool true and a
-// LUM_TV_EVT_STORAGE_FORMAT event for that device with result 0. The device
-// commands of fake_devices.h: their canned events. Anything else: -1 and no
-// reply, as the hub answers a group it has no handler for.
+// The device commands of fake_devices.h and the PVR and format commands of
+// fake_pvr.h (STORAGE_PVR_DEV_STATE: bool true unless a test changed the
+// PVR state; STORAGE_DEV_FORMAT of an unknown volume: bool true and a
+// LUM_TV_EVT_STORAGE_FORMAT event for it with result 0): their canned
+// answers. Anything else: -1 and no reply, as the hub answers a group it
+// has no handler for.
 int invoke(const android::Parcel& request, android::Parcel* reply);
 
 // Number of invoke calls so far.

@@ -40,6 +40,12 @@ bool parse_non_negative(const char* text, double* out)
 int parse_device_args(const CtlContext& ctx, const char* sub, const char* what, size_t want,
                       int argc, char** argv, DeviceArgs* args)
 {
+    return parse_device_args_between(ctx, sub, what, want, want, argc, argv, args);
+}
+
+int parse_device_args_between(const CtlContext& ctx, const char* sub, const char* what, size_t least,
+                              size_t most, int argc, char** argv, DeviceArgs* args)
+{
     for (int i = 0; i < argc; ++i) {
         double v = 0;
         if (strcmp(argv[i], "--json") == 0) {
@@ -54,11 +60,24 @@ int parse_device_args(const CtlContext& ctx, const char* sub, const char* what, 
             args->operands.push_back(argv[i]);
         }
     }
-    if (args->operands.size() != want)
-        return usage_error(ctx, std::string(sub) + " takes " +
-                                    (want == 0 ? std::string("no operand") : std::string(what)) +
-                                    ", not " + std::to_string(args->operands.size()) + " operand(s)");
-    return kExitOk;
+    size_t n = args->operands.size();
+    if (n >= least && n <= most)
+        return kExitOk;
+    std::string wanted = most == 0 ? std::string("no operand") : least == 0 ? std::string("[") + what + "]" : what;
+    return usage_error(ctx, std::string(sub) + " takes " + wanted + ", not " + std::to_string(n) + " operand(s)");
+}
+
+std::vector<char*> without_flag(int argc, char** argv, const char* flag, bool* seen)
+{
+    std::vector<char*> rest;
+    *seen = false;
+    for (int i = 0; i < argc; ++i) {
+        if (strcmp(argv[i], flag) == 0)
+            *seen = true;
+        else
+            rest.push_back(argv[i]);
+    }
+    return rest;
 }
 
 }  // namespace lumctl

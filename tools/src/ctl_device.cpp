@@ -2,6 +2,8 @@
 #include "ctl_device.h"
 
 #include <cmath>
+#include <cstring>
+#include <unistd.h>
 
 #include "lumctl/request_build.h"
 
@@ -31,14 +33,39 @@ std::string refusal_text(const CtlReply& reply)
     return "the service refused the request";
 }
 
+// Sends the query's request and waits for its REPLY: 1, 0 on time-out, -1
+// with error. The connection is not subscribed; stray events are skipped.
+int wait_reply(int fd, const EventQuery& query, CtlReply* reply, std::string* error)
+{
+    double deadline = now_seconds() + query.timeout_ms / 1000.0;
+    if (ctl_send_request(fd, query.request, error) != 0)
+        return -1;
+    for (;;) {
+        CtlIncoming in;
+        int rc = ctl_next_incoming(fd, time_left_ms(deadline), &in, error);
+        if (rc <= 0)
+            return rc;
+        if (in.is_reply) {
+            *reply = in.reply;
+            return 1;
+        }
+    }
+}
+
 }  // namespace
 
 int device_args(const CtlContext& ctx, DeviceCall* call, const char* what, size_t want,
                 double timeout, int argc, char** argv)
 {
+    return device_args_between(ctx, call, what, want, want, timeout, argc, argv);
+}
+
+int device_args_between(const CtlContext& ctx, DeviceCall* call, const char* what, size_t least, size_t most,
+                        double timeout, int argc, char** argv)
+{
     call->args.json = ctx.json;
     call->args.timeout = timeout;
-    return parse_device_args(ctx, call->sub, what, want, argc, argv, &call->args);
+    return parse_device_args_between(ctx, call->sub, what, least, most, argc, argv, &call->args);
 }
 
 int device_query(const DeviceCall& call, const std::vector<std::string>& fields,
@@ -73,6 +100,25 @@ int device_run(const CtlContext& ctx, const DeviceCall& call, const EventQuery& 
     if (out.dropped > 0 && out.status != QueryStatus::kRefused)
         why += " (" + std::to_string(out.dropped) + " events were dropped by the daemon meanwhile)";
     return protocol_error(ctx, subject(call) + ": " + why);
+}
+
+int direct_run(const CtlContext& ctx, const DeviceCall& call, const std::vector<std::string>& fields,
+               CtlReply* reply)
+{
+    EventQuery query;
+    std::string error;
+    if (device_query(call, fields, {}, nullptr, &query, &error) != 0)
+        return usage_error(ctx, error);
+    int fd = ctl_connect(ctx.socket_path);
+    if (fd < 0)
+        return protocol_error(ctx, subject(call) + ": connect " + ctx.socket_path + ": " + strerror(-fd));
+    int rc = wait_reply(fd, query, reply, &error);
+    close(fd);
+    if (rc == 0)
+        error = "timed out after " + seconds_text(call.args.timeout) + " waiting for the reply";
+    if (rc == 1 && reply->result != 0)
+        error = refusal_text(*reply);
+    return rc == 1 && reply->result == 0 ? kExitOk : protocol_error(ctx, subject(call) + ": " + error);
 }
 
 CtlContext device_context(const CtlContext& ctx, const DeviceCall& call)

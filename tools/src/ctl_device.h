@@ -1,5 +1,6 @@
 // Shared parts of the device subcommands (volumes, devinfo, mount, umount,
-// size, used, free, uuid): their options, requests and failure reports.
+// size, used, free, uuid, pvr, format): their options, requests and failure
+// reports.
 #pragma once
 
 #include <string>
@@ -16,6 +17,8 @@ namespace lumctl {
 // queue.
 constexpr double kRunTimeoutSeconds = 60;
 constexpr double kQueryTimeoutSeconds = 20;
+// A format takes minutes on a large disk, all of it inside one wait.
+constexpr double kFormatTimeoutSeconds = 600;
 
 // What a subcommand sends and waits for.
 struct DeviceCall {
@@ -28,6 +31,9 @@ struct DeviceCall {
 // global one counts too) and --timeout (default timeout seconds).
 int device_args(const CtlContext& ctx, DeviceCall* call, const char* what, size_t want,
                 double timeout, int argc, char** argv);
+// The same with least to most operands.
+int device_args_between(const CtlContext& ctx, DeviceCall* call, const char* what, size_t least, size_t most,
+                        double timeout, int argc, char** argv);
 
 // The query of call: its command with fields (one per request letter), the
 // awaited ids and the handler. Returns 0, or -1 with a message in error.
@@ -41,6 +47,18 @@ int device_query(const DeviceCall& call, const std::vector<std::string>& fields,
 // kExitProtocol.
 int device_run(const CtlContext& ctx, const DeviceCall& call, const EventQuery& query,
                const std::function<std::string()>& waiting);
+
+// A request the service answers by its reply alone: one connection, the
+// request of call's command with fields, its REPLY within call's timeout.
+// Returns kExitOk with the reply (result 0), or reports the failure (a
+// result other than 0 included) and returns kExitProtocol.
+int direct_run(const CtlContext& ctx, const DeviceCall& call, const std::vector<std::string>& fields,
+               CtlReply* reply);
+
+// "mounted /mnt/usb/sdb1 (vfat, label KINGSTON)" from a DEV_MOUNT event,
+// "unmounted /mnt/usb/sdb1" from a DEV_UMOUNT event.
+std::string mounted_text(const CtlEvent& event);
+std::string unmounted_text(const CtlEvent& event);
 
 // The context with the subcommand's own --json.
 CtlContext device_context(const CtlContext& ctx, const DeviceCall& call);

@@ -32,11 +32,23 @@ const char kUsage[] =
     "  used DEVICE      the space used on a partition\n"
     "  free UUID        the free space of a volume\n"
     "  uuid PATH        the uuid of the volume holding PATH\n"
-    "  --timeout S waits at most S seconds (mount and umount 60, the others 20).\n"
-    "  A refused request or a time-out exits 1. Command names (dev-mount, 4109)\n"
-    "  still send the command itself and print its reply.\n"
+    "  format VOLUME    formats a volume, printing each step and the result\n"
+    "  pvr state        whether there is a PVR partition, and its mount path\n"
+    "  pvr path         the PVR partition's mount path\n"
+    "  pvr available DISK  the service's verdict on DISK for PVR use\n"
+    "  pvr total DISK   the size of DISK as the PVR checks see it\n"
+    "  pvr mark DISK [--format]  makes DISK the PVR disk (formatting it first)\n"
+    "  pvr guide        what the user interface is asked after a plug-in\n"
+    "  pvr limit [MB]   the size limit of the automatic PVR choice; MB sets it\n"
+    "  --timeout S waits at most S seconds (mount, umount and pvr mark 60, format\n"
+    "  and pvr mark --format 600, the others 20).\n"
+    "  A refused request or a time-out exits 1, as does a format that fails.\n"
+    "  Command names (dev-mount, 4109) still send the command itself and print\n"
+    "  its reply.\n"
     "The socket defaults to $LUMSTORAGED_SOCKET, else /run/lumstorage/lumstoraged.sock.\n"
-    "Exit: 0 done, 1 connection or protocol error, 2 usage error.\n";
+    "Exit: 0 done, 1 connection or protocol error, 2 usage error, 3 the service\n"
+    "answered no (pvr: a verdict other than success, no PVR partition or path,\n"
+    "no size, a limit it did not take).\n";
 
 int run_help(const CtlContext& ctx, int, char**)
 {
@@ -54,7 +66,7 @@ const SubcommandRow kSubcommands[] = {
     {"list", run_list},     {"watch", run_watch},   {"raw", run_raw},       {"help", run_help},
     {"--help", run_help},   {"-h", run_help},       {"volumes", run_volumes}, {"devinfo", run_devinfo},
     {"mount", run_mount},   {"umount", run_umount}, {"size", run_size},     {"used", run_used},
-    {"free", run_free},     {"uuid", run_uuid},
+    {"free", run_free},     {"uuid", run_uuid},     {"pvr", run_pvr},       {"format", run_format},
 };
 
 // Consumes the global options; returns the index of the command word, or

@@ -13,25 +13,6 @@ namespace lumctl {
 
 namespace {
 
-std::string mounted_text(const CtlEvent& event)
-{
-    SStorageHotPlugInfo info;
-    if (event.data.size() < sizeof(info))
-        return "(short mount event of " + std::to_string(event.data.size()) + " bytes)";
-    memcpy(&info, event.data.data(), sizeof(info));
-    std::string fs(info.fsType, strnlen(info.fsType, sizeof(info.fsType)));
-    std::string label(info.label, strnlen(info.label, sizeof(info.label)));
-    std::string mount_point(info.mountPoint, strnlen(info.mountPoint, sizeof(info.mountPoint)));
-    std::string detail = fs + (label.empty() ? "" : ", label " + label);
-    return "mounted " + printable(mount_point) + (detail.empty() ? "" : " (" + printable(detail) + ")");
-}
-
-std::string unmounted_text(const CtlEvent& event)
-{
-    const char* text = reinterpret_cast<const char*>(event.data.data());
-    return "unmounted " + printable(std::string(text, strnlen(text, event.data.size())));
-}
-
 struct RunKind {
     const char* sub;
     const char* command;
@@ -121,6 +102,27 @@ int run_device_run(const CtlContext& ctx, const char* sub, int argc, char** argv
 }
 
 }  // namespace
+
+std::string mounted_text(const CtlEvent& event)
+{
+    SStorageHotPlugInfo info;
+    if (event.data.size() < sizeof(info))
+        return "(short mount event of " + std::to_string(event.data.size()) + " bytes)";
+    memcpy(&info, event.data.data(), sizeof(info));
+    std::string fs(info.fsType, strnlen(info.fsType, sizeof(info.fsType)));
+    std::string label(info.label, strnlen(info.label, sizeof(info.label)));
+    std::string mount_point(info.mountPoint, strnlen(info.mountPoint, sizeof(info.mountPoint)));
+    std::string detail = fs + (label.empty() ? "" : ", label " + label);
+    return "mounted " + printable(mount_point) + (detail.empty() ? "" : " (" + printable(detail) + ")");
+}
+
+std::string unmounted_text(const CtlEvent& event)
+{
+    if (event.data.empty())
+        return "unmounted (no mount point)";
+    const char* text = reinterpret_cast<const char*>(event.data.data());
+    return "unmounted " + printable(std::string(text, strnlen(text, event.data.size())));
+}
 
 int run_mount(const CtlContext& ctx, int argc, char** argv)
 {

@@ -39,6 +39,12 @@ void add_rows(Decoded* out, const char* name, const SConnectedDevice* rows, int3
 
 }  // namespace
 
+const char* pvr_verdict_name(int32_t verdict)
+{
+    const size_t count = sizeof(kVerdicts) / sizeof(kVerdicts[0]);
+    return verdict >= 0 && static_cast<size_t>(verdict) < count ? kVerdicts[verdict] : nullptr;
+}
+
 size_t decode_path_text(const uint8_t* data, size_t len, Decoded* out)
 {
     add_string(out, "mountPoint", reinterpret_cast<const char*>(data), len);

@@ -16,6 +16,8 @@ enum ExitCode {
     kExitProtocol = 1,  // connect failure, ERROR frame, broken stream, timeout in watch,
                         // a device subcommand refused or timed out
     kExitUsage = 2,
+    kExitNo = 3,  // the service answered, and the answer is no: a PVR verdict other
+                  // than success, no PVR partition, a size limit it did not take
 };
 
 struct CtlContext {
@@ -44,6 +46,11 @@ int run_size(const CtlContext& ctx, int argc, char** argv);
 int run_used(const CtlContext& ctx, int argc, char** argv);
 int run_free(const CtlContext& ctx, int argc, char** argv);
 int run_uuid(const CtlContext& ctx, int argc, char** argv);
+
+// pvr WORD ...: the PVR queries, marking, guide and size limit (ctl_pvr*.cpp);
+// format VOLUME: a format followed to its result (ctl_format.cpp).
+int run_pvr(const CtlContext& ctx, int argc, char** argv);
+int run_format(const CtlContext& ctx, int argc, char** argv);
 
 // Renderings, one line per event; a reply is several lines of text or one
 // JSON object. row may be null (a raw word with no row).

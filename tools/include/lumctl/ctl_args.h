@@ -32,5 +32,11 @@ struct DeviceArgs {
 // ("DEVICE"). Returns kExitOk or a usage error.
 int parse_device_args(const CtlContext& ctx, const char* sub, const char* what, size_t want,
                       int argc, char** argv, DeviceArgs* args);
+// The same with least to most operands ("pvr limit [MB]").
+int parse_device_args_between(const CtlContext& ctx, const char* sub, const char* what, size_t least,
+                              size_t most, int argc, char** argv, DeviceArgs* args);
+
+// argv without every word equal to flag; *seen tells whether there was one.
+std::vector<char*> without_flag(int argc, char** argv, const char* flag, bool* seen);
 
 }  // namespace lumctl

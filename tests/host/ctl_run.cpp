@@ -1,0 +1,64 @@
+#include "ctl_run.h"
+
+#include <cstdio>
+#include <cstdlib>
+
+#include "json_check.h"
+#include "lumctl/ctl.h"
+
+namespace hosttest {
+
+namespace {
+
+std::string take(char* buf, size_t len)
+{
+    std::string out(buf, len);
+    free(buf);
+    return out;
+}
+
+}  // namespace
+
+CtlRun ctl(const std::string& socket, std::vector<std::string> words)
+{
+    words.insert(words.begin(), {"lumstoragectl", "--socket", socket});
+    std::vector<char*> argv;
+    for (std::string& w : words)
+        argv.push_back(&w[0]);
+    argv.push_back(nullptr);
+    char* out_buf = nullptr;
+    char* err_buf = nullptr;
+    size_t out_len = 0, err_len = 0;
+    FILE* out = open_memstream(&out_buf, &out_len);
+    FILE* err = open_memstream(&err_buf, &err_len);
+    int code = lumctl::ctl_main(static_cast<int>(words.size()), argv.data(), out, err);
+    fclose(out);
+    fclose(err);
+    return CtlRun{code, take(out_buf, out_len), take(err_buf, err_len)};
+}
+
+bool has(const std::string& text, const std::string& part)
+{
+    return text.find(part) != std::string::npos;
+}
+
+size_t occurrences(const std::string& text, const std::string& part)
+{
+    size_t n = 0;
+    for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1))
+        ++n;
+    return n;
+}
+
+bool json_lines(const std::string& text)
+{
+    size_t start = 0;
+    for (size_t nl = text.find('\n'); nl != std::string::npos; nl = text.find('\n', start)) {
+        if (!json_valid(text.substr(start, nl - start)))
+            return false;
+        start = nl + 1;
+    }
+    return start == text.size() && start > 0;
+}
+
+}  // namespace hosttest

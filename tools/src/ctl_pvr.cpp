@@ -1,0 +1,140 @@
+// pvr WORD: the PVR requests. state, path, available and total are answered
+// by the reply alone; mark, guide and limit live in their own files.
+#include <cstring>
+
+#include "ctl_pvr.h"
+#include "json_line.h"
+#include "lumctl/pvr_decoders.h"
+#include "lumctl/volume_table.h"
+
+namespace lumctl {
+
+namespace {
+
+void print_line(const CtlContext& ctx, const std::string& text, const JsonLine& json)
+{
+    fprintf(ctx.out, "%s\n", ctx.json ? json.done().c_str() : text.c_str());
+}
+
+int malformed(const CtlContext& ctx, const DeviceCall& call)
+{
+    return protocol_error(ctx, std::string(call.sub) + ": the reply is shorter than " + call.command + " answers");
+}
+
+// One request without operands and its cstring reply.
+int read_path(const CtlContext& ctx, const DeviceCall& call, std::string* path)
+{
+    DeviceCall path_call{call.sub, "STORAGE_PVR_MOUNT_PATH", call.args};
+    CtlReply reply;
+    int rc = direct_run(ctx, path_call, {}, &reply);
+    if (rc != kExitOk)
+        return rc;
+    ReplyParcel in(reply);
+    const char* text = in.parcel.readCString();
+    if (text == nullptr)
+        return malformed(ctx, path_call);
+    *path = text;
+    return kExitOk;
+}
+
+int pvr_state(const CtlContext& ctx, int argc, char** argv)
+{
+    DeviceCall call{"pvr state", "STORAGE_PVR_DEV_STATE", {}};
+    int rc = device_args(ctx, &call, "", 0, kQueryTimeoutSeconds, argc, argv);
+    CtlReply reply;
+    if (rc != kExitOk || (rc = direct_run(ctx, call, {}, &reply)) != kExitOk)
+        return rc;
+    int32_t state = 0;
+    if (ReplyParcel(reply).parcel.readInt32(&state) != android::OK)
+        return malformed(ctx, call);
+    std::string path;
+    if ((rc = read_path(ctx, call, &path)) != kExitOk)
+        return rc;
+    std::string text = state == 0 ? "no PVR partition"
+                                  : "PVR partition: " + (path.empty() ? "(mount path not known)" : printable(path));
+    print_line(device_context(ctx, call), text, JsonLine().flag("pvr", state != 0).str("mountPath", path));
+    return state != 0 ? kExitOk : kExitNo;
+}
+
+int pvr_path(const CtlContext& ctx, int argc, char** argv)
+{
+    DeviceCall call{"pvr path", "STORAGE_PVR_MOUNT_PATH", {}};
+    int rc = device_args(ctx, &call, "", 0, kQueryTimeoutSeconds, argc, argv);
+    std::string path;
+    if (rc != kExitOk || (rc = read_path(ctx, call, &path)) != kExitOk)
+        return rc;
+    CtlContext local = device_context(ctx, call);
+    if (local.json)
+        print_line(local, "", JsonLine().str("mountPath", path));
+    else if (path.empty())
+        fprintf(ctx.err, "lumstoragectl: pvr path: no PVR mount path\n");
+    else
+        print_line(local, printable(path), JsonLine());
+    return path.empty() ? kExitNo : kExitOk;
+}
+
+int pvr_available(const CtlContext& ctx, int argc, char** argv)
+{
+    DeviceCall call{"pvr available", "STORAGE_PVR_DEV_AVAILABLE", {}};
+    int rc = device_args(ctx, &call, "DISK", 1, kQueryTimeoutSeconds, argc, argv);
+    CtlReply reply;
+    if (rc != kExitOk || (rc = direct_run(ctx, call, call.args.operands, &reply)) != kExitOk)
+        return rc;
+    int32_t verdict = 0;
+    if (ReplyParcel(reply).parcel.readInt32(&verdict) != android::OK)
+        return malformed(ctx, call);
+    const std::string& disk = call.args.operands[0];
+    const char* name = verdict_name(verdict);
+    print_line(device_context(ctx, call),
+               printable(disk) + ": verdict " + std::to_string(verdict) + ", " + name,
+               JsonLine().str("disk", disk).num("verdict", verdict).str("name", name).flag("usable", verdict == 0));
+    return verdict == 0 ? kExitOk : kExitNo;
+}
+
+int pvr_total(const CtlContext& ctx, int argc, char** argv)
+{
+    DeviceCall call{"pvr total", "STORAGE_PVR_DISK_TOTAL", {}};
+    int rc = device_args(ctx, &call, "DISK", 1, kQueryTimeoutSeconds, argc, argv);
+    CtlReply reply;
+    if (rc != kExitOk || (rc = direct_run(ctx, call, call.args.operands, &reply)) != kExitOk)
+        return rc;
+    int64_t mb = 0;
+    if (ReplyParcel(reply).parcel.readInt64(&mb) != android::OK)
+        return malformed(ctx, call);
+    const std::string& disk = call.args.operands[0];
+    // The service answers 0 for a disk it cannot size.
+    std::string size = mb > 0 ? human_mb(static_cast<uint64_t>(mb)) + " " : "no size known ";
+    print_line(device_context(ctx, call), printable(disk) + ": " + size + "(" + std::to_string(mb) + " MB)",
+               JsonLine().str("disk", disk).num("totalMB", mb));
+    return mb > 0 ? kExitOk : kExitNo;
+}
+
+struct PvrWord {
+    const char* word;
+    int (*run)(const CtlContext& ctx, int argc, char** argv);
+};
+
+const PvrWord kPvrWords[] = {
+    {"state", pvr_state},  {"path", pvr_path},         {"available", pvr_available}, {"total", pvr_total},
+    {"mark", run_pvr_mark}, {"guide", run_pvr_guide}, {"limit", run_pvr_limit},
+};
+
+}  // namespace
+
+const char* verdict_name(int32_t verdict)
+{
+    const char* name = pvr_verdict_name(verdict);
+    return name != nullptr ? name : "unknown";
+}
+
+int run_pvr(const CtlContext& ctx, int argc, char** argv)
+{
+    for (const PvrWord& w : kPvrWords) {
+        if (argc > 0 && strcmp(argv[0], w.word) == 0)
+            return w.run(ctx, argc - 1, argv + 1);
+    }
+    std::string what = argc > 0 ? std::string("unknown word '") + argv[0] + "'" : "a word is missing";
+    return usage_error(ctx, "pvr: " + what + " (state, path, available, total, mark, guide, limit)");
+}
+
+}  // namespace lumctl

@@ -1,0 +1,28 @@
+// The words of pvr: each one's runner, argv starting behind the word.
+#pragma once
+
+#include <binder/Parcel.h>
+
+#include "ctl_device.h"
+
+namespace lumctl {
+
+int run_pvr_mark(const CtlContext& ctx, int argc, char** argv);
+int run_pvr_guide(const CtlContext& ctx, int argc, char** argv);
+int run_pvr_limit(const CtlContext& ctx, int argc, char** argv);
+
+// The reply's Parcel, to be read from its start.
+struct ReplyParcel {
+    android::Parcel parcel;
+    explicit ReplyParcel(const CtlReply& reply)
+    {
+        if (!reply.bytes.empty())
+            parcel.setData(reply.bytes.data(), reply.bytes.size());
+    }
+};
+
+// "capacity smaller than the limit", or "unknown" for a number the
+// enumeration lacks.
+const char* verdict_name(int32_t verdict);
+
+}  // namespace lumctl

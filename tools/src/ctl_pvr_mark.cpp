@@ -1,0 +1,89 @@
+// pvr mark DISK [--format]: asks the service to make DISK the PVR disk and
+// waits for the marking's verdict. With --format the service formats the
+// disk first; its steps are printed as they come.
+#include <cstring>
+
+#include <StorageEvents.h>
+#include <StoragePvr.h>
+
+#include "ctl_pvr.h"
+#include "format_follow.h"
+#include "json_line.h"
+#include "lumctl/volume_table.h"
+
+namespace lumctl {
+
+namespace {
+
+struct Marking {
+    CtlContext ctx;
+    std::string disk;
+    bool done = false;
+    int32_t verdict = -1;
+
+    // PVR_MARK names its disk cut at 31 characters; another disk's verdict
+    // (another client's marking) is skipped.
+    EventStep take(const CtlEvent& event)
+    {
+        SStorageMarkPvrInfo info;
+        if (event.data.size() < sizeof(info))
+            return EventStep::kMore;
+        memcpy(&info, event.data.data(), sizeof(info));
+        std::string id(info.partition_id, strnlen(info.partition_id, sizeof(info.partition_id)));
+        if (id != disk.substr(0, sizeof(info.partition_id) - 1))
+            return EventStep::kMore;
+        done = true;
+        verdict = info.pvr_flag;
+        print(info.is_pvr_partition != 0);
+        return EventStep::kDone;
+    }
+
+    void print(bool marked) const
+    {
+        std::string text = printable(disk) + (marked ? ": marked as the PVR disk" : ": not marked: ") +
+                           (marked ? "" : std::string(verdict_name(verdict)) + " (" + std::to_string(verdict) + ")");
+        JsonLine json;
+        json.str("disk", disk).flag("marked", marked).num("verdict", verdict).str("name", verdict_name(verdict));
+        fprintf(ctx.out, "%s\n", ctx.json ? json.done().c_str() : text.c_str());
+        fflush(ctx.out);
+    }
+};
+
+}  // namespace
+
+int run_pvr_mark(const CtlContext& ctx, int argc, char** argv)
+{
+    bool with_format = false;
+    std::vector<char*> rest = without_flag(argc, argv, "--format", &with_format);
+    DeviceCall call{"pvr mark", "STORAGE_PVR_MARK_DEV", {}};
+    int rc = device_args(ctx, &call, "DISK", 1, with_format ? kFormatTimeoutSeconds : kRunTimeoutSeconds,
+                         static_cast<int>(rest.size()), rest.data());
+    if (rc != kExitOk)
+        return rc;
+    const std::string disk = call.args.operands[0];
+    CtlContext local = device_context(ctx, call);
+    FormatFollower follower{local, disk, false};
+    Marking marking{local, disk};
+    std::vector<int32_t> ids = with_format ? FormatFollower::event_ids()
+                                           : std::vector<int32_t>{LUM_TV_EVT_STORAGE_PVR_DEV_CHANGE};
+    ids.push_back(LUM_TV_EVT_STORAGE_PVR_MARK);
+    auto take = [&follower, &marking](const CtlEvent& e) {
+        if (e.id == LUM_TV_EVT_STORAGE_PVR_MARK)
+            return marking.take(e);
+        follower.take(e);
+        return EventStep::kMore;
+    };
+    EventQuery query;
+    std::string error;
+    if (device_query(call, {disk, with_format ? "true" : "false"}, ids, take, &query, &error) != 0)
+        return usage_error(ctx, error);
+    rc = device_run(ctx, call, query, [&follower, with_format] {
+        bool formatting = with_format && follower.phase != FormatPhase::kEnded;
+        return formatting ? follower.waiting() : std::string("the marking's verdict");
+    });
+    if (rc != kExitOk)
+        return rc;
+    return marking.verdict == PVR_SUCCESS ? kExitOk : kExitNo;
+}
+
+}  // namespace lumctl

@@ -1,0 +1,238 @@
+// The steps of a format, told from its events as they come. JSON lines are
+// {"step":NAME} plus the event's decoded fields.
+#include "format_follow.h"
+
+#include <cstring>
+
+#include <StorageEvents.h>
+#include <StorageFormatInfo.h>
+
+#include "ctl_device.h"
+#include "json_line.h"
+#include "lumctl/event_decoders.h"
+#include "lumctl/volume_table.h"
+
+namespace lumctl {
+
+namespace {
+
+using Phase = FormatPhase;
+
+uint32_t be32(const uint8_t* p)
+{
+    return static_cast<uint32_t>(p[0]) << 24 | static_cast<uint32_t>(p[1]) << 16 |
+           static_cast<uint32_t>(p[2]) << 8 | p[3];
+}
+
+// {"step":step,...the event's fields}
+std::string step_json(const char* step, const CtlEvent& event)
+{
+    return JsonLine().str("step", step).fields(decode_event(event.id, event.data.data(), event.data.size())).done();
+}
+
+bool before(Phase a, Phase b) { return static_cast<int>(a) < static_cast<int>(b); }
+
+void enter(FormatFollower* f, Phase phase, const char* word)
+{
+    if (!before(f->phase, phase))
+        return;
+    f->phase = phase;
+    f->say(word, JsonLine().str("step", word).done());
+}
+
+std::string path_text(const CtlEvent& event)
+{
+    const char* text = reinterpret_cast<const char*>(event.data.data());
+    return event.data.empty() ? "" : printable(std::string(text, strnlen(text, event.data.size())));
+}
+
+EventStep on_umount(FormatFollower* f, const CtlEvent& event)
+{
+    if (!before(f->phase, Phase::kFormatting))
+        return EventStep::kMore;
+    enter(f, Phase::kUnmounting, "unmounting");
+    f->say(unmounted_text(event), step_json("unmounted", event));
+    return EventStep::kMore;
+}
+
+EventStep on_umount_end(FormatFollower* f, const CtlEvent& event)
+{
+    if (!before(f->phase, Phase::kFormatting))
+        return EventStep::kMore;
+    enter(f, Phase::kUnmounting, "unmounting");
+    f->phase = Phase::kFormatting;
+    f->say("formatting", step_json("formatting", event));
+    return EventStep::kMore;
+}
+
+bool in_mount_run(const FormatFollower* f)
+{
+    return f->phase == Phase::kFormatting || f->phase == Phase::kMounting;
+}
+
+EventStep on_mount(FormatFollower* f, const CtlEvent& event)
+{
+    if (!in_mount_run(f))
+        return EventStep::kMore;
+    enter(f, Phase::kMounting, "mounting");
+    f->say(mounted_text(event), step_json("mounted", event));
+    return EventStep::kMore;
+}
+
+EventStep on_mount_end(FormatFollower* f, const CtlEvent& event)
+{
+    if (!in_mount_run(f))
+        return EventStep::kMore;
+    enter(f, Phase::kMounting, "mounting");
+    f->phase = Phase::kMounted;
+    f->say("", step_json("mountEnd", event));
+    return EventStep::kMore;
+}
+
+EventStep on_pvr_plug_out(FormatFollower* f, const CtlEvent& event)
+{
+    f->say("PVR partition gone: " + path_text(event), step_json("pvrPlugOut", event));
+    return EventStep::kMore;
+}
+
+EventStep on_pvr_change(FormatFollower* f, const CtlEvent& event)
+{
+    f->say("PVR partition now " + path_text(event), step_json("pvrChange", event));
+    return EventStep::kMore;
+}
+
+// retVal, the device with its NUL, then (retVal 0) the size in MB, big-endian.
+EventStep on_partition(FormatFollower* f, const CtlEvent& event)
+{
+    const std::vector<uint8_t>& d = event.data;
+    if (f->phase == Phase::kEnded || d.size() < 2 || memchr(d.data() + 1, 0, d.size() - 1) == nullptr)
+        return EventStep::kMore;
+    size_t name_len = strlen(reinterpret_cast<const char*>(d.data() + 1));
+    if (std::string(reinterpret_cast<const char*>(d.data() + 1), name_len) != f->volume)
+        return EventStep::kMore;
+    f->have_partition = true;
+    f->ret_val = d[0];
+    size_t at = 1 + name_len + 1;
+    f->size_mb = d[0] == 0 && d.size() >= at + 4 ? static_cast<long long>(be32(d.data() + at)) : -1;
+    f->say("", step_json("partition", event));
+    return EventStep::kMore;
+}
+
+struct ReasonRow {
+    int ret_val;
+    const char* reason;
+};
+
+const ReasonRow kReasons[] = {{4, "no table row"}, {5, "tool failed"}};
+
+// Why a format failed, from the SET_ALL_PARTITION that came for it.
+std::string failure_reason(const FormatFollower* f, int32_t result)
+{
+    if (result == 0)
+        return "";
+    if (result != -1)
+        return "result " + std::to_string(result);
+    if (!f->have_partition || f->ret_val == 0)
+        return "";
+    for (const ReasonRow& row : kReasons) {
+        if (row.ret_val == f->ret_val)
+            return row.reason;
+    }
+    return "error " + std::to_string(f->ret_val);
+}
+
+EventStep finish(FormatFollower* f, int32_t result, const std::string& reason)
+{
+    f->phase = Phase::kEnded;
+    f->ok = result == 0;
+    JsonLine json;
+    json.str("step", "result").str("volume", f->volume).flag("ok", f->ok).num("result", result);
+    std::string text = f->ok ? "result: ok" : "result: failed";
+    if (f->ok && f->size_mb >= 0) {
+        json.num("sizeMB", f->size_mb);
+        text += ", " + std::to_string(f->size_mb) + " MB";
+    }
+    if (!reason.empty()) {
+        json.str("reason", reason);
+        text += " (" + reason + ")";
+    }
+    f->say(text, json.done());
+    return EventStep::kDone;
+}
+
+EventStep on_format(FormatFollower* f, const CtlEvent& event)
+{
+    SStorageFormatInfo info;
+    if (f->phase == Phase::kEnded || event.data.size() < sizeof(info))
+        return EventStep::kMore;
+    memcpy(&info, event.data.data(), sizeof(info));
+    if (std::string(info.devName, strnlen(info.devName, sizeof(info.devName))) != f->volume)
+        return EventStep::kMore;
+    int32_t result = 0;
+    memcpy(&result, &info.result, sizeof(result));
+    if (info.result == STORAGE_FORMAT_RESULT_TIMEOUT) {
+        f->say("watchdog expired, still formatting", step_json("watchdog", event));
+        return EventStep::kMore;
+    }
+    // Busy answers the request only before its format showed any step; later
+    // it is another client's request for the same volume.
+    if (info.result == STORAGE_FORMAT_RESULT_BUSY)
+        return f->busy_counts && f->phase == Phase::kWaiting ? finish(f, result, "another format is running")
+                                                             : EventStep::kMore;
+    return finish(f, result, failure_reason(f, result));
+}
+
+struct StepRow {
+    int32_t id;
+    EventStep (*take)(FormatFollower* f, const CtlEvent& event);
+};
+
+const StepRow kSteps[] = {
+    {LUM_TV_EVT_STORAGE_DEV_UMOUNT, on_umount},
+    {LUM_TV_EVT_STORAGE_DEV_UMOUNT_END, on_umount_end},
+    {LUM_TV_EVT_STORAGE_DEV_MOUNT, on_mount},
+    {LUM_TV_EVT_STORAGE_DEV_MOUNT_END, on_mount_end},
+    {LUM_TV_EVT_STORAGE_PVR_PLUG_OUT, on_pvr_plug_out},
+    {LUM_TV_EVT_STORAGE_PVR_DEV_CHANGE, on_pvr_change},
+    {LUM_TV_EVT_STORAGE_SET_ALL_PARTITION, on_partition},
+    {LUM_TV_EVT_STORAGE_FORMAT, on_format},
+};
+
+const char* const kPhaseNames[] = {"no step yet", "unmounting", "formatting", "mounting",
+                                   "mounted again, no result yet", "ended"};
+
+}  // namespace
+
+std::vector<int32_t> FormatFollower::event_ids()
+{
+    std::vector<int32_t> ids;
+    for (const StepRow& row : kSteps)
+        ids.push_back(row.id);
+    return ids;
+}
+
+EventStep FormatFollower::take(const CtlEvent& event)
+{
+    for (const StepRow& row : kSteps) {
+        if (row.id == event.id)
+            return row.take(this, event);
+    }
+    return EventStep::kMore;
+}
+
+std::string FormatFollower::waiting() const
+{
+    return std::string("the result of the format of ") + printable(volume) + " (so far: " +
+           kPhaseNames[static_cast<int>(phase)] + ")";
+}
+
+void FormatFollower::say(const std::string& text, const std::string& json) const
+{
+    if (ctx.json)
+        fprintf(ctx.out, "%s\n", json.c_str());
+    else if (!text.empty())
+        fprintf(ctx.out, "%s\n", text.c_str());
+    fflush(ctx.out);
+}
+
+}  // namespace lumctl

@@ -1,0 +1,134 @@
+// The guide record in words. Strings are read only up to their field's
+// size; the partition count is bounded by the record's rows.
+#include "lumctl/guide_text.h"
+
+#include <cstring>
+
+#include "json_line.h"
+#include "lumctl/volume_table.h"
+
+namespace lumctl {
+
+namespace {
+
+std::string cut(const char* text, size_t size) { return std::string(text, strnlen(text, size)); }
+
+int row_count(const SStoragePvrDevGuideInfo& g)
+{
+    int n = g.s32PartitionNum;
+    return n < 0 ? 0 : n > STORAGE_GUIDE_ROWS ? STORAGE_GUIDE_ROWS : n;
+}
+
+// "sdb1" for "/dev/sdb1".
+std::string short_name(const SConnectedDevice& row)
+{
+    std::string name = cut(row.devName, sizeof(row.devName));
+    return printable(name.compare(0, 5, "/dev/") == 0 ? name.substr(5) : name);
+}
+
+std::string names(const SStoragePvrDevGuideInfo& g)
+{
+    std::string out;
+    for (int i = 0; i < row_count(g); ++i)
+        out += (i > 0 ? ", " : "") + short_name(g.astPartition[i]);
+    return out;
+}
+
+std::string ask_timeshift(const SStoragePvrDevGuideInfo&) { return "not enough space for timeshift"; }
+std::string ask_recording(const SStoragePvrDevGuideInfo&) { return "not enough space for recording"; }
+std::string ask_nothing(const SStoragePvrDevGuideInfo&) { return "nothing to do"; }
+
+std::string ask_format(const SStoragePvrDevGuideInfo& g)
+{
+    return row_count(g) > 0 ? "offer to format " + short_name(g.astPartition[0])
+                            : "offer to format a partition (none listed)";
+}
+
+std::string ask_select(const SStoragePvrDevGuideInfo& g)
+{
+    return row_count(g) > 0 ? "let the user choose among " + names(g)
+                            : "let the user choose a partition (none listed)";
+}
+
+struct RequestRow {
+    int32_t event;
+    std::string (*text)(const SStoragePvrDevGuideInfo& g);
+};
+
+const RequestRow kRequests[] = {
+    {PLUGIN_EVENT_SPACE_NOT_ENOUGH_FOR_TSH, ask_timeshift},
+    {PLUGIN_EVENT_REQUEST_FORMAT_PARTITION, ask_format},
+    {PLUGIN_EVENT_REQUEST_SELECT_PARTITION, ask_select},
+    {PLUGIN_EVENT_SPACE_NOT_ENOUGH_FOR_RECORD, ask_recording},
+    {PLUGIN_EVENT_BUTT, ask_nothing},
+};
+
+// "  sdb1: vfat, 29.1G (29773 MB), on /mnt/pvr/shared/sdb1, label PVRDISK"
+std::string partition_line(const SConnectedDevice& row)
+{
+    std::string fs = cut(row.fsType, sizeof(row.fsType));
+    std::string mount = cut(row.mountPoint, sizeof(row.mountPoint));
+    std::string label = cut(row.volumeName, sizeof(row.volumeName));
+    std::string line = "  " + short_name(row) + ": " + (fs.empty() ? "no file system" : printable(fs)) + ", " +
+                       human_mb(row.devSize) + " (" + std::to_string(row.devSize) + " MB)";
+    if (!mount.empty())
+        line += ", on " + printable(mount);
+    if (!label.empty())
+        line += ", label " + printable(label);
+    return line + "\n";
+}
+
+std::string partition_json(const SConnectedDevice& row)
+{
+    std::string dev = cut(row.devName, sizeof(row.devName));
+    return JsonLine()
+        .str("name", dev.compare(0, 5, "/dev/") == 0 ? dev.substr(5) : dev)
+        .str("devName", dev)
+        .str("fsType", cut(row.fsType, sizeof(row.fsType)))
+        .num("sizeMB", static_cast<long long>(row.devSize))
+        .num("usedMB", static_cast<long long>(row.devUsedSize))
+        .str("mountPoint", cut(row.mountPoint, sizeof(row.mountPoint)))
+        .str("label", cut(row.volumeName, sizeof(row.volumeName)))
+        .done();
+}
+
+}  // namespace
+
+std::string guide_request(const SStoragePvrDevGuideInfo& guide)
+{
+    for (const RequestRow& row : kRequests) {
+        if (row.event == guide.enEvt)
+            return row.text(guide);
+    }
+    return "unknown request " + std::to_string(static_cast<int>(guide.enEvt));
+}
+
+std::string guide_text(const SStoragePvrDevGuideInfo& guide)
+{
+    std::string out = std::string("show: ") + (guide.bShow != 0 ? "yes" : "no") + "\n";
+    out += "asks: " + guide_request(guide) + "\n";
+    out += "partitions: " + std::to_string(guide.s32PartitionNum);
+    if (guide.s32PartitionNum != row_count(guide))
+        out += " (" + std::to_string(row_count(guide)) + " in the record)";
+    out += "\n";
+    for (int i = 0; i < row_count(guide); ++i)
+        out += partition_line(guide.astPartition[i]);
+    return out + "connected devices: " + std::to_string(guide.s32ConnectedDevNum) + "\n";
+}
+
+std::string guide_json(const SStoragePvrDevGuideInfo& guide)
+{
+    std::string rows = "[";
+    for (int i = 0; i < row_count(guide); ++i)
+        rows += (i > 0 ? "," : "") + partition_json(guide.astPartition[i]);
+    return JsonLine()
+        .flag("show", guide.bShow != 0)
+        .num("event", guide.enEvt)
+        .str("asks", guide_request(guide))
+        .num("partitionNum", guide.s32PartitionNum)
+        .raw("partitions", rows + "]")
+        .num("connectedDevNum", guide.s32ConnectedDevNum)
+        .done();
+}
+
+}  // namespace lumctl
