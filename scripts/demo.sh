@@ -72,9 +72,9 @@ say volumes
 say size /dev/sdb2
 say partition-fs-type /mnt/pvr/shared/sdb1
 
-step "the PVR partition"
-say pvr-dev-state
-say pvr-mount-path
+step "the PVR partition and the guide for the user interface"
+say pvr state
+say pvr guide
 
 step "a phone offered over MTP, mounted on request"
 "$rig" mtp-add "$id" --id VEN_04E8_PID_6860_SER_R58M1 --name Galaxy --model SM-G973F >/dev/null
@@ -82,8 +82,7 @@ say mount VEN_04E8_PID_6860_SER_R58M1
 say volumes
 
 step "formatting the ext4 partition"
-say dev-format /dev/sdb2
-wait_for LUM_TV_EVT_STORAGE_FORMAT 1
+say format /dev/sdb2
 "$rig" exec "$id" -- ls -a /mnt/pvr/shared/sdb2
 
 step "pulling the stick out"
