@@ -11,33 +11,9 @@ top=$(cd "$(dirname "$0")/.." && pwd)
 build=$(cd "${1:-$top/build}" && pwd)
 rounds=${2:-10}
 rig=$top/rig/rig
-ms() { echo $(( $(date +%s%N) / 1000000 )); }
-
-id=$(printf 'disk stick size=64M table=msdos plugged=no\n  part fs=ext4 label=BENCH\n' | "$rig" up --owner $$ -)
-work=$(mktemp -d)
-cleanup() {
-  [ -n "${watcher:-}" ] && kill "$watcher" 2>/dev/null
-  "$rig" down "$id" >/dev/null 2>&1 || true
-  rm -rf "$work"
-}
-trap cleanup EXIT
-
-"$rig" run "$id" --name lumstoraged -- env LUM_LOG_LEVEL=v LMDROID_PROPERTY_DIR=/run/properties \
-  "$build/host/lumstoraged" --socket /run/lumstorage.sock >/dev/null
-sock=$("$rig" path "$id" /run/lumstorage.sock)
-for _ in $(seq 100); do [ -S "$sock" ] && break; sleep 0.05; done
-ctl() { "$build/tools/lumstoragectl" --socket "$sock" "$@" >/dev/null; }
-log=$("$rig" path "$id" /.rig/state/logs/lumstoraged.log 2>/dev/null || true)
-[ -f "$log" ] || log=/run/lumrig/$id/logs/lumstoraged.log
-events=$work/events
-"$build/tools/lumstoragectl" --socket "$sock" watch >"$events" 2>/dev/null &
-watcher=$!
-count() { grep -c "^$1 " "$events" || true; }
-wait_count() { # name, wanted count
-  for _ in $(seq 6000); do [ "$(count "$1")" -ge "$2" ] && return 0; sleep 0.005; done
-  echo "bench_plugin: no $1" >&2; exit 1
-}
-until [ "$(count LUM_TV_EVT_STORAGE_GET_STORAGE_VOLUMES)" -ge 1 ]; do ctl get-storage-volumes; sleep 0.1; done
+# shellcheck source=bench/rig_service.sh
+source "$top/bench/rig_service.sh"
+RIG_SERVICE_ENV="LUM_LOG_LEVEL=v" rig_service_up 'disk stick size=64M table=msdos plugged=no\n  part fs=ext4 label=BENCH\n'
 
 dev=$("$rig" plug "$id" stick --quiet | head -n1)
 devpath=$("$rig" exec "$id" -- readlink -f "/sys/block/$dev")
