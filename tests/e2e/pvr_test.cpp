@@ -62,14 +62,14 @@ TEST_F(Pvr, FirstPlugWithTimeshiftChoosesRemembersAndSurvivesARestart)
     EXPECT_TRUE(Has(Reply({"pvr-dev-state"}), "\"value\":true"));
     EXPECT_TRUE(Has(Reply({"pvr-mount-path"}), "\"value\":\"/mnt/pvr/shared/sdb1\""));
 
-    // A restart forgets the choice; the next run finds the same partition by
-    // its identity and writes nothing new.
+    // A restart forgets the choice; the run for the disks present at start
+    // finds the same partition by its identity and writes nothing new.
     ASSERT_TRUE(tv.Stop("lumstoraged").ok());
     StartServiceOnly();
-    EXPECT_TRUE(Has(Reply({"pvr-dev-state"}), "\"value\":false"));
-    ASSERT_TRUE(Ctl({"dev-mount", "/dev/sdb1"}).ok());
-    ASSERT_TRUE(WaitFor("LUM_TV_EVT_STORAGE_DEV_MOUNT_END"));
+    ASSERT_TRUE(WaitFor("LUM_TV_EVT_STORAGE_DEV_MOUNT_END", 1, 30));
+    EXPECT_TRUE(Has(Events("LUM_TV_EVT_STORAGE_DEV_MOUNT_END")[0], "\"count\":0"));
     EXPECT_TRUE(Has(Reply({"pvr-mount-path"}), "\"value\":\"/mnt/pvr/shared/sdb1\""));
+    EXPECT_EQ(tv.Exec("ls -a /mnt/pvr/shared/sdb1 | grep -c '\\.ide$'").out, "1\n");
     EXPECT_EQ(Property("persist.pvr.identity.id"), identity);
 }
 

@@ -23,10 +23,7 @@ class ServiceRig : public lumrig::RigTest {
 protected:
     void TearDown() override
     {
-        if (watcher_ > 0) {
-            kill(watcher_, SIGTERM);
-            waitpid(watcher_, nullptr, 0);
-        }
+        StopRecorder();
         if (HasFailure() && tv.up())
             fprintf(stderr, "--- lumstoraged log:\n%s\n", tv.Log("lumstoraged").c_str());
     }
@@ -43,27 +40,50 @@ protected:
     // adds NAME=VALUE entries to the daemon's environment.
     void StartServiceOnly(const std::vector<std::string>& env = {})
     {
+        StopRecorder();
+        // A socket file left by an earlier daemon would let the clients in
+        // before the new one listens.
+        ASSERT_TRUE(tv.Exec("rm -f /run/lumstorage.sock").ok());
         std::vector<std::string> argv{"env", "LMDROID_PROPERTY_DIR=/run/properties"};
         argv.insert(argv.end(), env.begin(), env.end());
         argv.insert(argv.end(), {LUMSTORAGED_BIN, "--socket", "/run/lumstorage.sock"});
         socket_ = tv.StartDaemon("lumstoraged", argv, "/run/lumstorage.sock");
         ASSERT_FALSE(socket_.empty()) << tv.Log("lumstoraged");
+        // Each start of the service begins a new record of its events.
         events_ = tv.StateDir() + "/service-events.jsonl";
+        close(open(events_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
+        // The recorder is subscribed once it sees an event: ask for the
+        // volume list until its answer shows up, starting the recorder again
+        // should it have found the daemon not ready.
+        for (int i = 0; i < 50 && Events("LUM_TV_EVT_STORAGE_GET_STORAGE_VOLUMES").empty(); ++i) {
+            if (watcher_ <= 0 || waitpid(watcher_, nullptr, WNOHANG) == watcher_)
+                StartRecorder();
+            Ctl({"get-storage-volumes"});
+            WaitFor("LUM_TV_EVT_STORAGE_GET_STORAGE_VOLUMES", 1, 1);
+        }
+        ASSERT_FALSE(Events("LUM_TV_EVT_STORAGE_GET_STORAGE_VOLUMES").empty()) << "the event recorder never subscribed";
+    }
+
+    // `lumstoragectl watch --json` into the events file, kept from before.
+    void StartRecorder()
+    {
         watcher_ = fork();
         if (watcher_ == 0) {
-            int fd = open(events_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+            int fd = open(events_.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
             dup2(fd, 1);
             execl(LUMSTORAGECTL_BIN, "lumstoragectl", "--socket", socket_.c_str(), "watch", "--json",
                   static_cast<char*>(nullptr));
             _exit(127);
         }
-        // The recorder is subscribed once it sees an event: ask for the
-        // volume list until its answer shows up.
-        for (int i = 0; i < 50 && Events("LUM_TV_EVT_STORAGE_GET_STORAGE_VOLUMES").empty(); ++i) {
-            Ctl({"get-storage-volumes"});
-            WaitFor("LUM_TV_EVT_STORAGE_GET_STORAGE_VOLUMES", 1, 1);
+    }
+
+    void StopRecorder()
+    {
+        if (watcher_ > 0) {
+            kill(watcher_, SIGTERM);
+            waitpid(watcher_, nullptr, 0);
+            watcher_ = -1;
         }
-        ASSERT_FALSE(Events("LUM_TV_EVT_STORAGE_GET_STORAGE_VOLUMES").empty()) << "the event recorder never subscribed";
     }
 
     Result Ctl(const std::vector<std::string>& args) const
