@@ -24,13 +24,21 @@ inject() { "$rig" uevent "$id" "$1@$devpath" "ACTION=$1" SUBSYSTEM=block "DEVNAM
 t0=$(ms); for _ in $(seq 5); do inject change; done; t1=$(ms)
 inject_ms=$(( (t1 - t0) / 5 ))
 
+# One run at verbose log level gives the command lines of a plug-in; the
+# timed runs are those of a daemon started again at its ordinary level.
+lines=$(wc -l <"$log")
+inject add; wait_count LUM_TV_EVT_STORAGE_DEV_MOUNT_END 1
+tail -n +"$((lines + 1))" "$log" | sed -n 's/.* \[call_system, [0-9]*\] run: //p' >"$work/cmds"
+RIG_SERVICE_ENV="" rig_service_restart
+# The restarted service mounts the present stick by itself: take it down.
+wait_count LUM_TV_EVT_STORAGE_DEV_MOUNT_END 1
+ctl dev-umount "/dev/$dev"; wait_count LUM_TV_EVT_STORAGE_DEV_UMOUNT_END 1
+
 service=()
-mounted=0 unmounted=0
-for r in $(seq "$rounds"); do
-  lines=$(wc -l <"$log")
+mounted=1 unmounted=1
+for _ in $(seq "$rounds"); do
   t0=$(ms); inject add; mounted=$((mounted + 1)); wait_count LUM_TV_EVT_STORAGE_DEV_MOUNT_END "$mounted"; t1=$(ms)
   service+=($(( t1 - t0 - inject_ms )))
-  [ "$r" -eq 1 ] && tail -n +"$((lines + 1))" "$log" | sed -n 's/.* \[call_system, [0-9]*\] run: //p' >"$work/cmds"
   unmounted=$((unmounted + 1)); ctl dev-umount "/dev/$dev"; wait_count LUM_TV_EVT_STORAGE_DEV_UMOUNT_END "$unmounted"
 done
 

@@ -8,6 +8,8 @@
 # Needs $top, $build and $rig; everything goes when the script exits.
 # Extra environment for the daemon: RIG_SERVICE_ENV (words NAME=VALUE),
 # properties to set first: RIG_SERVICE_PROPS (words KEY=VALUE).
+# `rig_service_restart` starts the daemon again (with RIG_SERVICE_ENV as it
+# is then) and a new event record.
 
 ms() { echo $(( $(date +%s%N) / 1000000 )); }
 
@@ -19,9 +21,25 @@ rig_service_cleanup() {
 }
 
 ctl() { "$build/tools/lumstoragectl" --socket "$sock" "$@" >/dev/null; }
-count() { grep -c "^$1 " "$events" || true; }
+
+# Counting and waiting use shell builtins only, so that the waiting itself
+# starts no process and takes no CPU from the service it measures: the file
+# is read with $(<...), and a read with a time-out on a pipe that stays empty
+# stands for sleep.
+exec {idle_fd}<> <(:)
+count() {
+  local text rest first=0
+  text=$(<"$events")
+  rest=${text//$'\n'"$1 "/}
+  [ "${text#"$1 "}" != "$text" ] && first=1  # the first line has no line feed before it
+  echo $(( (${#text} - ${#rest}) / (${#1} + 2) + first ))
+}
 wait_count() {
-  for _ in $(seq 24000); do [ "$(count "$1")" -ge "$2" ] && return 0; sleep 0.005; done
+  local _i
+  for ((_i = 0; _i < 24000; _i++)); do
+    [ "$(count "$1")" -ge "$2" ] && return 0
+    read -r -t 0.002 -u "$idle_fd" || true
+  done
   echo "$(basename "$0"): no $1" >&2
   exit 1
 }
@@ -35,13 +53,26 @@ rig_service_up() {
     props="$props printf '%s' '${kv#*=}' > /run/properties/${kv%%=*};"
   done
   "$rig" exec "$id" -- sh -c "mkdir -p /run/properties; $props"
+  rig_service_start
+}
+
+# Stops the daemon and starts it again with RIG_SERVICE_ENV as it is now;
+# the event record starts anew.
+rig_service_restart() {
+  kill "$watcher" 2>/dev/null || true
+  "$rig" stop "$id" lumstoraged >/dev/null
+  rig_service_start
+}
+
+rig_service_start() {
+  "$rig" exec "$id" -- rm -f /run/lumstorage.sock
   # shellcheck disable=SC2086
   "$rig" run "$id" --name lumstoraged -- env LMDROID_PROPERTY_DIR=/run/properties ${RIG_SERVICE_ENV:-} \
     "$build/host/lumstoraged" --socket /run/lumstorage.sock >/dev/null
   sock=$("$rig" path "$id" /run/lumstorage.sock)
   for _ in $(seq 100); do [ -S "$sock" ] && break; sleep 0.05; done
   log=/run/lumrig/$id/logs/lumstoraged.log
-  events=$work/events
+  events=$work/events.$(date +%s%N)
   "$build/tools/lumstoragectl" --socket "$sock" watch >"$events" 2>/dev/null &
   watcher=$!
   until [ "$(count LUM_TV_EVT_STORAGE_GET_STORAGE_VOLUMES)" -ge 1 ]; do ctl get-storage-volumes; sleep 0.1; done
