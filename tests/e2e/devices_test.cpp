@@ -49,6 +49,10 @@ TEST_F(Devices, FatAndExt4StickIsMountedAnnouncedAndListed)
         << rows;
     std::string table = Events("LUM_TV_EVT_STORAGE_GET_STORAGE_VOLUMES").back();
     EXPECT_TRUE(Has(table, "{\"node\":\"/dev/sdb2\",\"mountPoint\":\"/mnt/pvr/shared/sdb2\",")) << table;
+    // The table for people shows the converted label.
+    Result text = lumrig::Run({LUMSTORAGECTL_BIN, "--socket", socket_, "volumes"});
+    EXPECT_TRUE(Has(text.out, "├─sdb1")) << text.out;
+    EXPECT_TRUE(Has(text.out, "中文")) << text.out;
 
     // Direct and posted size queries agree with df.
     Result total = Ctl({"partition-total-size", "/mnt/pvr/shared/sdb2"});

@@ -1,5 +1,8 @@
 // volumes: the volume list as a table (or both event forms as JSON);
 // devinfo DEVICE: vendor, model, serial and id of one device.
+#include <cstring>
+
+#include <StorageDevice.h>
 #include <StorageEvents.h>
 
 #include "ctl_device.h"
@@ -16,13 +19,13 @@ struct VolumeEvents {
     bool have_volumes = false;
 };
 
-// The list event, then (for JSON) the device-table event that follows it.
-EventStep take_volumes(VolumeEvents* got, bool want_rows, const CtlEvent& event)
+// The list event, then the device-table event that follows it.
+EventStep take_volumes(VolumeEvents* got, const CtlEvent& event)
 {
     if (event.id == LUM_TV_EVT_STORAGE_GET_STORAGE_VOLUMES) {
         got->volumes = event.data;
         got->have_volumes = true;
-        return want_rows ? EventStep::kMore : EventStep::kDone;
+        return EventStep::kMore;
     }
     if (!got->have_volumes)
         return EventStep::kMore;  // a table sent for an earlier request
@@ -40,10 +43,27 @@ std::string decoded_json(DecodeFn decode, const std::vector<uint8_t>& data)
     return d.fields.empty() ? "[]" : d.fields[0].json;
 }
 
+// The list carries labels as the volumes store them (GBK on FAT); the rows
+// carry them converted to UTF-8, so the table shows those.
+void apply_row_labels(const std::vector<uint8_t>& rows, std::vector<VolumeEntry>* entries)
+{
+    for (size_t at = 0; at + sizeof(SConnectedDevice) <= rows.size(); at += sizeof(SConnectedDevice)) {
+        SConnectedDevice row;
+        memcpy(&row, rows.data() + at, sizeof(row));
+        std::string name(row.devName, strnlen(row.devName, sizeof(row.devName)));
+        std::string label(row.volumeName, strnlen(row.volumeName, sizeof(row.volumeName)));
+        for (VolumeEntry& e : *entries) {
+            if (e.node == name && !label.empty())
+                e.label = label;
+        }
+    }
+}
+
 int print_volumes(const CtlContext& ctx, const VolumeEvents& got)
 {
     std::vector<VolumeEntry> entries;
     bool whole = parse_volume_table(got.volumes.data(), got.volumes.size(), &entries);
+    apply_row_labels(got.rows, &entries);
     if (ctx.json)
         fprintf(ctx.out, "{\"devices\":%s,\"rows\":%s}\n", decoded_json(decode_tagged_table, got.volumes).c_str(),
                 decoded_json(decode_device_rows, got.rows).c_str());
@@ -89,16 +109,13 @@ int run_volumes(const CtlContext& ctx, int argc, char** argv)
     if (rc != kExitOk)
         return rc;
     VolumeEvents got;
-    bool json = call.args.json;
     EventQuery query;
     std::string error;
-    auto take = [&got, json](const CtlEvent& e) { return take_volumes(&got, json, e); };
+    auto take = [&got](const CtlEvent& e) { return take_volumes(&got, e); };
     if (device_query(call, {}, {LUM_TV_EVT_STORAGE_GET_STORAGE_VOLUMES, LUM_TV_EVT_STORAGE_GET_DEV_TABLE}, take,
                      &query, &error) != 0)
         return usage_error(ctx, error);
-    rc = device_run(ctx, call, query, [json] {
-        return std::string(json ? "the volume list and the device table" : "the volume list");
-    });
+    rc = device_run(ctx, call, query, [] { return std::string("the volume list and the device table"); });
     return rc != kExitOk ? rc : print_volumes(device_context(ctx, call), got);
 }
 
