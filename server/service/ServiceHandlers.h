@@ -29,5 +29,10 @@ void handle_format(StorageManagerService& service, CNorvMsg* msg, StorageManager
 void handle_format_timeout(StorageManagerService& service, CNorvMsg* msg, StorageManagerAction_t* action);
 void handle_set_all_partition(StorageManagerService& service, CNorvMsg* msg, StorageManagerAction_t* action);
 
+// ../format/Benchmark.cpp
+void handle_benchmark(StorageManagerService& service, CNorvMsg* msg, StorageManagerAction_t* action);
+void handle_cancel_benchmark(StorageManagerService& service, CNorvMsg* msg, StorageManagerAction_t* action);
+void handle_benchmark_progress(StorageManagerService& service, CNorvMsg* msg, StorageManagerAction_t* action);
+
 // ../device/PvrMark.cpp
 void handle_pvr_mark_dev(StorageManagerService& service, CNorvMsg* msg, StorageManagerAction_t* action);

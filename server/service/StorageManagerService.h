@@ -67,6 +67,12 @@ public:
     bool Format(std::string volId);
     bool SetAllPartitions(const unsigned char* buf, int len);
 
+    // Disk benchmark (../format/Benchmark.cpp).
+    bool StartBenchmark(std::string mountPoint);
+    int ReadBenchmarkProgress();
+    int ReadBenchmarkResult(unsigned long* pWriteSpeed, unsigned long* pReadSpeed);
+    void CancelBenchmark();
+
     // PVR suitability and marking (../device/PvrMark.cpp).
     uint64_t GetDiskTotalSize(const char* diskId);
     bool CheckDiskEnoughForPvr(const char* diskId);

@@ -2,6 +2,7 @@
 // fills a Decoded from the bytes and add a row to kDecoders.
 #include "lumctl/event_decoders.h"
 
+#include "lumctl/bench_decoders.h"
 #include "lumctl/device_decoders.h"
 #include "lumctl/pvr_decoders.h"
 
@@ -85,6 +86,7 @@ struct DecoderRow {
 const DecoderRow kDecoders[] = {
     {LUM_TV_EVT_STORAGE_FORMAT, decode_format_info},
     {LUM_TV_EVT_STORAGE_SET_ALL_PARTITION, decode_set_all_partition},
+    {LUM_TV_EVT_STORAGE_DEV_BENCHMARK, decode_benchmark},
     {LUM_TV_EVT_STORAGE_DEV_MOUNT, decode_hot_plug_info},
     {LUM_TV_EVT_STORAGE_DEV_UMOUNT, decode_mount_point},
     {LUM_TV_EVT_STORAGE_DEV_MOUNT_END, decode_count},

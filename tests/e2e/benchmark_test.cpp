@@ -1,0 +1,135 @@
+// The disk benchmark end to end on the simulated television: the real iozone
+// on an ext4 volume of a plugged stick, the progress and final events a
+// client sees, and a cancel in the middle of a run.
+#include <gtest/gtest.h>
+
+#include "service_rig.h"
+
+namespace e2e {
+namespace {
+
+const char* kVolume = "/mnt/pvr/shared/sdb1";
+
+class Benchmark : public ServiceRig {
+protected:
+    void StartBenchmarkRig()
+    {
+        Result up = tv.Up("disk stick size=256M table=msdos plugged=no\n  part fs=ext4 label=B\n");
+        ASSERT_TRUE(up.ok()) << up.Describe();
+        // Verbose: the log then holds every command line the service runs.
+        StartServiceOnly({"LUM_LOG_LEVEL=v"});
+        if (HasFatalFailure())
+            return;
+        ASSERT_TRUE(tv.Plug("stick").ok());
+        ASSERT_TRUE(WaitFor("LUM_TV_EVT_STORAGE_DEV_MOUNT_END"));
+    }
+    std::vector<std::string> BenchEvents() const { return Events("LUM_TV_EVT_STORAGE_DEV_BENCHMARK"); }
+    static bool Running(const std::string& line) { return Has(line, "\"data\":{\"status\":8,"); }
+    static int Progress(const std::string& line)
+    {
+        size_t at = line.find("\"progress\":");
+        return at == std::string::npos ? -1 : std::stoi(line.substr(at + 11));
+    }
+    // Waits for an event that ends the benchmark (any status but 8).
+    bool WaitForEnd(int timeout_s = 240) const
+    {
+        for (int i = 0; i < timeout_s * 50; ++i) {
+            for (const std::string& line : BenchEvents()) {
+                if (!Running(line))
+                    return true;
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        }
+        return false;
+    }
+    bool NoIozoneLeft() const
+    {
+        for (int i = 0; i < 500; ++i) {
+            if (tv.Exec("pgrep -x iozone").status != 0)
+                return true;
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        }
+        return false;
+    }
+    std::string WorkFiles() const { return tv.Exec(std::string("ls ") + kVolume + "/ | grep iozone || true").out; }
+};
+
+TEST_F(Benchmark, FullRunReportsStagesInOrderThenTheFigure)
+{
+    StartBenchmarkRig();
+    if (HasFatalFailure())
+        return;
+    Result r = Ctl({"dev-benchmark", kVolume});
+    EXPECT_TRUE(Has(r.out, "\"value\":true")) << r.out;
+    ASSERT_TRUE(WaitForEnd());
+
+    auto events = BenchEvents();
+    ASSERT_GE(events.size(), 2u);
+    // Status-8 events with rising stages (the thread's own 100 may follow the
+    // tick's), then one end: status 0, 100, a figure, two processes.
+    int last = 0;
+    for (size_t i = 0; i + 1 < events.size(); ++i) {
+        ASSERT_TRUE(Running(events[i])) << events[i];
+        EXPECT_TRUE(Has(events[i], "\"len\":10,")) << events[i];
+        EXPECT_TRUE(Has(events[i], ",\"speed\":0,\"processes\":0}")) << events[i];
+        int p = Progress(events[i]);
+        EXPECT_TRUE(p == 1 || p == 50 || p == 75 || p == 100) << events[i];
+        EXPECT_TRUE(p > last || (p == 100 && last == 100)) << events[i];
+        last = p;
+    }
+    EXPECT_EQ(Progress(events[events.size() - 2]), 100) << "the thread tells the tool's success first";
+    const std::string& end = events.back();
+    EXPECT_TRUE(Has(end, "\"len\":10,\"data\":{\"status\":0,\"progress\":100,\"speed\":")) << end;
+    EXPECT_TRUE(Has(end, ",\"processes\":2}")) << end;
+    EXPECT_FALSE(Has(end, "\"speed\":0,")) << end;
+    // The figure is the mixed workload's average in the tool's output.
+    std::string figure =
+        tv.Exec("awk '/mixed workload/ { m = 1 } m && /Avg throughput per process/ { split($0, a, \"=\"); "
+                "print int(a[2]); exit }' /tmp/iozone.txt")
+            .out;
+    ASSERT_FALSE(figure.empty());
+    EXPECT_TRUE(Has(end, "\"speed\":" + figure.substr(0, figure.find('\n')) + ",")) << end << " vs " << figure;
+
+    EXPECT_EQ(WorkFiles(), "");
+    EXPECT_TRUE(NoIozoneLeft());
+    std::string log = tv.Log("lumstoraged");
+    EXPECT_TRUE(Has(log, "run: iozone -t 2 -s 30m -r 16m -i 0 -i 8 -+p 50 -+n -F /mnt/pvr/shared/sdb1/iozone1.tmp "
+                         "/mnt/pvr/shared/sdb1/iozone2.tmp > /tmp/iozone.txt\n"));
+}
+
+TEST_F(Benchmark, CancelInTheMiddleStopsTheToolAndRemovesItsFiles)
+{
+    StartBenchmarkRig();
+    if (HasFatalFailure())
+        return;
+    ASSERT_TRUE(Ctl({"dev-benchmark", kVolume}).ok());
+    // The first stage is seen once the tool runs and has begun writing.
+    ASSERT_TRUE(WaitFor("LUM_TV_EVT_STORAGE_DEV_BENCHMARK", 1, 120));
+    ASSERT_TRUE(Ctl({"dev-cancel-benchmark"}).ok());
+    ASSERT_TRUE(WaitForEnd());
+
+    auto events = BenchEvents();
+    const std::string& end = events.back();
+    ASSERT_TRUE(Has(end, "\"len\":10,\"data\":{\"status\":1,\"progress\":100,\"speed\":0,\"processes\":3}"))
+        << end << "\n(the run may have ended before the cancel arrived)";
+    for (size_t i = 0; i + 1 < events.size(); ++i)
+        EXPECT_TRUE(Running(events[i])) << events[i];
+    EXPECT_TRUE(NoIozoneLeft());
+    EXPECT_EQ(WorkFiles(), "");
+    std::string log = tv.Log("lumstoraged");
+    EXPECT_TRUE(Has(log, "run: killall iozone\n")) << log;
+    EXPECT_TRUE(Has(log, "run: rm -f /mnt/pvr/shared/sdb1/iozone*.tmp\n")) << log;
+
+    // A cancel without a benchmark sends nothing.
+    size_t before = BenchEvents().size();
+    size_t answers = Events("LUM_TV_EVT_STORAGE_GET_STORAGE_VOLUMES").size();
+    ASSERT_TRUE(Ctl({"dev-cancel-benchmark"}).ok());
+    // Signals are handled in order: the answer to this query comes after
+    // anything the cancel sent.
+    ASSERT_TRUE(Ctl({"get-storage-volumes"}).ok());
+    ASSERT_TRUE(WaitFor("LUM_TV_EVT_STORAGE_GET_STORAGE_VOLUMES", answers + 1));
+    EXPECT_EQ(BenchEvents().size(), before);
+}
+
+}  // namespace
+}  // namespace e2e

@@ -1,0 +1,505 @@
+// Disk benchmark: the event bytes, the progress stages, the figure read off
+// the tool's output, and whole runs against a fake iozone that prints canned
+// output and can be held to keep a run going. Ticks are live expiries of the
+// benchmark's timer, taken from a queue of the test and handed to the
+// dispatcher. Expected payloads are written out byte by byte.
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <cstring>
+#include <dirent.h>
+#include <fstream>
+#include <iterator>
+#include <set>
+#include <string>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <norvfw/NorvMsgQueue.h>
+#include <norvfw/TimeOut.h>
+
+#include "Benchmark.h"
+#include "SignalNo.h"
+#include "StorageManagerService.h"
+#include "test_support.h"
+
+namespace {
+
+using Bytes = std::vector<unsigned char>;
+
+StorageManagerService& service() { return theStorageManagerService; }
+
+// A sample of the tool's output with two processes; the mixed workload's
+// average per process is 904493.94.
+const char kOutput[] =
+    "\tIozone: Performance Test of File I/O\n"
+    "\tRun began: Mon Nov 23 16:55:23 2026\n\n"
+    "\tThroughput test with 2 processes\n"
+    "\tChildren see throughput for  2 initial writers \t=  362615.06 kB/sec\n"
+    "\tAvg throughput per process \t\t\t=  181307.53 kB/sec\n\n"
+    "\tChildren see throughput for 2 mixed workload \t= 1808987.88 kB/sec\n"
+    "\tMin throughput per process \t\t\t=       0.00 kB/sec \n"
+    "\tAvg throughput per process \t\t\t=  904493.94 kB/sec\n"
+    "\tMin xfer \t\t\t\t\t=       0.00 kB\n\n\n\n"
+    "iozone test complete.\n";
+
+const Bytes kMid1 = {8, 1, 0, 0, 0, 0, 0, 0, 0, 0};
+const Bytes kMid50 = {8, 50, 0, 0, 0, 0, 0, 0, 0, 0};
+const Bytes kMid75 = {8, 75, 0, 0, 0, 0, 0, 0, 0, 0};
+const Bytes kMid100 = {8, 100, 0, 0, 0, 0, 0, 0, 0, 0};
+// 904493 = 0x000dcd2d, two processes.
+const Bytes kFinal904493 = {0, 100, 0x00, 0x0d, 0xcd, 0x2d, 0, 0, 0, 2};
+const Bytes kCancelled = {1, 100, 0, 0, 0, 0, 0, 0, 0, 3};
+const Bytes kRefused = {1, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0};
+
+void write_file(const std::string& path, const std::string& text)
+{
+    std::ofstream(path, std::ios::binary | std::ios::trunc) << text;
+}
+
+std::string read_file(const std::string& path)
+{
+    std::ifstream in(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+bool exists(const std::string& path)
+{
+    struct stat st;
+    return stat(path.c_str(), &st) == 0;
+}
+
+// Waits for a condition that the benchmark thread brings about; the bound
+// only keeps a broken build from hanging.
+template <class F>
+bool eventually(F done)
+{
+    for (int i = 0; i < 6000; ++i) {
+        if (done())
+            return true;
+        usleep(10000);
+    }
+    return done();
+}
+
+std::vector<Bytes> benchmark_payloads(const std::vector<Event>& all)
+{
+    std::vector<Bytes> out;
+    for (const Event& e : all) {
+        if (e.id == LUM_TV_EVT_STORAGE_DEV_BENCHMARK)
+            out.push_back(e.data);
+    }
+    return out;
+}
+
+bool ends_run(const Bytes& payload) { return !payload.empty() && payload[0] != 8; }
+
+size_t thread_count()
+{
+    size_t n = 0;
+    DIR* dir = opendir("/proc/self/task");
+    if (dir == nullptr)
+        return 0;
+    while (struct dirent* e = readdir(dir)) {
+        if (e->d_name[0] != '.')
+            ++n;
+    }
+    closedir(dir);
+    return n;
+}
+
+bool iozone_process_left() { return system("pgrep -x iozone > /dev/null") == 0; }
+
+void dispatch(unsigned long signal, const char* text = nullptr)
+{
+    CNorvMsg msg(signal);
+    if (text != nullptr) {
+        auto* record = static_cast<StorageManagerAction_t*>(calloc(1, sizeof(StorageManagerAction_t)));
+        memcpy(record->buf1, text, strlen(text));
+        msg.SetSignalPtr(record, sizeof(*record));
+    }
+    service().ProcessNorvMsg(&msg);
+}
+
+}  // namespace
+
+TEST(BenchmarkEvent, HandBuiltBytes)
+{
+    unsigned char buf[16];
+    memset(buf, 0xaa, sizeof(buf));
+    size_t len = build_benchmark_event(buf, sizeof(buf), 8, 50, 0, 0, false);
+    ASSERT_EQ(len, 10u);
+    EXPECT_EQ(Bytes(buf, buf + len), kMid50);
+    EXPECT_EQ(buf[10], 0xaa) << "wrote past the event";
+    // 0x01020304 as speed, 0x0a0b0c0d as processes: big-endian.
+    len = build_benchmark_event(buf, sizeof(buf), 0, 100, 0x01020304, 0x0a0b0c0d, false);
+    EXPECT_EQ(Bytes(buf, buf + len), (Bytes{0x00, 0x64, 0x01, 0x02, 0x03, 0x04, 0x0a, 0x0b, 0x0c, 0x0d}));
+    len = build_benchmark_event(buf, sizeof(buf), 21, 100, 0, 3, false);
+    EXPECT_EQ(Bytes(buf, buf + len), (Bytes{0x15, 0x64, 0, 0, 0, 0, 0, 0, 0, 3}));
+    len = build_benchmark_event(buf, sizeof(buf), 1, 0, 0, 0, true);
+    EXPECT_EQ(Bytes(buf, buf + len), kRefused);
+    EXPECT_EQ(build_benchmark_event(buf, 9, 8, 1, 0, 0, false), 0u);
+    EXPECT_EQ(build_benchmark_event(buf, 11, 1, 0, 0, 0, true), 0u);
+}
+
+TEST(BenchmarkStage, EachStepMovesOneStageEvenWithAllMarkersPresent)
+{
+    unsigned char p = 0;
+    std::vector<int> seen;
+    for (int i = 0; i < 5; ++i) {
+        p = benchmark_next_stage(p, kOutput);
+        seen.push_back(p);
+    }
+    EXPECT_EQ(seen, (std::vector<int>{1, 50, 75, 100, 100}));
+    // A stage is left only by its own marker.
+    EXPECT_EQ(benchmark_next_stage(0, "initial writers mixed workload iozone test complete"), 0);
+    EXPECT_EQ(benchmark_next_stage(1, "Run began: mixed workload"), 1);
+    EXPECT_EQ(benchmark_next_stage(50, "initial writers"), 50);
+    EXPECT_EQ(benchmark_next_stage(75, "mixed workload"), 75);
+    EXPECT_EQ(benchmark_next_stage(75, "iozone test complete"), 100);
+}
+
+TEST(BenchmarkFigure, ResultCodes)
+{
+    unsigned long figure = 7;
+    EXPECT_EQ(parse_benchmark_figure(kOutput, &figure), 0);
+    EXPECT_EQ(figure, 904493ul);
+    figure = 7;
+    EXPECT_EQ(parse_benchmark_figure("mixed workload\nAvg throughput per process =   \t 12345.67 KB/sec\n", &figure), 0);
+    EXPECT_EQ(figure, 12345ul);
+    // Exactly ten characters fit.
+    EXPECT_EQ(parse_benchmark_figure("mixed workload Avg throughput per process =1234567890.5", &figure), 0);
+    EXPECT_EQ(figure, 1234567890ul);
+
+    EXPECT_EQ(parse_benchmark_figure("initial writers\nAvg throughput per process = 5.0\n", &figure), 18);
+    // The average before the mixed workload does not count.
+    EXPECT_EQ(parse_benchmark_figure("Avg throughput per process = 5.0\nmixed workload = 6.0\n", &figure), 19);
+    EXPECT_EQ(parse_benchmark_figure("mixed workload\nAvg throughput per process : 5.0\n", &figure), 20);
+    EXPECT_EQ(parse_benchmark_figure("mixed workload\nAvg throughput per process = 5 kB/sec\n", &figure), 21);
+    EXPECT_EQ(parse_benchmark_figure("mixed workload\nAvg throughput per process =.5\n", &figure), 21);
+    EXPECT_EQ(parse_benchmark_figure("mixed workload Avg throughput per process = 1234567890.5", &figure), 21)
+        << "eleven characters with the blank";
+    EXPECT_EQ(figure, 1234567890ul) << "a failure leaves the figure alone";
+}
+
+TEST(BenchmarkFigure, OnlyTheFirst1999BytesOfTheFileCount)
+{
+    REQUIRE_ISOLATION();
+    unsigned long w = 1;
+    unsigned long r = 2;
+    remove(BENCHMARK_OUTPUT_FILE);
+    EXPECT_EQ(service().ReadBenchmarkResult(&w, &r), 17);
+    write_file(BENCHMARK_OUTPUT_FILE, "");
+    EXPECT_EQ(service().ReadBenchmarkResult(&w, &r), 17);
+    EXPECT_EQ(w, 1ul);
+    EXPECT_EQ(r, 2ul);
+
+    const std::string tail = "mixed workload\nAvg throughput per process = 12345.67 kB/sec\n";
+    // The figure's "." is byte 1999 (counting from 1): it is read.
+    size_t fit = 1999 - (tail.find('.') + 1);
+    write_file(BENCHMARK_OUTPUT_FILE, std::string(fit, 'x') + tail);
+    EXPECT_EQ(service().ReadBenchmarkResult(&w, &r), 0);
+    EXPECT_EQ(w, 12345ul);
+    EXPECT_EQ(r, 12345ul);
+    // One byte more and the "." is behind what counts.
+    write_file(BENCHMARK_OUTPUT_FILE, std::string(fit + 1, 'x') + tail);
+    EXPECT_EQ(service().ReadBenchmarkResult(&w, &r), 21);
+    // "mixed workload" whole, its average cut.
+    write_file(BENCHMARK_OUTPUT_FILE, std::string(1999 - 20, 'x') + tail);
+    EXPECT_EQ(service().ReadBenchmarkResult(&w, &r), 19);
+    // "mixed workload" itself cut.
+    write_file(BENCHMARK_OUTPUT_FILE, std::string(1990, 'x') + tail);
+    EXPECT_EQ(service().ReadBenchmarkResult(&w, &r), 18);
+    remove(BENCHMARK_OUTPUT_FILE);
+}
+
+// A fake iozone first on PATH: notes its command line, prints
+// /tmp/fake/iozone.out, marks that it runs, waits while /tmp/fake/iozone.hold
+// exists, and exits with the code in /tmp/fake/iozone.rc. "killall iozone"
+// reaches every process of that name on the machine, also the fakes of test
+// processes running beside this one: a fake gives in to SIGTERM only once
+// its own test has allowed it (AllowKill) in its private /tmp.
+class BenchmarkRun : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        if (!g_isolated)
+            GTEST_SKIP() << "SKIPPED: needs a private /tmp and IPC namespace";
+        ASSERT_FALSE(benchmark_running());
+        mkdir("/tmp/fakebin", 0755);
+        mkdir("/tmp/fake", 0755);
+        mkdir("/tmp/vol", 0755);
+        write_file("/tmp/fakebin/iozone",
+                   "#!/bin/sh\n"
+                   "trap '[ -e /tmp/fake/iozone.killable ] && exit 143' TERM\n"
+                   "echo \"iozone $*\" >> /tmp/fake/iozone.calls\n"
+                   "cat /tmp/fake/iozone.out 2>/dev/null\n"
+                   "touch /tmp/fake/iozone.started\n"
+                   "while [ -e /tmp/fake/iozone.hold ]; do sleep 0.02; done\n"
+                   "exit $(cat /tmp/fake/iozone.rc 2>/dev/null || echo 0)\n");
+        chmod("/tmp/fakebin/iozone", 0755);
+        for (const char* f : {"/tmp/fake/iozone.killable", "/tmp/fake/iozone.calls", "/tmp/fake/iozone.started", "/tmp/fake/iozone.hold",
+                              "/tmp/fake/iozone.rc", BENCHMARK_OUTPUT_FILE})
+            remove(f);
+        write_file("/tmp/fake/iozone.out", kOutput);
+        oldPath = getenv("PATH");
+        setenv("PATH", ("/tmp/fakebin:" + oldPath).c_str(), 1);
+        if (service().GetQueueHandle() < 0) {
+            ASSERT_EQ(service().CThreadObjectWithQueue::Init(STORAGE_SERVICE_QUEUE_NAME, MAX_STORAGE_QUEUE_SIZE, 0,
+                                                             false),
+                      0);
+        }
+        if (!TimeOutServer::instance().IsRunning())
+            TimeOutServer::instance().StartThread("timeout_server", 0, 0);
+        ASSERT_EQ(ticks.Create("/MQ_BENCHMARK_TICK_TEST", 4), 0);
+        queueMade = true;
+    }
+    void TearDown() override
+    {
+        remove("/tmp/fake/iozone.hold");
+        AllowKill();
+        if (benchmark_running())
+            service().CancelBenchmark();
+        service().TosvBenchmarkProgress.StopTimer();
+        if (queueMade)
+            ticks.Destroy();
+        if (!oldPath.empty())
+            setenv("PATH", oldPath.c_str(), 1);
+    }
+    // One live expiry of the benchmark's timer through the dispatcher.
+    void Tick()
+    {
+        ASSERT_EQ(service().TosvBenchmarkProgress.StartTimer(1, SIG_ID_STORAGE_BENCHMARK_PROGRESS, ticks.GetHandle(), 0),
+                  0);
+        CNorvMsg live;
+        ASSERT_EQ(ticks.Receive(&live), 0);
+        service().ProcessNorvMsg(&live);
+    }
+    static void AllowKill() { write_file("/tmp/fake/iozone.killable", ""); }
+    static void Hold() { write_file("/tmp/fake/iozone.hold", ""); }
+    static void Release() { remove("/tmp/fake/iozone.hold"); }
+    static bool Started() { return exists("/tmp/fake/iozone.started"); }
+    static std::string Calls() { return read_file("/tmp/fake/iozone.calls"); }
+    bool WaitEnd(EventCapture& events, size_t count = 1)
+    {
+        return eventually([&] {
+            size_t ends = 0;
+            for (const Bytes& p : benchmark_payloads(events.events()))
+                ends += ends_run(p) ? 1 : 0;
+            return ends >= count && !benchmark_running() && benchmark_threads_alive() == 0;
+        });
+    }
+
+    CNorvMsgQueue ticks;
+    bool queueMade = false;
+    std::string oldPath;
+};
+
+TEST_F(BenchmarkRun, TicksReportOneStageEachThenTheThreadReportsTheFigure)
+{
+    EventCapture events;
+    LogCapture log;
+    Hold();
+    dispatch(SIG_ID_STORAGE_BENCHMARK, "/mnt/pvr/shared/sdq1");
+    ASSERT_TRUE(benchmark_running());
+    ASSERT_TRUE(eventually(Started));
+    EXPECT_EQ(Calls(), "iozone -t 2 -s 30m -r 16m -i 0 -i 8 -+p 50 -+n -F /mnt/pvr/shared/sdq1/iozone1.tmp "
+                       "/mnt/pvr/shared/sdq1/iozone2.tmp\n");
+    ASSERT_TRUE(eventually([] { return read_file(BENCHMARK_OUTPUT_FILE) == kOutput; }));
+
+    // All markers are there at once: one stage per tick, each told once.
+    for (int i = 0; i < 5; ++i)
+        Tick();
+    EXPECT_EQ(benchmark_payloads(events.events()), (std::vector<Bytes>{kMid1, kMid50, kMid75, kMid100}));
+    EXPECT_EQ(benchmark_ticks(), 5ul);
+    // At 100 the timer is not armed again.
+    EXPECT_FALSE(service().TosvBenchmarkProgress.IsRunning());
+
+    Release();
+    ASSERT_TRUE(WaitEnd(events));
+    EXPECT_EQ(benchmark_payloads(events.events()),
+              (std::vector<Bytes>{kMid1, kMid50, kMid75, kMid100, kMid100, kFinal904493}));
+    EXPECT_TRUE(log.has("finished (rc=0)\n"));
+    EXPECT_TRUE(log.has("writeSpeed: 904493 readSpeed 904493\n"));
+    EXPECT_EQ(benchmark_progress(), 0);
+    EXPECT_EQ(benchmark_ticks(), 0ul);
+
+    // A tick after the end does nothing.
+    Tick();
+    EXPECT_EQ(benchmark_payloads(events.events()).size(), 6u);
+}
+
+TEST_F(BenchmarkRun, RunThatEndsBeforeTheFirstTickSendsStatusEightThenTheEnd)
+{
+    EventCapture events;
+    dispatch(SIG_ID_STORAGE_BENCHMARK, "/mnt/pvr/shared/sdq1");
+    ASSERT_TRUE(WaitEnd(events));
+    EXPECT_EQ(benchmark_payloads(events.events()), (std::vector<Bytes>{kMid100, kFinal904493}));
+}
+
+TEST_F(BenchmarkRun, PathOffTheTreeTakesThreeProcessesAndAFailingToolGivesItsCode)
+{
+    EventCapture events;
+    write_file("/tmp/fake/iozone.rc", "3");
+    dispatch(SIG_ID_STORAGE_BENCHMARK, "/tmp/vol");
+    ASSERT_TRUE(WaitEnd(events));
+    EXPECT_EQ(Calls(), "iozone -t 3 -s 30m -r 16m -i 0 -i 8 -+p 33 -+n -F /tmp/vol/iozone1.tmp /tmp/vol/iozone2.tmp "
+                       "/tmp/vol/iozone3.tmp\n");
+    EXPECT_EQ(benchmark_payloads(events.events()), (std::vector<Bytes>{{3, 100, 0, 0, 0, 0, 0, 0, 0, 3}}));
+}
+
+TEST_F(BenchmarkRun, OutputWithoutTheFigureEndsWithItsResultCode)
+{
+    EventCapture events;
+    write_file("/tmp/fake/iozone.out", "Run began:\ninitial writers\n");
+    dispatch(SIG_ID_STORAGE_BENCHMARK, "/mnt/pvr/shared/sdq1");
+    ASSERT_TRUE(WaitEnd(events));
+    EXPECT_EQ(benchmark_payloads(events.events()), (std::vector<Bytes>{kMid100, {18, 100, 0, 0, 0, 0, 0, 0, 0, 2}}));
+}
+
+TEST_F(BenchmarkRun, EmptyOutputEndsThePollingAndTheThreadStillEnds)
+{
+    EventCapture events;
+    write_file("/tmp/fake/iozone.out", "");
+    Hold();
+    dispatch(SIG_ID_STORAGE_BENCHMARK, "/mnt/pvr/shared/sdq1");
+    ASSERT_TRUE(eventually(Started));
+    Tick();
+    EXPECT_TRUE(benchmark_payloads(events.events()).empty());
+    EXPECT_FALSE(service().TosvBenchmarkProgress.IsRunning()) << "polling must end on an empty file";
+    Release();
+    ASSERT_TRUE(WaitEnd(events));
+    EXPECT_EQ(benchmark_payloads(events.events()), (std::vector<Bytes>{kMid100, {17, 100, 0, 0, 0, 0, 0, 0, 0, 2}}));
+}
+
+TEST_F(BenchmarkRun, CancelInTheMiddleStopsTheToolRemovesTheFilesAndSendsOneEnd)
+{
+    EventCapture events;
+    LogCapture log;
+    write_file("/tmp/fake/iozone.out", "Run began:\n");
+    Hold();
+    dispatch(SIG_ID_STORAGE_BENCHMARK, "/tmp/vol");
+    ASSERT_TRUE(eventually(Started));
+    for (const char* f : {"/tmp/vol/iozone1.tmp", "/tmp/vol/iozone2.tmp", "/tmp/vol/iozone3.tmp", "/tmp/vol/keep"})
+        write_file(f, "x");
+    Tick();
+    EXPECT_TRUE(service().TosvBenchmarkProgress.IsRunning());
+
+    AllowKill();
+    dispatch(SIG_ID_STORAGE_CANCEL_BENCHMARK);
+    // The thread is joined before the cancel returns: nothing of it is left.
+    EXPECT_FALSE(benchmark_running());
+    EXPECT_EQ(benchmark_threads_alive(), 0);
+    EXPECT_FALSE(service().TosvBenchmarkProgress.IsRunning());
+    EXPECT_EQ(benchmark_payloads(events.events()), (std::vector<Bytes>{kMid1, kCancelled}));
+    EXPECT_TRUE(log.has("CFilesystemDrv::CancelBenchmark(): kill iozone threads"));
+    EXPECT_FALSE(exists("/tmp/vol/iozone1.tmp"));
+    EXPECT_FALSE(exists("/tmp/vol/iozone2.tmp"));
+    EXPECT_FALSE(exists("/tmp/vol/iozone3.tmp"));
+    EXPECT_TRUE(exists("/tmp/vol/keep"));
+    remove("/tmp/vol/keep");
+    EXPECT_TRUE(eventually([] { return !iozone_process_left(); }));
+    EXPECT_EQ(benchmark_progress(), 0);
+
+    // The thread sends nothing after the cancel.
+    Release();
+    Tick();
+    EXPECT_EQ(benchmark_payloads(events.events()).size(), 2u);
+}
+
+TEST_F(BenchmarkRun, CancelWithoutABenchmarkDoesNothing)
+{
+    EventCapture events;
+    LogCapture log;
+    dispatch(SIG_ID_STORAGE_CANCEL_BENCHMARK);
+    EXPECT_TRUE(benchmark_payloads(events.events()).empty());
+    EXPECT_TRUE(log.has("no benchmark is running, nothing to cancel"));
+    EXPECT_FALSE(log.has("killall"));
+}
+
+TEST_F(BenchmarkRun, SecondStartWhileOneRunsIsRefusedAndTheFirstGoesOn)
+{
+    EventCapture events;
+    LogCapture log;
+    Hold();
+    dispatch(SIG_ID_STORAGE_BENCHMARK, "/mnt/pvr/shared/sdq1");
+    ASSERT_TRUE(eventually(Started));
+    dispatch(SIG_ID_STORAGE_BENCHMARK, "/mnt/pvr/shared/sdr1");
+    EXPECT_TRUE(log.has("benchmark of /mnt/pvr/shared/sdq1 is running, /mnt/pvr/shared/sdr1 not measured"));
+    EXPECT_TRUE(benchmark_payloads(events.events()).empty());
+    Release();
+    ASSERT_TRUE(WaitEnd(events));
+    EXPECT_EQ(benchmark_payloads(events.events()), (std::vector<Bytes>{kMid100, kFinal904493}));
+    EXPECT_EQ(Calls().find("sdr1"), std::string::npos);
+}
+
+TEST_F(BenchmarkRun, PathThatIsNoPlainWordIsRefusedWithoutAThread)
+{
+    EventCapture events;
+    LogCapture log;
+    dispatch(SIG_ID_STORAGE_BENCHMARK, "/tmp/vol;touch /tmp/fake/owned");
+    dispatch(SIG_ID_STORAGE_BENCHMARK, "");
+    EXPECT_FALSE(benchmark_running());
+    EXPECT_EQ(benchmark_threads_alive(), 0);
+    EXPECT_EQ(benchmark_payloads(events.events()), (std::vector<Bytes>{kRefused, kRefused}));
+    EXPECT_FALSE(exists("/tmp/fake/owned"));
+    EXPECT_FALSE(exists("/tmp/fake/iozone.calls"));
+    EXPECT_TRUE(log.has("is no plain mount path, not measured"));
+}
+
+TEST_F(BenchmarkRun, ForgedTickDoesNothing)
+{
+    EventCapture events;
+    Hold();
+    dispatch(SIG_ID_STORAGE_BENCHMARK, "/mnt/pvr/shared/sdq1");
+    ASSERT_TRUE(eventually(Started));
+    dispatch(SIG_ID_STORAGE_BENCHMARK_PROGRESS);
+    EXPECT_EQ(benchmark_progress(), 0);
+    EXPECT_EQ(benchmark_ticks(), 0ul);
+    EXPECT_TRUE(benchmark_payloads(events.events()).empty());
+    Release();
+    ASSERT_TRUE(WaitEnd(events));
+}
+
+TEST_F(BenchmarkRun, TickLimitCancelsTheBenchmark)
+{
+    EventCapture events;
+    LogCapture log;
+    write_file("/tmp/fake/iozone.out", "Run began:\n");
+    Hold();
+    dispatch(SIG_ID_STORAGE_BENCHMARK, "/tmp/vol");
+    ASSERT_TRUE(eventually(Started));
+    for (int i = 0; i < BENCHMARK_MAX_TICKS; ++i)
+        Tick();
+    EXPECT_EQ(benchmark_ticks(), static_cast<unsigned long>(BENCHMARK_MAX_TICKS));
+    EXPECT_TRUE(benchmark_running());
+    AllowKill();
+    Tick();
+    EXPECT_TRUE(log.has("benchmark is running for 15min --> cancel benchmark"));
+    EXPECT_FALSE(benchmark_running());
+    EXPECT_EQ(benchmark_threads_alive(), 0);
+    EXPECT_EQ(benchmark_payloads(events.events()), (std::vector<Bytes>{kMid1, kCancelled}));
+}
+
+TEST_F(BenchmarkRun, TenRunsInARowLeaveNoThread)
+{
+    size_t before = thread_count();
+    LogCapture log;
+    for (int i = 0; i < 10; ++i) {
+        EventCapture events;
+        dispatch(SIG_ID_STORAGE_BENCHMARK, "/mnt/pvr/shared/sdq1");
+        ASSERT_TRUE(WaitEnd(events)) << "run " << i;
+        EXPECT_EQ(benchmark_payloads(events.events()).back(), kFinal904493);
+    }
+    EXPECT_TRUE(eventually([&] { return thread_count() <= before; })) << thread_count() << " > " << before;
+    // glibc hands the stack of a thread that was detached or joined to the
+    // next one, and the thread id is the stack's address: a thread that is
+    // never released makes every later run get a new id.
+    std::set<std::string> ids;
+    for (const LogLine& line : log.lines()) {
+        size_t at = line.msg.find("thread-ID=");
+        if (at != std::string::npos)
+            ids.insert(line.msg.substr(at));
+    }
+    EXPECT_LE(ids.size(), 3u) << "benchmark threads are not released";
+}
