@@ -215,10 +215,10 @@ TEST(BenchmarkFigure, OnlyTheFirst1999BytesOfTheFileCount)
 
 // A fake iozone first on PATH: notes its command line, prints
 // /tmp/fake/iozone.out, marks that it runs, waits while /tmp/fake/iozone.hold
-// exists, and exits with the code in /tmp/fake/iozone.rc. "killall iozone"
-// reaches every process of that name on the machine, also the fakes of test
-// processes running beside this one: a fake gives in to SIGTERM only once
-// its own test has allowed it (AllowKill) in its private /tmp.
+// exists, and exits with the code in /tmp/fake/iozone.rc. A fake killall
+// beside it signals the fakes only; those of test processes running beside
+// this one are reached too, so a fake gives in to SIGTERM only once its own
+// test has allowed it (AllowKill) in its private /tmp.
 class BenchmarkRun : public ::testing::Test {
 protected:
     void SetUp() override
@@ -238,6 +238,13 @@ protected:
                    "while [ -e /tmp/fake/iozone.hold ]; do sleep 0.02; done\n"
                    "exit $(cat /tmp/fake/iozone.rc 2>/dev/null || echo 0)\n");
         chmod("/tmp/fakebin/iozone", 0755);
+        // "killall iozone" of the service reaches only the fakes, never an
+        // iozone of the machine.
+        write_file("/tmp/fakebin/killall",
+                   "#!/bin/sh\n"
+                   "[ \"$1\" = iozone ] || exec /usr/bin/killall \"$@\"\n"
+                   "exec pkill -TERM -f '^/bin/sh /tmp/fakebin/iozone'\n");
+        chmod("/tmp/fakebin/killall", 0755);
         for (const char* f : {"/tmp/fake/iozone.killable", "/tmp/fake/iozone.calls", "/tmp/fake/iozone.started", "/tmp/fake/iozone.hold",
                               "/tmp/fake/iozone.rc", BENCHMARK_OUTPUT_FILE})
             remove(f);

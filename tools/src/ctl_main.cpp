@@ -33,6 +33,7 @@ const char kUsage[] =
     "  free UUID        the free space of a volume\n"
     "  uuid PATH        the uuid of the volume holding PATH\n"
     "  format VOLUME    formats a volume, printing each step and the result\n"
+    "  bench MOUNT_PATH measures a volume with iozone, showing its progress; bench --cancel stops it\n"
     "  pvr state        whether there is a PVR partition, and its mount path\n"
     "  pvr path         the PVR partition's mount path\n"
     "  pvr available DISK  the service's verdict on DISK for PVR use\n"
@@ -67,6 +68,7 @@ const SubcommandRow kSubcommands[] = {
     {"--help", run_help},   {"-h", run_help},       {"volumes", run_volumes}, {"devinfo", run_devinfo},
     {"mount", run_mount},   {"umount", run_umount}, {"size", run_size},     {"used", run_used},
     {"free", run_free},     {"uuid", run_uuid},     {"pvr", run_pvr},       {"format", run_format},
+    {"bench", run_bench},
 };
 
 // Consumes the global options; returns the index of the command word, or

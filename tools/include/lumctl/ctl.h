@@ -51,6 +51,7 @@ int run_uuid(const CtlContext& ctx, int argc, char** argv);
 // format VOLUME: a format followed to its result (ctl_format.cpp).
 int run_pvr(const CtlContext& ctx, int argc, char** argv);
 int run_format(const CtlContext& ctx, int argc, char** argv);
+int run_bench(const CtlContext& ctx, int argc, char** argv);
 
 // Renderings, one line per event; a reply is several lines of text or one
 // JSON object. row may be null (a raw word with no row).

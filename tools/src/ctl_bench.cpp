@@ -1,0 +1,117 @@
+// bench MOUNT_PATH: measures a volume with the service's disk benchmark and
+// shows its progress as a bar; bench --cancel: stops the running one.
+#include <cstring>
+#include <string>
+
+#include <StorageEvents.h>
+
+#include "ctl_device.h"
+
+namespace lumctl {
+
+namespace {
+
+constexpr double kBenchTimeoutSeconds = 1200;  // the service gives up after 15 minutes
+constexpr uint8_t kBenchRunning = 8;
+
+struct BenchEvent {
+    uint8_t status = 0;
+    uint8_t progress = 0;
+    uint32_t speed = 0;
+    uint32_t processes = 0;
+};
+
+bool parse_bench(const std::vector<uint8_t>& d, BenchEvent* e)
+{
+    if (d.size() < 10)
+        return false;
+    e->status = d[0];
+    e->progress = d[1];
+    e->speed = static_cast<uint32_t>(d[2]) << 24 | static_cast<uint32_t>(d[3]) << 16 |
+               static_cast<uint32_t>(d[4]) << 8 | d[5];
+    e->processes = static_cast<uint32_t>(d[6]) << 24 | static_cast<uint32_t>(d[7]) << 16 |
+                   static_cast<uint32_t>(d[8]) << 8 | d[9];
+    return true;
+}
+
+std::string bar(unsigned progress)
+{
+    unsigned filled = (progress > 100 ? 100 : progress) / 5;
+    return "[" + std::string(filled, '#') + std::string(20 - filled, ' ') + "] " + std::to_string(progress) + "%";
+}
+
+void print_event(const CtlContext& ctx, const BenchEvent& e)
+{
+    if (ctx.json) {
+        fprintf(ctx.out, "{\"status\":%u,\"progress\":%u,\"speed\":%u,\"processes\":%u}\n", e.status, e.progress,
+                e.speed, e.processes);
+    } else if (e.status == kBenchRunning) {
+        fprintf(ctx.out, "%s\n", bar(e.progress).c_str());
+    } else if (e.status == 0) {
+        fprintf(ctx.out, "result: %u (%u processes)\n", e.speed, e.processes);
+    } else if (e.status == 1) {
+        fprintf(ctx.out, "result: cancelled or not started (status 1)\n");
+    } else {
+        fprintf(ctx.out, "result: failed (status %u)\n", e.status);
+    }
+    fflush(ctx.out);
+}
+
+// Every benchmark event until one that ends the run.
+struct BenchFollower {
+    CtlContext ctx;
+    bool ok = false;
+    EventStep take(const CtlEvent& event)
+    {
+        BenchEvent e;
+        if (event.id != LUM_TV_EVT_STORAGE_DEV_BENCHMARK || !parse_bench(event.data, &e))
+            return EventStep::kMore;
+        print_event(ctx, e);
+        if (e.status == kBenchRunning)
+            return EventStep::kMore;
+        ok = e.status == 0;
+        return EventStep::kDone;
+    }
+};
+
+int run_cancel(const CtlContext& ctx, int argc, char** argv)
+{
+    DeviceCall call{"bench", "STORAGE_DEV_CANCEL_BENCHMARK", {}};
+    int rc = device_args(ctx, &call, "", 0, kQueryTimeoutSeconds, argc, argv);
+    if (rc != kExitOk)
+        return rc;
+    CtlReply reply;
+    rc = direct_run(ctx, call, {}, &reply);
+    if (rc == kExitOk && !device_context(ctx, call).json)
+        fprintf(ctx.out, "cancel requested\n");
+    return rc;
+}
+
+}  // namespace
+
+int run_bench(const CtlContext& ctx, int argc, char** argv)
+{
+    for (int i = 1; i < argc; ++i) {
+        if (strcmp(argv[i], "--cancel") == 0) {
+            for (int k = i; k + 1 < argc; ++k)
+                argv[k] = argv[k + 1];
+            return run_cancel(ctx, argc - 1, argv);
+        }
+    }
+    DeviceCall call{"bench", "STORAGE_DEV_BENCHMARK", {}};
+    int rc = device_args(ctx, &call, "MOUNT_PATH", 1, kBenchTimeoutSeconds, argc, argv);
+    if (rc != kExitOk)
+        return rc;
+    BenchFollower follower{device_context(ctx, call)};
+    EventQuery query;
+    std::string error;
+    if (device_query(call, {call.args.operands[0]}, {LUM_TV_EVT_STORAGE_DEV_BENCHMARK},
+                     [&follower](const CtlEvent& e) { return follower.take(e); }, &query, &error) != 0)
+        return usage_error(ctx, error);
+    rc = device_run(ctx, call, query, [] { return std::string("the benchmark's end"); });
+    if (rc != kExitOk)
+        return rc;
+    return follower.ok ? kExitOk : kExitProtocol;
+}
+
+}  // namespace lumctl
