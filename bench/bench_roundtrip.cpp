@@ -21,6 +21,7 @@
 
 #include <lmdroid/log_hook.h>
 
+#include "lumctl/ctl_client.h"
 #include "lumhost/server.h"
 #include "lumproto/frame_io.h"
 
@@ -68,19 +69,6 @@ bool io_exact(int fd, void* buf, size_t len, bool reading)
     return true;
 }
 
-int connect_to(const std::string& path)
-{
-    sockaddr_un addr{};
-    addr.sun_family = AF_UNIX;
-    snprintf(addr.sun_path, sizeof(addr.sun_path), "%s", path.c_str());
-    int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (fd >= 0 && connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0) {
-        close(fd);
-        return -1;
-    }
-    return fd;
-}
-
 // The baseline: reads a request's bytes, writes a reply's bytes, nothing else.
 void echo_server(int listen_fd)
 {
@@ -97,7 +85,7 @@ void echo_server(int listen_fd)
 bool measure(const std::string& path, int count, std::vector<double>* samples,
              std::vector<uint8_t>* last)
 {
-    int fd = connect_to(path);
+    int fd = lumctl::ctl_connect(path);
     if (fd < 0)
         return false;
     const uint8_t word[] = {0x1d, 0x10, 0x00, 0x00};

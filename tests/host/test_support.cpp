@@ -1,5 +1,7 @@
 #include "test_support.h"
 
+#include "lumctl/ctl_client.h"
+
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
@@ -64,15 +66,8 @@ int TestServer::start()
 
 int connect_to(const std::string& path)
 {
-    sockaddr_un addr{};
-    addr.sun_family = AF_UNIX;
-    snprintf(addr.sun_path, sizeof(addr.sun_path), "%s", path.c_str());
-    int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (fd >= 0 && connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0) {
-        close(fd);
-        return -1;
-    }
-    return fd;
+    int fd = lumctl::ctl_connect(path);
+    return fd >= 0 ? fd : -1;
 }
 
 bool send_bytes(int fd, const std::vector<uint8_t>& bytes)

@@ -69,19 +69,6 @@ bool exists(const std::string& path)
     return stat(path.c_str(), &st) == 0;
 }
 
-// Waits for a condition that the benchmark thread brings about; the bound
-// only keeps a broken build from hanging.
-template <class F>
-bool eventually(F done)
-{
-    for (int i = 0; i < 6000; ++i) {
-        if (done())
-            return true;
-        usleep(10000);
-    }
-    return done();
-}
-
 std::vector<Bytes> benchmark_payloads(const std::vector<Event>& all)
 {
     std::vector<Bytes> out;

@@ -62,19 +62,6 @@ void dispatch(unsigned long signal, const char* text, int32_t value = 0)
     service().ProcessNorvMsg(&msg);
 }
 
-// Waits for a condition that the format thread brings about; the bound only
-// keeps a broken build from hanging.
-template <class F>
-bool eventually(F done)
-{
-    for (int i = 0; i < 6000; ++i) {
-        if (done())
-            return true;
-        usleep(10000);
-    }
-    return done();
-}
-
 std::vector<Event> only(const std::vector<Event>& all, std::initializer_list<int> ids)
 {
     std::vector<Event> out;

@@ -4,6 +4,7 @@
 
 #include <mutex>
 #include <string>
+#include <unistd.h>
 #include <vector>
 
 // True when main() gave the process its own IPC namespace (so the service's
@@ -61,3 +62,16 @@ private:
 // noThreads, the child starts with a 1 TiB stack limit, which glibc takes as
 // the default thread stack, so that no new thread can be created.
 int run_child(const char* name, std::string* out, bool noThreads = false);
+
+// Waits for a condition that another thread of the service brings about; the
+// bound (60 s) only keeps a broken build from hanging.
+template <class F>
+bool eventually(F done)
+{
+    for (int i = 0; i < 6000; ++i) {
+        if (done())
+            return true;
+        usleep(10000);
+    }
+    return done();
+}
