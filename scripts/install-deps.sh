@@ -28,7 +28,7 @@ PACKAGES=(
   util-linux mount fdisk e2fsprogs dosfstools ntfs-3g fusefat exfatprogs
   iproute2 procps psmisc kmod
   iozone3
-  sox id3v2
+  sox id3v2 lame vorbis-tools flac mediainfo
 )
 
 missing=()

@@ -9,6 +9,7 @@
 #include <cstring>
 #include <mutex>
 
+#include "ByteOrder.h"
 #include "DevIdentify.h"
 #include "MountTree.h"
 #include "ServiceHandlers.h"
@@ -66,10 +67,7 @@ unsigned char* put_string(unsigned char* p, unsigned tag, const char* text)
 unsigned char* put_u32(unsigned char* p, unsigned tag, uint32_t value)
 {
     p = put_header(p, tag, 4);
-    p[0] = static_cast<unsigned char>(value >> 24);
-    p[1] = static_cast<unsigned char>(value >> 16);
-    p[2] = static_cast<unsigned char>(value >> 8);
-    p[3] = static_cast<unsigned char>(value);
+    put_be32(p, value);
     return p + 4;
 }
 

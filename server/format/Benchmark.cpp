@@ -14,6 +14,7 @@
 #include <pthread.h>
 #include <string>
 
+#include "ByteOrder.h"
 #include "MountTree.h"
 #include "ServiceHandlers.h"
 #include "ServiceLog.h"
@@ -67,14 +68,6 @@ const SStage kStages[] = {
     {50, "mixed workload", 75},
     {75, "iozone test complete", 100},
 };
-
-void put_be32(unsigned char* p, uint32_t v)
-{
-    p[0] = static_cast<unsigned char>(v >> 24);
-    p[1] = static_cast<unsigned char>(v >> 16);
-    p[2] = static_cast<unsigned char>(v >> 8);
-    p[3] = static_cast<unsigned char>(v);
-}
 
 void send_benchmark_event(StorageManagerService& service, unsigned char status, unsigned char progress,
                           uint32_t speed, uint32_t processes, bool padded = false)

@@ -11,6 +11,7 @@
 
 #include <cutils/properties.h>
 
+#include "ByteOrder.h"
 #include "MountTree.h"
 #include "ServiceHandlers.h"
 #include "ServiceLog.h"
@@ -48,14 +49,6 @@ const GuidPartitionInfo kPartitionInfo[] = {
 // can't be stopped by the end of the one before.
 std::mutex g_format_lock;
 std::atomic<int> g_format_threads_alive{0};
-
-void put_be32(unsigned char* p, uint32_t v)
-{
-    p[0] = static_cast<unsigned char>(v >> 24);
-    p[1] = static_cast<unsigned char>(v >> 16);
-    p[2] = static_cast<unsigned char>(v >> 8);
-    p[3] = static_cast<unsigned char>(v);
-}
 
 void send_format_info(StorageManagerService& service, const char* volume, unsigned int result)
 {

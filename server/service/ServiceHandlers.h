@@ -36,3 +36,7 @@ void handle_benchmark_progress(StorageManagerService& service, CNorvMsg* msg, St
 
 // ../device/PvrMark.cpp
 void handle_pvr_mark_dev(StorageManagerService& service, CNorvMsg* msg, StorageManagerAction_t* action);
+
+// ../file/ReadDir.cpp, ../file/Cover.cpp
+void handle_read_dirs(StorageManagerService& service, CNorvMsg* msg, StorageManagerAction_t* action);
+void handle_extract_cover(StorageManagerService& service, CNorvMsg* msg, StorageManagerAction_t* action);

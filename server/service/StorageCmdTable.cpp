@@ -82,6 +82,8 @@ const SCmdRow kCmdRows[] = {
     CALL(STORAGE_GET_PVR_DEV_SIZE_LIMIT, get_pvr_dev_size_limit),
     POST(STORAGE_START_HDD, SIG_ID_STORAGE_START_HDD, ""),
     POST(STORAGE_SHUTDOWN, SIG_ID_STORAGE_SHUTDOWN, "c"),
+    POST(STORAGE_READ_DIRS, SIG_ID_STORAGE_READ_DIRS, "1iwf"),
+    POST(STORAGE_EXTRACT_COVER, SIG_ID_STORAGE_EXTRACT_COVER, "12"),
 };
 
 #undef POST
@@ -96,6 +98,8 @@ struct SPostedFields {
     int64_t tag;
     char16_t ch;
     bool textMissing;
+    bool hasFlags;
+    unsigned char flags;
 };
 
 void read_fields(const char* fields, const android::Parcel& request, SPostedFields* out)
@@ -115,6 +119,13 @@ void read_fields(const char* fields, const android::Parcel& request, SPostedFiel
         case 'b': out->boolValue = request.readBool(); break;
         case 'w': out->tag = request.readInt64(); break;
         case 'c': out->ch = request.readChar(); break;
+        case 'f':
+            // Optional: clients that send no flags end their request before it.
+            if (request.dataAvail() >= sizeof(int32_t)) {
+                out->hasFlags = true;
+                out->flags = static_cast<unsigned char>(request.readInt32());
+            }
+            break;
         default: break;
         }
     }
@@ -136,6 +147,11 @@ bool texts_fit(int code, const SPostedFields& in)
             return false;
         }
     }
+    if (in.hasFlags && strlen(in.text[0]) + 1 >= STORAGE_ACTION_TEXT_LEN) {
+        HLOGW("[%s, %d] ***W: cmd %d: no room for the flags behind a text of %zu bytes, nothing posted\n",
+              code, strlen(in.text[0]));
+        return false;
+    }
     return true;
 }
 
@@ -149,6 +165,16 @@ void fill_record(const char* fields, const SPostedFields& in, StorageManagerActi
         case 'b': record->boolValue1 = in.boolValue; break;
         case 'w': record->ushortValue1 = static_cast<uint16_t>(in.tag & 0xffff); break;
         case 'c': record->buf1[0] = static_cast<unsigned char>(in.ch); break;
+        case 'f': {
+            // The flags byte stands behind buf1's terminator, and intValue1
+            // says how much of buf1 the service may read: never more than
+            // arrived, whatever length the client gave.
+            size_t n = strlen(in.text[0]);
+            if (in.hasFlags)
+                record->buf1[n + 1] = in.flags;
+            record->intValue1 = static_cast<int32_t>(n + (in.hasFlags ? 2 : 1));
+            break;
+        }
         default: break;
         }
     }

@@ -25,7 +25,9 @@ typedef struct {
     // letter per field in request order:
     //   '1' cstring into buf1, '2' cstring into buf2, 'i' int32 into intValue1,
     //   'b' bool into boolValue1, 'w' int64 whose low 16 bits go into
-    //   ushortValue1, 'c' char into buf1[0].
+    //   ushortValue1, 'c' char into buf1[0], 'f' an optional int32 whose low
+    //   byte goes behind buf1's text (a listing's flags; intValue1 then
+    //   counts the text, its terminator and the byte that is there).
     unsigned long signal;
     const char* fields;
     unsigned int flags;

@@ -40,6 +40,8 @@ const SignalRow kSignalRows[] = {
     {SIG_ID_STORAGE_PVR_MARK_DEV, handle_pvr_mark_dev, true},
     {SIG_ID_STORAGE_START_HDD, handle_start_hdd, false},
     {SIG_ID_STORAGE_SHUTDOWN, handle_shutdown, false},
+    {SIG_ID_STORAGE_READ_DIRS, handle_read_dirs, true},
+    {SIG_ID_STORAGE_EXTRACT_COVER, handle_extract_cover, true},
 };
 
 const SignalRow* find_row(unsigned long signal)

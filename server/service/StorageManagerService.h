@@ -105,6 +105,10 @@ public:
     uint64_t GetPartitionTotalSize(const char* path);
     uint64_t GetPartitionUsedSize(const char* path);
 
+    // Directory listings and covers (../file/ReadDir.cpp, ../file/Cover.cpp).
+    bool ReadDirAdvanced(const char* sBuf, int len, unsigned short aCmdID);
+    int ExtractCover(const char* sourceFolder, const char* fileName);
+
     unsigned char m_SendBuf[STORAGE_SEND_BUF_SIZE];
     int m_DevTabBufLen;
     unsigned char m_DevTabBuf[STORAGE_DEV_TAB_BUF_SIZE];

@@ -8,6 +8,7 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
+#include "ByteOrder.h"
 #include "DevIdentify.h"
 #include "MountTree.h"
 #include "ServiceHandlers.h"
@@ -84,14 +85,6 @@ uint32_t determine_dev_used_size(const char* devname)
 }
 
 namespace {
-
-void put_be32(unsigned char* p, uint32_t v)
-{
-    p[0] = static_cast<unsigned char>(v >> 24);
-    p[1] = static_cast<unsigned char>(v >> 16);
-    p[2] = static_cast<unsigned char>(v >> 8);
-    p[3] = static_cast<unsigned char>(v);
-}
 
 }  // namespace
 

@@ -251,6 +251,53 @@ TEST(PostRow, TagsWrapAt16BitsAndCharsGoToTheFirstByte)
     EXPECT_EQ(probe.records[1].buf1[1], 0);
 }
 
+TEST(PostRow, ListingFlagsTravelBehindThePathAndLenNeverReachesFurther)
+{
+    REQUIRE_ISOLATION();
+    ProbeQueue probe;
+    ASSERT_EQ(probe.Init("/lumtest_probe", 10, 0, false), 0);
+    const SCmdRow* row = find_cmd_row(STORAGE_READ_DIRS);
+    ASSERT_NE(row, nullptr);
+    auto post = [&](const std::string& path, int32_t len, const int32_t* flags) {
+        Parcel request;
+        request.writeCString(path.c_str());
+        request.writeInt32(len);
+        request.writeInt64(0x10007);
+        if (flags != nullptr)
+            request.writeInt32(*flags);
+        request.setDataPosition(0);
+        auto* record = static_cast<StorageManagerAction_t*>(calloc(1, sizeof(StorageManagerAction_t)));
+        bool bFree = true;
+        bool posted = post_cmd_row(*row, request, record, &bFree, probe);
+        if (bFree)
+            free(record);
+        return posted;
+    };
+    const int32_t flags = 0x10B;  // only the low byte travels
+    EXPECT_TRUE(post("/mnt/pvr/shared/sdb1/", 4000, nullptr));  // an old client's generous len
+    EXPECT_TRUE(post("/mnt/pvr/shared/sdb1/", 21, &flags));
+    std::string path98 = "/" + std::string(97, 'p');
+    EXPECT_TRUE(post(path98, 0, &flags));
+    LogCapture log;
+    EXPECT_FALSE(post(path98 + "q", 100, &flags));  // no room behind 99 bytes
+    EXPECT_TRUE(log.has("no room for the flags"));
+    EXPECT_TRUE(post(path98 + "q", 100, nullptr));
+
+    ASSERT_EQ(probe.ReadMsgsFromNonBlockingQueue(), 4);
+    const auto& r = probe.records;
+    EXPECT_EQ(r[0].intValue1, 22);
+    EXPECT_EQ(r[0].buf1[22], 0);
+    EXPECT_EQ(r[0].ushortValue1, 7);
+    EXPECT_EQ(r[1].intValue1, 23);
+    EXPECT_EQ(r[1].buf1[21], 0);
+    EXPECT_EQ(r[1].buf1[22], 0x0B);
+    EXPECT_EQ(r[2].intValue1, 100);
+    EXPECT_EQ(r[2].buf1[98], 0);
+    EXPECT_EQ(r[2].buf1[99], 0x0B);
+    EXPECT_EQ(r[3].intValue1, 100);
+    EXPECT_EQ(r[3].buf1[99], 0);
+}
+
 TEST(PostRow, MissingOrOversizedTextsPostNothingAndLeaveTheRecordToTheHub)
 {
     REQUIRE_ISOLATION();

@@ -1,0 +1,274 @@
+// Directory listings: record and block bytes against vectors built from the
+// wire tables, the filters, block splitting, times by volume type, covers.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstring>
+#include <fcntl.h>
+#include <fstream>
+#include <string>
+#include <sys/stat.h>
+#include <sys/time.h>
+#include <unistd.h>
+#include <vector>
+
+#include <norvfw/RTC.h>
+
+#include "DirListing.h"
+#include "StorageEvents.h"
+#include "StorageManagerService.h"
+#include "listing_fixture.h"
+
+using namespace listing_test;
+
+TEST_F(Listing, RecordsCarrySizeDateProtectionAndEmptyTagsByte)
+{
+    touch_file(kDir + "a.bin", 1023, kWhen, 0644);
+    touch_file(kDir + "b.bin", 1024, kWhen + 59, 0444);  // read-only for the owner only counts
+    touch_file(kDir + "c.bin", 5 * 1024 * 1024 + 100, kWhen, 0577);
+    mkdir((kDir + "d").c_str(), 0755);
+    struct timeval tv[2] = {{kWhen, 0}, {kWhen, 0}};
+    utimes((kDir + "d").c_str(), tv);
+
+    std::vector<Block> blocks = list(kDir);
+    ASSERT_EQ(blocks.size(), 1u);
+    EXPECT_EQ(blocks[0].offset, 0u);
+    EXPECT_EQ(blocks[0].total, 4u);
+    ASSERT_EQ(blocks[0].records.size(), 4u);
+
+    const Bytes when = {0x00, 0xEC, 0x1F, 13, 45};
+    auto info = [&](unsigned char prot, uint32_t kb) {
+        Bytes b = {prot, static_cast<unsigned char>(kb >> 24), static_cast<unsigned char>(kb >> 16),
+                   static_cast<unsigned char>(kb >> 8), static_cast<unsigned char>(kb)};
+        b.insert(b.end(), when.begin(), when.end());
+        return b;
+    };
+    EXPECT_EQ(blocks[0].records[0].info_file, info(0, 0));
+    EXPECT_EQ(blocks[0].records[1].info_file, info(1, 1));
+    EXPECT_EQ(blocks[0].records[2].info_file, info(1, 5120));
+    EXPECT_EQ(blocks[0].records[3].info_file, info(0, 0));
+    EXPECT_EQ(names(blocks), (std::vector<std::string>{"a.bin", "b.bin", "c.bin", "d/"}));
+    for (const Record& r : blocks[0].records) {
+        EXPECT_EQ(r.title + r.artist + r.album + r.genre + r.link, "");
+        EXPECT_EQ(r.info_tag, Bytes(18, 0)) << r.name;  // TagLib knows no ".bin"
+    }
+
+    // The whole payload of a one-file directory, byte by byte.
+    system(("rm -rf " + kDir + "*").c_str());
+    touch_file(kDir + "x", 2048, kWhen, 0444);
+    EventCapture events;
+    theStorageManagerService.ReadDirAdvanced(kDir.c_str(), static_cast<int>(kDir.size() + 1), 7);
+    Bytes expected = {0, 0, 0, 1,                     // offset 0, total 1
+                      1, 0, 0, 0, 2, 0x00, 0xEC, 0x1F, 13, 45,  // info_file
+                      'x', 0, 0, 0, 0, 0, 0,          // name and five empty strings
+                      0};                             // separator
+    expected.resize(expected.size() + 18, 0);
+    ASSERT_EQ(events.events().size(), 1u);
+    EXPECT_EQ(events.events()[0].id, LUM_TV_EVT_STORAGE_READ_DIRS);
+    EXPECT_EQ(events.events()[0].data, expected);
+}
+
+TEST_F(Listing, BadPathsAndEmptyDirectories)
+{
+    const Bytes failed = {0, 0, 0xFF, 0xFF};
+    const Bytes empty = {0, 0, 0, 0};
+    auto payloads = [&](const std::string& request, bool* ok) {
+        EventCapture events;
+        *ok = theStorageManagerService.ReadDirAdvanced(request.c_str(), static_cast<int>(request.size() + 1), 1);
+        std::vector<Bytes> out;
+        for (const Event& e : events.events())
+            out.push_back(e.data);
+        return out;
+    };
+    bool ok = true;
+    EXPECT_EQ(payloads(kDir, &ok), std::vector<Bytes>{empty});
+    EXPECT_TRUE(ok);
+    LogCapture log;
+    EXPECT_EQ(payloads(kVolume + "/dir", &ok), std::vector<Bytes>{empty});  // the "/" is added
+    EXPECT_TRUE(ok);
+    EXPECT_TRUE(log.has("directory name shall end with '/'"));
+    for (const std::string bad : {"tmp/lst/", "", "/tmp/lst/none/", "/tmp/lst/shared/sdb1/dir/../../x/"}) {
+        EXPECT_EQ(payloads(bad, &ok), std::vector<Bytes>{failed}) << bad;
+        EXPECT_FALSE(ok) << bad;
+    }
+    EXPECT_TRUE(log.has("scandir returned -1"));
+
+    // 258 bytes pass, 259 are refused before anything is looked at.
+    std::string deep = kVolume + "/";
+    while (deep.size() < 257)
+        deep += "d/";
+    deep.resize(257);
+    deep += "/";
+    ASSERT_EQ(deep.size(), 258u);
+    system(("mkdir -p '" + deep + "'").c_str());
+    EXPECT_EQ(payloads(deep, &ok), std::vector<Bytes>{empty});
+    EXPECT_TRUE(ok);
+    EXPECT_EQ(payloads(deep + "e/", &ok), std::vector<Bytes>{failed});
+    EXPECT_TRUE(log.has("directory name too long"));
+
+    // An entry whose full path would pass 258 bytes goes out under its name
+    // with nothing else known.
+    std::string name(200, 'n');
+    touch_file(deep + name, 5000);
+    char before[4096];
+    ASSERT_NE(getcwd(before, sizeof(before)), nullptr);
+    std::vector<Block> blocks = list(deep);
+    ASSERT_EQ(blocks.size(), 1u);
+    ASSERT_EQ(blocks[0].records.size(), 1u);
+    EXPECT_EQ(blocks[0].records[0].name, name);
+    EXPECT_EQ(blocks[0].records[0].info_file, Bytes(10, 0));
+    EXPECT_TRUE(log.has("full path for '" + name + "' too long"));
+    char after[4096];
+    EXPECT_STREQ(getcwd(after, sizeof(after)), before);  // the working directory is back
+}
+
+TEST_F(Listing, FiltersByFlagsAndTheDefault)
+{
+    for (const char* f : {".archive", "..archive", ".tsb1", ".hidden", "a.idx", "a.desc", "a.xml", "a.ts",
+                          "a.ts.idx.desc", "b.IDX", "x.xml.sig"})
+        touch_file(kDir + f, 10);
+    mkdir((kDir + "sub").c_str(), 0755);
+    mkdir((kDir + ".dotdir").c_str(), 0755);
+    symlink("a.ts", (kDir + "link").c_str());
+    mkfifo((kDir + "pipe").c_str(), 0644);
+
+    using V = std::vector<std::string>;
+    const V all = {"./", "../", "..archive", ".archive", ".dotdir/", ".hidden", ".tsb1", "a.desc", "a.idx",
+                   "a.ts", "a.ts.idx.desc", "a.xml", "b.IDX", "link", "sub/", "x.xml.sig"};
+    auto without = [&](std::initializer_list<const char*> gone) {
+        V out;
+        for (const std::string& n : all)
+            if (std::find(gone.begin(), gone.end(), n) == gone.end())
+                out.push_back(n);
+        return out;
+    };
+    const V noDots = without({"./", "../", "..archive", ".archive", ".dotdir/", ".hidden", ".tsb1"});
+    const V row3 = {"a.ts", "b.IDX", "link", "sub/", "x.xml.sig"};
+
+    std::vector<Block> d = list(kDir);
+    EXPECT_EQ(names(d), without({"./", "../", ".dotdir/", ".hidden"}));
+    EXPECT_EQ(d[0].total, 13u);  // the FIFO counts, though it has no record
+
+    EXPECT_EQ(names(list_flags(kDir, 0)), all);
+    EXPECT_EQ(list_flags(kDir, 0)[0].total, 17u);
+    EXPECT_EQ(names(list_flags(kDir, 1)), noDots);
+    EXPECT_EQ(names(list_flags(kDir, 2)), without({"a.desc", "a.idx", "a.ts.idx.desc"}));
+    EXPECT_EQ(names(list_flags(kDir, 3)), row3);
+    for (unsigned char f = 4; f < 8; ++f)
+        EXPECT_EQ(names(list_flags(kDir, f)), (V{"link", "sub/"})) << int(f);
+    // Bit 3 leaves the filter bits as they are.
+    EXPECT_EQ(names(list_flags(kDir, 8 | 3)), row3);
+    // A len that says no flags byte is there keeps the default, whatever
+    // stands behind the terminator.
+    std::string request = kDir + '\0' + '\0';
+    EXPECT_EQ(names(list(request, static_cast<int>(kDir.size() + 1))), names(d));
+}
+
+TEST_F(Listing, LongListingsSplitAt49900BytesWithRunningOffsets)
+{
+    // 400 records of 35 + 240 bytes: 181 fit a block (6 + 181 * 275 = 49781).
+    for (int i = 0; i < 400; ++i) {
+        char name[241];
+        snprintf(name, sizeof(name), "%04d%0236d", i, 0);
+        touch_file(kDir + name, 0);
+    }
+    std::vector<Block> blocks = list(kDir);
+    ASSERT_EQ(blocks.size(), 3u);
+    unsigned seen = 0;
+    for (const Block& b : blocks) {
+        EXPECT_EQ(b.offset, seen);
+        EXPECT_EQ(b.total, 400u);
+        EXPECT_LE(b.len + 2, 49900u);
+        seen += static_cast<unsigned>(b.records.size());
+    }
+    EXPECT_EQ(blocks[0].records.size(), 181u);
+    EXPECT_EQ(blocks[1].records.size(), 181u);
+    EXPECT_EQ(seen, 400u);
+    std::vector<std::string> got = names(blocks);
+    EXPECT_TRUE(std::is_sorted(got.begin(), got.end()));
+}
+
+TEST_F(Listing, TimesOfUtcVolumesGetTheLocalOffset)
+{
+    const char* oldTz = getenv("TZ");
+    setenv("TZ", "CST-8", 1);  // eight hours east of UTC, no tz database needed
+    tzset();
+    ASSERT_EQ(theRTC.GetLto(), 480);
+    touch_file(kDir + "f", 1, kWhen);
+    auto when = [&](const char* type) {
+        volume(type);
+        std::vector<Block> b = list(kDir);
+        return b.at(0).records.at(0).info_file;
+    };
+    const Bytes utc = {0, 0, 0, 0, 0, 0x00, 0xEC, 0x1F, 13, 45};
+    const Bytes shifted = {0, 0, 0, 0, 0, 0x00, 0xEC, 0x1F, 21, 45};
+    EXPECT_EQ(when("vfat"), utc);
+    EXPECT_EQ(when("mptpfs"), utc);
+    EXPECT_EQ(when("ext4"), shifted);
+    EXPECT_EQ(when("ext2"), shifted);
+    EXPECT_EQ(when("fuseblk"), shifted);
+    LogCapture log;
+    EXPECT_EQ(when("btrfs"), utc);
+    EXPECT_TRUE(log.has("unrecognized file system: 'btrfs'"));
+    // A day boundary: 20:00 UTC shown eight hours later is 04:00 the next day.
+    touch_file(kDir + "f", 1, kWhen + 6 * 3600 + 15 * 60);
+    EXPECT_EQ(when("ext4"), (Bytes{0, 0, 0, 0, 0, 0x00, 0xEC, 0x20, 4, 0}));
+    if (oldTz != nullptr)
+        setenv("TZ", oldTz, 1);
+    else
+        unsetenv("TZ");
+    tzset();
+    EXPECT_EQ(fs_uses_utc_for_timestamp("/tmp/short/"), 0);  // no mount point prefix
+}
+
+TEST(ListingPieces, TimesBeforeAndAfter1970AndPlaylistNames)
+{
+    unsigned char info[10] = {0};
+    put_file_time(info, 0);
+    EXPECT_EQ(Bytes(info + 5, info + 10), (Bytes{0x00, 0x9E, 0x8B, 0, 0}));  // MJD 40587
+    put_file_time(info, -2145913200);  // 1902-01-01 01:00 UTC, a playlist placeholder's time
+    EXPECT_EQ(Bytes(info + 5, info + 10), (Bytes{0x00, 0x3D, 0x86, 1, 0}));  // MJD 15750
+    put_file_time(info, -60);  // 1969-12-31 23:59
+    EXPECT_EQ(Bytes(info + 5, info + 10), (Bytes{0x00, 0x9E, 0x8A, 23, 59}));
+
+    for (const char* yes : {"x.M3U", "y.m3u", "/a/b.m3U/", "z.tar.m3u"})
+        EXPECT_EQ(is_playlist_file(yes), 1) << yes;
+    for (const char* no : {"m3u", "x.m3u8", "x.m3u//", "/a.m3u/b", "x.m3", ""})
+        EXPECT_EQ(is_playlist_file(no), 0) << no;
+}
+
+TEST_F(Listing, PlaylistFilesLookLikeDirectoriesUnlessTagsAreOff)
+{
+    touch_file(kDir + "x.M3U", 3000);
+    touch_file(kDir + "y.m3u", 10);
+    std::vector<Block> b = list(kDir);
+    EXPECT_EQ(names(b), (std::vector<std::string>{"x.M3U/", "y.m3u/"}));
+    EXPECT_EQ(b[0].records[0].info_file[4], 2);  // a file's size all the same
+    EXPECT_EQ(names(list_flags(kDir, 8 | 1)), (std::vector<std::string>{"x.M3U", "y.m3u"}));
+}
+
+TEST_F(Listing, CoversAreLinksToTheOneCoverFile)
+{
+    mkdir("/tmp/share", 0755);
+    EventCapture events;
+    EXPECT_EQ(theStorageManagerService.ExtractCover("/mnt/pvr/shared/sdb1/", "a.mp3"), 0);
+    EXPECT_EQ(theStorageManagerService.ExtractCover("/mnt/pvr/shared/sdb1/", "a.mp3"), 0);
+    EXPECT_EQ(theStorageManagerService.ExtractCover("/x/", "../../etc/evil"), 0);
+    std::vector<Event> got = events.events();
+    ASSERT_EQ(got.size(), 3u);
+    std::string path = "/tmp/share/a.mp3.";
+    Bytes expected = {0};
+    expected.insert(expected.end(), path.begin(), path.end());
+    expected.insert(expected.end(), {0, 0, 0, 0});  // terminator, three spare bytes
+    EXPECT_EQ(got[0].id, LUM_TV_EVT_STORAGE_EXTRACT_COVER);
+    EXPECT_EQ(got[0].data, expected);
+    EXPECT_EQ(got[1].data, expected);
+    char target[64] = {0};
+    ASSERT_GT(readlink("/tmp/share/a.mp3.", target, sizeof(target) - 1), 0);
+    EXPECT_STREQ(target, "/tmp/share/cover-file");
+    // A name that climbs out of the folder is answered and makes no link.
+    EXPECT_EQ(got[2].data[0], 0);
+    struct stat st;
+    EXPECT_NE(lstat("/tmp/etc/evil.", &st), 0);
+    EXPECT_NE(lstat("/etc/evil.", &st), 0);
+}
