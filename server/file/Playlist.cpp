@@ -111,20 +111,26 @@ void decide_encoding(SPlaylistReading& r, std::string& line)
     }
 }
 
-// Playlists written on Windows separate directories with backslashes and end
-// their lines with CR LF.
-void normalise_line(std::string& line)
+// Playlists written on Windows end their lines with CR LF: the last CR and
+// the last LF go.
+void strip_line_end(std::string& line)
 {
-    for (char& c : line) {
-        if (c == '\\')
-            c = '/';
-    }
     size_t pos = line.rfind('\r');
     if (pos != std::string::npos)
         line.erase(pos, 1);
     pos = line.rfind('\n');
     if (pos != std::string::npos)
         line.erase(pos, 1);
+}
+
+// ... and separate directories with backslashes. In a legacy code page this
+// runs after the conversion: a GBK character may have 0x5C as its second byte.
+void forward_slashes(std::string& line)
+{
+    for (char& c : line) {
+        if (c == '\\')
+            c = '/';
+    }
 }
 
 // A line in the legacy code page becomes UTF-8. A line that the converter
@@ -265,15 +271,17 @@ bool read_entries(std::ifstream& fileStream, SPlaylistReading& r, StringMap& aHt
         read_media_line(fileStream, r.bIsExtM3uFile, filePath);
         // A last line without a line end is still handled.
         bEndReached = !fileStream.good();
-        if (filePath.empty())
+        // A blank line of a CR LF file is "\r": it ends the list as well.
+        if (filePath.empty() || filePath == "\r")
             break;
         if (filePath[0] == '#')
             continue;
         if (!r.fileEncodingChecked)
             decide_encoding(r, filePath);
-        normalise_line(filePath);
+        strip_line_end(filePath);
         if (!r.isUTF8)
             convert_legacy_line(filePath);
+        forward_slashes(filePath);
         split_line(filePath, pathOfPlayListReduced, relativePathToAdd);
         if (!add_entry(r, pathOfPlayListReduced + relativePathToAdd + filePath, filePath, aHttpLinkMap, aTitleMap))
             return false;

@@ -231,6 +231,13 @@ TEST_F(Playlist, LegacyCodePageConvertedOnEveryLine)
                                              {dir + test, test, 0}}));
     EXPECT_EQ(log.count("Assuming this file is encoded in ASCI"), 1);
     EXPECT_EQ(log.count("Assuming this file is encoded in UTF-8"), 0);
+
+    // 誠 is D5 5C in GBK: its second byte is a backslash only before the
+    // conversion, and the character must survive it.
+    const std::string sincere = "\xE8\xAA\xA0.mp3";
+    ASSERT_EQ(to_gbk(sincere), "\xD5\x5C.mp3");
+    std::string trail = write("trail.m3u", to_gbk(song + "\r\n" + music + "\\" + sincere + "\r\n"));
+    EXPECT_EQ(expect_entries(trail), (Entries{{dir + song, song, 0}, {dir + music + "/" + sincere, sincere, 1}}));
 }
 
 TEST_F(Playlist, LegacyLinesThatDoNotFitStayAsRead)
@@ -288,6 +295,10 @@ TEST_F(Playlist, BlankLineEndsTheList)
     std::string path = write("blank.m3u", "#EXTM3U\n#EXTINF:1,a\n1.mp3\n2.mp3\n\n3.mp3\n4.mp3\n5.mp3\n");
     EXPECT_EQ(expect_entries(path), (Entries{{dir + "1.mp3", "1.mp3", 0}, {dir + "2.mp3", "2.mp3", 0}}));
     EXPECT_EQ(placeholders().size(), 2u);
+
+    // The blank line of a CR LF file is "\r" before its line end goes.
+    std::string crlf = write("crlf.m3u", "1.mp3\r\n2.mp3\r\n\r\n3.mp3\r\n");
+    EXPECT_EQ(expect_entries(crlf), (Entries{{dir + "1.mp3", "1.mp3", 0}, {dir + "2.mp3", "2.mp3", 0}}));
 }
 
 TEST_F(Playlist, NoEntriesIsStillARead)
