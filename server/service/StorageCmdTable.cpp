@@ -74,6 +74,7 @@ const SCmdRow kCmdRows[] = {
     POST(STORAGE_COPY, SIG_ID_STORAGE_COPY, "1it"),
     CALL(STORAGE_COPY_FILE, cmd_copy_file),
     CALL(STORAGE_COPY_DIRS, cmd_copy_dirs),
+    CALL(STROAGE_LUM_MOVE, cmd_lum_move),
     CALL(STORAGE_IS_ENCRYPTED, reply_false),
     CALL(STORAGE_PARTITION_PRIVATE, reply_false),
     CALL(STORAGE_PARTITION_MIXED, reply_false),

@@ -113,6 +113,10 @@ public:
     // copy that buf (len bytes) asks for, or with an empty source asks a
     // running tree copy to stop. The result comes as LUM_TV_EVT_STORAGE_COPY.
     void Copy(const unsigned char* buf, int len);
+    // Moves a file, a recording or a tree (../file/FileMove.cpp): buf is the
+    // packed request of 512 bytes. Sends LUM_TV_EVT_STORAGE_MOVE_FILE and
+    // returns true when its result byte is 0.
+    bool Move(const unsigned char* buf, int len);
 
     unsigned char m_SendBuf[STORAGE_SEND_BUF_SIZE];
     int m_DevTabBufLen;

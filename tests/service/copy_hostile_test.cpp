@@ -1,8 +1,9 @@
-// Hostile names through CopyFile, CopyDir and Copy: each acts on the
+// Hostile names through CopyFile, CopyDir, Copy and Move: each acts on the
 // named file only. A canary beside them must survive, and the marker that
 // their command substitutions would make must never appear.
 #include <gtest/gtest.h>
 
+#include "FileMove.h"
 #include "copy_fixture.h"
 
 namespace copy_test {
@@ -115,6 +116,51 @@ TEST_F(CopyHostile, CopyRequestsCopyEachName)
         EXPECT_EQ(payloads(events.events(), LUM_TV_EVT_STORAGE_COPY), std::vector<Bytes>{{0}}) << n;
     }
     ExpectCopies(kWork + "/dst");
+}
+
+TEST_F(CopyHostile, MovesAcrossFileSystemsMoveEachNameAndNothingElse)
+{
+    REQUIRE_MOUNT(kWork + "/other");
+    Sources();
+    for (const std::string& n : hostile_names())
+        write_file(kWork + "/src/" + n + ".xml", "xml of " + n);
+    for (const std::string& n : hostile_names()) {
+        unsigned char buf[MOVE_REQUEST_LEN];
+        ASSERT_TRUE(pack_path_pair(buf, true, (kWork + "/src/" + n).c_str(), (kWork + "/other/" + n).c_str()));
+        EXPECT_TRUE(theStorageManagerService.Move(buf, MOVE_REQUEST_LEN)) << n;
+        EXPECT_FALSE(exists(kWork + "/src/" + n)) << n;
+        EXPECT_EQ(read_file(kWork + "/other/" + n + ".xml"), "xml of " + n);
+    }
+    ExpectCopies(kWork + "/other");
+    // A tree whose name would split at its space: it leaves the source, and
+    // "canary" beside it stays.
+    make_dirs(kWork + "/src/canary x$(touch " + kMarker + ")");
+    write_file(kWork + "/src/canary x$(touch " + kMarker + ")/f", "f");
+    unsigned char buf[MOVE_REQUEST_LEN];
+    ASSERT_TRUE(pack_path_pair(buf, false, (kWork + "/src/canary x$(touch " + kMarker + ")/").c_str(),
+                               (kWork + "/other/tree").c_str()));
+    EXPECT_TRUE(theStorageManagerService.Move(buf, MOVE_REQUEST_LEN));
+    EXPECT_EQ(read_file(kWork + "/other/tree/f"), "f");
+    EXPECT_FALSE(exists(kWork + "/src/canary x$(touch " + kMarker + ")"));
+}
+
+TEST_F(CopyHostile, FailedTreeMoveRemovesItsOwnCopyByNameOnly)
+{
+    REQUIRE_MOUNT(kWork + "/full", "64k");
+    // The half-made copy is removed with "rm -rf"; a name that split at its
+    // space would take "canary" of the destination's folder with it.
+    std::string tree = kWork + "/src/t";
+    make_dirs(tree);
+    write_file(tree + "/big", std::string(200000, 'b'));
+    make_dirs(kWork + "/full/canary");
+    write_file(kWork + "/full/canary/f", "alive");
+    unsigned char buf[MOVE_REQUEST_LEN];
+    std::string dst = kWork + "/full/canary x`touch " + kMarker + "`";
+    ASSERT_TRUE(pack_path_pair(buf, false, (tree + "/").c_str(), dst.c_str()));
+    EXPECT_FALSE(theStorageManagerService.Move(buf, MOVE_REQUEST_LEN));
+    EXPECT_EQ(read_file(kWork + "/full/canary/f"), "alive");
+    EXPECT_FALSE(exists(dst));
+    EXPECT_EQ(read_file(tree + "/big").size(), 200000u);
 }
 
 }  // namespace

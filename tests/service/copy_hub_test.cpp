@@ -1,12 +1,13 @@
-// The hub's copy rows, byte for byte: STORAGE_COPY's record with the whole
-// request behind it, its refusals, and the replies of the direct rows
-// STORAGE_COPY_FILE and STORAGE_COPY_DIRS.
+// The hub's copy and move rows, byte for byte: STORAGE_COPY's record with
+// the whole request behind it, its refusals, and the replies of the direct
+// rows STORAGE_COPY_FILE, STORAGE_COPY_DIRS and STROAGE_LUM_MOVE.
 #include <gtest/gtest.h>
 
 #include <functional>
 
 #include <binder/Parcel.h>
 
+#include "FileMove.h"
 #include "SignalNo.h"
 #include "StorageCmdTable.h"
 #include "StorageModuleHub.h"
@@ -208,6 +209,35 @@ TEST_F(CopyHub, DirectCopyRowsReplyTrueOnlyForZeroAndSendNoEvent)
     EXPECT_EQ(read_file(kWork + "/u/f"), "F");
     EXPECT_TRUE(events.events().empty());
     EXPECT_EQ(Calls().size(), 3u);
+}
+
+TEST_F(CopyHub, MoveRowPacksThePathsAndRefusesWhatDoesNotFit)
+{
+    write_file(kWork + "/a", "A");
+    EventCapture events;
+    EXPECT_EQ(Invoke(STROAGE_LUM_MOVE, {kWork + "/a", kWork + "/b"}, 0), kTrue);
+    EXPECT_EQ(read_file(kWork + "/b"), "A");
+    EXPECT_FALSE(exists(kWork + "/a"));
+    EXPECT_EQ(Invoke(STROAGE_LUM_MOVE, {kWork + "/a", kWork + "/c"}, 0), kFalse);  // no source any more
+    LogCapture log;
+    // 254 + 256 + 3 = 513 bytes do not fit.
+    std::string src = kWork + "/" + std::string(245, 's');
+    std::string dst = kWork + "/" + std::string(247, 'd');
+    EXPECT_EQ(Invoke(STROAGE_LUM_MOVE, {src, dst}, 1), kFalse);
+    EXPECT_TRUE(log.has("nothing moved"));
+    EXPECT_EQ(Invoke(STROAGE_LUM_MOVE, {kWork + "/b"}), kFalse);
+    EXPECT_EQ(payloads(events.events(), LUM_TV_EVT_STORAGE_MOVE_FILE), (std::vector<Bytes>{{0}, {3}, {3}, {3}}));
+    EXPECT_EQ(log.count("nothing moved"), 2);
+    EXPECT_TRUE(exists(kWork + "/b"));
+
+    unsigned char buf[512];
+    dst.pop_back();  // 254 + 255 + 3 = 512
+    ASSERT_EQ(src.size() + dst.size() + 3, 512u);
+    ASSERT_TRUE(pack_path_pair(buf, true, src.c_str(), dst.c_str()));
+    EXPECT_EQ(buf[0], 1);
+    EXPECT_EQ(std::string(reinterpret_cast<char*>(buf) + 1), src);
+    EXPECT_EQ(std::string(reinterpret_cast<char*>(buf) + 2 + src.size()), dst);
+    EXPECT_EQ(buf[511], 0);
 }
 
 }  // namespace
