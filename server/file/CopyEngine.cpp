@@ -135,10 +135,10 @@ int CopyFile(const char* pSrc, const char* pDst)
     else
         SLOGE("[%s, %d] buffer overflow\n");
     if (rc != 0) {
-        int err = errno;
         if (no_room_for(pSrc, pDst))
             rc = ENOSPC;
-        SLOGE("[%s, %d] -- rc=%d: %s(%d)\n", rc, strerror(err), err);
+        // errno means nothing after a shell has run: the log names the code.
+        SLOGE("[%s, %d] -- rc=%d: %s(%d)\n", rc, strerror(rc), rc);
     }
     return rc;
 }

@@ -28,11 +28,11 @@ bool exists(const char* path)
     return lstat64(path, &st) == 0;
 }
 
-// A failure's code for the log: the errno of the failed step, else the
-// copy's own status. Never 0.
+// A failure's code for the log: the copy's own result, or for CopyDir's -1
+// the errno of the step that refused. Never 0.
 int failure_code(int err, int rc)
 {
-    int code = (err & 0xff) != 0 ? err & 0xff : rc & 0xff;
+    int code = (rc == -1 ? err : rc) & 0xff;
     return code != 0 ? code : MOVE_RESULT_FAILED;
 }
 
