@@ -7,6 +7,7 @@
 #include <cstring>
 #include <initializer_list>
 
+#include "ByteOrder.h"
 #include "DevIdentify.h"
 #include "DevTable.h"
 #include "ServiceLog.h"
@@ -21,17 +22,6 @@ namespace {
 constexpr int kTextLen = 256;       // every string of a row fits 256 bytes
 constexpr int kLogLineLen = 1024;
 constexpr int kLabelProbeLen = 100;
-
-unsigned get_be16(const unsigned char* p)
-{
-    return (static_cast<unsigned>(p[0]) << 8) | p[1];
-}
-
-uint32_t get_be32(const unsigned char* p)
-{
-    return (static_cast<uint32_t>(p[0]) << 24) | (static_cast<uint32_t>(p[1]) << 16) |
-           (static_cast<uint32_t>(p[2]) << 8) | p[3];
-}
 
 // Copies a string value of n bytes, up to its first NUL, into text (size
 // bytes), cut to fit: the value of a damaged table need not be terminated.

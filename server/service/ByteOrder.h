@@ -24,3 +24,14 @@ inline void put_be32(unsigned char* p, uint32_t v)
     p[2] = static_cast<unsigned char>(v >> 8);
     p[3] = static_cast<unsigned char>(v);
 }
+
+inline unsigned get_be16(const unsigned char* p)
+{
+    return (static_cast<unsigned>(p[0]) << 8) | p[1];
+}
+
+inline uint32_t get_be32(const unsigned char* p)
+{
+    return (static_cast<uint32_t>(p[0]) << 24) | (static_cast<uint32_t>(p[1]) << 16) |
+           (static_cast<uint32_t>(p[2]) << 8) | p[3];
+}

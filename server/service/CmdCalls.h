@@ -16,3 +16,8 @@ void cmd_pvr_guide_info(const android::Parcel& request, android::Parcel* reply);
 // ../device/PvrMark.cpp
 void cmd_pvr_disk_total(const android::Parcel& request, android::Parcel* reply);
 void cmd_pvr_dev_available(const android::Parcel& request, android::Parcel* reply);
+
+// ../file/CopyEngine.cpp, ../file/FileMove.cpp
+void cmd_copy_file(const android::Parcel& request, android::Parcel* reply);
+void cmd_copy_dirs(const android::Parcel& request, android::Parcel* reply);
+void cmd_lum_move(const android::Parcel& request, android::Parcel* reply);

@@ -40,3 +40,6 @@ void handle_pvr_mark_dev(StorageManagerService& service, CNorvMsg* msg, StorageM
 // ../file/ReadDir.cpp, ../file/Cover.cpp
 void handle_read_dirs(StorageManagerService& service, CNorvMsg* msg, StorageManagerAction_t* action);
 void handle_extract_cover(StorageManagerService& service, CNorvMsg* msg, StorageManagerAction_t* action);
+
+// ../file/CopyThread.cpp
+void handle_copy(StorageManagerService& service, CNorvMsg* msg, StorageManagerAction_t* action);

@@ -1,5 +1,6 @@
 #include "StorageCmdTable.h"
 
+#include <cstdlib>
 #include <cstring>
 
 #include <cutils/properties.h>
@@ -70,6 +71,10 @@ const SCmdRow kCmdRows[] = {
     CALL(STORAGE_PVR_DEV_AVAILABLE, cmd_pvr_dev_available),
     POST(STORAGE_PVR_MARK_DEV, SIG_ID_STORAGE_PVR_MARK_DEV, "1b"),
     CALL(STORAGE_PVR_GET_DEV_GUIDE_INFO, cmd_pvr_guide_info),
+    POST(STORAGE_COPY, SIG_ID_STORAGE_COPY, "1it"),
+    CALL(STORAGE_COPY_FILE, cmd_copy_file),
+    CALL(STORAGE_COPY_DIRS, cmd_copy_dirs),
+    CALL(STROAGE_LUM_MOVE, cmd_lum_move),
     CALL(STORAGE_IS_ENCRYPTED, reply_false),
     CALL(STORAGE_PARTITION_PRIVATE, reply_false),
     CALL(STORAGE_PARTITION_MIXED, reply_false),
@@ -100,6 +105,7 @@ struct SPostedFields {
     bool textMissing;
     bool hasFlags;
     unsigned char flags;
+    bool hasRaw;  // 't': bytes follow the int32
 };
 
 void read_fields(const char* fields, const android::Parcel& request, SPostedFields* out)
@@ -126,6 +132,10 @@ void read_fields(const char* fields, const android::Parcel& request, SPostedFiel
                 out->flags = static_cast<unsigned char>(request.readInt32());
             }
             break;
+        case 't':
+            // Optional: old clients end their request before the bytes.
+            out->hasRaw = request.dataAvail() > 0;
+            break;
         default: break;
         }
     }
@@ -141,6 +151,10 @@ bool texts_fit(int code, const SPostedFields& in)
         return false;
     }
     for (const char* text : in.text) {
+        // With raw bytes the first text travels whole in them; buf1 keeps
+        // its first 99 bytes for the logs.
+        if (in.hasRaw && text == in.text[0])
+            continue;
         if (text != nullptr && strlen(text) >= STORAGE_ACTION_TEXT_LEN) {
             HLOGW("[%s, %d] ***W: cmd %d: text of %zu bytes does not fit, nothing posted\n", code,
                   strlen(text));
@@ -159,7 +173,7 @@ void fill_record(const char* fields, const SPostedFields& in, StorageManagerActi
 {
     for (const char* f = fields; *f != '\0'; ++f) {
         switch (*f) {
-        case '1': memcpy(record->buf1, in.text[0], strlen(in.text[0])); break;
+        case '1': memcpy(record->buf1, in.text[0], strnlen(in.text[0], STORAGE_ACTION_TEXT_LEN - 1)); break;
         case '2': memcpy(record->buf2, in.text[1], strlen(in.text[1])); break;
         case 'i': record->intValue1 = in.intValue; break;
         case 'b': record->boolValue1 = in.boolValue; break;
@@ -175,9 +189,40 @@ void fill_record(const char* fields, const SPostedFields& in, StorageManagerActi
             record->intValue1 = static_cast<int32_t>(n + (in.hasFlags ? 2 : 1));
             break;
         }
+        case 't':
+            // Never more than arrived: the bytes, or the text and its NUL.
+            record->intValue1 = in.hasRaw ? in.intValue : static_cast<int32_t>(strlen(in.text[0]) + 1);
+            break;
         default: break;
         }
     }
+}
+
+// The raw bytes of a 't' field in a fresh block behind a zeroed record, so
+// that the message carries both in one allocation. nullptr (with a warning)
+// when the count is out of range, more than the request holds, or the bytes
+// do not begin with the first text and its NUL.
+StorageManagerAction_t* take_raw_tail(int code, const android::Parcel& request, const SPostedFields& in,
+                                      size_t* size)
+{
+    int32_t len = in.intValue;
+    size_t textLen = strlen(in.text[0]) + 1;
+    if (len <= 0 || len > CMD_RAW_TAIL_MAX || static_cast<size_t>(len) < textLen) {
+        HLOGW("[%s, %d] ***W: cmd %d: %d raw bytes refused, nothing posted\n", code, len);
+        return nullptr;
+    }
+    auto* block = static_cast<StorageManagerAction_t*>(calloc(1, sizeof(StorageManagerAction_t) + len));
+    if (block == nullptr)
+        return nullptr;
+    unsigned char* raw = reinterpret_cast<unsigned char*>(block + 1);
+    if (request.read(raw, static_cast<size_t>(len)) != android::OK || memcmp(raw, in.text[0], textLen) != 0) {
+        HLOGW("[%s, %d] ***W: cmd %d: the %d raw bytes are missing or do not begin with the text, nothing posted\n",
+              code, len);
+        free(block);
+        return nullptr;
+    }
+    *size = sizeof(StorageManagerAction_t) + static_cast<size_t>(len);
+    return block;
 }
 
 }  // namespace
@@ -200,13 +245,18 @@ bool post_cmd_row(const SCmdRow& row, const android::Parcel& request,
         SLOG_TAG(ANDROID_LOG_DEBUG, STORAGE_TAG_HUB, row.logFormat, in.text[0], static_cast<int>(strlen(in.text[0])));
     if (record == nullptr || !texts_fit(row.code, in))
         return false;
+    StorageManagerAction_t* payload = record;
+    size_t size = sizeof(*record);
+    if (in.hasRaw && (payload = take_raw_tail(row.code, request, in, &size)) == nullptr)
+        return false;
 
     CNorvMsg msg;
     msg.SetSignalName(row.signal);
     if ((row.flags & CMD_POST_NO_PAYLOAD) == 0) {
-        fill_record(row.fields, in, record);
-        msg.SetSignalPtr(record, sizeof(*record));
-        *bFree = false;
+        fill_record(row.fields, in, payload);
+        msg.SetSignalPtr(payload, size);
+        // A block of its own leaves the record with the caller.
+        *bFree = payload != record;
     }
     return target.SendCmd(&msg) == 0;
 }

@@ -13,6 +13,9 @@ typedef enum {
     CMD_ROAD_CALL,  // answered on the caller's thread by the row's function
 } ECmdRoad;
 
+// The most raw bytes a 't' field takes.
+#define CMD_RAW_TAIL_MAX 1024
+
 // Posted rows without a record: the signal travels alone.
 #define CMD_POST_NO_PAYLOAD 0x1u
 
@@ -27,7 +30,9 @@ typedef struct {
     //   'b' bool into boolValue1, 'w' int64 whose low 16 bits go into
     //   ushortValue1, 'c' char into buf1[0], 'f' an optional int32 whose low
     //   byte goes behind buf1's text (a listing's flags; intValue1 then
-    //   counts the text, its terminator and the byte that is there).
+    //   counts the text, its terminator and the byte that is there), 't'
+    //   optional raw bytes behind the int32, as many as it says (the whole
+    //   request of a copy; see post_cmd_row).
     unsigned long signal;
     const char* fields;
     unsigned int flags;
@@ -40,7 +45,12 @@ typedef struct {
 const SCmdRow* find_cmd_row(int code);
 
 // Reads the row's fields into the zeroed record and posts its signal into
-// target's queue (the service's, outside tests).
+// target's queue (the service's, outside tests). A row with 't' whose raw
+// bytes are there posts a fresh block instead: the record followed by the
+// bytes (message size = record + bytes, intValue1 = their count, buf1 = the
+// first text cut to 99 bytes); the bytes must begin with the first text and
+// its NUL and count at most CMD_RAW_TAIL_MAX. Without them intValue1 is the
+// first text's length + 1. record then stays with the caller (*bFree true).
 // Returns true if the signal is in the queue. *bFree turns false once the
 // record travels with the message; from then on the queue owns it, also when
 // posting fails. record may be null (no memory): nothing is posted then.

@@ -109,6 +109,15 @@ public:
     bool ReadDirAdvanced(const char* sBuf, int len, unsigned short aCmdID);
     int ExtractCover(const char* sourceFolder, const char* fileName);
 
+    // Copy requests on the copy thread (../file/CopyThread.cpp): starts the
+    // copy that buf (len bytes) asks for, or with an empty source asks a
+    // running tree copy to stop. The result comes as LUM_TV_EVT_STORAGE_COPY.
+    void Copy(const unsigned char* buf, int len);
+    // Moves a file, a recording or a tree (../file/FileMove.cpp): buf is the
+    // packed request of 512 bytes. Sends LUM_TV_EVT_STORAGE_MOVE_FILE and
+    // returns true when its result byte is 0.
+    bool Move(const unsigned char* buf, int len);
+
     unsigned char m_SendBuf[STORAGE_SEND_BUF_SIZE];
     int m_DevTabBufLen;
     unsigned char m_DevTabBuf[STORAGE_DEV_TAB_BUF_SIZE];

@@ -68,6 +68,9 @@ int child_failing()
 
 }  // namespace
 
+// copy_thread_test.cpp
+int child_copy_without_threads();
+
 int child_main(const char* name)
 {
     int rc = 99;
@@ -75,6 +78,8 @@ int child_main(const char* name)
         rc = child_start();
     else if (strcmp(name, "failing") == 0)
         rc = child_failing();
+    else if (strcmp(name, "copy_without_threads") == 0)
+        rc = child_copy_without_threads();
     fflush(stdout);
     fflush(stderr);
     // The service has no stop: leave without running destructors under its

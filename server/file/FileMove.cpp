@@ -1,0 +1,217 @@
+// Move: a rename where the file system allows it, else a copy followed by
+// the removal of the source. The copy way never removes what it did not
+// make: a destination that was there before stays, and a source (or a
+// companion of it) leaves only once its copy is complete.
+#include "FileMove.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "CmdCalls.h"
+#include "CopyEngine.h"
+#include "FileProtect.h"
+#include "ServiceLog.h"
+#include "ShellProbe.h"
+#include "ShellQuote.h"
+#include "StorageManagerService.h"
+
+#define MOVE_RESULT_FAILED 3
+
+namespace {
+
+bool exists(const char* path)
+{
+    struct stat64 st;
+    return lstat64(path, &st) == 0;
+}
+
+// A failure's code for the log: the copy's own result, or for CopyDir's -1
+// the errno of the step that refused. Never 0.
+int failure_code(int err, int rc)
+{
+    int code = (rc == -1 ? err : rc) & 0xff;
+    return code != 0 ? code : MOVE_RESULT_FAILED;
+}
+
+// The half-finished tree copy of this move, removed with "rm -rf".
+void remove_own_tree(const char* path)
+{
+    char quoted[SHELL_LINE_MAX];
+    if (shell_escape_path(path, quoted, sizeof(quoted)) < 0 || call_system("rm -rf \"%s\"", quoted) != 0)
+        SLOGW("[%s, %d] ***W: '%s' could not be removed after the failed copy\n", path);
+}
+
+// Builds the names of one companion in tmpSrc and tmpDst (512 bytes each).
+bool companion_names(const char* src, const char* dst, const char* suffix, char* tmpSrc, char* tmpDst)
+{
+    int a = snprintf(tmpSrc, MOVE_REQUEST_LEN, "%s%s", src, suffix);
+    int b = snprintf(tmpDst, MOVE_REQUEST_LEN, "%s%s", dst, suffix);
+    if (a < 0 || b < 0 || a >= MOVE_REQUEST_LEN || b >= MOVE_REQUEST_LEN) {
+        SLOGW("[%s, %d] ***W: no room for the names of '%s%s', the companion stays\n", src, suffix);
+        return false;
+    }
+    return true;
+}
+
+void rename_companions(const char* src, const char* dst)
+{
+    char tmpSrc[MOVE_REQUEST_LEN];
+    char tmpDst[MOVE_REQUEST_LEN];
+    for (const char* const* suffix = kMoveCompanions; *suffix != nullptr; ++suffix) {
+        if (companion_names(src, dst, *suffix, tmpSrc, tmpDst))
+            rename(tmpSrc, tmpDst);  // a missing companion is no failure
+    }
+}
+
+// Copies one file for a move. On failure the destination is removed only if
+// this copy made it: a protected one was never touched, and any other that
+// was there before is not the move's work. Returns CopyFile's result.
+int copy_for_move(const char* src, const char* dst)
+{
+    bool existed = exists(dst);
+    int rc = CopyFile(src, dst);
+    if (rc != 0 && !existed)
+        unlink(dst);
+    return rc;
+}
+
+// A companion leaves its old place only once its copy is complete.
+void copy_companions(const char* src, const char* dst)
+{
+    char tmpSrc[MOVE_REQUEST_LEN];
+    char tmpDst[MOVE_REQUEST_LEN];
+    for (const char* const* suffix = kMoveCompanions; *suffix != nullptr; ++suffix) {
+        if (!companion_names(src, dst, *suffix, tmpSrc, tmpDst) || !exists(tmpSrc))
+            continue;
+        int rc = copy_for_move(tmpSrc, tmpDst);
+        if (rc == 0)
+            unlink(tmpSrc);
+        else
+            SLOGW("[%s, %d] ***W: copy of '%s' failed (%d), it stays\n", tmpSrc, rc);
+    }
+}
+
+int move_file(const char* src, const char* dst, bool isPvrRec)
+{
+    if (rename(src, dst) == 0) {
+        if (isPvrRec)
+            rename_companions(src, dst);
+        return 0;
+    }
+    int rc = copy_for_move(src, dst);
+    if (rc != 0)
+        return failure_code(errno, rc);
+    if (unlink(src) != 0)
+        SLOGW("[%s, %d] ***W: '%s' is copied but stays: %s\n", src, strerror(errno));
+    if (isPvrRec)
+        copy_companions(src, dst);
+    return 0;
+}
+
+int move_dir(const char* src, const char* dst)
+{
+    if (rename(src, dst) == 0)
+        return 0;
+    bool created = false;
+    int rc = copy_dir_walk(src, dst, nullptr, &created);
+    int err = errno;
+    if (rc == 0)
+        return remove_copied_tree(src, dst);
+    // Only a folder that this copy made is its own work; one that existed
+    // (CopyDir refuses it) is left as it was.
+    if (created)
+        remove_own_tree(dst);
+    return failure_code(err, rc);
+}
+
+// Removes a source file whose complete copy stands at the destination;
+// folders go in post-order once they are empty.
+int remove_copied_entry(void* context, const char* path, const struct stat64* s)
+{
+    if (S_ISDIR(s->st_mode)) {
+        rmdir(path);  // one that keeps entries stays
+        return 0;
+    }
+    char twin[COPY_WALK_PATH_LEN];
+    struct stat64 copy;
+    if (S_ISREG(s->st_mode) && tree_pair_target(static_cast<const COPY_DIR_PARAMS*>(context), twin) &&
+        lstat64(twin, &copy) == 0 && S_ISREG(copy.st_mode) && copy.st_size == s->st_size)
+        unlink(path);
+    return 0;
+}
+
+}  // namespace
+
+int remove_copied_tree(const char* pSrcPath, const char* pDstPath)
+{
+    COPY_TREE_PAIR pair;
+    if (tree_pair_init(&pair, pSrcPath, pDstPath, nullptr))
+        tree_pair_walk(&pair, true, remove_copied_entry);
+    if (rmdir(pSrcPath) == 0 || !exists(pSrcPath))
+        return 0;
+    SLOGW("[%s, %d] ***W: '%s' keeps what could not be copied\n", pSrcPath);
+    return ENOTEMPTY;
+}
+
+bool pack_path_pair(unsigned char* buf, bool flag, const char* src, const char* dst)
+{
+    memset(buf, 0, MOVE_REQUEST_LEN);
+    if (src == nullptr || dst == nullptr)
+        return false;
+    size_t ls = strlen(src);
+    size_t ld = strlen(dst);
+    if (ls + ld + 3 > MOVE_REQUEST_LEN)
+        return false;
+    buf[0] = flag ? 1 : 0;
+    memcpy(buf + 1, src, ls);
+    memcpy(buf + 2 + ls, dst, ld);
+    return true;
+}
+
+bool StorageManagerService::Move(const unsigned char* buf, int len)
+{
+    (void)len;  // always the packed MOVE_REQUEST_LEN bytes
+    bool isPvrRec = buf[0] != 0;
+    const char* src = reinterpret_cast<const char*>(buf) + 1;
+    size_t ls = strnlen(src, MOVE_REQUEST_LEN - 1);
+    const char* dst = src + ls + 1;
+    int rc;
+    if (ls + 2 >= MOVE_REQUEST_LEN || strnlen(dst, MOVE_REQUEST_LEN - ls - 2) == MOVE_REQUEST_LEN - ls - 2) {
+        SLOGE("[%s, %d] ***E: the paths are not terminated in the request\n");
+        rc = EINVAL;
+    } else {
+        SLOGD("[%s, %d] --- %s -> %s \n", src, dst);
+        bool isDir = ls > 0 && src[ls - 1] == '/';
+        rc = isDir ? move_dir(src, dst) : move_file(src, dst, isPvrRec);
+    }
+    if (rc != 0) {
+        SLOGE("[%s, %d] ***E: rc=%d: %s(%d)\n", rc, strerror(rc), rc);
+        rc = MOVE_RESULT_FAILED;
+    }
+    unsigned char result = static_cast<unsigned char>(rc);
+    NotifyToStorageManager(LUM_TV_EVT_STORAGE_MOVE_FILE, &result, 1);
+    return rc == 0;
+}
+
+// STROAGE_LUM_MOVE: two paths and the recording flag, packed for Move. A
+// request that does not fit the packed buffer moves nothing and still gets
+// its event, result 3.
+void cmd_lum_move(const android::Parcel& request, android::Parcel* reply)
+{
+    const char* src = request.readCString();
+    const char* dst = request.readCString();
+    bool isPvrRec = request.readBool();
+    unsigned char buf[MOVE_REQUEST_LEN];
+    if (!pack_path_pair(buf, isPvrRec, src, dst)) {
+        SLOG_TAG(ANDROID_LOG_WARN, STORAGE_TAG_HUB,
+                 "[%s, %d] ***W: paths missing or too long for the packed buffer, nothing moved\n");
+        unsigned char result = MOVE_RESULT_FAILED;
+        theStorageManagerService.NotifyToStorageManager(LUM_TV_EVT_STORAGE_MOVE_FILE, &result, 1);
+        reply->writeBool(false);
+        return;
+    }
+    reply->writeBool(theStorageManagerService.Move(buf, MOVE_REQUEST_LEN));
+}

@@ -1,0 +1,265 @@
+// CopyFile, CopyDir and the tree walk under them, with the real cp behind a
+// noting wrapper, on the private /tmp and on small tmpfs mounts.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "ShellQuote.h"
+#include "copy_fixture.h"
+
+namespace copy_test {
+namespace {
+
+class CopyFileTest : public CopyWork {};
+class CopyDirTest : public CopyWork {};
+class BrowseDirTest : public CopyWork {};
+
+TEST_F(CopyFileTest, CopiesContentModeAndTimes)
+{
+    write_file(kWork + "/a.ts", "recording", 0640);
+    struct timespec times[2] = {{1000000000, 0}, {1000000000, 0}};
+    utimensat(AT_FDCWD, (kWork + "/a.ts").c_str(), times, 0);
+    EXPECT_EQ(CopyFile((kWork + "/a.ts").c_str(), (kWork + "/b.ts").c_str()), 0);
+    EXPECT_EQ(read_file(kWork + "/b.ts"), "recording");
+    EXPECT_EQ(mode_of(kWork + "/b.ts"), 0640u);
+    struct stat st;
+    ASSERT_EQ(stat((kWork + "/b.ts").c_str(), &st), 0);
+    EXPECT_EQ(st.st_mtime, 1000000000);
+}
+
+TEST_F(CopyFileTest, ProtectedDestinationGives13AndNoCommandRuns)
+{
+    write_file(kWork + "/src", "new");
+    write_file(kWork + "/dst", "old", 0444);
+    EXPECT_EQ(CopyFile((kWork + "/src").c_str(), (kWork + "/dst").c_str()), 13);
+    EXPECT_EQ(read_file(kWork + "/dst"), "old");
+    EXPECT_EQ(mode_of(kWork + "/dst"), 0444u);
+    EXPECT_TRUE(Calls().empty());
+}
+
+TEST_F(CopyFileTest, FailingCpGivesItsStatusAndALog)
+{
+    LogCapture log;
+    EXPECT_EQ(CopyFile((kWork + "/missing").c_str(), (kWork + "/dst").c_str()), 1);
+    EXPECT_FALSE(exists(kWork + "/dst"));
+    EXPECT_TRUE(log.has("-- rc=1: "));
+    CpExits(8);
+    write_file(kWork + "/src", "x");
+    EXPECT_EQ(CopyFile((kWork + "/src").c_str(), (kWork + "/dst").c_str()), 8);
+}
+
+TEST_F(CopyFileTest, LineThatDoesNotFitIsAFailedCopyAndRunsNothing)
+{
+    // Each path alone fits, the command line with both does not.
+    std::string dir = kWork + "/" + std::string(200, 'd');
+    make_dirs(dir);
+    std::string src = dir + "/" + std::string(50, 's');
+    write_file(src, "x");
+    std::string dst = dir + "/" + std::string(50, 't');
+    EXPECT_EQ(CopyFile(src.c_str(), dst.c_str()), 255);
+    EXPECT_FALSE(exists(dst));
+    EXPECT_TRUE(Calls().empty());
+    // Quoting doubles a '"': a line that fits only unescaped fails the same way.
+    std::string quotes = kWork + "/" + std::string(240, '"');
+    write_file(quotes, "q");
+    EXPECT_EQ(CopyFile(quotes.c_str(), (kWork + "/q").c_str()), 255);
+    EXPECT_FALSE(exists(kWork + "/q"));
+}
+
+TEST_F(CopyFileTest, FullFileSystemGivesENOSPC)
+{
+    REQUIRE_MOUNT(kWork + "/full", "64k");
+    write_file(kWork + "/big", std::string(200000, 'b'));
+    EXPECT_EQ(CopyFile((kWork + "/big").c_str(), (kWork + "/full/big").c_str()), ENOSPC);
+    // What the real cp says about it: exit status 1, the partial file stays.
+    EXPECT_EQ(system(("/bin/cp -p " + kWork + "/big " + kWork + "/full/big2 2>/dev/null").c_str()) >> 8, 1);
+    // A small file still fits; a cp that fails for another reason keeps its status.
+    write_file(kWork + "/small", "s");
+    unlink((kWork + "/full/big").c_str());
+    unlink((kWork + "/full/big2").c_str());
+    EXPECT_EQ(CopyFile((kWork + "/small").c_str(), (kWork + "/full/small").c_str()), 0);
+    EXPECT_EQ(CopyFile((kWork + "/nothing").c_str(), (kWork + "/full/nothing").c_str()), 1);
+}
+
+TEST_F(CopyFileTest, PathsThatBeginWithADashAreNeverOptions)
+{
+    char cwd[4096];
+    ASSERT_NE(getcwd(cwd, sizeof(cwd)), nullptr);
+    ASSERT_EQ(chdir(kWork.c_str()), 0);
+    write_file("-n", "dash");
+    int rc = CopyFile("-n", "-t");
+    std::string got = read_file(kWork + "/-t");
+    ASSERT_EQ(chdir(cwd), 0);
+    EXPECT_EQ(rc, 0);
+    EXPECT_EQ(got, "dash");
+    char out[16];
+    EXPECT_EQ(shell_escape_path("-$x", out, sizeof(out)), 6);
+    EXPECT_STREQ(out, "./-\\$x");
+    EXPECT_EQ(shell_escape_path("-abc", out, 6), -1);
+    EXPECT_STREQ(out, "");
+}
+
+// A tree with nested folders, an empty one, a link and a FIFO.
+void make_tree(const std::string& root)
+{
+    make_dirs(root + "/sub/deeper");
+    make_dirs(root + "/empty");
+    write_file(root + "/top.txt", "top");
+    write_file(root + "/sub/mid.txt", "mid");
+    write_file(root + "/sub/deeper/low.txt", "low");
+    ASSERT_EQ(symlink("top.txt", (root + "/link").c_str()), 0);
+    ASSERT_EQ(mkfifo((root + "/fifo").c_str(), 0644), 0);
+}
+
+TEST_F(CopyDirTest, CopiesFilesAndFoldersButNoLinksOrFifos)
+{
+    make_tree(kWork + "/src");
+    EXPECT_EQ(CopyDir((kWork + "/src/").c_str(), (kWork + "/dst/").c_str()), 0);
+    EXPECT_EQ(read_file(kWork + "/dst/top.txt"), "top");
+    EXPECT_EQ(read_file(kWork + "/dst/sub/mid.txt"), "mid");
+    EXPECT_EQ(read_file(kWork + "/dst/sub/deeper/low.txt"), "low");
+    EXPECT_TRUE(exists(kWork + "/dst/empty"));
+    EXPECT_FALSE(exists(kWork + "/dst/link"));
+    EXPECT_FALSE(exists(kWork + "/dst/fifo"));
+    EXPECT_EQ(Calls().size(), 3u);  // one cp per regular file
+}
+
+TEST_F(CopyDirTest, PathsWithoutTheirSlashJoinTheSameWay)
+{
+    make_tree(kWork + "/src");
+    EXPECT_EQ(CopyDir((kWork + "/src").c_str(), (kWork + "/dst").c_str()), 0);
+    EXPECT_EQ(read_file(kWork + "/dst/sub/deeper/low.txt"), "low");
+    EXPECT_FALSE(exists(kWork + "/dsttop.txt"));
+}
+
+TEST_F(CopyDirTest, ExistingDestinationGivesMinusOneBeforeAnythingIsTouched)
+{
+    make_tree(kWork + "/src");
+    make_dirs(kWork + "/dst");
+    write_file(kWork + "/dst/top.txt", "mine");
+    LogCapture log;
+    EXPECT_EQ(CopyDir((kWork + "/src/").c_str(), (kWork + "/dst/").c_str()), -1);
+    EXPECT_EQ(read_file(kWork + "/dst/top.txt"), "mine");
+    EXPECT_FALSE(exists(kWork + "/dst/sub"));
+    EXPECT_TRUE(Calls().empty());
+    EXPECT_TRUE(log.has("mkdir " + kWork + "/dst/ failed. errno: (File exists)"));
+}
+
+TEST_F(CopyDirTest, EmptySourceMakesTheDestinationAndGivesZero)
+{
+    make_dirs(kWork + "/src");
+    EXPECT_EQ(CopyDir((kWork + "/src/").c_str(), (kWork + "/dst/").c_str()), 0);
+    struct stat st;
+    ASSERT_EQ(stat((kWork + "/dst").c_str(), &st), 0);
+    EXPECT_TRUE(S_ISDIR(st.st_mode));
+}
+
+TEST_F(CopyDirTest, SourceThatIsNoFolderOrANullPathGivesMinusOne)
+{
+    write_file(kWork + "/file", "f");
+    EXPECT_EQ(CopyDir((kWork + "/file/").c_str(), (kWork + "/dst/").c_str()), -1);
+    EXPECT_EQ(CopyDir((kWork + "/none/").c_str(), (kWork + "/dst/").c_str()), -1);
+    EXPECT_EQ(CopyDir(nullptr, (kWork + "/dst/").c_str()), -1);
+    EXPECT_EQ(CopyDir((kWork + "/").c_str(), nullptr), -1);
+    EXPECT_FALSE(exists(kWork + "/dst"));
+}
+
+TEST_F(CopyDirTest, DestinationInsideTheSourceIsRefusedAlsoThroughALinkOrASecondMount)
+{
+    make_tree(kWork + "/src");
+    EXPECT_EQ(CopyDir((kWork + "/src/").c_str(), (kWork + "/src/sub/copy").c_str()), -1);
+    ASSERT_EQ(symlink((kWork + "/src/sub").c_str(), (kWork + "/alias").c_str()), 0);
+    EXPECT_EQ(CopyDir((kWork + "/src/").c_str(), (kWork + "/alias/copy").c_str()), -1);
+    EXPECT_FALSE(exists(kWork + "/src/sub/copy"));
+    make_dirs(kWork + "/bind");
+    if (mount((kWork + "/src").c_str(), (kWork + "/bind").c_str(), nullptr, MS_BIND, nullptr) == 0) {
+        mounts.push_back(kWork + "/bind");
+        EXPECT_EQ(CopyDir((kWork + "/src/").c_str(), (kWork + "/bind/sub/copy").c_str()), -1);
+        EXPECT_FALSE(exists(kWork + "/src/sub/copy"));
+    }
+    EXPECT_TRUE(Calls().empty());
+    // Beside the source is fine.
+    EXPECT_EQ(CopyDir((kWork + "/src/sub/").c_str(), (kWork + "/src/sub2").c_str()), 0);
+}
+
+TEST_F(CopyDirTest, DestinationPathThatDoesNotFitStopsTheWalkInsteadOfBeingCut)
+{
+    make_dirs(kWork + "/src");
+    write_file(kWork + "/src/" + std::string(60, 'f'), "f");
+    // The source's full path fits 259 bytes, its twin at the destination not.
+    std::string dst = kWork + "/" + std::string(200, 'd');
+    LogCapture log;
+    EXPECT_EQ(CopyDir((kWork + "/src/").c_str(), dst.c_str()), ENAMETOOLONG);
+    EXPECT_TRUE(log.has("destination path for"));
+    EXPECT_TRUE(Calls().empty());
+}
+
+TEST_F(CopyDirTest, FailedFileStopsTheWalkAndKeepsWhatWasCopied)
+{
+    make_dirs(kWork + "/src");
+    for (int i = 0; i < 6; ++i)
+        write_file(kWork + "/src/f" + std::to_string(i), "x");
+    CpExits(4);
+    EXPECT_EQ(CopyDir((kWork + "/src/").c_str(), (kWork + "/dst/").c_str()), 4);
+    EXPECT_EQ(Calls().size(), 1u);  // nothing behind the first failure is tried
+    EXPECT_TRUE(exists(kWork + "/dst"));
+}
+
+struct Visit {
+    std::vector<std::string> paths;
+    int stopAt = -1;
+};
+
+int note(void* context, const char* path, const struct stat64*)
+{
+    auto* v = static_cast<Visit*>(context);
+    v->paths.push_back(path);
+    return static_cast<int>(v->paths.size()) == v->stopAt ? 77 : 0;
+}
+
+TEST_F(BrowseDirTest, PreOrderSeesFoldersFirstPostOrderLastAndThePathIsKept)
+{
+    make_dirs(kWork + "/t/a/b");
+    write_file(kWork + "/t/a/b/f", "f");
+    char path[COPY_WALK_PATH_LEN];
+    strcpy(path, (kWork + "/t/").c_str());
+    char* end = path + strlen(path);
+    Visit pre, post;
+    EXPECT_EQ(BrowseDir(path, end, path + sizeof(path), false, note, &pre), 0);
+    EXPECT_STREQ(path, (kWork + "/t/").c_str());
+    EXPECT_EQ(BrowseDir(path, end, path + sizeof(path), true, note, &post), 0);
+    std::vector<std::string> order = {kWork + "/t/a", kWork + "/t/a/b", kWork + "/t/a/b/f"};
+    EXPECT_EQ(pre.paths, order);
+    std::reverse(order.begin(), order.end());
+    EXPECT_EQ(post.paths, order);
+}
+
+TEST_F(BrowseDirTest, CallbackResultStopsTheWalkAndLongNamesAreLeftOut)
+{
+    make_dirs(kWork + "/t");
+    for (const char* n : {"a", "b", "c"})
+        write_file(kWork + "/t/" + n, n);
+    char path[COPY_WALK_PATH_LEN];
+    strcpy(path, (kWork + "/t/").c_str());
+    Visit v;
+    v.stopAt = 2;
+    EXPECT_EQ(BrowseDir(path, path + strlen(path), path + sizeof(path), false, note, &v), 77);
+    EXPECT_EQ(v.paths.size(), 2u);
+
+    // A buffer just too short for "a" and its "/" and terminator.
+    char small[64];
+    std::string t = kWork + "/t/";
+    strcpy(small, t.c_str());
+    Visit none;
+    LogCapture log;
+    EXPECT_EQ(BrowseDir(small, small + t.size(), small + t.size() + 2, false, note, &none), 0);
+    EXPECT_TRUE(none.paths.empty());
+    EXPECT_EQ(log.count("***E: full path for '"), 3);
+    strcpy(path, (kWork + "/none/").c_str());
+    EXPECT_EQ(BrowseDir(path, path + strlen(path), path + sizeof(path), false, note, &none), ENOENT);
+}
+
+}  // namespace
+}  // namespace copy_test

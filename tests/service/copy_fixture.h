@@ -1,0 +1,160 @@
+// What the copy and move tests share: a work folder in the private /tmp, a
+// cp first on PATH that notes each source it is given and can be held or
+// made to fail before it runs the real cp, small tmpfs mounts as other file
+// systems, and waiting for the end of a copy thread.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <iterator>
+#include <sstream>
+#include <string>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <vector>
+
+#include "CopyEngine.h"
+#include "StorageEvents.h"
+#include "StorageManagerService.h"
+#include "test_support.h"
+
+namespace copy_test {
+
+using Bytes = std::vector<unsigned char>;
+
+const std::string kWork = "/tmp/cpw";
+const char kFakeDir[] = "/tmp/cpfake";
+
+inline void write_file(const std::string& path, const std::string& text, mode_t mode = 0644)
+{
+    std::ofstream(path, std::ios::binary | std::ios::trunc) << text;
+    chmod(path.c_str(), mode);
+}
+
+inline std::string read_file(const std::string& path)
+{
+    std::ifstream in(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+inline bool exists(const std::string& path)
+{
+    struct stat st;
+    return lstat(path.c_str(), &st) == 0;
+}
+
+inline mode_t mode_of(const std::string& path)
+{
+    struct stat st;
+    return lstat(path.c_str(), &st) == 0 ? st.st_mode & 07777 : 0;
+}
+
+inline void make_dirs(const std::string& path)
+{
+    ASSERT_EQ(system(("mkdir -p '" + path + "'").c_str()), 0) << path;
+}
+
+// The payloads of one event id, in order.
+inline std::vector<Bytes> payloads(const std::vector<Event>& all, int id)
+{
+    std::vector<Bytes> out;
+    for (const Event& e : all) {
+        if (e.id == id)
+            out.push_back(e.data);
+    }
+    return out;
+}
+
+// A Copy request: src NUL dst NUL, then the type byte and further bytes.
+inline Bytes request(const std::string& src, const std::string& dst, const Bytes& tail = {})
+{
+    Bytes r(src.begin(), src.end());
+    r.push_back(0);
+    r.insert(r.end(), dst.begin(), dst.end());
+    r.push_back(0);
+    r.insert(r.end(), tail.begin(), tail.end());
+    return r;
+}
+
+class CopyWork : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        if (!g_isolated)
+            GTEST_SKIP() << "SKIPPED: needs a private /tmp (and root or a user namespace for the mounts)";
+        ASSERT_TRUE(eventually([] { return !copy_running() && copy_threads_alive() == 0; }));
+        ASSERT_EQ(system(("rm -rf " + kWork + " " + kFakeDir + " && mkdir -p " + kWork + " " + kFakeDir).c_str()),
+                  0);
+        write_file(std::string(kFakeDir) + "/cp",
+                   "#!/bin/sh\n"
+                   "echo \"$2\" >> /tmp/cpfake/calls\n"
+                   "i=0\n"
+                   "while [ -e /tmp/cpfake/hold ] && [ $i -lt 1500 ]; do sleep 0.02; i=$((i+1)); done\n"
+                   "[ -e /tmp/cpfake/rc ] && exit $(cat /tmp/cpfake/rc)\n"
+                   "exec /bin/cp \"$@\"\n",
+                   0755);
+        oldPath = getenv("PATH");
+        setenv("PATH", (std::string(kFakeDir) + ":" + oldPath).c_str(), 1);
+    }
+    void TearDown() override
+    {
+        Release();
+        eventually([] { return !copy_running() && copy_threads_alive() == 0; });
+        for (auto it = mounts.rbegin(); it != mounts.rend(); ++it)
+            umount2(it->c_str(), MNT_DETACH);
+        mounts.clear();
+        if (!oldPath.empty())
+            setenv("PATH", oldPath.c_str(), 1);
+    }
+    // A tmpfs of size bytes on dir, another file system than /tmp. false
+    // when it cannot be mounted (the test then skips).
+    bool Mount(const std::string& dir, const std::string& size = "1m")
+    {
+        mkdir(dir.c_str(), 0755);
+        if (mount("lumcopy", dir.c_str(), "tmpfs", 0, ("size=" + size).c_str()) != 0)
+            return false;
+        mounts.push_back(dir);
+        return true;
+    }
+    static void Hold() { write_file(std::string(kFakeDir) + "/hold", ""); }
+    static void Release() { unlink((std::string(kFakeDir) + "/hold").c_str()); }
+    static void CpExits(int rc) { write_file(std::string(kFakeDir) + "/rc", std::to_string(rc)); }
+    // The sources cp was given, one a line.
+    static std::vector<std::string> Calls()
+    {
+        std::istringstream in(read_file(std::string(kFakeDir) + "/calls"));
+        std::vector<std::string> out;
+        for (std::string line; std::getline(in, line);)
+            out.push_back(line);
+        return out;
+    }
+    // Waits until count copy events have come and the copy thread is gone.
+    static bool WaitCopyEnd(EventCapture& events, size_t count = 1)
+    {
+        return eventually([&] {
+            return payloads(events.events(), LUM_TV_EVT_STORAGE_COPY).size() >= count && !copy_running() &&
+                   copy_threads_alive() == 0;
+        });
+    }
+    static void Copy(const Bytes& req)
+    {
+        theStorageManagerService.Copy(req.data(), static_cast<int>(req.size()));
+    }
+
+    std::string oldPath;
+    std::vector<std::string> mounts;
+};
+
+#define REQUIRE_MOUNT(dir, ...)                                                                \
+    do {                                                                                       \
+        if (!Mount(dir, ##__VA_ARGS__))                                                        \
+            GTEST_SKIP() << "SKIPPED: a tmpfs could not be mounted on " << (dir) << " (needs root " \
+                            "in the test's namespace): " << strerror(errno);                   \
+    } while (0)
+
+}  // namespace copy_test

@@ -1,0 +1,384 @@
+// Copy requests: how the request text is taken apart, and whole runs of the
+// copy thread with the real cp behind a wrapper that can hold it or make it
+// fail: results, the busy answer, cancel, the out-of-space event.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <thread>
+
+#include <lumemclient/EMALSink.h>
+
+#include "copy_fixture.h"
+
+namespace copy_test {
+namespace {
+
+int parse(const Bytes& req, COPY_THREAD_CONTEXT* ctx)
+{
+    return parse_copy_request(req.data(), static_cast<int>(req.size()), ctx);
+}
+
+// Type byte 3, the two flag bytes, then n values 1, 2, ... and extra bytes.
+Bytes cut_tail(int values, int extra = 0)
+{
+    Bytes t = {3, 0xA1, 0xB2};
+    for (int i = 1; i <= values; ++i)
+        t.insert(t.end(), {0, 0, static_cast<unsigned char>(i >> 8), static_cast<unsigned char>(i)});
+    t.insert(t.end(), static_cast<size_t>(extra), 0xEE);
+    return t;
+}
+
+TEST(CopyRequest, TypeByteDecidesAndIsOptional)
+{
+    COPY_THREAD_CONTEXT ctx;
+    struct Case {
+        Bytes tail;
+        int type;
+    };
+    for (const Case& c : {Case{{}, 0}, Case{{0}, 0}, Case{{1}, 1}, Case{{2}, 2}, Case{{7}, 7}, Case{{0xff}, 255}}) {
+        ASSERT_EQ(parse(request("/a/x.ts", "/b/x.ts", c.tail), &ctx), 0);
+        EXPECT_EQ(ctx.type, c.type);
+        EXPECT_STREQ(ctx.src, "/a/x.ts");
+        EXPECT_STREQ(ctx.dst, "/b/x.ts");
+        EXPECT_EQ(ctx.num_cuts, 0);
+    }
+}
+
+TEST(CopyRequest, SourceEndingInASlashIsATreeWhateverTheTypeByte)
+{
+    COPY_THREAD_CONTEXT ctx;
+    for (const Bytes& tail : {Bytes{}, Bytes{0}, Bytes{1}, Bytes{3, 1}}) {
+        ASSERT_EQ(parse(request("/a/d/", "/b/d/", tail), &ctx), 0);
+        EXPECT_EQ(ctx.type, COPY_TYPE_TREE);
+    }
+}
+
+TEST(CopyRequest, CutArgumentsAreCheckedAndReadBigEndian)
+{
+    COPY_THREAD_CONTEXT ctx;
+    LogCapture log;
+    EXPECT_EQ(parse(request("/a/x", "/b/x", cut_tail(0, 3)), &ctx), 1);  // cut_arg_len 5
+    EXPECT_TRUE(log.has("cut_arg_len=5 (cut_arg_len MOD 4)=1"));
+    EXPECT_TRUE(log.has("***E: invalid cut arguments"));
+    ASSERT_EQ(parse(request("/a/x", "/b/x", cut_tail(1)), &ctx), 0);  // 6
+    EXPECT_EQ(ctx.type, 3);
+    EXPECT_EQ(ctx.src_flags, 0xA1);
+    EXPECT_EQ(ctx.dst_flags, 0xB2);
+    EXPECT_EQ(ctx.num_cuts, 1);
+    EXPECT_EQ(ctx.cuts[0], 1);
+    ASSERT_EQ(parse(request("/a/x", "/b/x", cut_tail(64)), &ctx), 0);  // 258
+    EXPECT_EQ(ctx.num_cuts, 64);
+    EXPECT_EQ(ctx.cuts[63], 64);
+    Bytes big = request("/a/x", "/b/x", {3, 0, 0, 0x80, 0, 0x01, 0x02});
+    ASSERT_EQ(parse(big, &ctx), 0);
+    EXPECT_EQ(static_cast<uint32_t>(ctx.cuts[0]), 0x80000102u);
+    EXPECT_EQ(parse(request("/a/x", "/b/x", cut_tail(65)), &ctx), 1);    // 262
+    EXPECT_EQ(parse(request("/a/x", "/b/x", cut_tail(0)), &ctx), 0);     // 2: flags alone
+    EXPECT_EQ(parse(request("/a/x", "/b/x", {3}), &ctx), 1);             // 0
+}
+
+TEST(CopyRequest, LenDecidesWhatIsRead)
+{
+    COPY_THREAD_CONTEXT ctx;
+    Bytes req = request("/a/x", "/b/x", {2, 9, 9});
+    // len ending right behind dst: a plain file copy.
+    ASSERT_EQ(parse_copy_request(req.data(), 10, &ctx), 0);
+    EXPECT_EQ(ctx.type, 0);
+    // An old client's request: the source alone, an empty destination.
+    ASSERT_EQ(parse_copy_request(req.data(), 5, &ctx), 0);
+    EXPECT_STREQ(ctx.dst, "");
+    EXPECT_EQ(ctx.type, 0);
+    // A destination without its NUL inside len, a source without one.
+    EXPECT_EQ(parse_copy_request(req.data(), 8, &ctx), 1);
+    EXPECT_EQ(parse_copy_request(req.data(), 3, &ctx), 1);
+    EXPECT_EQ(parse_copy_request(req.data(), 0, &ctx), 1);
+}
+
+TEST(CopyRequest, PathsOfMoreThan256BytesAreRefusedNotCut)
+{
+    COPY_THREAD_CONTEXT ctx;
+    std::string p256 = "/" + std::string(255, 'p');
+    ASSERT_EQ(parse(request(p256, p256), &ctx), 0);
+    EXPECT_EQ(std::string(ctx.src), p256);
+    EXPECT_EQ(std::string(ctx.dst), p256);
+    LogCapture log;
+    EXPECT_EQ(parse(request(p256 + "q", "/b"), &ctx), 1);
+    EXPECT_EQ(parse(request("/a", p256 + "q"), &ctx), 1);
+    EXPECT_EQ(log.count("is too long"), 2);
+}
+
+class CopyThread : public CopyWork {
+protected:
+    std::vector<Bytes> CopyResults(EventCapture& events)
+    {
+        return payloads(events.events(), LUM_TV_EVT_STORAGE_COPY);
+    }
+};
+
+TEST_F(CopyThread, PlainFileCopySendsOneEventAndTheThreadEnds)
+{
+    write_file(kWork + "/a", "A");
+    EventCapture events;
+    Copy(request(kWork + "/a", kWork + "/b"));
+    ASSERT_TRUE(WaitCopyEnd(events));
+    EXPECT_EQ(CopyResults(events), std::vector<Bytes>{{0}});
+    EXPECT_EQ(read_file(kWork + "/b"), "A");
+}
+
+TEST_F(CopyThread, RecordingCopiesItsCompanionsButNotTheSignature)
+{
+    std::string src = kWork + "/rec.ts";
+    for (const char* s : {"", ".desc", ".idx", ".xml", ".xml.sig"})  // no ".idx.desc"
+        write_file(src + s, std::string("c") + s);
+    for (unsigned char type : {1, 2}) {
+        std::string dst = kWork + "/copy" + std::to_string(type) + ".ts";
+        EventCapture events;
+        Copy(request(src, dst, {type}));
+        ASSERT_TRUE(WaitCopyEnd(events));
+        EXPECT_EQ(CopyResults(events), std::vector<Bytes>{{0}});
+        for (const char* s : {"", ".desc", ".idx", ".xml"})
+            EXPECT_EQ(read_file(dst + s), std::string("c") + s) << s;
+        EXPECT_FALSE(exists(dst + ".idx.desc"));
+        EXPECT_FALSE(exists(dst + ".xml.sig"));
+    }
+    EXPECT_EQ(Calls(), (std::vector<std::string>{src, src + ".desc", src + ".idx", src + ".idx.desc", src + ".xml",
+                                                 src, src + ".desc", src + ".idx", src + ".idx.desc", src + ".xml"}));
+}
+
+TEST_F(CopyThread, RecordingWhoseMainFileFailsTriesNoCompanion)
+{
+    write_file(kWork + "/rec.ts.xml", "x");
+    EventCapture events;
+    Copy(request(kWork + "/rec.ts", kWork + "/copy.ts", {1}));
+    ASSERT_TRUE(WaitCopyEnd(events));
+    EXPECT_EQ(CopyResults(events), std::vector<Bytes>{{1}});
+    EXPECT_EQ(Calls().size(), 1u);
+}
+
+TEST_F(CopyThread, RefusalsAnswerOneWithOrWithoutAThread)
+{
+    write_file(kWork + "/a", "A");
+    LogCapture log;
+    EventCapture events;
+    Copy(request(kWork + "/a", kWork + "/b", cut_tail(0, 3)));  // refused by Copy
+    EXPECT_EQ(copy_threads_alive(), 0);
+    EXPECT_EQ(CopyResults(events), std::vector<Bytes>{{1}});
+    Copy(request(kWork + "/a", kWork + "/b", cut_tail(1)));  // valid, refused by the thread
+    ASSERT_TRUE(WaitCopyEnd(events, 2));
+    Copy(request(kWork + "/a", kWork + "/b", {9}));
+    ASSERT_TRUE(WaitCopyEnd(events, 3));
+    EXPECT_EQ(CopyResults(events), (std::vector<Bytes>{{1}, {1}, {1}}));
+    EXPECT_TRUE(log.has("***E: type: 3"));
+    EXPECT_TRUE(log.has("***E: type: 9"));
+    EXPECT_FALSE(exists(kWork + "/b"));
+    EXPECT_TRUE(Calls().empty());
+}
+
+TEST_F(CopyThread, OldClientsSourceAloneFailsInCp)
+{
+    write_file(kWork + "/a", "A");
+    std::string src = kWork + "/a";
+    EventCapture events;
+    const auto* text = reinterpret_cast<const unsigned char*>(src.c_str());
+    theStorageManagerService.Copy(text, static_cast<int>(src.size() + 1));
+    ASSERT_TRUE(WaitCopyEnd(events));
+    EXPECT_EQ(CopyResults(events), std::vector<Bytes>{{1}});
+    EXPECT_EQ(Calls(), std::vector<std::string>{src});
+}
+
+TEST_F(CopyThread, SecondCopyWhileOneRunsIsAnsweredFiveAndTheFirstStillEnds)
+{
+    write_file(kWork + "/a", "A");
+    write_file(kWork + "/c", "C");
+    EventCapture events;
+    LogCapture log;
+    Hold();
+    Copy(request(kWork + "/a", kWork + "/b"));
+    ASSERT_TRUE(eventually([] { return Calls().size() == 1; }));
+    Copy(request(kWork + "/c", kWork + "/d"));
+    EXPECT_EQ(CopyResults(events), std::vector<Bytes>{{5}});
+    EXPECT_TRUE(log.has("copy in progress (tid="));
+    EXPECT_TRUE(copy_running());
+    Release();
+    ASSERT_TRUE(WaitCopyEnd(events, 2));
+    EXPECT_EQ(CopyResults(events), (std::vector<Bytes>{{5}, {0}}));
+    EXPECT_EQ(read_file(kWork + "/b"), "A");
+    EXPECT_FALSE(exists(kWork + "/d"));
+}
+
+// Notes each copy result together with whether the copy thread still held
+// the busy flag when it was sent.
+struct BusyAtEvent {
+    std::mutex lock;
+    std::vector<std::pair<int, bool>> seen;
+    static void sink(int event, const void* data, int len, void* ctx)
+    {
+        auto* self = static_cast<BusyAtEvent*>(ctx);
+        if (event != LUM_TV_EVT_STORAGE_COPY || len != 1)
+            return;
+        bool busy = copy_running();
+        std::lock_guard<std::mutex> hold(self->lock);
+        self->seen.push_back({*static_cast<const unsigned char*>(data), busy});
+    }
+};
+
+TEST_F(CopyThread, TheEventGoesOutBeforeTheBusyFlagIsGivenBack)
+{
+    write_file(kWork + "/a", "A");
+    BusyAtEvent probe;
+    EMAL_SetSink(&BusyAtEvent::sink, &probe);
+    Copy(request(kWork + "/a", kWork + "/b"));
+    bool ended = eventually([] { return !copy_running() && copy_threads_alive() == 0; });
+    EMAL_SetSink(nullptr, nullptr);
+    ASSERT_TRUE(ended);
+    EXPECT_EQ(probe.seen, (std::vector<std::pair<int, bool>>{{0, true}}));
+}
+
+TEST_F(CopyThread, CancelStopsATreeBetweenEntriesAndKeepsWhatWasCopied)
+{
+    make_dirs(kWork + "/src");
+    for (int i = 0; i < 20; ++i)
+        write_file(kWork + "/src/f" + std::to_string(i), "x");
+    EventCapture events;
+    Hold();
+    Copy(request(kWork + "/src/", kWork + "/dst/"));
+    ASSERT_TRUE(eventually([] { return Calls().size() == 1; }));
+    Copy(request("", ""));  // the cancel: no event of its own
+    Release();
+    ASSERT_TRUE(WaitCopyEnd(events));
+    EXPECT_EQ(CopyResults(events), std::vector<Bytes>{{1}});
+    // The running cp finished; nothing behind it was tried.
+    ASSERT_EQ(Calls().size(), 1u);
+    std::string copied = Calls()[0].substr(Calls()[0].rfind('/'));
+    EXPECT_EQ(read_file(kWork + "/dst" + copied), "x");
+    EXPECT_EQ(system(("test $(ls " + kWork + "/dst | wc -l) -eq 1").c_str()), 0);
+}
+
+TEST_F(CopyThread, CancelWhileIdleHasNoEffectOnTheNextCopy)
+{
+    make_dirs(kWork + "/src");
+    write_file(kWork + "/src/f", "x");
+    EventCapture events;
+    Copy(request("", ""));
+    EXPECT_TRUE(events.events().empty());
+    Copy(request(kWork + "/src/", kWork + "/dst/"));
+    ASSERT_TRUE(WaitCopyEnd(events));
+    EXPECT_EQ(CopyResults(events), std::vector<Bytes>{{0}});
+    EXPECT_EQ(read_file(kWork + "/dst/f"), "x");
+}
+
+TEST_F(CopyThread, CancelReachesOnlyTheCopyThreadNotADirectTreeCopy)
+{
+    for (const char* tree : {"/s1", "/s2"}) {
+        make_dirs(kWork + tree);
+        for (int i = 0; i < 5; ++i)
+            write_file(kWork + tree + "/f" + std::to_string(i), "x");
+    }
+    EventCapture events;
+    Hold();
+    Copy(request(kWork + "/s1/", kWork + "/d1/"));
+    ASSERT_TRUE(eventually([] { return Calls().size() == 1; }));
+    std::atomic<int> direct{-2};
+    std::thread client([&] { direct = CopyDir((kWork + "/s2/").c_str(), (kWork + "/d2/").c_str()); });
+    ASSERT_TRUE(eventually([] { return Calls().size() == 2; }));
+    Copy(request("", ""));
+    Release();
+    client.join();
+    ASSERT_TRUE(WaitCopyEnd(events));
+    EXPECT_EQ(CopyResults(events), std::vector<Bytes>{{1}});
+    EXPECT_EQ(direct.load(), 0);
+    EXPECT_EQ(system(("test $(ls " + kWork + "/d2 | wc -l) -eq 5").c_str()), 0);
+}
+
+TEST_F(CopyThread, StatusesThatClientsKnowByAnotherByte)
+{
+    write_file(kWork + "/a", "A");
+    struct Case {
+        int status;
+        Bytes result;
+        bool outOfSpace;
+    };
+    for (const Case& c : {Case{8, {6}, false}, Case{24, {5}, false}, Case{28, {1}, true}, Case{3, {3}, false}}) {
+        CpExits(c.status);
+        EventCapture events;
+        Copy(request(kWork + "/a", kWork + "/b"));
+        ASSERT_TRUE(WaitCopyEnd(events));
+        EXPECT_EQ(CopyResults(events), std::vector<Bytes>{c.result}) << c.status;
+        std::vector<Bytes> full = payloads(events.events(), LUM_TV_EVT_STORAGE_OUT_OF_SPACE);
+        EXPECT_EQ(full, c.outOfSpace ? std::vector<Bytes>{{0x11}} : std::vector<Bytes>{}) << c.status;
+    }
+}
+
+TEST_F(CopyThread, FullDiskSendsOutOfSpaceThenOne)
+{
+    REQUIRE_MOUNT(kWork + "/full", "64k");
+    write_file(kWork + "/big", std::string(200000, 'b'));
+    make_dirs(kWork + "/tree");
+    write_file(kWork + "/tree/big", std::string(200000, 'b'));
+    for (const Bytes& req : {request(kWork + "/big", kWork + "/full/big"),
+                             request(kWork + "/tree/", kWork + "/full/tree/")}) {
+        system(("rm -rf " + kWork + "/full/*").c_str());
+        EventCapture events;
+        Copy(req);
+        ASSERT_TRUE(WaitCopyEnd(events));
+        std::vector<Event> all = events.events();
+        ASSERT_EQ(all.size(), 2u);
+        EXPECT_EQ(all[0].id, LUM_TV_EVT_STORAGE_OUT_OF_SPACE);
+        EXPECT_EQ(all[0].data, Bytes{0x11});
+        EXPECT_EQ(all[1].id, LUM_TV_EVT_STORAGE_COPY);
+        EXPECT_EQ(all[1].data, Bytes{1});
+    }
+}
+
+TEST_F(CopyThread, TreeResultsAreTheLowByteOfCopyDir)
+{
+    make_dirs(kWork + "/src");
+    make_dirs(kWork + "/dst");
+    EventCapture events;
+    Copy(request(kWork + "/src/", kWork + "/dst/"));  // exists: -1
+    ASSERT_TRUE(WaitCopyEnd(events));
+    Copy(request(kWork + "/src/", kWork + "/new/"));  // empty source
+    ASSERT_TRUE(WaitCopyEnd(events, 2));
+    EXPECT_EQ(payloads(events.events(), LUM_TV_EVT_STORAGE_COPY), (std::vector<Bytes>{{255}, {0}}));
+}
+
+std::vector<int> g_child_results;
+
+void note_copy_result(int event, const void* data, int len, void*)
+{
+    if (event == LUM_TV_EVT_STORAGE_COPY && len == 1)
+        g_child_results.push_back(*static_cast<const unsigned char*>(data));
+}
+
+TEST(CopyThreadStart, ThreadThatCannotStartIsAnsweredFiveAndLeavesNoBusyFlag)
+{
+#if defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "SKIPPED under ThreadSanitizer: its runtime cannot map a 1 TiB thread stack limit";
+#endif
+    std::string out;
+    EXPECT_EQ(run_child("copy_without_threads", &out, true), 0) << out;
+    size_t first = out.find("***E: creating copy thread: ");
+    ASSERT_NE(first, std::string::npos) << out;
+    EXPECT_NE(out.find("***E: creating copy thread: ", first + 1), std::string::npos) << out;
+    EXPECT_EQ(out.find("copy in progress"), std::string::npos) << out;
+}
+
+}  // namespace
+}  // namespace copy_test
+
+// Runs in a child whose threads cannot start (run_child with noThreads):
+// each request is answered 5 at once, and the busy flag stays free, so the
+// second request is refused the same way and not as a copy in progress.
+int child_copy_without_threads()
+{
+    using namespace copy_test;
+    EMAL_SetSink(note_copy_result, nullptr);
+    Bytes req = request("/nonexistent/a", "/nonexistent/b");
+    for (int i = 0; i < 2; ++i) {
+        theStorageManagerService.Copy(req.data(), static_cast<int>(req.size()));
+        if (copy_running() || copy_threads_alive() != 0)
+            return 30 + i;
+    }
+    EMAL_SetSink(nullptr, nullptr);
+    return g_child_results == std::vector<int>{5, 5} ? 0 : 32;
+}

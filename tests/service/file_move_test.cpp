@@ -1,0 +1,245 @@
+// Move: by rename inside one file system (the order of the companions seen
+// by inotify), by copy across two (a tmpfs mounted beside /tmp, the order
+// seen by the cp wrapper), and the ways a move by copy could lose data.
+#include <gtest/gtest.h>
+
+#include <sys/inotify.h>
+
+#include "FileMove.h"
+#include "copy_fixture.h"
+
+namespace copy_test {
+namespace {
+
+const char* const kCompanions[] = {".xml", ".idx", ".desc", ".idx.desc", ".xml.sig"};
+
+class FileMove : public CopyWork {
+protected:
+    // Moves src to dst and returns Move's result; *event gets the result byte.
+    bool Move(const std::string& src, const std::string& dst, bool rec, Bytes* event = nullptr)
+    {
+        unsigned char buf[MOVE_REQUEST_LEN];
+        EXPECT_TRUE(pack_path_pair(buf, rec, src.c_str(), dst.c_str()));
+        EventCapture events;
+        bool ok = theStorageManagerService.Move(buf, MOVE_REQUEST_LEN);
+        std::vector<Bytes> sent = payloads(events.events(), LUM_TV_EVT_STORAGE_MOVE_FILE);
+        EXPECT_EQ(sent.size(), 1u);
+        if (event != nullptr && !sent.empty())
+            *event = sent[0];
+        EXPECT_EQ(ok, !sent.empty() && sent[0] == Bytes{0});
+        return ok;
+    }
+    // A recording: the main file and its five companions, each with its
+    // own content.
+    static void Recording(const std::string& main)
+    {
+        write_file(main, "main");
+        for (const char* s : kCompanions)
+            write_file(main + s, s);
+    }
+    static void ExpectRecording(const std::string& main)
+    {
+        EXPECT_EQ(read_file(main), "main") << main;
+        for (const char* s : kCompanions)
+            EXPECT_EQ(read_file(main + s), s) << main << s;
+    }
+    static void ExpectGone(const std::string& main)
+    {
+        EXPECT_FALSE(exists(main));
+        for (const char* s : kCompanions)
+            EXPECT_FALSE(exists(main + s)) << s;
+    }
+};
+
+TEST_F(FileMove, RenameWayTakesTheCompanionsInTheirOrder)
+{
+    make_dirs(kWork + "/a");
+    make_dirs(kWork + "/b");
+    Recording(kWork + "/a/rec.ts");
+    int fd = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
+    ASSERT_GE(fd, 0);
+    ASSERT_GE(inotify_add_watch(fd, (kWork + "/a").c_str(), IN_MOVED_FROM), 0);
+    EXPECT_TRUE(Move(kWork + "/a/rec.ts", kWork + "/b/new.ts", true));
+    std::vector<std::string> order;
+    alignas(struct inotify_event) char buf[4096];
+    ssize_t n = read(fd, buf, sizeof(buf));
+    for (char* p = buf; n > 0 && p < buf + n;) {
+        auto* e = reinterpret_cast<struct inotify_event*>(p);
+        order.push_back(e->name);
+        p += sizeof(*e) + e->len;
+    }
+    close(fd);
+    EXPECT_EQ(order, (std::vector<std::string>{"rec.ts", "rec.ts.xml", "rec.ts.idx", "rec.ts.desc", "rec.ts.idx.desc",
+                                               "rec.ts.xml.sig"}));
+    ExpectRecording(kWork + "/b/new.ts");
+    ExpectGone(kWork + "/a/rec.ts");
+    EXPECT_TRUE(Calls().empty());
+}
+
+TEST_F(FileMove, PlainSourceLeavesFilesWithCompanionSuffixesAlone)
+{
+    REQUIRE_MOUNT(kWork + "/other");
+    Recording(kWork + "/rec.ts");
+    EXPECT_TRUE(Move(kWork + "/rec.ts", kWork + "/b.ts", false));  // rename way
+    EXPECT_EQ(read_file(kWork + "/b.ts"), "main");
+    EXPECT_FALSE(exists(kWork + "/b.ts.xml"));
+    EXPECT_TRUE(Move(kWork + "/b.ts", kWork + "/other/c.ts", false));  // copy way
+    EXPECT_EQ(read_file(kWork + "/other/c.ts"), "main");
+    EXPECT_FALSE(exists(kWork + "/b.ts"));
+    for (const char* s : kCompanions) {
+        EXPECT_EQ(read_file(kWork + "/rec.ts" + s), s);
+        EXPECT_FALSE(exists(kWork + "/other/c.ts" + std::string(s)));
+    }
+    EXPECT_EQ(Calls(), std::vector<std::string>{kWork + "/b.ts"});
+}
+
+TEST_F(FileMove, CopyWayAcrossFileSystemsTakesTheCompanionsInTheirOrder)
+{
+    REQUIRE_MOUNT(kWork + "/other");
+    std::string src = kWork + "/rec.ts";
+    Recording(src);
+    EXPECT_TRUE(Move(src, kWork + "/other/rec.ts", true));
+    ExpectRecording(kWork + "/other/rec.ts");
+    ExpectGone(src);
+    std::vector<std::string> order = {src};
+    for (const char* s : kCompanions)
+        order.push_back(src + s);
+    EXPECT_EQ(Calls(), order);
+}
+
+TEST_F(FileMove, ProtectedDestinationSurvivesAFailedMove)
+{
+    REQUIRE_MOUNT(kWork + "/other");
+    write_file(kWork + "/a.ts", "new");
+    write_file(kWork + "/other/a.ts", "precious", 0444);
+    Bytes event;
+    EXPECT_FALSE(Move(kWork + "/a.ts", kWork + "/other/a.ts", true, &event));
+    EXPECT_EQ(event, Bytes{3});
+    EXPECT_EQ(read_file(kWork + "/other/a.ts"), "precious");
+    EXPECT_EQ(mode_of(kWork + "/other/a.ts"), 0444u);
+    EXPECT_EQ(read_file(kWork + "/a.ts"), "new");
+}
+
+TEST_F(FileMove, HalfCopiedFileOfTheMoveIsRemovedAndTheSourceStays)
+{
+    REQUIRE_MOUNT(kWork + "/full", "64k");
+    write_file(kWork + "/big", std::string(200000, 'b'));
+    EXPECT_FALSE(Move(kWork + "/big", kWork + "/full/big", false));
+    EXPECT_FALSE(exists(kWork + "/full/big"));
+    EXPECT_EQ(read_file(kWork + "/big").size(), 200000u);
+}
+
+TEST_F(FileMove, SourceCompanionWhoseCopyFailedStays)
+{
+    REQUIRE_MOUNT(kWork + "/other");
+    std::string src = kWork + "/rec.ts";
+    Recording(src);
+    write_file(kWork + "/other/rec.ts.idx", "theirs", 0444);
+    LogCapture log;
+    EXPECT_TRUE(Move(src, kWork + "/other/rec.ts", true));
+    EXPECT_EQ(read_file(src + ".idx"), ".idx");
+    EXPECT_EQ(read_file(kWork + "/other/rec.ts.idx"), "theirs");
+    EXPECT_TRUE(log.has("***W: copy of '" + src + ".idx' failed (13), it stays"));
+    for (const char* s : {".xml", ".desc", ".idx.desc", ".xml.sig"}) {
+        EXPECT_FALSE(exists(src + s)) << s;
+        EXPECT_EQ(read_file(kWork + "/other/rec.ts" + s), s);
+    }
+    EXPECT_FALSE(exists(src));
+}
+
+TEST_F(FileMove, ExistingDestinationFolderSurvivesOnOneAndAcrossFileSystems)
+{
+    REQUIRE_MOUNT(kWork + "/other");
+    for (const std::string& dst : {kWork + "/dst", kWork + "/other/dst"}) {
+        make_dirs(kWork + "/src");
+        write_file(kWork + "/src/f", "mine");
+        make_dirs(dst);
+        write_file(dst + "/keep", "theirs");
+        Bytes event;
+        EXPECT_FALSE(Move(kWork + "/src/", dst, false, &event)) << dst;
+        EXPECT_EQ(event, Bytes{3});
+        EXPECT_EQ(read_file(dst + "/keep"), "theirs") << dst;
+        EXPECT_FALSE(exists(dst + "/f"));
+        EXPECT_EQ(read_file(kWork + "/src/f"), "mine");
+    }
+}
+
+TEST_F(FileMove, TreeAcrossFileSystemsIsCopiedAndTheSourceRemoved)
+{
+    REQUIRE_MOUNT(kWork + "/other");
+    make_dirs(kWork + "/src/sub/empty");
+    write_file(kWork + "/src/a", "a");
+    write_file(kWork + "/src/sub/b", "b");
+    Recording(kWork + "/src/rec.ts");
+    EXPECT_TRUE(Move(kWork + "/src/", kWork + "/other/dst", true));  // the flag means nothing for a tree
+    EXPECT_EQ(read_file(kWork + "/other/dst/a"), "a");
+    EXPECT_EQ(read_file(kWork + "/other/dst/sub/b"), "b");
+    EXPECT_TRUE(exists(kWork + "/other/dst/sub/empty"));
+    ExpectRecording(kWork + "/other/dst/rec.ts");
+    EXPECT_FALSE(exists(kWork + "/src"));
+}
+
+TEST_F(FileMove, FailedTreeCopyRemovesOnlyItsOwnFolder)
+{
+    REQUIRE_MOUNT(kWork + "/full", "64k");
+    make_dirs(kWork + "/src/sub");
+    write_file(kWork + "/src/sub/big", std::string(200000, 'b'));
+    write_file(kWork + "/src/small", "s");
+    EXPECT_FALSE(Move(kWork + "/src/", kWork + "/full/dst", false));
+    EXPECT_FALSE(exists(kWork + "/full/dst"));
+    EXPECT_EQ(read_file(kWork + "/src/sub/big").size(), 200000u);
+    EXPECT_EQ(read_file(kWork + "/src/small"), "s");
+}
+
+TEST_F(FileMove, WhatATreeCopyLeavesOutStaysInTheSource)
+{
+    REQUIRE_MOUNT(kWork + "/other");
+    make_dirs(kWork + "/src/sub");
+    write_file(kWork + "/src/sub/f", "f");
+    write_file(kWork + "/src/g", "g");
+    ASSERT_EQ(symlink("g", (kWork + "/src/sub/link").c_str()), 0);
+    // A file whose full path does not fit the walk's 260 bytes is left out
+    // of the copy; it must not be removed with the source.
+    std::string deep = kWork + "/src/" + std::string(200, 'd');
+    make_dirs(deep);
+    write_file(deep + "/" + std::string(60, 'l'), "long");
+    LogCapture log;
+    Bytes event;
+    EXPECT_FALSE(Move(kWork + "/src/", kWork + "/other/dst", false, &event));
+    EXPECT_EQ(event, Bytes{3});
+    EXPECT_EQ(read_file(kWork + "/other/dst/sub/f"), "f");
+    EXPECT_EQ(read_file(kWork + "/other/dst/g"), "g");
+    EXPECT_FALSE(exists(kWork + "/src/g"));
+    EXPECT_FALSE(exists(kWork + "/src/sub/f"));
+    EXPECT_TRUE(exists(kWork + "/src/sub/link"));
+    EXPECT_EQ(read_file(deep + "/" + std::string(60, 'l')), "long");
+    EXPECT_TRUE(log.has("keeps what could not be copied"));
+}
+
+TEST_F(FileMove, TreeIntoItselfIsRefusedAndNothingIsRemoved)
+{
+    make_dirs(kWork + "/src/m");
+    write_file(kWork + "/src/f", "f");
+    REQUIRE_MOUNT(kWork + "/src/m");
+    // rename refuses with EXDEV here, and a copy would walk into itself.
+    EXPECT_FALSE(Move(kWork + "/src/", kWork + "/src/m/x", false));
+    EXPECT_EQ(read_file(kWork + "/src/f"), "f");
+    EXPECT_FALSE(exists(kWork + "/src/m/x"));
+    EXPECT_TRUE(Calls().empty());
+}
+
+TEST_F(FileMove, RequestWithoutTerminatorsFails)
+{
+    unsigned char buf[MOVE_REQUEST_LEN];
+    memset(buf, 'x', sizeof(buf));
+    EventCapture events;
+    LogCapture log;
+    EXPECT_FALSE(theStorageManagerService.Move(buf, MOVE_REQUEST_LEN));
+    buf[300] = 0;  // a source, but no terminated destination
+    EXPECT_FALSE(theStorageManagerService.Move(buf, MOVE_REQUEST_LEN));
+    EXPECT_EQ(payloads(events.events(), LUM_TV_EVT_STORAGE_MOVE_FILE), (std::vector<Bytes>{{3}, {3}}));
+    EXPECT_EQ(log.count("not terminated"), 2);
+}
+
+}  // namespace
+}  // namespace copy_test
