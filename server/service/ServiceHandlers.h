@@ -40,3 +40,7 @@ void handle_pvr_mark_dev(StorageManagerService& service, CNorvMsg* msg, StorageM
 // ../file/ReadDir.cpp, ../file/Cover.cpp
 void handle_read_dirs(StorageManagerService& service, CNorvMsg* msg, StorageManagerAction_t* action);
 void handle_extract_cover(StorageManagerService& service, CNorvMsg* msg, StorageManagerAction_t* action);
+
+// ../file/FileDirs.cpp, ../file/FileProtectCmd.cpp
+void handle_get_dir_size(StorageManagerService& service, CNorvMsg* msg, StorageManagerAction_t* action);
+void handle_set_protected(StorageManagerService& service, CNorvMsg* msg, StorageManagerAction_t* action);

@@ -109,6 +109,18 @@ public:
     bool ReadDirAdvanced(const char* sBuf, int len, unsigned short aCmdID);
     int ExtractCover(const char* sourceFolder, const char* fileName);
 
+    // Deletion, protection and directories (../file/FileDelete.cpp,
+    // FileProtectCmd.cpp, FileDirs.cpp). Each sends a one-byte result event.
+    bool CreateDir(const char* buf, int len);
+    bool DeleteDir(const char* pPath, int cMode, int len);
+    bool DeleteFile(const char* pPath, int len);
+    void SetProtected(const unsigned char* buf, int len);
+    bool GetDirSize(std::string path);
+
+    // Rename and write (../file/FileRename.cpp, FileWrite.cpp).
+    bool RenameFile(const unsigned char* buf, int len);
+    bool WriteFile(const unsigned char* buf, int len);
+
     unsigned char m_SendBuf[STORAGE_SEND_BUF_SIZE];
     int m_DevTabBufLen;
     unsigned char m_DevTabBuf[STORAGE_DEV_TAB_BUF_SIZE];
