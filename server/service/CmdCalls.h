@@ -17,6 +17,20 @@ void cmd_pvr_guide_info(const android::Parcel& request, android::Parcel* reply);
 void cmd_pvr_disk_total(const android::Parcel& request, android::Parcel* reply);
 void cmd_pvr_dev_available(const android::Parcel& request, android::Parcel* reply);
 
+// ../file/CmdFileCalls.cpp: file operations, answered by a bool and an event.
+void cmd_delete_dir(const android::Parcel& request, android::Parcel* reply);
+void cmd_delete_file(const android::Parcel& request, android::Parcel* reply);
+void cmd_rename_file(const android::Parcel& request, android::Parcel* reply);
+void cmd_create_dir(const android::Parcel& request, android::Parcel* reply);
+void cmd_write_file(const android::Parcel& request, android::Parcel* reply);
+
+#define PATH_PAIR_BUF_LEN 512
+// The packed request of a rename or a move: the flag byte, then source and
+// destination with their terminators, the rest zero. False, with a warning,
+// when a path is missing or the two do not fit (strlen + strlen + 3 > 512).
+bool pack_path_pair(int cmd, const char* pSrc, const char* pDst, bool flag,
+                    unsigned char (&buf)[PATH_PAIR_BUF_LEN]);
+
 // ../file/CmdDirectCalls.cpp: shell commands and file primitives.
 void cmd_sys_cmd(const android::Parcel& request, android::Parcel* reply);
 void cmd_sys_cmd_ret(const android::Parcel& request, android::Parcel* reply);
