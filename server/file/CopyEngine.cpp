@@ -12,6 +12,7 @@
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 
+#include "ClientPath.h"
 #include "CmdCalls.h"
 #include "FileProtect.h"
 #include "ServiceLog.h"
@@ -130,10 +131,8 @@ int CopyFile(const char* pSrc, const char* pDst)
     char src[SHELL_LINE_MAX];
     char dst[SHELL_LINE_MAX];
     int rc = COPY_RESULT_NO_LINE;
-    if (shell_escape_path(pSrc, src, sizeof(src)) >= 0 && shell_escape_path(pDst, dst, sizeof(dst)) >= 0)
+    if (quote_client_path(pSrc, src, sizeof(src)) && quote_client_path(pDst, dst, sizeof(dst)))
         rc = call_system("cp -p \"%s\" \"%s\" 2> /dev/null", src, dst) & 0xff;
-    else
-        SLOGE("[%s, %d] buffer overflow\n");
     if (rc != 0) {
         if (no_room_for(pSrc, pDst))
             rc = ENOSPC;

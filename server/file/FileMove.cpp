@@ -10,6 +10,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "ClientPath.h"
 #include "CmdCalls.h"
 #include "CopyEngine.h"
 #include "FileProtect.h"
@@ -40,16 +41,16 @@ int failure_code(int err, int rc)
 void remove_own_tree(const char* path)
 {
     char quoted[SHELL_LINE_MAX];
-    if (shell_escape_path(path, quoted, sizeof(quoted)) < 0 || call_system("rm -rf \"%s\"", quoted) != 0)
+    if (!quote_client_path(path, quoted, sizeof(quoted)) || call_system("rm -rf \"%s\"", quoted) != 0)
         SLOGW("[%s, %d] ***W: '%s' could not be removed after the failed copy\n", path);
 }
 
 // Builds the names of one companion in tmpSrc and tmpDst (512 bytes each).
 bool companion_names(const char* src, const char* dst, const char* suffix, char* tmpSrc, char* tmpDst)
 {
-    int a = snprintf(tmpSrc, MOVE_REQUEST_LEN, "%s%s", src, suffix);
-    int b = snprintf(tmpDst, MOVE_REQUEST_LEN, "%s%s", dst, suffix);
-    if (a < 0 || b < 0 || a >= MOVE_REQUEST_LEN || b >= MOVE_REQUEST_LEN) {
+    int a = snprintf(tmpSrc, PATH_PAIR_BUF_LEN, "%s%s", src, suffix);
+    int b = snprintf(tmpDst, PATH_PAIR_BUF_LEN, "%s%s", dst, suffix);
+    if (a < 0 || b < 0 || a >= PATH_PAIR_BUF_LEN || b >= PATH_PAIR_BUF_LEN) {
         SLOGW("[%s, %d] ***W: no room for the names of '%s%s', the companion stays\n", src, suffix);
         return false;
     }
@@ -58,8 +59,8 @@ bool companion_names(const char* src, const char* dst, const char* suffix, char*
 
 void rename_companions(const char* src, const char* dst)
 {
-    char tmpSrc[MOVE_REQUEST_LEN];
-    char tmpDst[MOVE_REQUEST_LEN];
+    char tmpSrc[PATH_PAIR_BUF_LEN];
+    char tmpDst[PATH_PAIR_BUF_LEN];
     for (const char* const* suffix = kMoveCompanions; *suffix != nullptr; ++suffix) {
         if (companion_names(src, dst, *suffix, tmpSrc, tmpDst))
             rename(tmpSrc, tmpDst);  // a missing companion is no failure
@@ -81,8 +82,8 @@ int copy_for_move(const char* src, const char* dst)
 // A companion leaves its old place only once its copy is complete.
 void copy_companions(const char* src, const char* dst)
 {
-    char tmpSrc[MOVE_REQUEST_LEN];
-    char tmpDst[MOVE_REQUEST_LEN];
+    char tmpSrc[PATH_PAIR_BUF_LEN];
+    char tmpDst[PATH_PAIR_BUF_LEN];
     for (const char* const* suffix = kMoveCompanions; *suffix != nullptr; ++suffix) {
         if (!companion_names(src, dst, *suffix, tmpSrc, tmpDst) || !exists(tmpSrc))
             continue;
@@ -156,36 +157,19 @@ int remove_copied_tree(const char* pSrcPath, const char* pDstPath)
     return ENOTEMPTY;
 }
 
-bool pack_path_pair(unsigned char* buf, bool flag, const char* src, const char* dst)
-{
-    memset(buf, 0, MOVE_REQUEST_LEN);
-    if (src == nullptr || dst == nullptr)
-        return false;
-    size_t ls = strlen(src);
-    size_t ld = strlen(dst);
-    if (ls + ld + 3 > MOVE_REQUEST_LEN)
-        return false;
-    buf[0] = flag ? 1 : 0;
-    memcpy(buf + 1, src, ls);
-    memcpy(buf + 2 + ls, dst, ld);
-    return true;
-}
-
 bool StorageManagerService::Move(const unsigned char* buf, int len)
 {
-    (void)len;  // always the packed MOVE_REQUEST_LEN bytes
-    bool isPvrRec = buf[0] != 0;
-    const char* src = reinterpret_cast<const char*>(buf) + 1;
-    size_t ls = strnlen(src, MOVE_REQUEST_LEN - 1);
-    const char* dst = src + ls + 1;
+    const char* src = nullptr;
+    const char* dst = nullptr;
     int rc;
-    if (ls + 2 >= MOVE_REQUEST_LEN || strnlen(dst, MOVE_REQUEST_LEN - ls - 2) == MOVE_REQUEST_LEN - ls - 2) {
+    if (!unpack_path_pair(buf, len, &src, &dst)) {
         SLOGE("[%s, %d] ***E: the paths are not terminated in the request\n");
         rc = EINVAL;
     } else {
         SLOGD("[%s, %d] --- %s -> %s \n", src, dst);
+        size_t ls = strlen(src);
         bool isDir = ls > 0 && src[ls - 1] == '/';
-        rc = isDir ? move_dir(src, dst) : move_file(src, dst, isPvrRec);
+        rc = isDir ? move_dir(src, dst) : move_file(src, dst, buf[0] != 0);
     }
     if (rc != 0) {
         SLOGE("[%s, %d] ***E: rc=%d: %s(%d)\n", rc, strerror(rc), rc);
@@ -204,14 +188,12 @@ void cmd_lum_move(const android::Parcel& request, android::Parcel* reply)
     const char* src = request.readCString();
     const char* dst = request.readCString();
     bool isPvrRec = request.readBool();
-    unsigned char buf[MOVE_REQUEST_LEN];
-    if (!pack_path_pair(buf, isPvrRec, src, dst)) {
-        SLOG_TAG(ANDROID_LOG_WARN, STORAGE_TAG_HUB,
-                 "[%s, %d] ***W: paths missing or too long for the packed buffer, nothing moved\n");
+    unsigned char buf[PATH_PAIR_BUF_LEN];
+    if (!pack_path_pair(STROAGE_LUM_MOVE, src, dst, isPvrRec, buf)) {
         unsigned char result = MOVE_RESULT_FAILED;
         theStorageManagerService.NotifyToStorageManager(LUM_TV_EVT_STORAGE_MOVE_FILE, &result, 1);
         reply->writeBool(false);
         return;
     }
-    reply->writeBool(theStorageManagerService.Move(buf, MOVE_REQUEST_LEN));
+    reply->writeBool(theStorageManagerService.Move(buf, PATH_PAIR_BUF_LEN));
 }

@@ -3,14 +3,8 @@
 
 #include <cstddef>
 
-// The packed request of a move or a rename: byte 0 the recording flag, then
-// the source and the destination, each with its NUL, in a zeroed buffer.
-#define MOVE_REQUEST_LEN 512
-
-// Packs flag, src and dst into buf of MOVE_REQUEST_LEN bytes.
-// false, with buf zeroed, when a path is missing or strlen(src) +
-// strlen(dst) + 3 exceeds MOVE_REQUEST_LEN.
-bool pack_path_pair(unsigned char* buf, bool flag, const char* src, const char* dst);
+#include "PathPair.h"
+#include "StorageModuleCmd.h"
 
 // After a tree was copied from pSrcPath to pDstPath: removes each regular
 // file of the source whose twin at the destination is a regular file of the

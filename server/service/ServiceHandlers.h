@@ -43,3 +43,7 @@ void handle_extract_cover(StorageManagerService& service, CNorvMsg* msg, Storage
 
 // ../file/CopyThread.cpp
 void handle_copy(StorageManagerService& service, CNorvMsg* msg, StorageManagerAction_t* action);
+
+// ../file/FileDirs.cpp, ../file/FileProtectCmd.cpp
+void handle_get_dir_size(StorageManagerService& service, CNorvMsg* msg, StorageManagerAction_t* action);
+void handle_set_protected(StorageManagerService& service, CNorvMsg* msg, StorageManagerAction_t* action);

@@ -24,22 +24,3 @@ int shell_escape_dq(const char* text, char* out, size_t outSize)
     out[n] = '\0';
     return static_cast<int>(n);
 }
-
-int shell_escape_path(const char* path, char* out, size_t outSize)
-{
-    if (path == nullptr || path[0] != '-')
-        return shell_escape_dq(path, out, outSize);
-    if (outSize < 3) {
-        if (out != nullptr && outSize > 0)
-            out[0] = '\0';
-        return -1;
-    }
-    int n = shell_escape_dq(path, out + 2, outSize - 2);
-    if (n < 0) {
-        out[0] = '\0';
-        return -1;
-    }
-    out[0] = '.';
-    out[1] = '/';
-    return n + 2;
-}

@@ -11,8 +11,3 @@
 // Returns the length written, or -1 when out (of outSize bytes, terminator
 // included) is too small or an argument is null; out is then empty.
 int shell_escape_dq(const char* text, char* out, size_t outSize);
-
-// shell_escape_dq for a path that becomes an argument of a tool: a path
-// that begins with '-' gets "./" before it, so that the tool takes it for
-// the same file and never for an option. Returns as shell_escape_dq.
-int shell_escape_path(const char* path, char* out, size_t outSize);

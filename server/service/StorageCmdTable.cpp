@@ -89,6 +89,21 @@ const SCmdRow kCmdRows[] = {
     POST(STORAGE_SHUTDOWN, SIG_ID_STORAGE_SHUTDOWN, "c"),
     POST(STORAGE_READ_DIRS, SIG_ID_STORAGE_READ_DIRS, "1iwf"),
     POST(STORAGE_EXTRACT_COVER, SIG_ID_STORAGE_EXTRACT_COVER, "12"),
+    CALL(STORAGE_DELETE_DIR, cmd_delete_dir),
+    CALL(STORAGE_DELETE_FILE, cmd_delete_file),
+    POST(STORAGE_GET_DIR_SIZE, SIG_ID_STORAGE_GET_DIR_SIZE, "1"),
+    CALL(STORAGE_RENAME_FILE, cmd_rename_file),
+    CALL(STORAGE_CREATE_DIR, cmd_create_dir),
+    CALL(STORAGE_WRITE_FILE, cmd_write_file),
+    POST(STORAGE_SET_PROTECTED, SIG_ID_STORAGE_SET_PROTECTED, "1"),
+    CALL(STORAGE_LUM_EXE_SYS_CMD, cmd_sys_cmd),
+    CALL(STORAGE_LUM_EXE_SYS_CMD_RET, cmd_sys_cmd_ret),
+    CALL(STORAGE_LUM_CHMOD, cmd_lum_chmod),
+    CALL(STROAGE_LUM_OPEN, cmd_lum_open),
+    CALL(STROAGE_LUM_CLOSE, cmd_lum_close),
+    CALL(STROAGE_LUM_READ, cmd_lum_read),
+    CALL(STROAGE_LUM_WRITE, cmd_lum_write),
+    CALL(STORAGE_LUM_SYNC, cmd_lum_sync),
 };
 
 #undef POST

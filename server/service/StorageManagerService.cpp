@@ -43,6 +43,8 @@ const SignalRow kSignalRows[] = {
     {SIG_ID_STORAGE_READ_DIRS, handle_read_dirs, true},
     {SIG_ID_STORAGE_EXTRACT_COVER, handle_extract_cover, true},
     {SIG_ID_STORAGE_COPY, handle_copy, true},
+    {SIG_ID_STORAGE_GET_DIR_SIZE, handle_get_dir_size, true},
+    {SIG_ID_STORAGE_SET_PROTECTED, handle_set_protected, true},
 };
 
 const SignalRow* find_row(unsigned long signal)

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <mutex>
 #include <string>
+#include <sys/types.h>
 
 #include <norvfw/NorvMsg.h>
 #include <norvfw/Observable.h>
@@ -117,6 +118,29 @@ public:
     // packed request of 512 bytes. Sends LUM_TV_EVT_STORAGE_MOVE_FILE and
     // returns true when its result byte is 0.
     bool Move(const unsigned char* buf, int len);
+
+    // Deletion, protection and directories (../file/FileDelete.cpp,
+    // FileProtectCmd.cpp, FileDirs.cpp). Each sends a one-byte result event.
+    bool CreateDir(const char* buf, int len);
+    bool DeleteDir(const char* pPath, int cMode, int len);
+    bool DeleteFile(const char* pPath, int len);
+    void SetProtected(const unsigned char* buf, int len);
+    bool GetDirSize(std::string path);
+
+    // Rename and write (../file/FileRename.cpp, FileWrite.cpp).
+    bool RenameFile(const unsigned char* buf, int len);
+    bool WriteFile(const unsigned char* buf, int len);
+
+    // Direct command and file primitives (../file/DirectCmds.cpp): no event,
+    // the answer travels in the reply.
+    int systemCmd(const char* pCmd, int len);
+    int systemCmd(const char* pCmd, std::string& str);
+    int LumChmod(const char* pPath, mode_t mode, int len, int* pErr);
+    int LumOpen(const char* pPath, int flags, mode_t mode, int* pErr);
+    int LumClose(int fd, int* pErr);
+    int LumRead(int fd, void* pBuf, size_t bytes, int* pErr);
+    int LumWrite(int fd, void* pBuf, size_t bytes, int* pErr);
+    int LumSync(int fd);
 
     unsigned char m_SendBuf[STORAGE_SEND_BUF_SIZE];
     int m_DevTabBufLen;

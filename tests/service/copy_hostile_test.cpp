@@ -125,9 +125,10 @@ TEST_F(CopyHostile, MovesAcrossFileSystemsMoveEachNameAndNothingElse)
     for (const std::string& n : hostile_names())
         write_file(kWork + "/src/" + n + ".xml", "xml of " + n);
     for (const std::string& n : hostile_names()) {
-        unsigned char buf[MOVE_REQUEST_LEN];
-        ASSERT_TRUE(pack_path_pair(buf, true, (kWork + "/src/" + n).c_str(), (kWork + "/other/" + n).c_str()));
-        EXPECT_TRUE(theStorageManagerService.Move(buf, MOVE_REQUEST_LEN)) << n;
+        unsigned char buf[PATH_PAIR_BUF_LEN];
+        ASSERT_TRUE(pack_path_pair(STROAGE_LUM_MOVE, (kWork + "/src/" + n).c_str(), (kWork + "/other/" + n).c_str(),
+                                   true, buf));
+        EXPECT_TRUE(theStorageManagerService.Move(buf, PATH_PAIR_BUF_LEN)) << n;
         EXPECT_FALSE(exists(kWork + "/src/" + n)) << n;
         EXPECT_EQ(read_file(kWork + "/other/" + n + ".xml"), "xml of " + n);
     }
@@ -136,10 +137,10 @@ TEST_F(CopyHostile, MovesAcrossFileSystemsMoveEachNameAndNothingElse)
     // "canary" beside it stays.
     make_dirs(kWork + "/src/canary x$(touch " + kMarker + ")");
     write_file(kWork + "/src/canary x$(touch " + kMarker + ")/f", "f");
-    unsigned char buf[MOVE_REQUEST_LEN];
-    ASSERT_TRUE(pack_path_pair(buf, false, (kWork + "/src/canary x$(touch " + kMarker + ")/").c_str(),
-                               (kWork + "/other/tree").c_str()));
-    EXPECT_TRUE(theStorageManagerService.Move(buf, MOVE_REQUEST_LEN));
+    unsigned char buf[PATH_PAIR_BUF_LEN];
+    ASSERT_TRUE(pack_path_pair(STROAGE_LUM_MOVE, (kWork + "/src/canary x$(touch " + kMarker + ")/").c_str(),
+                               (kWork + "/other/tree").c_str(), false, buf));
+    EXPECT_TRUE(theStorageManagerService.Move(buf, PATH_PAIR_BUF_LEN));
     EXPECT_EQ(read_file(kWork + "/other/tree/f"), "f");
     EXPECT_FALSE(exists(kWork + "/src/canary x$(touch " + kMarker + ")"));
 }
@@ -154,10 +155,10 @@ TEST_F(CopyHostile, FailedTreeMoveRemovesItsOwnCopyByNameOnly)
     write_file(tree + "/big", std::string(200000, 'b'));
     make_dirs(kWork + "/full/canary");
     write_file(kWork + "/full/canary/f", "alive");
-    unsigned char buf[MOVE_REQUEST_LEN];
+    unsigned char buf[PATH_PAIR_BUF_LEN];
     std::string dst = kWork + "/full/canary x`touch " + kMarker + "`";
-    ASSERT_TRUE(pack_path_pair(buf, false, (tree + "/").c_str(), dst.c_str()));
-    EXPECT_FALSE(theStorageManagerService.Move(buf, MOVE_REQUEST_LEN));
+    ASSERT_TRUE(pack_path_pair(STROAGE_LUM_MOVE, (tree + "/").c_str(), dst.c_str(), false, buf));
+    EXPECT_FALSE(theStorageManagerService.Move(buf, PATH_PAIR_BUF_LEN));
     EXPECT_EQ(read_file(kWork + "/full/canary/f"), "alive");
     EXPECT_FALSE(exists(dst));
     EXPECT_EQ(read_file(tree + "/big").size(), 200000u);

@@ -18,10 +18,10 @@ protected:
     // Moves src to dst and returns Move's result; *event gets the result byte.
     bool Move(const std::string& src, const std::string& dst, bool rec, Bytes* event = nullptr)
     {
-        unsigned char buf[MOVE_REQUEST_LEN];
-        EXPECT_TRUE(pack_path_pair(buf, rec, src.c_str(), dst.c_str()));
+        unsigned char buf[PATH_PAIR_BUF_LEN];
+        EXPECT_TRUE(pack_path_pair(STROAGE_LUM_MOVE, src.c_str(), dst.c_str(), rec, buf));
         EventCapture events;
-        bool ok = theStorageManagerService.Move(buf, MOVE_REQUEST_LEN);
+        bool ok = theStorageManagerService.Move(buf, PATH_PAIR_BUF_LEN);
         std::vector<Bytes> sent = payloads(events.events(), LUM_TV_EVT_STORAGE_MOVE_FILE);
         EXPECT_EQ(sent.size(), 1u);
         if (event != nullptr && !sent.empty())
@@ -230,13 +230,13 @@ TEST_F(FileMove, TreeIntoItselfIsRefusedAndNothingIsRemoved)
 
 TEST_F(FileMove, RequestWithoutTerminatorsFails)
 {
-    unsigned char buf[MOVE_REQUEST_LEN];
+    unsigned char buf[PATH_PAIR_BUF_LEN];
     memset(buf, 'x', sizeof(buf));
     EventCapture events;
     LogCapture log;
-    EXPECT_FALSE(theStorageManagerService.Move(buf, MOVE_REQUEST_LEN));
+    EXPECT_FALSE(theStorageManagerService.Move(buf, PATH_PAIR_BUF_LEN));
     buf[300] = 0;  // a source, but no terminated destination
-    EXPECT_FALSE(theStorageManagerService.Move(buf, MOVE_REQUEST_LEN));
+    EXPECT_FALSE(theStorageManagerService.Move(buf, PATH_PAIR_BUF_LEN));
     EXPECT_EQ(payloads(events.events(), LUM_TV_EVT_STORAGE_MOVE_FILE), (std::vector<Bytes>{{3}, {3}}));
     EXPECT_EQ(log.count("not terminated"), 2);
 }

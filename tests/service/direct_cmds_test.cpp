@@ -1,0 +1,167 @@
+// The direct primitives through their hub rows, reply byte for byte: shell
+// commands with their bounds, and chmod, open, read, write, sync and close on
+// real files.
+#include "file_ops_fixture.h"
+
+#include <cerrno>
+#include <fcntl.h>
+
+using namespace file_ops_test;
+
+namespace {
+
+const int32_t kMiB16 = 16 << 20;
+
+// A cstring as a Parcel holds it: terminated, padded with zeros to 4.
+Bytes cstring(const std::string& text)
+{
+    Bytes out(text.begin(), text.end());
+    out.resize((text.size() + 4) & ~size_t(3), 0);
+    return out;
+}
+
+Bytes operator+(Bytes a, const Bytes& b)
+{
+    a.insert(a.end(), b.begin(), b.end());
+    return a;
+}
+
+// A command line of exactly n characters that creates file.
+std::string command_of(size_t n, const std::string& file)
+{
+    std::string cmd = "touch " + file + " #";
+    return cmd + std::string(n - cmd.size(), 'x');
+}
+
+Bytes sys_cmd(const std::string& cmd, int32_t len)
+{
+    return Request(STORAGE_LUM_EXE_SYS_CMD).i(len).s(cmd).invoke();
+}
+
+int32_t open_file(const std::string& path, int flags)
+{
+    Bytes r = Request(STROAGE_LUM_OPEN).s(path).i(flags).i(0600).invoke();
+    EXPECT_EQ(r.size(), 4u);
+    int32_t fd = -1;
+    memcpy(&fd, r.data(), 4);
+    return fd;
+}
+
+}  // namespace
+
+TEST_F(FileOps, SysCmdLengthBounds)
+{
+    std::string c510 = command_of(510, at("c510"));
+    std::string c511 = command_of(511, at("c511"));
+    std::string c512 = command_of(512, at("c512"));
+    EXPECT_EQ(sys_cmd(c510, 510), le32({0}));
+    EXPECT_TRUE(exists("c510"));
+    EXPECT_EQ(sys_cmd(c511, 511), le32({-1}));  // passes the check, the shell layer refuses
+    EXPECT_TRUE(log.has("buffer overflow"));
+    EXPECT_EQ(sys_cmd(c512, 512), le32({-1}));
+    EXPECT_TRUE(log.has("cmd len = 512 > MAX(512)"));
+    EXPECT_EQ(sys_cmd(c512, INT32_MAX), le32({-1}));
+    EXPECT_EQ(sys_cmd("touch " + at("neg"), -1), le32({-1}));
+    EXPECT_EQ(sys_cmd("touch " + at("neg"), INT32_MIN), le32({-1}));
+    EXPECT_EQ(log.count("***E: no command (len = -"), 2);
+    EXPECT_FALSE(exists("c511") || exists("c512") || exists("neg"));
+    EXPECT_EQ(Request(STORAGE_LUM_EXE_SYS_CMD).i(5).invoke(), le32({-1}));
+}
+
+TEST_F(FileOps, SysCmdRunsTheTextAsItIsUpToLen)
+{
+    std::string cmd = "touch " + at("abcdef");
+    EXPECT_EQ(sys_cmd(cmd, static_cast<int32_t>(cmd.size() - 3)), le32({0}));
+    EXPECT_EQ(entries("."), (std::set<std::string>{"cwd", "abc"}));
+    EXPECT_EQ(sys_cmd(cmd, 400), le32({0}));  // a longer len ends at the terminator
+    EXPECT_TRUE(exists("abcdef"));
+    EXPECT_EQ(sys_cmd("exit 3", 6), le32({3}));
+    EXPECT_EQ(sys_cmd("kill -9 $$", 10), le32({9}));
+    std::string pct = "echo '%s%n%x%%' > " + at("pct");  // a format would crash or eat these
+    EXPECT_EQ(sys_cmd(pct, static_cast<int32_t>(pct.size())), le32({0}));
+    EXPECT_EQ(content("pct"), "%s%n%x%%\n");
+}
+
+TEST_F(FileOps, SysCmdRetCapturesAtMost1024Bytes)
+{
+    EXPECT_EQ(Request(STORAGE_LUM_EXE_SYS_CMD_RET).s("printf hello").invoke(), le32({5}) + cstring("hello"));
+    EXPECT_EQ(Request(STORAGE_LUM_EXE_SYS_CMD_RET).s("true").invoke(), le32({0}));
+    EXPECT_EQ(Request(STORAGE_LUM_EXE_SYS_CMD_RET).s("exit 7").invoke(), le32({0}));  // status lost
+    EXPECT_EQ(Request(STORAGE_LUM_EXE_SYS_CMD_RET).s("head -c 2000 /dev/zero | tr '\\0' a").invoke(),
+              le32({1024}) + cstring(std::string(1024, 'a')));
+    EXPECT_EQ(Request(STORAGE_LUM_EXE_SYS_CMD_RET).s("printf 'ab\\000cd'").invoke(), le32({5}) + cstring("ab"));
+    EXPECT_EQ(Request(STORAGE_LUM_EXE_SYS_CMD_RET).s("echo '%s%n'").invoke(), le32({5}) + cstring("%s%n\n"));
+    EXPECT_EQ(Request(STORAGE_LUM_EXE_SYS_CMD_RET).invoke(), le32({-1}));
+    EXPECT_TRUE(log.has("cmd: printf hello, length: 12"));
+}
+
+TEST_F(FileOps, LumChmodAnswersTheErrorNumberAfterAFailure)
+{
+    put("f", "x", 0600);
+    EXPECT_EQ(Request(STORAGE_LUM_CHMOD).s(at("f")).i(0640).invoke(), le32({0}));
+    EXPECT_EQ(mode_of("f"), 0640u);
+    EXPECT_TRUE(log.has("chmod path: " + at("f") + " 0x1a0, return: 0 (Success)"));
+    EXPECT_EQ(Request(STORAGE_LUM_CHMOD).s(at("missing")).i(0640).invoke(), le32({-1, ENOENT}));
+    EXPECT_EQ(Request(STORAGE_LUM_CHMOD).invoke(), le32({-1, EINVAL}));
+
+    // The member: len cuts the path; a negative one or no path is refused.
+    int err = 0;
+    std::string p = at("f") + "-not-this";
+    EXPECT_EQ(theStorageManagerService.LumChmod(p.c_str(), 0604, static_cast<int>(at("f").size()), &err), 0);
+    EXPECT_EQ(err, 0);
+    EXPECT_EQ(mode_of("f"), 0604u);
+    EXPECT_EQ(theStorageManagerService.LumChmod(p.c_str(), 0600, -1, &err), -1);
+    EXPECT_EQ(err, EINVAL);
+    EXPECT_EQ(theStorageManagerService.LumChmod(nullptr, 0600, 3, &err), -1);
+    EXPECT_EQ(err, EINVAL);
+    EXPECT_EQ(log.count("malloc failed or pPath is NULL!"), 2);
+    EXPECT_EQ(mode_of("f"), 0604u);
+}
+
+TEST_F(FileOps, LumOpenWriteSyncCloseReadRoundTrip)
+{
+    int32_t fd = open_file(at("io"), O_RDWR | O_CREAT);
+    ASSERT_GE(fd, 0);
+    EXPECT_EQ(fcntl(fd, F_GETFD) & FD_CLOEXEC, FD_CLOEXEC);  // kept out of the service's shells
+    EXPECT_EQ(Request(STROAGE_LUM_WRITE).i(fd).i(5).raw("hello").invoke(), le32({5}));
+    EXPECT_EQ(Request(STORAGE_LUM_SYNC).i(fd).invoke(), kTrue);
+    EXPECT_EQ(Request(STROAGE_LUM_CLOSE).i(fd).invoke(), le32({0}));
+    EXPECT_EQ(Request(STROAGE_LUM_CLOSE).i(fd).invoke(), le32({-1, EBADF}));
+    EXPECT_EQ(content("io"), "hello");
+
+    fd = open_file(at("io"), O_RDONLY);
+    ASSERT_GE(fd, 0);
+    // The count twice, then the bytes, padded to 4.
+    EXPECT_EQ(Request(STROAGE_LUM_READ).i(fd).i(100).invoke(), (le32({5, 5}) + cstring("hello")));
+    EXPECT_TRUE(log.has("Get report reply from storageManager 5"));
+    EXPECT_EQ(Request(STROAGE_LUM_READ).i(fd).i(100).invoke(), le32({0, 0}));  // end of file
+    EXPECT_EQ(Request(STROAGE_LUM_READ).i(fd).i(kMiB16).invoke(), le32({0, 0}));
+    EXPECT_EQ(Request(STROAGE_LUM_WRITE).i(fd).i(1).raw("x").invoke(), le32({-1, EBADF}));  // read-only
+    EXPECT_EQ(Request(STROAGE_LUM_CLOSE).i(fd).invoke(), le32({0}));
+    EXPECT_EQ(Request(STROAGE_LUM_READ).i(fd).i(4).invoke(), le32({-1, EBADF}));
+    EXPECT_EQ(Request(STORAGE_LUM_SYNC).i(fd).invoke(), kFalse);
+    EXPECT_EQ(Request(STROAGE_LUM_OPEN).s(at("missing")).i(O_RDONLY).i(0).invoke(), le32({-1, ENOENT}));
+    EXPECT_EQ(Request(STROAGE_LUM_OPEN).invoke(), le32({-1, EINVAL}));
+}
+
+TEST_F(FileOps, LumReadAndWriteSizesOutsideTheirBounds)
+{
+    int32_t fd = open_file(at("io"), O_RDWR | O_CREAT);
+    ASSERT_GE(fd, 0);
+    EXPECT_EQ(Request(STROAGE_LUM_READ).i(fd).i(-1).invoke(), le32({-1, EINVAL}));
+    EXPECT_EQ(Request(STROAGE_LUM_READ).i(fd).i(INT32_MIN).invoke(), le32({-1, EINVAL}));
+    EXPECT_EQ(Request(STROAGE_LUM_READ).i(fd).i(kMiB16 + 1).invoke(), le32({-1, ENOMEM}));
+    EXPECT_EQ(Request(STROAGE_LUM_READ).i(fd).i(INT32_MAX).invoke(), le32({-1, ENOMEM}));
+    EXPECT_EQ(log.count("malloc failed!"), 2);
+    EXPECT_EQ(Request(STROAGE_LUM_WRITE).i(fd).i(-1).raw("abcd").invoke(), le32({-1, EINVAL}));
+    EXPECT_EQ(Request(STROAGE_LUM_WRITE).i(fd).i(10).raw("abcd").invoke(), le32({-1, EINVAL}));
+    EXPECT_EQ(Request(STROAGE_LUM_WRITE).i(fd).i(INT32_MAX).raw("abcd").invoke(), le32({-1, EINVAL}));
+    EXPECT_EQ(Request(STROAGE_LUM_WRITE).i(fd).invoke(), le32({0}));  // no count reads 0: nothing to write
+    Request huge(STROAGE_LUM_WRITE);
+    huge.i(fd).i(kMiB16 + 1);
+    ASSERT_NE(huge.p.writeInplace(static_cast<size_t>(kMiB16) + 1), nullptr);
+    EXPECT_EQ(huge.invoke(), le32({-1, ENOMEM}));
+    EXPECT_EQ(content("io"), "");  // nothing was written
+    EXPECT_EQ(Request(STROAGE_LUM_WRITE).i(fd).i(0).invoke(), le32({0}));
+    EXPECT_EQ(Request(STROAGE_LUM_CLOSE).i(fd).invoke(), le32({0}));
+}

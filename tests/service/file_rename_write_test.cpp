@@ -1,0 +1,192 @@
+// RenameFile and WriteFile with the real rm, mv and chmod: result bytes,
+// events, and what is left on the disk.
+#include "file_ops_fixture.h"
+
+#include <cerrno>
+#include <sys/mount.h>
+
+using namespace file_ops_test;
+
+namespace {
+
+const Bytes kOk = {0};
+
+// A small file system of its own inside the scratch folder, for failures the
+// tools cannot be talked into otherwise. Needs the private mount namespace.
+class SmallVolume {
+public:
+    SmallVolume(const std::string& dir, const char* options) : m_dir(dir)
+    {
+        mkdir(dir.c_str(), 0755);
+        m_mounted = g_isolated && mount("tmpfs", dir.c_str(), "tmpfs", 0, options) == 0;
+    }
+    ~SmallVolume()
+    {
+        if (m_mounted)
+            umount2(m_dir.c_str(), MNT_DETACH);
+    }
+    bool mounted() const { return m_mounted; }
+    bool read_only() { return mount(nullptr, m_dir.c_str(), nullptr, MS_REMOUNT | MS_RDONLY, nullptr) == 0; }
+
+private:
+    std::string m_dir;
+    bool m_mounted;
+};
+
+}  // namespace
+
+TEST_F(FileOps, RenameMovesAFileAndTakesAnExistingDestinationsPlace)
+{
+    put("a", "alpha");
+    put("b", "beta");
+    EXPECT_TRUE(rename_file("a", "b", false));
+    EXPECT_FALSE(exists("a"));
+    EXPECT_EQ(content("b"), "alpha");
+    std::vector<std::string> lines = {"rm -f \"" + at("b") + "\"", "mv -f \"" + at("a") + "\" \"" + at("b") + "\""};
+    EXPECT_EQ(runs(), lines);
+    EXPECT_EQ(results(LUM_TV_EVT_STORAGE_RENAME_FILE), kOk);
+    EXPECT_TRUE(log.has("---: '" + at("a") + "' -> '" + at("b") + "'"));
+}
+
+TEST_F(FileOps, RenameOfARecordingMovesEveryCompanionInOrder)
+{
+    recording("old.ts");
+    EXPECT_TRUE(rename_file("old.ts", "new.ts", true));
+    EXPECT_EQ(entries("."), (std::set<std::string>{"cwd", "new.ts", "new.ts.desc", "new.ts.idx", "new.ts.idx.desc",
+                                                    "new.ts.xml", "new.ts.xml.sig"}));
+    EXPECT_EQ(content("new.ts.idx"), "companion old.ts.idx");
+    std::vector<std::string> r = runs();
+    ASSERT_EQ(r.size(), 7u);
+    const char* order[] = {".desc", ".idx", ".idx.desc", ".xml", ".xml.sig"};
+    for (int i = 0; i < 5; ++i) {
+        std::string s = order[i];
+        EXPECT_EQ(r[2 + i], "mv -f \"" + at("old.ts") + s + "\" \"" + at("new.ts") + s + "\"");
+    }
+
+    // Without a signature (or any companion) the rest still moves: result 0.
+    put("b.ts", "m");
+    put("b.ts.idx", "i");
+    put("b.ts.xml", "x");
+    EXPECT_TRUE(rename_file("b.ts", "c.ts", true));
+    EXPECT_TRUE(exists("c.ts.idx") && exists("c.ts.xml") && exists("c.ts"));
+    // Without the flag, companions stay where they are.
+    put("d.ts", "m");
+    put("d.ts.idx", "i");
+    EXPECT_TRUE(rename_file("d.ts", "e.ts", false));
+    EXPECT_TRUE(exists("d.ts.idx"));
+    EXPECT_EQ(results(LUM_TV_EVT_STORAGE_RENAME_FILE), (Bytes{0, 0, 0}));
+}
+
+TEST_F(FileOps, RenameOntoAProtectedFileChangesNothing)
+{
+    recording("src.ts");
+    put("dst.ts", "precious", 0444);
+    EXPECT_FALSE(rename_file("src.ts", "dst.ts", true));
+    EXPECT_EQ(results(LUM_TV_EVT_STORAGE_RENAME_FILE), (Bytes{2}));
+    EXPECT_TRUE(log.has("***E: the file is protected"));
+    EXPECT_EQ(content("dst.ts"), "precious");
+    EXPECT_EQ(entries(".").size(), 8u);
+    EXPECT_TRUE(runs().empty());
+
+    // A protected source may take a new name.
+    put("ro", "r", 0444);
+    EXPECT_TRUE(rename_file("ro", "ro2", false));
+    EXPECT_EQ(content("ro2"), "r");
+}
+
+TEST_F(FileOps, RenameToItselfOrAnotherNameOfItselfKeepsTheFile)
+{
+    put("same", "data");
+    EXPECT_FALSE(rename_file("same", "same", false));  // mv refuses: result 3
+    EXPECT_EQ(runs(), std::vector<std::string>{"mv -f \"" + at("same") + "\" \"" + at("same") + "\""});
+    // "/x//same" is the same file: removing it as the destination would lose it.
+    EXPECT_FALSE(rename_file("same", base + "//same", false));
+    EXPECT_EQ(content("same"), "data");
+    EXPECT_EQ(results(LUM_TV_EVT_STORAGE_RENAME_FILE), (Bytes{3, 3}));
+}
+
+TEST_F(FileOps, RenameOfAMissingSourceHasRemovedTheDestination)
+{
+    put("dst", "old");
+    EXPECT_FALSE(rename_file("missing", "dst", false));
+    EXPECT_EQ(results(LUM_TV_EVT_STORAGE_RENAME_FILE), (Bytes{3}));
+    EXPECT_FALSE(exists("dst"));
+    EXPECT_TRUE(log.has("***E: rc=1: "));
+}
+
+TEST_F(FileOps, RenameRefusesBuffersWithoutTwoAbsolutePaths)
+{
+    put("a", "x");
+    unsigned char unterminated[8] = {0, '/', 'a', 0, '/', 'b', 'c', 'd'};
+    EXPECT_FALSE(theStorageManagerService.RenameFile(unterminated, sizeof(unterminated)));
+    EXPECT_FALSE(theStorageManagerService.RenameFile(nullptr, 512));
+    unsigned char oneOnly[4] = {0, '/', 0, 0};
+    EXPECT_FALSE(theStorageManagerService.RenameFile(oneOnly, 3));
+    EXPECT_EQ(log.count("***E: the request holds no source and destination"), 3);
+    unsigned char relative[16] = {0, 'a', 0, '/', 'b', 0};
+    EXPECT_FALSE(theStorageManagerService.RenameFile(relative, sizeof(relative)));
+    EXPECT_TRUE(runs().empty());
+    EXPECT_EQ(results(LUM_TV_EVT_STORAGE_RENAME_FILE), (Bytes{3, 3, 3, 3}));
+}
+
+TEST_F(FileOps, WriteFileStoresEveryByte)
+{
+    std::string data("\0\x01\xff binary\n\r\0tail", 17);
+    EXPECT_TRUE(write_file("w.bin", data));
+    EXPECT_EQ(content("w.bin"), data);
+    EXPECT_TRUE(log.has("<FS>:  Write file was successful (fileSize=17): " + at("w.bin")));
+    put("old", std::string(1000, 'o'));
+    EXPECT_TRUE(write_file("old", "new"));
+    EXPECT_EQ(content("old"), "new");  // emptied first
+    EXPECT_TRUE(runs().empty());
+    EXPECT_EQ(results(LUM_TV_EVT_STORAGE_WRITE_FILE), (Bytes{0, 0}));
+}
+
+TEST_F(FileOps, WriteFileMakesAProtectedFileWritable)
+{
+    put("p", "before", 0444);
+    EXPECT_TRUE(write_file("p", "after"));
+    EXPECT_EQ(content("p"), "after");
+    EXPECT_EQ(mode_of("p"), 0666u);
+    EXPECT_EQ(runs(), std::vector<std::string>{"chmod a+w \"" + at("p") + "\""});
+    EXPECT_EQ(results(LUM_TV_EVT_STORAGE_WRITE_FILE), kOk);
+}
+
+TEST_F(FileOps, WriteFileWithoutDataOrIntoAMissingFolder)
+{
+    std::string p = at("none");
+    std::string buf = p + '\0' + "data";
+    auto* bytes = reinterpret_cast<const unsigned char*>(buf.data());
+    EXPECT_TRUE(theStorageManagerService.WriteFile(bytes, static_cast<int>(p.size() + 1)));
+    EXPECT_TRUE(theStorageManagerService.WriteFile(bytes, 0));
+    EXPECT_TRUE(theStorageManagerService.WriteFile(bytes, -4));
+    EXPECT_TRUE(theStorageManagerService.WriteFile(nullptr, 9));
+    EXPECT_EQ(log.count("***E: not enough input data"), 4);
+    EXPECT_FALSE(exists("none"));
+    // One byte of data is enough.
+    EXPECT_TRUE(theStorageManagerService.WriteFile(bytes, static_cast<int>(p.size() + 2)));
+    EXPECT_EQ(content("none"), "d");
+    EXPECT_TRUE(write_file("no/such/dir/f", "x"));
+    EXPECT_FALSE(exists("no"));
+    std::string rel = std::string("rel") + '\0' + "x";
+    theStorageManagerService.WriteFile(reinterpret_cast<const unsigned char*>(rel.data()), 5);
+    EXPECT_FALSE(exists("cwd/rel"));
+    EXPECT_EQ(results(LUM_TV_EVT_STORAGE_WRITE_FILE), (Bytes{1, 1, 1, 1, 0, 3, 3}));
+}
+
+TEST_F(FileOps, WriteFileOnAVolumeThatRefuses)
+{
+    SmallVolume ro(at("ro"), "size=64k");
+    SmallVolume full(at("full"), "size=8k");
+    if (!ro.mounted() || !full.mounted())
+        GTEST_SKIP() << "SKIPPED: needs the private mount namespace to mount small tmpfs volumes";
+    put("ro/p", "kept", 0444);
+    ASSERT_TRUE(ro.read_only());
+    EXPECT_TRUE(write_file("ro/p", "new"));  // chmod fails: still protected
+    EXPECT_TRUE(log.has("***E: the file is protected"));
+    EXPECT_EQ(content("ro/p"), "kept");
+    // A full disk shows when the buffered bytes are written out.
+    EXPECT_TRUE(write_file("full/big", std::string(64 * 1024, 'b')));
+    EXPECT_TRUE(log.has("***E: write failed: "));
+    EXPECT_EQ(results(LUM_TV_EVT_STORAGE_WRITE_FILE), (Bytes{2, 3}));
+}
