@@ -50,8 +50,15 @@ int run_shell(const char* line)
     posix_spawnattr_setsigmask(&attr, &none);
     posix_spawnattr_setsigdefault(&attr, &defaults);
     posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
+    // Standard input is /dev/null: no command ever waits for an answer (rm
+    // asks before it removes a write-protected file when its input is a
+    // terminal) and none reads what belongs to the hosting process.
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
     pid_t pid;
-    int err = posix_spawn(&pid, "/bin/sh", nullptr, &attr, argv, environ);
+    int err = posix_spawn(&pid, "/bin/sh", &actions, &attr, argv, environ);
+    posix_spawn_file_actions_destroy(&actions);
     posix_spawnattr_destroy(&attr);
     if (err != 0) {
         errno = err;

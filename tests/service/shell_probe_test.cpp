@@ -77,6 +77,23 @@ TEST(CallSystem, FoldsExitCodesAndSignalsIntoOneByte)
     EXPECT_EQ(call_system("exit 255"), 255);
 }
 
+TEST(CallSystem, CommandsReadNothingFromTheHostsInput)
+{
+    // Whatever the hosting process has on its input (here a pipe with a
+    // line waiting), a command reads end-of-file.
+    int fds[2];
+    ASSERT_EQ(pipe(fds), 0);
+    ASSERT_EQ(write(fds[1], "yes\n", 4), 4);
+    int saved = dup(STDIN_FILENO);
+    dup2(fds[0], STDIN_FILENO);
+    int rc = call_system("read line; test -z \"$line\"");
+    dup2(saved, STDIN_FILENO);
+    close(saved);
+    close(fds[0]);
+    close(fds[1]);
+    EXPECT_EQ(rc, 0);
+}
+
 TEST(CallSystem, RunsLinesUpTo510CharactersAndRefusesLonger)
 {
     REQUIRE_ISOLATION();
