@@ -1,6 +1,6 @@
 // Hub rows of the direct primitives: the answer is the result, and the
 // error number after a failure. Sizes are checked where they are read: a
-// negative one or more raw bytes than arrived is EINVAL, more than 16 MiB
+// negative one or more raw bytes than arrived is EINVAL, more than 8 MiB
 // counts as a failed allocation (ENOMEM).
 #include <cerrno>
 #include <cstdlib>
@@ -15,7 +15,9 @@
 #define HLOGI(fmt, ...) SLOG_TAG(ANDROID_LOG_INFO, STORAGE_TAG_HUB, fmt, ##__VA_ARGS__)
 #define HLOGE(fmt, ...) SLOG_TAG(ANDROID_LOG_ERROR, STORAGE_TAG_HUB, fmt, ##__VA_ARGS__)
 
-#define LUM_IO_MAX (16 << 20)  // bytes of one read or write
+// Bytes of one read or write: a read's reply must fit one frame of the
+// host's socket protocol (16 MiB) with room to spare.
+#define LUM_IO_MAX (8 << 20)
 
 namespace {
 

@@ -10,6 +10,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "ClientFds.h"
 #include "ServiceLog.h"
 #include "ShellProbe.h"
 #include "StorageManagerService.h"
@@ -106,18 +107,23 @@ int StorageManagerService::LumChmod(const char* pPath, mode_t mode, int len, int
 
 // The descriptor belongs to the service's process and would otherwise be
 // inherited by every shell it starts; close-on-exec keeps the client's file
-// out of them.
+// out of them. Only descriptors opened here are taken by the commands below.
 int StorageManagerService::LumOpen(const char* pPath, int flags, mode_t mode, int* pErr)
 {
     int fd = open(pPath, flags | O_CLOEXEC, mode);
     set_err(pErr, errno);
+    if (fd >= 0)
+        client_fd_add(fd);
     SLOGI("[%s, %d] open %s, return %d(%s)", shown(pPath), fd, strerror(errno));
     return fd;
 }
 
 int StorageManagerService::LumClose(int fd, int* pErr)
 {
-    int ret = close(fd);
+    int ret = -1;
+    errno = EBADF;
+    if (client_fd_remove(fd))
+        ret = close(fd);
     set_err(pErr, errno);
     SLOGI("[%s, %d] close %d, return %d(%s)", fd, ret, strerror(errno));
     return ret;
@@ -125,7 +131,10 @@ int StorageManagerService::LumClose(int fd, int* pErr)
 
 int StorageManagerService::LumRead(int fd, void* pBuf, size_t bytes, int* pErr)
 {
-    int ret = static_cast<int>(read(fd, pBuf, bytes));
+    int ret = -1;
+    errno = EBADF;
+    if (client_fd_known(fd))
+        ret = static_cast<int>(read(fd, pBuf, bytes));
     set_err(pErr, errno);
     SLOGI("[%s, %d] read %d, return %d(%s)", fd, ret, strerror(errno));
     return ret;
@@ -133,7 +142,10 @@ int StorageManagerService::LumRead(int fd, void* pBuf, size_t bytes, int* pErr)
 
 int StorageManagerService::LumWrite(int fd, void* pBuf, size_t bytes, int* pErr)
 {
-    int ret = static_cast<int>(write(fd, pBuf, bytes));
+    int ret = -1;
+    errno = EBADF;
+    if (client_fd_known(fd))
+        ret = static_cast<int>(write(fd, pBuf, bytes));
     set_err(pErr, errno);
     SLOGI("[%s, %d] write %d, return %d\n", fd, ret);
     return ret;
@@ -141,5 +153,9 @@ int StorageManagerService::LumWrite(int fd, void* pBuf, size_t bytes, int* pErr)
 
 int StorageManagerService::LumSync(int fd)
 {
+    if (!client_fd_known(fd)) {
+        errno = EBADF;
+        return -1;
+    }
     return syncfs(fd);
 }

@@ -10,7 +10,7 @@ using namespace file_ops_test;
 
 namespace {
 
-const int32_t kMiB16 = 16 << 20;
+const int32_t kIoMax = 8 << 20;  // the largest read or write a client may ask for
 
 // A cstring as a Parcel holds it: terminated, padded with zeros to 4.
 Bytes cstring(const std::string& text)
@@ -135,7 +135,7 @@ TEST_F(FileOps, LumOpenWriteSyncCloseReadRoundTrip)
     EXPECT_EQ(Request(STROAGE_LUM_READ).i(fd).i(100).invoke(), (le32({5, 5}) + cstring("hello")));
     EXPECT_TRUE(log.has("Get report reply from storageManager 5"));
     EXPECT_EQ(Request(STROAGE_LUM_READ).i(fd).i(100).invoke(), le32({0, 0}));  // end of file
-    EXPECT_EQ(Request(STROAGE_LUM_READ).i(fd).i(kMiB16).invoke(), le32({0, 0}));
+    EXPECT_EQ(Request(STROAGE_LUM_READ).i(fd).i(kIoMax).invoke(), le32({0, 0}));
     EXPECT_EQ(Request(STROAGE_LUM_WRITE).i(fd).i(1).raw("x").invoke(), le32({-1, EBADF}));  // read-only
     EXPECT_EQ(Request(STROAGE_LUM_CLOSE).i(fd).invoke(), le32({0}));
     EXPECT_EQ(Request(STROAGE_LUM_READ).i(fd).i(4).invoke(), le32({-1, EBADF}));
@@ -144,13 +144,32 @@ TEST_F(FileOps, LumOpenWriteSyncCloseReadRoundTrip)
     EXPECT_EQ(Request(STROAGE_LUM_OPEN).invoke(), le32({-1, EINVAL}));
 }
 
+TEST_F(FileOps, DescriptorsNotOpenedByAClientAreOutOfReach)
+{
+    // The service's own descriptors (here a pipe of this process standing
+    // for its sockets and queues) cannot be read, written, synced or closed.
+    int own[2];
+    ASSERT_EQ(pipe(own), 0);
+    EXPECT_EQ(Request(STROAGE_LUM_WRITE).i(own[1]).i(1).raw("x").invoke(), le32({-1, EBADF}));
+    EXPECT_EQ(Request(STROAGE_LUM_READ).i(own[0]).i(1).invoke(), le32({-1, EBADF}));
+    EXPECT_EQ(Request(STORAGE_LUM_SYNC).i(own[0]).invoke(), kFalse);
+    EXPECT_EQ(Request(STROAGE_LUM_CLOSE).i(own[0]).invoke(), le32({-1, EBADF}));
+    EXPECT_NE(fcntl(own[0], F_GETFD), -1);  // still open
+    EXPECT_EQ(write(own[1], "y", 1), 1);
+    char c = 0;
+    EXPECT_EQ(read(own[0], &c, 1), 1);
+    EXPECT_EQ(c, 'y');
+    close(own[0]);
+    close(own[1]);
+}
+
 TEST_F(FileOps, LumReadAndWriteSizesOutsideTheirBounds)
 {
     int32_t fd = open_file(at("io"), O_RDWR | O_CREAT);
     ASSERT_GE(fd, 0);
     EXPECT_EQ(Request(STROAGE_LUM_READ).i(fd).i(-1).invoke(), le32({-1, EINVAL}));
     EXPECT_EQ(Request(STROAGE_LUM_READ).i(fd).i(INT32_MIN).invoke(), le32({-1, EINVAL}));
-    EXPECT_EQ(Request(STROAGE_LUM_READ).i(fd).i(kMiB16 + 1).invoke(), le32({-1, ENOMEM}));
+    EXPECT_EQ(Request(STROAGE_LUM_READ).i(fd).i(kIoMax + 1).invoke(), le32({-1, ENOMEM}));
     EXPECT_EQ(Request(STROAGE_LUM_READ).i(fd).i(INT32_MAX).invoke(), le32({-1, ENOMEM}));
     EXPECT_EQ(log.count("malloc failed!"), 2);
     EXPECT_EQ(Request(STROAGE_LUM_WRITE).i(fd).i(-1).raw("abcd").invoke(), le32({-1, EINVAL}));
@@ -158,8 +177,8 @@ TEST_F(FileOps, LumReadAndWriteSizesOutsideTheirBounds)
     EXPECT_EQ(Request(STROAGE_LUM_WRITE).i(fd).i(INT32_MAX).raw("abcd").invoke(), le32({-1, EINVAL}));
     EXPECT_EQ(Request(STROAGE_LUM_WRITE).i(fd).invoke(), le32({0}));  // no count reads 0: nothing to write
     Request huge(STROAGE_LUM_WRITE);
-    huge.i(fd).i(kMiB16 + 1);
-    ASSERT_NE(huge.p.writeInplace(static_cast<size_t>(kMiB16) + 1), nullptr);
+    huge.i(fd).i(kIoMax + 1);
+    ASSERT_NE(huge.p.writeInplace(static_cast<size_t>(kIoMax) + 1), nullptr);
     EXPECT_EQ(huge.invoke(), le32({-1, ENOMEM}));
     EXPECT_EQ(content("io"), "");  // nothing was written
     EXPECT_EQ(Request(STROAGE_LUM_WRITE).i(fd).i(0).invoke(), le32({0}));
