@@ -1,5 +1,7 @@
 #include "ctl_run.h"
 
+#include <gtest/gtest.h>
+
 #include <cstdio>
 #include <cstdlib>
 
@@ -35,6 +37,21 @@ CtlRun ctl(const std::string& socket, std::vector<std::string> words)
     fclose(out);
     fclose(err);
     return CtlRun{code, take(out_buf, out_len), take(err_buf, err_len)};
+}
+
+void expect_runs(const std::string& socket, std::initializer_list<Expect> cases)
+{
+    for (const Expect& c : cases) {
+        std::string words;
+        for (const std::string& w : c.words)
+            words += w + " ";
+        CtlRun r = ctl(socket, c.words);
+        EXPECT_EQ(c.code, r.code) << words << r.err;
+        EXPECT_EQ(c.out, r.out) << words;
+        if (c.err != nullptr) {
+            EXPECT_TRUE(has(r.err, c.err)) << words << r.err;
+        }
+    }
 }
 
 bool has(const std::string& text, const std::string& part)
