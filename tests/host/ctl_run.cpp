@@ -23,6 +23,11 @@ std::string take(char* buf, size_t len)
 
 CtlRun ctl(const std::string& socket, std::vector<std::string> words)
 {
+    return ctl_input(socket, std::move(words), "");
+}
+
+CtlRun ctl_input(const std::string& socket, std::vector<std::string> words, const std::string& input)
+{
     words.insert(words.begin(), {"lumstoragectl", "--socket", socket});
     std::vector<char*> argv;
     for (std::string& w : words)
@@ -33,7 +38,10 @@ CtlRun ctl(const std::string& socket, std::vector<std::string> words)
     size_t out_len = 0, err_len = 0;
     FILE* out = open_memstream(&out_buf, &out_len);
     FILE* err = open_memstream(&err_buf, &err_len);
-    int code = lumctl::ctl_main(static_cast<int>(words.size()), argv.data(), out, err);
+    std::string in_buf = input;
+    FILE* in = in_buf.empty() ? fopen("/dev/null", "rb") : fmemopen(&in_buf[0], in_buf.size(), "rb");
+    int code = lumctl::ctl_main(static_cast<int>(words.size()), argv.data(), in, out, err);
+    fclose(in);
     fclose(out);
     fclose(err);
     return CtlRun{code, take(out_buf, out_len), take(err_buf, err_len)};

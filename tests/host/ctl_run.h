@@ -15,6 +15,8 @@ struct CtlRun {
 
 // lumstoragectl --socket SOCK words...
 CtlRun ctl(const std::string& socket, std::vector<std::string> words);
+// The same with input as standard input.
+CtlRun ctl_input(const std::string& socket, std::vector<std::string> words, const std::string& input);
 
 // One run of a table: its words, exit code, standard output and a part of
 // standard error (null: not looked at).
