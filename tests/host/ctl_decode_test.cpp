@@ -135,6 +135,41 @@ TEST(CtlEvent, DecodersByIdWithHexForTheRest)
     EXPECT_EQ("hex=0 bytes;", summary(lumctl::decode_event(LUM_TV_EVT_STORAGE_MKDIRS, nullptr, 0)));
 }
 
+TEST(CtlEvent, ResultBytesDecodeToTheirWords)
+{
+    struct Case {
+        int32_t id;
+        uint8_t result;
+        const char* fields;  // as watch shows them
+    };
+    const Case cases[] = {
+        {LUM_TV_EVT_STORAGE_CREATE_DIR, 0, "result=0 (created or exists);"},
+        {LUM_TV_EVT_STORAGE_CREATE_DIR, 9, "result=9 (created, but touch failed);"},
+        {LUM_TV_EVT_STORAGE_DELETE_DIR, 2, "result=2 (rmdir or rm -rf failed);"},
+        {LUM_TV_EVT_STORAGE_DELETE_DIR, 7, "result=7 (failed);"},
+        {LUM_TV_EVT_STORAGE_DELETE_FILE, 2, "result=2 (protected);"},
+        {LUM_TV_EVT_STORAGE_SET_PROTECTED, 1, "result=1 (bad mode byte);"},
+        {LUM_TV_EVT_STORAGE_COPY, 5, "result=5 (busy: another copy is running);"},
+        {LUM_TV_EVT_STORAGE_COPY, 255, "result=255 (source not a directory or destination exists);"},
+        {LUM_TV_EVT_STORAGE_COPY, 28, "result=28 (cp failed);"},
+        {LUM_TV_EVT_STORAGE_RENAME_FILE, 2, "result=2 (destination protected);"},
+        {LUM_TV_EVT_STORAGE_MOVE_FILE, 3, "result=3 (failed);"},
+        {LUM_TV_EVT_STORAGE_WRITE_FILE, 1, "result=1 (not enough input data);"},
+        {LUM_TV_EVT_STORAGE_OUT_OF_SPACE, 0x11, "command=17 (copy);"},
+    };
+    for (const Case& c : cases) {
+        lumctl::Decoded d = lumctl::decode_event(c.id, &c.result, 1);
+        EXPECT_EQ(c.fields, summary(d)) << c.id;
+        EXPECT_TRUE(d.complete && d.rest.empty()) << c.id;
+        // JSON keeps the number alone.
+        EXPECT_EQ("{\"" + d.fields[0].name + "\":" + std::to_string(c.result) + "}", lumctl::fields_json(d));
+    }
+    // An empty payload is short; bytes behind the result are kept.
+    EXPECT_FALSE(lumctl::decode_event(LUM_TV_EVT_STORAGE_COPY, nullptr, 0).complete);
+    const Bytes two = {0, 7};
+    EXPECT_EQ(Bytes{7}, lumctl::decode_event(LUM_TV_EVT_STORAGE_MOVE_FILE, two.data(), two.size()).rest);
+}
+
 // Output of one print call, through a memory stream.
 template <typename Fn>
 std::string capture(bool json, Fn fn)

@@ -20,11 +20,7 @@ using hosttest::ctl;
 using hosttest::CtlRun;
 using hosttest::has;
 
-struct Expect {
-    std::vector<std::string> words;
-    int code;
-    const char* out;
-};
+using hosttest::Expect;
 
 class CtlPvr : public ::testing::Test {
 protected:
@@ -35,15 +31,7 @@ protected:
     }
     void TearDown() override { fakesvc::reset_pvr(); }
     CtlRun run(std::vector<std::string> words) { return ctl(srv.config.socket_path, std::move(words)); }
-    // Runs each case in order: its exit code and standard output.
-    void expect_all(std::initializer_list<Expect> cases)
-    {
-        for (const Expect& c : cases) {
-            CtlRun r = run(c.words);
-            EXPECT_EQ(c.code, r.code) << c.words[1] << " " << r.err;
-            EXPECT_EQ(c.out, r.out) << c.words[1];
-        }
-    }
+    void expect_all(std::initializer_list<Expect> cases) { hosttest::expect_runs(srv.config.socket_path, cases); }
     hosttest::TestServer srv;
 };
 

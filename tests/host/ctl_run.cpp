@@ -1,5 +1,7 @@
 #include "ctl_run.h"
 
+#include <gtest/gtest.h>
+
 #include <cstdio>
 #include <cstdlib>
 
@@ -21,6 +23,11 @@ std::string take(char* buf, size_t len)
 
 CtlRun ctl(const std::string& socket, std::vector<std::string> words)
 {
+    return ctl_input(socket, std::move(words), "");
+}
+
+CtlRun ctl_input(const std::string& socket, std::vector<std::string> words, const std::string& input)
+{
     words.insert(words.begin(), {"lumstoragectl", "--socket", socket});
     std::vector<char*> argv;
     for (std::string& w : words)
@@ -31,10 +38,28 @@ CtlRun ctl(const std::string& socket, std::vector<std::string> words)
     size_t out_len = 0, err_len = 0;
     FILE* out = open_memstream(&out_buf, &out_len);
     FILE* err = open_memstream(&err_buf, &err_len);
-    int code = lumctl::ctl_main(static_cast<int>(words.size()), argv.data(), out, err);
+    std::string in_buf = input;
+    FILE* in = in_buf.empty() ? fopen("/dev/null", "rb") : fmemopen(&in_buf[0], in_buf.size(), "rb");
+    int code = lumctl::ctl_main(static_cast<int>(words.size()), argv.data(), in, out, err);
+    fclose(in);
     fclose(out);
     fclose(err);
     return CtlRun{code, take(out_buf, out_len), take(err_buf, err_len)};
+}
+
+void expect_runs(const std::string& socket, std::initializer_list<Expect> cases)
+{
+    for (const Expect& c : cases) {
+        std::string words;
+        for (const std::string& w : c.words)
+            words += w + " ";
+        CtlRun r = ctl(socket, c.words);
+        EXPECT_EQ(c.code, r.code) << words << r.err;
+        EXPECT_EQ(c.out, r.out) << words;
+        if (c.err != nullptr) {
+            EXPECT_TRUE(has(r.err, c.err)) << words << r.err;
+        }
+    }
 }
 
 bool has(const std::string& text, const std::string& part)

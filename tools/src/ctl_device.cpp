@@ -18,14 +18,6 @@ std::string seconds_text(double seconds)
     return buf;
 }
 
-std::string subject(const DeviceCall& call)
-{
-    std::string out = call.sub;
-    for (const std::string& operand : call.args.operands)
-        out += " " + operand;
-    return out;
-}
-
 std::string refusal_text(const CtlReply& reply)
 {
     if (reply.result != 0)
@@ -53,6 +45,14 @@ int wait_reply(int fd, const EventQuery& query, CtlReply* reply, std::string* er
 }
 
 }  // namespace
+
+std::string subject(const DeviceCall& call)
+{
+    std::string out = call.sub;
+    for (const std::string& operand : call.args.operands)
+        out += " " + operand;
+    return out;
+}
 
 int device_args(const CtlContext& ctx, DeviceCall* call, const char* what, size_t want,
                 double timeout, int argc, char** argv)
@@ -120,6 +120,16 @@ int direct_run(const CtlContext& ctx, const DeviceCall& call, const std::vector<
     std::string error;
     if (device_query(call, fields, {}, nullptr, &query, &error) != 0)
         return usage_error(ctx, error);
+    return direct_request(ctx, call, query.request, reply);
+}
+
+int direct_request(const CtlContext& ctx, const DeviceCall& call, const std::vector<uint8_t>& request,
+                   CtlReply* reply)
+{
+    EventQuery query;
+    query.request = request;
+    device_wait(call, {}, nullptr, &query);
+    std::string error;
     int fd = ctl_connect(ctx.socket_path);
     if (fd < 0)
         return protocol_error(ctx, subject(call) + ": connect " + ctx.socket_path + ": " + strerror(-fd));
@@ -130,6 +140,18 @@ int direct_run(const CtlContext& ctx, const DeviceCall& call, const std::vector<
     if (rc == 1 && reply->result != 0)
         error = refusal_text(*reply);
     return rc == 1 && reply->result == 0 ? kExitOk : protocol_error(ctx, subject(call) + ": " + error);
+}
+
+int run_word(const CtlContext& ctx, const char* sub, const WordRow* rows, size_t count, int argc, char** argv)
+{
+    std::string words;
+    for (size_t i = 0; i < count; ++i) {
+        if (argc > 0 && strcmp(argv[0], rows[i].word) == 0)
+            return rows[i].run(ctx, argc - 1, argv + 1);
+        words += (i > 0 ? ", " : "") + std::string(rows[i].word);
+    }
+    std::string what = argc > 0 ? std::string("unknown word '") + argv[0] + "'" : "a word is missing";
+    return usage_error(ctx, std::string(sub) + ": " + what + " (" + words + ")");
 }
 
 CtlContext device_context(const CtlContext& ctx, const DeviceCall& call)

@@ -63,6 +63,21 @@ int device_report(const CtlContext& ctx, const DeviceCall& call, const QueryOutc
 // result other than 0 included) and returns kExitProtocol.
 int direct_run(const CtlContext& ctx, const DeviceCall& call, const std::vector<std::string>& fields,
                CtlReply* reply);
+// The same for a request the caller built.
+int direct_request(const CtlContext& ctx, const DeviceCall& call, const std::vector<uint8_t>& request,
+                   CtlReply* reply);
+
+// A word of a subcommand with words of its own (pvr state, fd open).
+struct WordRow {
+    const char* word;
+    int (*run)(const CtlContext& ctx, int argc, char** argv);
+};
+// Runs the row of argv[0] with the words behind it; a usage error naming
+// the words of rows when there is none.
+int run_word(const CtlContext& ctx, const char* sub, const WordRow* rows, size_t count, int argc, char** argv);
+
+// "rm /a/b": the subcommand and its operands, for messages.
+std::string subject(const DeviceCall& call);
 
 // "mounted /mnt/usb/sdb1 (vfat, label KINGSTON)" from a DEV_MOUNT event,
 // "unmounted /mnt/usb/sdb1" from a DEV_UMOUNT event.

@@ -48,15 +48,38 @@ const char kUsage[] =
     "                   .xml and dot names, 4-7 as 3 and regular files), --no-tags\n"
     "                   skips tags and playlists (filter 1 unless --filter is given)\n"
     "  cover FOLDER FILE  the link the service makes to FILE's cover\n"
+    "File subcommands (absolute paths, as the service sees them), each printing\n"
+    "the result's meaning; a result other than 0 exits 1:\n"
+    "  mkdir PATH       creates a directory and its missing parents\n"
+    "  rm [--recording] PATH  removes a file; --recording also PATH's .desc, .idx,\n"
+    "                   .idx.desc and .xml (.xml.sig stays)\n"
+    "  rm -r PATH       removes a tree;  rmdir PATH  removes an empty directory\n"
+    "  protect PATH / unprotect PATH  sets or lifts write protection (98 bytes at most)\n"
+    "  cp [--recording|-r] SRC DST  copies a file, a recording with its companions\n"
+    "                   or a tree (SRC at most 99 bytes, DST 256) and waits for the end\n"
+    "  cp --cancel      stops a running tree copy and returns at once\n"
+    "  cp --direct [-r] SRC DST  copies on the request's own thread, no reason on failure\n"
+    "  mv SRC DST [--recording] / rename SRC DST [--recording]  moves or renames\n"
+    "  write PATH [FILE|-]  writes FILE (or standard input) into PATH\n"
+    "Direct commands, answered by their reply:\n"
+    "  exec [--capture] [--] COMMAND...  runs a shell command in the daemon (its\n"
+    "                   result; --capture: its first 1024 bytes of output)\n"
+    "  chmod PATH MODE  MODE in octal\n"
+    "  fd open PATH FLAGS MODE  FLAGS like O_WRONLY|O_CREAT or a number; prints the fd,\n"
+    "                   which stays open in the daemon until fd close\n"
+    "  fd close FD, fd read FD BYTES (raw to standard output; --json: hex),\n"
+    "  fd write FD [FILE|-], fd sync FD\n"
     "  --timeout S waits at most S seconds (mount, umount and pvr mark 60, format\n"
-    "  and pvr mark --format 600, ls 30, the others 20).\n"
+    "  and pvr mark --format 600, ls 30, cp and mv 3600, rm -r and exec 600, the\n"
+    "  other file subcommands 60, the others 20).\n"
     "  A refused request or a time-out exits 1, as does a format that fails.\n"
     "  Command names (dev-mount, 4109) still send the command itself and print\n"
     "  its reply.\n"
     "The socket defaults to $LUMSTORAGED_SOCKET, else /run/lumstorage/lumstoraged.sock.\n"
-    "Exit: 0 done, 1 connection or protocol error, 2 usage error, 3 the service\n"
-    "answered no (pvr: a verdict other than success, no PVR partition or path,\n"
-    "no size, a limit it did not take; cover: a status other than 0).\n";
+    "Exit: 0 done, 1 connection or protocol error, or a failed file operation, 2\n"
+    "usage error (nothing was sent), 3 the service answered no (pvr: a verdict\n"
+    "other than success, no PVR partition or path, no size, a limit it did not\n"
+    "take; cover: a status other than 0).\n";
 
 int run_help(const CtlContext& ctx, int, char**)
 {
@@ -75,7 +98,10 @@ const SubcommandRow kSubcommands[] = {
     {"--help", run_help},   {"-h", run_help},       {"volumes", run_volumes}, {"devinfo", run_devinfo},
     {"mount", run_mount},   {"umount", run_umount}, {"size", run_size},     {"used", run_used},
     {"free", run_free},     {"uuid", run_uuid},     {"pvr", run_pvr},       {"format", run_format},
-    {"bench", run_bench},   {"ls", run_ls},         {"cover", run_cover},
+    {"bench", run_bench},   {"ls", run_ls},         {"cover", run_cover},   {"mkdir", run_mkdir},
+    {"rm", run_rm},         {"rmdir", run_rmdir},   {"protect", run_protect}, {"unprotect", run_unprotect},
+    {"mv", run_mv},         {"rename", run_rename}, {"write", run_write},   {"cp", run_cp},
+    {"exec", run_exec},     {"chmod", run_chmod},   {"fd", run_fd},
 };
 
 // Consumes the global options; returns the index of the command word, or
@@ -183,8 +209,14 @@ int run_list(const CtlContext& ctx, int, char**)
 
 int ctl_main(int argc, char** argv, FILE* out, FILE* err)
 {
+    return ctl_main(argc, argv, stdin, out, err);
+}
+
+int ctl_main(int argc, char** argv, FILE* in, FILE* out, FILE* err)
+{
     CtlContext ctx;
     ctx.socket_path = lumproto::default_socket_path();
+    ctx.in = in;
     ctx.out = out;
     ctx.err = err;
     int i = parse_globals(&ctx, argc, argv);

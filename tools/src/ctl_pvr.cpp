@@ -109,12 +109,7 @@ int pvr_total(const CtlContext& ctx, int argc, char** argv)
     return mb > 0 ? kExitOk : kExitNo;
 }
 
-struct PvrWord {
-    const char* word;
-    int (*run)(const CtlContext& ctx, int argc, char** argv);
-};
-
-const PvrWord kPvrWords[] = {
+const WordRow kPvrWords[] = {
     {"state", pvr_state},  {"path", pvr_path},         {"available", pvr_available}, {"total", pvr_total},
     {"mark", run_pvr_mark}, {"guide", run_pvr_guide}, {"limit", run_pvr_limit},
 };
@@ -129,12 +124,7 @@ const char* verdict_name(int32_t verdict)
 
 int run_pvr(const CtlContext& ctx, int argc, char** argv)
 {
-    for (const PvrWord& w : kPvrWords) {
-        if (argc > 0 && strcmp(argv[0], w.word) == 0)
-            return w.run(ctx, argc - 1, argv + 1);
-    }
-    std::string what = argc > 0 ? std::string("unknown word '") + argv[0] + "'" : "a word is missing";
-    return usage_error(ctx, "pvr: " + what + " (state, path, available, total, mark, guide, limit)");
+    return run_word(ctx, "pvr", kPvrWords, sizeof(kPvrWords) / sizeof(kPvrWords[0]), argc, argv);
 }
 
 }  // namespace lumctl

@@ -1,9 +1,11 @@
 // Event payload decoders. To decode another event, write a function that
-// fills a Decoded from the bytes and add a row to kDecoders.
+// fills a Decoded from the bytes and add a row to kDecoders; an event whose
+// payload is one result byte takes a row in file_results.cpp instead.
 #include "lumctl/event_decoders.h"
 
 #include "lumctl/bench_decoders.h"
 #include "lumctl/device_decoders.h"
+#include "lumctl/file_results.h"
 #include "lumctl/listing_decoders.h"
 #include "lumctl/pvr_decoders.h"
 
@@ -106,6 +108,7 @@ const DecoderRow kDecoders[] = {
     {LUM_TV_EVT_STORAGE_DISCONNECT, decode_guide},
     {LUM_TV_EVT_STORAGE_READ_DIRS, decode_listing_block},
     {LUM_TV_EVT_STORAGE_EXTRACT_COVER, decode_cover},
+    {LUM_TV_EVT_STORAGE_OUT_OF_SPACE, decode_out_of_space},
 };
 
 const DecoderRow* find_decoder(int32_t id)
@@ -132,11 +135,11 @@ Decoded decode_event(int32_t id, const uint8_t* data, size_t len)
 {
     Decoded out;
     const DecoderRow* row = find_decoder(id);
-    if (row == nullptr) {
+    if (row == nullptr && !is_result_event(id)) {
         add_bytes(&out, "hex", data, len);
         return out;
     }
-    size_t used = row->decode(data, len, &out);
+    size_t used = row != nullptr ? row->decode(data, len, &out) : decode_result_event(id, data, len, &out);
     if (used == 0) {
         out.fields.clear();
         out.complete = false;

@@ -63,7 +63,7 @@ struct Waiter {
     {
         out->reply = reply;
         replied = true;
-        if (!reply_accepted(reply))
+        if (!(query.accepts ? query.accepts(reply) : reply_accepted(reply)))
             return false;
         for (const CtlEvent& event : early) {
             if (query.on_event(event) == EventStep::kDone) {
@@ -129,6 +129,8 @@ QueryOutcome event_query_on(int fd, const EventQuery& query)
         }
         if (in.is_reply && !waiter.accept(in.reply, &done))
             return finish(&out, QueryStatus::kRefused);
+        if (in.is_reply && query.after_reply_ms >= 0)
+            deadline = std::min(deadline, now_seconds() + query.after_reply_ms / 1000.0);
         if (!in.is_reply)
             done = waiter.take(in.event);
         if (done)

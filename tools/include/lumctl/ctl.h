@@ -23,11 +23,14 @@ enum ExitCode {
 struct CtlContext {
     std::string socket_path;
     bool json = false;
+    FILE* in = stdin;  // data of write and fd write with "-"
     FILE* out = nullptr;
     FILE* err = nullptr;
 };
 
 int ctl_main(int argc, char** argv, FILE* out, FILE* err);
+// The same with in as standard input.
+int ctl_main(int argc, char** argv, FILE* in, FILE* out, FILE* err);
 
 // Subcommands; args start behind the subcommand's own word.
 int run_list(const CtlContext& ctx, int argc, char** argv);
@@ -57,6 +60,22 @@ int run_bench(const CtlContext& ctx, int argc, char** argv);
 // cover FOLDER FILE: the link to a media file's cover (ctl_cover.cpp).
 int run_ls(const CtlContext& ctx, int argc, char** argv);
 int run_cover(const CtlContext& ctx, int argc, char** argv);
+
+// File subcommands: one request, one result byte by event (ctl_files.cpp,
+// ctl_copy.cpp); exec, chmod and fd answer by their reply alone
+// (ctl_exec.cpp, ctl_fd.cpp). A failed result exits 1.
+int run_mkdir(const CtlContext& ctx, int argc, char** argv);
+int run_rm(const CtlContext& ctx, int argc, char** argv);
+int run_rmdir(const CtlContext& ctx, int argc, char** argv);
+int run_protect(const CtlContext& ctx, int argc, char** argv);
+int run_unprotect(const CtlContext& ctx, int argc, char** argv);
+int run_mv(const CtlContext& ctx, int argc, char** argv);
+int run_rename(const CtlContext& ctx, int argc, char** argv);
+int run_write(const CtlContext& ctx, int argc, char** argv);
+int run_cp(const CtlContext& ctx, int argc, char** argv);
+int run_exec(const CtlContext& ctx, int argc, char** argv);
+int run_chmod(const CtlContext& ctx, int argc, char** argv);
+int run_fd(const CtlContext& ctx, int argc, char** argv);
 
 // Renderings, one line per event; a reply is several lines of text or one
 // JSON object. row may be null (a raw word with no row).

@@ -29,6 +29,14 @@ struct EventQuery {
     // Optional: called with each reply of more_requests (its index in
     // more_requests), once the first reply accepted the request.
     std::function<EventStep(size_t index, const CtlReply& reply)> on_more_reply;
+    // Optional: whether the reply accepted the request, instead of
+    // reply_accepted(). Commands the service runs on the caller's thread
+    // send their result event before the reply, even when the reply is
+    // false.
+    std::function<bool(const CtlReply& reply)> accepts;
+    // 0 or more: once the reply accepted the request, the wait ends at most
+    // this many milliseconds after it (the events were sent before it).
+    int after_reply_ms = -1;
 };
 
 enum class QueryStatus {

@@ -1,0 +1,128 @@
+// cp: a file, a recording with its companions (--recording) or a tree (-r)
+// copied by the service's copy engine and followed to its end event;
+// cp --cancel stops a running tree copy; cp --direct copies on the
+// caller's thread and answers by its reply alone.
+#include <StorageEvents.h>
+
+#include "ctl_pvr.h"
+#include "file_op.h"
+#include "lumctl/file_requests.h"
+#include "lumctl/volume_table.h"
+
+namespace lumctl {
+
+namespace {
+
+struct CpFlags {
+    bool tree = false;
+    bool recording = false;
+    bool direct = false;
+    bool cancel = false;
+};
+
+// The copy engine joins a tree's entries to both roots as they are, so both
+// end in "/".
+std::string with_slash(const std::string& path)
+{
+    return !path.empty() && path.back() == '/' ? path : path + "/";
+}
+
+// True when the reply is result 0 and carries a bool (its value in *value).
+bool reply_bool(const CtlReply& reply, bool* value)
+{
+    int32_t raw = 0;
+    if (ReplyParcel(reply).parcel.readInt32(&raw) != android::OK)
+        return false;
+    *value = raw != 0;
+    return true;
+}
+
+// Sends the cancel and returns: no event answers it.
+int cancel(const CtlContext& ctx, int argc, char** argv)
+{
+    DeviceCall call{"cp --cancel", "STORAGE_COPY", {}};
+    int rc = device_args(ctx, &call, "", 0, kQueryTimeoutSeconds, argc, argv);
+    Bytes request;
+    std::string error;
+    if (rc != kExitOk || (rc = build_copy_cancel(&request, &error)) != 0)
+        return rc != kExitOk ? rc : usage_error(ctx, error);
+    CtlReply reply;
+    bool queued = false;
+    if ((rc = direct_request(ctx, call, request, &reply)) != kExitOk)
+        return rc;
+    if (!reply_bool(reply, &queued))
+        return protocol_error(ctx, "cp --cancel: the reply holds no bool");
+    if (device_context(ctx, call).json)
+        fprintf(ctx.out, "{\"cancel\":true,\"queued\":%s}\n", queued ? "true" : "false");
+    else if (queued)
+        fprintf(ctx.out, "cancel sent (a running tree copy stops before its next entry)\n");
+    return queued ? kExitOk : protocol_error(ctx, "cp --cancel: the service did not queue the cancel");
+}
+
+// STORAGE_COPY_FILE / STORAGE_COPY_DIRS: true or false, no reason.
+int direct_copy(const CtlContext& ctx, DeviceCall* call, const std::string& src, const std::string& dst, bool tree)
+{
+    call->sub = "cp --direct";
+    call->command = tree ? "STORAGE_COPY_DIRS" : "STORAGE_COPY_FILE";
+    Bytes request;
+    std::string error;
+    if (build_copy_direct(src, dst, tree, &request, &error) != 0)
+        return usage_error(ctx, "cp: " + error);
+    CtlReply reply;
+    bool ok = false;
+    int rc = direct_request(ctx, *call, request, &reply);
+    if (rc != kExitOk)
+        return rc;
+    if (!reply_bool(reply, &ok))
+        return protocol_error(ctx, "cp --direct: the reply holds no bool");
+    const CtlContext local = device_context(ctx, *call);
+    if (local.json)
+        fprintf(ctx.out, "%s\n", JsonLine().str("source", src).str("destination", dst).flag("ok", ok).done().c_str());
+    else
+        fprintf(ctx.out, "%s: %s\n", printable(subject(*call)).c_str(),
+                ok ? "done" : "failed (the reply gives no reason)");
+    return ok ? kExitOk : kExitProtocol;
+}
+
+int check_flags(const CtlContext& ctx, const CpFlags& f, const std::string& src)
+{
+    if (f.tree && f.recording)
+        return usage_error(ctx, "cp: -r copies a tree, --recording a recording's files: give one of them");
+    if (f.direct && f.recording)
+        return usage_error(ctx, "cp: --direct copies no companions: leave out --recording or --direct");
+    if (!f.tree && !src.empty() && src.back() == '/')
+        return usage_error(ctx, "cp: '" + src + "' ends in '/': a directory takes cp -r");
+    return kExitOk;
+}
+
+}  // namespace
+
+int run_cp(const CtlContext& ctx, int argc, char** argv)
+{
+    std::vector<bool> seen;
+    std::vector<char*> rest = take_flags(argc, argv, {"-r", "--recording", "--direct", "--cancel"}, &seen);
+    const CpFlags f{seen[0], seen[1], seen[2], seen[3]};
+    if (f.cancel && (f.tree || f.recording || f.direct))
+        return usage_error(ctx, "cp: --cancel takes no other option");
+    if (f.cancel)
+        return cancel(ctx, static_cast<int>(rest.size()), rest.data());
+    FileOp op;
+    op.call = {"cp", "STORAGE_COPY", {}, "no copy will run"};
+    int rc = device_args(ctx, &op.call, "SRC DST", 2, kCopyTimeoutSeconds, static_cast<int>(rest.size()), rest.data());
+    std::vector<std::string>& paths = op.call.args.operands;
+    if (rc != kExitOk || (rc = check_flags(ctx, f, paths[0])) != kExitOk)
+        return rc;
+    if (f.tree)
+        paths = {with_slash(paths[0]), with_slash(paths[1])};
+    if (f.direct)
+        return direct_copy(ctx, &op.call, paths[0], paths[1], f.tree);
+    op.event = LUM_TV_EVT_STORAGE_COPY;
+    op.space_notices = true;
+    op.names.str("source", paths[0]).str("destination", paths[1]).flag("recording", f.recording);
+    std::string error;
+    if (build_copy(paths[0], paths[1], f.recording ? kCopyRecording : kCopyPlain, &op.request, &error) != 0)
+        return usage_error(ctx, "cp: " + error);
+    return run_file_op(ctx, op);
+}
+
+}  // namespace lumctl
