@@ -180,6 +180,46 @@ TEST(CtlQuery, SilenceTimesOutAndBrokenStreamsAreErrors)
     }
 }
 
+TEST(CtlQuery, RequestsBehindTheFirstGoOutInOrderAndTheirRepliesAreKept)
+{
+    Pair pair;
+    pair.event(kWanted, 1);
+    pair.reply(0, kTrue);
+    pair.reply(0, kFalse);  // the second request's: it decides nothing
+    pair.event(kWanted, 2);
+    Recorder rec;
+    lumctl::EventQuery query = rec.query(2);
+    query.more_requests = {{0x25, 0x10, 0, 0}};
+    lumctl::QueryOutcome out = lumctl::event_query_on(pair.client, query);
+    EXPECT_EQ(QueryStatus::kDone, out.status) << out.error;
+    EXPECT_EQ((std::vector<uint8_t>{1, 2}), rec.tags);
+    ASSERT_EQ(1u, out.more_replies.size());
+    EXPECT_FALSE(lumctl::reply_accepted(out.more_replies[0]));
+    EXPECT_EQ((Bytes{0x06, 0x10, 0, 0}), hosttest::next_frame(pair.daemon).payload);
+    EXPECT_EQ((Bytes{0x25, 0x10, 0, 0}), hosttest::next_frame(pair.daemon).payload);
+
+    // Their handler may end the wait.
+    Pair marker;
+    marker.reply(0, kTrue);
+    marker.reply(0, kFalse);
+    lumctl::EventQuery ended = rec.query(2);
+    ended.more_requests = query.more_requests;
+    size_t seen = 9;
+    ended.on_more_reply = [&seen](size_t index, const lumctl::CtlReply&) {
+        seen = index;
+        return EventStep::kDone;
+    };
+    EXPECT_EQ(QueryStatus::kDone, lumctl::event_query_on(marker.client, ended).status);
+    EXPECT_EQ(0u, seen);
+
+    // A reply more than the requests is a broken stream.
+    Pair extra;
+    extra.reply(0, kTrue);
+    extra.reply(0, kTrue);
+    extra.reply(0, kTrue);
+    EXPECT_EQ(QueryStatus::kError, lumctl::event_query_on(extra.client, query).status);
+}
+
 TEST(CtlQuery, EventsKeptBeforeTheReplyAreBounded)
 {
     Pair pair;

@@ -1,6 +1,7 @@
 #include "fake_service.h"
 
 #include "fake_devices.h"
+#include "fake_listing.h"
 #include "fake_pvr.h"
 
 #include <cstdio>
@@ -49,7 +50,7 @@ int invoke(const android::Parcel& request, android::Parcel* reply)
         if (row.word == word)
             return row.run(request, reply);
     }
-    for (const Row* (*table)(size_t*) : {device_rows, pvr_rows}) {
+    for (const Row* (*table)(size_t*) : {device_rows, pvr_rows, listing_rows}) {
         size_t count = 0;
         const Row* rows = table(&count);
         for (size_t i = 0; i < count; ++i) {

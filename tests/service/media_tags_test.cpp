@@ -2,6 +2,7 @@
 // Debian's encoders and checked against mediainfo, an independent reader.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
@@ -151,4 +152,50 @@ TEST_F(MediaTags, TagsOffReadsNothing)
         EXPECT_EQ(r.title + r.artist + r.album + r.genre, "") << r.name;
         EXPECT_EQ(r.info_tag, Bytes(18, 0)) << r.name;
     }
+}
+
+TEST_F(MediaTags, ExpandedPlaylistKeepsItsOrderAndShowsLinksAndTitles)
+{
+    // touch dates the placeholders in local time; UTC makes their bytes fixed.
+    std::string oldTz = getenv("TZ") != nullptr ? getenv("TZ") : "";
+    setenv("TZ", "UTC0", 1);
+    std::ofstream(kDir + "list.m3u") << "#EXTM3U\n#EXTINF:1,ignored\nnotag.mp3\ntagged.mp3\n"
+                                        "http://radio.example/live/x.mp3\nsub/../lossless.flac\n";
+    std::vector<Block> shown = list(kDir);
+    std::vector<std::string> all = names(shown);
+    EXPECT_NE(std::find(all.begin(), all.end(), "list.m3u/"), all.end());
+
+    std::vector<Block> blocks = list(kDir + "list.m3u/");
+    ASSERT_EQ(blocks.size(), 1u);
+    EXPECT_EQ(blocks[0].total, 4u);
+    const std::vector<Record>& r = blocks[0].records;
+    ASSERT_EQ(r.size(), 4u);
+    EXPECT_EQ(names(blocks), (std::vector<std::string>{"notag.mp3", "tagged.mp3", "x.mp3", "lossless.flac"}));
+    EXPECT_EQ(r[0].link, kDir + "notag.mp3");
+    EXPECT_EQ(r[0].title, "notag.mp3");  // the playlist's text, the file has none
+    EXPECT_EQ(r[0].info_tag[17], 1);
+    EXPECT_EQ(r[1].title, "Tïtle \"q\"");  // the file's own title wins
+    EXPECT_EQ(r[1].artist, "Artist");
+    EXPECT_EQ(r[2].link, "http://radio.example/live/x.mp3");
+    EXPECT_EQ(r[2].title, "http://radio.example/live/x.mp3");
+    EXPECT_EQ(r[2].info_tag, Bytes(18, 0));  // nothing to open
+    EXPECT_EQ(r[3].link, kVolume + "/lossless.flac");  // "sub/.." climbs one level of the playlist's folder
+    EXPECT_EQ(r[3].title, "lossless.flac");
+    // Size and time are the placeholder's: empty, 1 January 1902 from 00:00 on.
+    for (size_t i = 0; i < r.size(); ++i) {
+        EXPECT_EQ(Bytes(r[i].info_file.begin() + 1, r[i].info_file.begin() + 5), Bytes(4, 0));
+        EXPECT_EQ(Bytes(r[i].info_file.begin() + 5, r[i].info_file.end()),
+                  (Bytes{0x00, 0x3D, 0x86, 0, static_cast<unsigned char>(i)}));
+    }
+    // With tags off the playlist is a plain file and no directory.
+    bool ok = true;
+    std::vector<Block> off = list(kDir + "list.m3u/" + std::string(1, '\0') + std::string(1, '\x09'),
+                                  static_cast<int>(kDir.size() + 11), 1, &ok);
+    EXPECT_FALSE(ok);
+    ASSERT_EQ(off.size(), 1u);
+    EXPECT_EQ(off[0].total, 0xFFFFu);
+    if (oldTz.empty())
+        unsetenv("TZ");
+    else
+        setenv("TZ", oldTz.c_str(), 1);
 }

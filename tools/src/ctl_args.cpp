@@ -80,4 +80,21 @@ std::vector<char*> without_flag(int argc, char** argv, const char* flag, bool* s
     return rest;
 }
 
+bool take_option(std::vector<char*>* words, const char* name, const char** value)
+{
+    *value = nullptr;
+    std::vector<char*> rest;
+    for (size_t i = 0; i < words->size(); ++i) {
+        if (strcmp((*words)[i], name) != 0) {
+            rest.push_back((*words)[i]);
+            continue;
+        }
+        if (i + 1 == words->size())
+            return false;
+        *value = (*words)[++i];
+    }
+    *words = rest;
+    return true;
+}
+
 }  // namespace lumctl

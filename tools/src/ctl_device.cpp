@@ -79,22 +79,33 @@ int device_query(const DeviceCall& call, const std::vector<std::string>& fields,
     }
     if (build_request(*row, fields, &query->request, error) != 0)
         return -1;
+    device_wait(call, std::move(ids), std::move(on_event), query);
+    return 0;
+}
+
+void device_wait(const DeviceCall& call, std::vector<int32_t> ids,
+                 std::function<EventStep(const CtlEvent&)> on_event, EventQuery* query)
+{
     query->ids = std::move(ids);
     query->on_event = std::move(on_event);
     double ms = std::ceil(call.args.timeout * 1000);
     query->timeout_ms = ms > 2e9 ? 2000000000 : static_cast<int>(ms);
-    return 0;
 }
 
 int device_run(const CtlContext& ctx, const DeviceCall& call, const EventQuery& query,
                const std::function<std::string()>& waiting)
 {
-    QueryOutcome out = event_query(ctx.socket_path, query);
+    return device_report(ctx, call, event_query(ctx.socket_path, query), waiting);
+}
+
+int device_report(const CtlContext& ctx, const DeviceCall& call, const QueryOutcome& out,
+                  const std::function<std::string()>& waiting)
+{
     if (out.status == QueryStatus::kDone)
         return kExitOk;
     std::string why = out.error;
     if (out.status == QueryStatus::kRefused)
-        why = refusal_text(out.reply);
+        why = refusal_text(out.reply) + (call.refused != nullptr ? std::string(": ") + call.refused : "");
     if (out.status == QueryStatus::kTimeout)
         why = "timed out after " + seconds_text(call.args.timeout) + " waiting for " + waiting();
     if (out.dropped > 0 && out.status != QueryStatus::kRefused)

@@ -25,6 +25,7 @@ struct DeviceCall {
     const char* sub;      // "mount"
     const char* command;  // "STORAGE_DEV_MOUNT"
     DeviceArgs args;
+    const char* refused = nullptr;  // said after a refusal ("no listing will come"), or null
 };
 
 // Parses the subcommand's words: want operands named what, --json (the
@@ -41,12 +42,20 @@ int device_query(const DeviceCall& call, const std::vector<std::string>& fields,
                  std::vector<int32_t> ids, std::function<EventStep(const CtlEvent&)> on_event,
                  EventQuery* query, std::string* error);
 
+// The awaited ids, the handler and call's timeout, for a request the caller
+// built.
+void device_wait(const DeviceCall& call, std::vector<int32_t> ids,
+                 std::function<EventStep(const CtlEvent&)> on_event, EventQuery* query);
+
 // Sends the query and waits. Returns kExitOk when the handler finished;
 // otherwise reports the refusal, the time-out (waiting() names what was
 // awaited, asked once the time is out) or the error and returns
 // kExitProtocol.
 int device_run(const CtlContext& ctx, const DeviceCall& call, const EventQuery& query,
                const std::function<std::string()>& waiting);
+// The same for a query the caller ran itself.
+int device_report(const CtlContext& ctx, const DeviceCall& call, const QueryOutcome& out,
+                  const std::function<std::string()>& waiting);
 
 // A request the service answers by its reply alone: one connection, the
 // request of call's command with fields, its REPLY within call's timeout.

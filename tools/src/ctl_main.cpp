@@ -41,15 +41,22 @@ const char kUsage[] =
     "  pvr mark DISK [--format]  makes DISK the PVR disk (formatting it first)\n"
     "  pvr guide        what the user interface is asked after a plug-in\n"
     "  pvr limit [MB]   the size limit of the automatic PVR choice; MB sets it\n"
+    "  ls PATH [--filter N] [--no-tags] [--id N] [-h]\n"
+    "                   lists a directory like ls -l: protection (r/w), size in KiB\n"
+    "                   (-h: 1.5M), date, time, name and tags; --filter 0-7 chooses\n"
+    "                   what is hidden (0 nothing, 1 dot names, 2 .idx/.desc, 3 those,\n"
+    "                   .xml and dot names, 4-7 as 3 and regular files), --no-tags\n"
+    "                   skips tags and playlists (filter 1 unless --filter is given)\n"
+    "  cover FOLDER FILE  the link the service makes to FILE's cover\n"
     "  --timeout S waits at most S seconds (mount, umount and pvr mark 60, format\n"
-    "  and pvr mark --format 600, the others 20).\n"
+    "  and pvr mark --format 600, ls 30, the others 20).\n"
     "  A refused request or a time-out exits 1, as does a format that fails.\n"
     "  Command names (dev-mount, 4109) still send the command itself and print\n"
     "  its reply.\n"
     "The socket defaults to $LUMSTORAGED_SOCKET, else /run/lumstorage/lumstoraged.sock.\n"
     "Exit: 0 done, 1 connection or protocol error, 2 usage error, 3 the service\n"
     "answered no (pvr: a verdict other than success, no PVR partition or path,\n"
-    "no size, a limit it did not take).\n";
+    "no size, a limit it did not take; cover: a status other than 0).\n";
 
 int run_help(const CtlContext& ctx, int, char**)
 {
@@ -68,7 +75,7 @@ const SubcommandRow kSubcommands[] = {
     {"--help", run_help},   {"-h", run_help},       {"volumes", run_volumes}, {"devinfo", run_devinfo},
     {"mount", run_mount},   {"umount", run_umount}, {"size", run_size},     {"used", run_used},
     {"free", run_free},     {"uuid", run_uuid},     {"pvr", run_pvr},       {"format", run_format},
-    {"bench", run_bench},
+    {"bench", run_bench},   {"ls", run_ls},         {"cover", run_cover},
 };
 
 // Consumes the global options; returns the index of the command word, or

@@ -4,6 +4,7 @@
 
 #include "lumctl/bench_decoders.h"
 #include "lumctl/device_decoders.h"
+#include "lumctl/listing_decoders.h"
 #include "lumctl/pvr_decoders.h"
 
 #include <cstring>
@@ -103,6 +104,8 @@ const DecoderRow kDecoders[] = {
     {LUM_TV_EVT_STORAGE_PVR_MARK, decode_mark_info},
     {LUM_TV_EVT_STORAGE_CONNECT_STATE, decode_guide},
     {LUM_TV_EVT_STORAGE_DISCONNECT, decode_guide},
+    {LUM_TV_EVT_STORAGE_READ_DIRS, decode_listing_block},
+    {LUM_TV_EVT_STORAGE_EXTRACT_COVER, decode_cover},
 };
 
 const DecoderRow* find_decoder(int32_t id)

@@ -46,6 +46,17 @@ struct Waiter {
         return false;
     }
 
+    // A reply after the first: one of more_requests'. -1 when more replies
+    // came than requests went out, 1 when the handler is done with it.
+    int keep_more(const CtlReply& reply)
+    {
+        if (out->more_replies.size() >= query.more_requests.size())
+            return -1;
+        out->more_replies.push_back(reply);
+        size_t index = out->more_replies.size() - 1;
+        return query.on_more_reply && query.on_more_reply(index, reply) == EventStep::kDone ? 1 : 0;
+    }
+
     // The reply: false when it refuses; else the kept events go to the
     // handler, *done telling whether it finished with them.
     bool accept(const CtlReply& reply, bool* done)
@@ -64,6 +75,18 @@ struct Waiter {
         return true;
     }
 };
+
+// The request, then the ones behind it.
+int send_all(int fd, const EventQuery& query, std::string* error)
+{
+    if (ctl_send_request(fd, query.request, error) != 0)
+        return -1;
+    for (const std::vector<uint8_t>& more : query.more_requests) {
+        if (ctl_send_request(fd, more, error) != 0)
+            return -1;
+    }
+    return 0;
+}
 
 QueryOutcome finish(QueryOutcome* out, QueryStatus status)
 {
@@ -87,7 +110,7 @@ QueryOutcome event_query_on(int fd, const EventQuery& query)
 {
     QueryOutcome out;
     double deadline = now_seconds() + query.timeout_ms / 1000.0;
-    if (ctl_send_request(fd, query.request, &out.error) != 0)
+    if (send_all(fd, query, &out.error) != 0)
         return finish(&out, QueryStatus::kError);
     Waiter waiter{query, &out, false, {}};
     for (;;) {
@@ -97,8 +120,12 @@ QueryOutcome event_query_on(int fd, const EventQuery& query)
             return finish(&out, rc == 0 ? QueryStatus::kTimeout : QueryStatus::kError);
         bool done = false;
         if (in.is_reply && waiter.replied) {
-            out.error = "a second REPLY for one request";
-            return finish(&out, QueryStatus::kError);
+            int more = waiter.keep_more(in.reply);
+            if (more < 0)
+                out.error = "more REPLY frames than requests";
+            if (more != 0)
+                return finish(&out, more > 0 ? QueryStatus::kDone : QueryStatus::kError);
+            continue;
         }
         if (in.is_reply && !waiter.accept(in.reply, &done))
             return finish(&out, QueryStatus::kRefused);

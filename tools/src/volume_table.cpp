@@ -88,27 +88,43 @@ bool parse_volume_table(const uint8_t* data, size_t len, std::vector<VolumeEntry
     return 1 + walk_elements(data + 1, len - 1, one) == len;
 }
 
-std::string human_mb(uint64_t mb)
+namespace {
+
+// value in the largest of units (steps of 1024) that keeps it at 1 or above,
+// with one decimal unless it is 0.
+std::string human_units(uint64_t value, const char* units)
 {
-    static const char kUnits[] = "MGTP";
+    const size_t count = strlen(units);
     size_t unit = 0;
     uint64_t scale = 1;
-    while (unit + 1 < sizeof(kUnits) - 1 && mb >= scale * 1024) {
+    while (unit + 1 < count && value >= scale * 1024) {
         scale *= 1024;
         ++unit;
     }
     if (unit == 0)
-        return std::to_string(mb) + "M";
-    uint64_t tenths = (mb * 10 + scale / 2) / scale;
-    if (tenths >= 10240 && unit + 1 < sizeof(kUnits) - 1) {
+        return std::to_string(value) + units[0];
+    uint64_t tenths = (value * 10 + scale / 2) / scale;
+    if (tenths >= 10240 && unit + 1 < count) {
         // Rounding reached 1024 of this unit: 1 of the next.
-        tenths = (mb * 10 + scale * 512) / (scale * 1024);
+        tenths = (value * 10 + scale * 512) / (scale * 1024);
         ++unit;
     }
     std::string out = std::to_string(tenths / 10);
     if (tenths % 10 != 0)
         out += "." + std::to_string(tenths % 10);
-    return out + kUnits[unit];
+    return out + units[unit];
+}
+
+}  // namespace
+
+std::string human_mb(uint64_t mb)
+{
+    return human_units(mb, "MGTP");
+}
+
+std::string human_kib(uint64_t kib)
+{
+    return human_units(kib, "KMGTP");
 }
 
 const char* volume_type(const VolumeEntry& entry)

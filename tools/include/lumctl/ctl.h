@@ -53,6 +53,11 @@ int run_pvr(const CtlContext& ctx, int argc, char** argv);
 int run_format(const CtlContext& ctx, int argc, char** argv);
 int run_bench(const CtlContext& ctx, int argc, char** argv);
 
+// ls PATH: a directory listing, assembled from its blocks (ctl_ls.cpp);
+// cover FOLDER FILE: the link to a media file's cover (ctl_cover.cpp).
+int run_ls(const CtlContext& ctx, int argc, char** argv);
+int run_cover(const CtlContext& ctx, int argc, char** argv);
+
 // Renderings, one line per event; a reply is several lines of text or one
 // JSON object. row may be null (a raw word with no row).
 void print_reply(const CtlContext& ctx, const CmdRow* row, int32_t word, const CtlReply& reply);

@@ -39,4 +39,8 @@ int parse_device_args_between(const CtlContext& ctx, const char* sub, const char
 // argv without every word equal to flag; *seen tells whether there was one.
 std::vector<char*> without_flag(int argc, char** argv, const char* flag, bool* seen);
 
+// Takes every "name VALUE" pair out of words; *value is the last VALUE, null
+// when there was none. False when name is the last word, without a value.
+bool take_option(std::vector<char*>* words, const char* name, const char** value);
+
 }  // namespace lumctl

@@ -16,12 +16,19 @@ enum class EventStep { kMore, kDone };
 
 struct EventQuery {
     std::vector<uint8_t> request;  // the request Parcel, command word first
+    // Requests sent right behind request on the same connection, which the
+    // daemon hands to the service in this order (an end marker, say). Their
+    // replies are kept in QueryOutcome::more_replies and decide nothing.
+    std::vector<std::vector<uint8_t>> more_requests;
     std::vector<int32_t> ids;      // events handed to on_event; others are skipped
     int timeout_ms = 60000;        // from the send to the handler's kDone
     // Called with each event whose id is in ids, in arrival order, once the
     // reply accepted the request (events that came before the reply are
     // kept and handed over right after it).
     std::function<EventStep(const CtlEvent& event)> on_event;
+    // Optional: called with each reply of more_requests (its index in
+    // more_requests), once the first reply accepted the request.
+    std::function<EventStep(size_t index, const CtlReply& reply)> on_more_reply;
 };
 
 enum class QueryStatus {
@@ -34,6 +41,7 @@ enum class QueryStatus {
 struct QueryOutcome {
     QueryStatus status = QueryStatus::kError;
     CtlReply reply{0, {}};  // when a reply came
+    std::vector<CtlReply> more_replies;  // of more_requests, as far as they came
     uint64_t dropped = 0;   // events the daemon lost for this connection meanwhile
     std::string error;
 };

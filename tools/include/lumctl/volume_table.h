@@ -31,6 +31,8 @@ bool parse_volume_table(const uint8_t* data, size_t len, std::vector<VolumeEntry
 // T, P; steps of 1024) that keeps the number at 1 or above, rounded to one
 // decimal, which is left out when it is 0 ("1G"). Megabytes are whole.
 std::string human_mb(uint64_t mb);
+// The same for kilobytes (2^10 bytes): "512K", "1.5M", "3G".
+std::string human_kib(uint64_t kib);
 
 // "disk", "part" or "mtp".
 const char* volume_type(const VolumeEntry& entry);

@@ -1,0 +1,420 @@
+// Playlists expanded into placeholders under /tmp/m3u/ with the real touch,
+// in the private /tmp of the test process. Entries are read back as a listing
+// would see them: placeholders ordered by modification time, and the maps
+// looked up under each placeholder's name.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <ctime>
+#include <dirent.h>
+#include <fstream>
+#include <iconv.h>
+#include <string>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <utility>
+#include <vector>
+
+#include "Playlist.h"
+#include "test_support.h"
+
+namespace {
+
+// One entry as a listing would show it. The placeholder's time orders the
+// entries and is checked on its own; equality is of link and title.
+struct Entry {
+    std::string link;
+    std::string title;
+    time_t mtime;
+};
+
+bool operator==(const Entry& a, const Entry& b)
+{
+    return a.link == b.link && a.title == b.title;
+}
+
+void PrintTo(const Entry& e, std::ostream* os)
+{
+    *os << "{link='" << e.link << "', title='" << e.title << "'}";
+}
+
+// The UTF-8 text in GBK, through the C library's iconv.
+std::string to_gbk(const std::string& utf8)
+{
+    iconv_t cd = iconv_open("GBK", "UTF-8");
+    if (cd == reinterpret_cast<iconv_t>(-1))
+        return "";
+    std::string out(utf8.size() * 2 + 4, '\0');
+    char* in = const_cast<char*>(utf8.data());
+    size_t inLeft = utf8.size();
+    char* o = &out[0];
+    size_t outLeft = out.size();
+    size_t rc = iconv(cd, &in, &inLeft, &o, &outLeft);
+    iconv_close(cd);
+    if (rc == static_cast<size_t>(-1))
+        return "";
+    out.resize(out.size() - outLeft);
+    return out;
+}
+
+// 1 January of year, hh:mm, in local time as touch -t takes it.
+time_t local_new_year(int year, int hour, int minute)
+{
+    struct tm t = {};
+    t.tm_year = year - 1900;
+    t.tm_mon = 0;
+    t.tm_mday = 1;
+    t.tm_hour = hour;
+    t.tm_min = minute;
+    t.tm_isdst = -1;
+    return mktime(&t);
+}
+
+bool exists(const std::string& path)
+{
+    struct stat st;
+    return stat(path.c_str(), &st) == 0;
+}
+
+std::vector<std::string> placeholders()
+{
+    std::vector<std::string> names;
+    DIR* dir = opendir(M3U_TEMP_DIR);
+    if (dir == nullptr)
+        return names;
+    while (struct dirent* d = readdir(dir)) {
+        std::string name(d->d_name);
+        if (name != "." && name != "..")
+            names.push_back(name);
+    }
+    closedir(dir);
+    return names;
+}
+
+class Playlist : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        REQUIRE_ISOLATION();
+        char tmpl[] = "/tmp/plXXXXXX";
+        ASSERT_NE(mkdtemp(tmpl), nullptr);
+        dir = std::string(tmpl) + "/";
+    }
+
+    // Writes a playlist of these bytes at dir + name, directories included.
+    std::string write(const std::string& name, const std::string& bytes)
+    {
+        std::string path = dir + name;
+        std::string parent = path.substr(0, path.rfind('/'));
+        EXPECT_EQ(system(("mkdir -p '" + parent + "'").c_str()), 0);
+        std::ofstream(path, std::ios::binary) << bytes;
+        return path;
+    }
+
+    bool expand(const std::string& path)
+    {
+        links.clear();
+        titles.clear();
+        return ExtractPlaylistToTempDir(path.c_str(), links, titles);
+    }
+
+    // The entries in the order of their placeholders' times; every
+    // placeholder must have its rows in both maps.
+    std::vector<Entry> entries()
+    {
+        std::vector<std::pair<time_t, std::string>> byTime;
+        for (const std::string& name : placeholders()) {
+            struct stat st;
+            EXPECT_EQ(stat((M3U_TEMP_DIR + name).c_str(), &st), 0) << name;
+            byTime.emplace_back(st.st_mtime, name);
+        }
+        std::sort(byTime.begin(), byTime.end());
+        std::vector<Entry> result;
+        for (const auto& p : byTime) {
+            EXPECT_EQ(links.count(p.second), 1u) << p.second;
+            EXPECT_EQ(titles.count(p.second), 1u) << p.second;
+            result.push_back({links[p.second], titles[p.second], p.first});
+        }
+        EXPECT_EQ(links.size(), result.size());
+        EXPECT_EQ(titles.size(), result.size());
+        return result;
+    }
+
+    std::vector<Entry> expect_entries(const std::string& path)
+    {
+        EXPECT_TRUE(expand(path)) << path;
+        return entries();
+    }
+
+    std::string dir;
+    std::map<std::string, std::string> links;
+    std::map<std::string, std::string> titles;
+};
+
+typedef std::vector<Entry> Entries;
+
+TEST_F(Playlist, ExtendedAndPlainListInFileOrder)
+{
+    // The names sort otherwise than they stand; the indented "#EXTINF" line is
+    // an entry only where the file is not extended.
+    std::string ext = write("ext.m3u",
+                            "#EXTM3U\n#EXTINF:123,Zulu\nc.mp3\n  #EXTINF:5,Alpha\nsub/a.mp3\n"
+                            "#EXTINF:7,Bravo\nb.mp3\n");
+    EXPECT_EQ(expect_entries(ext),
+              (Entries{{dir + "c.mp3", "c.mp3", 0}, {dir + "sub/a.mp3", "a.mp3", 0}, {dir + "b.mp3", "b.mp3", 0}}));
+
+    // No "#EXTM3U": the first line is data, "#EXTINF" a comment, and the last
+    // line counts without a line end.
+    std::string plain = write("plain.m3u", "c.mp3\n#EXTINF:1,x\n  #EXTINF:5,y\nb.mp3");
+    EXPECT_EQ(expect_entries(plain), (Entries{{dir + "c.mp3", "c.mp3", 0},
+                                              {dir + "  #EXTINF:5,y", "  #EXTINF:5,y", 0},
+                                              {dir + "b.mp3", "b.mp3", 0}}));
+
+    // The form with the trailing "/" under which a listing shows a playlist.
+    EXPECT_EQ(expect_entries(plain + "/").size(), 3u);
+}
+
+TEST_F(Playlist, ByteOrderMark)
+{
+    const std::string bom = "\xEF\xBB\xBF";
+    const std::string chinese = "\xE4\xB8\xAD\xE6\x96\x87.mp3";  // UTF-8, also valid GBK bytes
+
+    // Behind the mark "#EXTM3U" still makes the file extended; the UTF-8
+    // check of the first entry keeps it as it is.
+    std::string ext = write("ext.m3u", bom + "#EXTM3U\r\n  #EXTINF:1,t\r\n" + chinese + "\r\n");
+    EXPECT_EQ(expect_entries(ext), (Entries{{dir + chinese, chinese, 0}}));
+
+    // On a plain file's first line the mark is removed and makes every later
+    // line UTF-8, even one that is not.
+    std::string plain = write("plain.m3u", bom + "a.mp3\n\xD6\xD0.mp3\n");
+    EXPECT_EQ(expect_entries(plain), (Entries{{dir + "a.mp3", "a.mp3", 0}, {dir + "\xD6\xD0.mp3", "\xD6\xD0.mp3", 0}}));
+
+    // The mark hides the "#" of a first comment, which becomes an entry.
+    std::string comment = write("comment.m3u", bom + "#note\nb.mp3\n");
+    EXPECT_EQ(expect_entries(comment), (Entries{{dir + "#note", "#note", 0}, {dir + "b.mp3", "b.mp3", 0}}));
+}
+
+TEST_F(Playlist, ShortFirstLineHasNoMark)
+{
+    // Two bytes of a mark are no mark: the line goes to the UTF-8 check, fails
+    // it, and is read in the legacy code page like the lines after it.
+    std::string gbkLine = to_gbk("\xE4\xB8\xAD.mp3");
+    ASSERT_FALSE(gbkLine.empty());
+    std::string cut = write("cut.m3u", std::string("\xEF\xBB\n") + gbkLine + "\n");
+    std::string utf8OfCut = "\xE9\x94\x98";  // GBK EF BB
+    ASSERT_EQ(to_gbk(utf8OfCut), "\xEF\xBB");
+    EXPECT_EQ(expect_entries(cut),
+              (Entries{{dir + utf8OfCut, utf8OfCut, 0}, {dir + "\xE4\xB8\xAD.mp3", "\xE4\xB8\xAD.mp3", 0}}));
+
+    // A one-byte ASCII first entry makes the whole file UTF-8: later GBK
+    // bytes stay as they are.
+    std::string one = write("one.m3u", "x\n" + gbkLine + "\n");
+    EXPECT_EQ(expect_entries(one), (Entries{{dir + "x", "x", 0}, {dir + gbkLine, gbkLine, 0}}));
+}
+
+TEST_F(Playlist, LegacyCodePageConvertedOnEveryLine)
+{
+    LogCapture log;
+    const std::string music = "\xE9\x9F\xB3\xE4\xB9\x90";                   // 音乐
+    const std::string song = "\xE4\xB8\xAD\xE6\x96\x87\xE6\xAD\x8C.mp3";    // 中文歌.mp3
+    const std::string test = "\xE6\xB5\x8B\xE8\xAF\x95.mp3";                // 测试.mp3
+    std::string text = "#EXTM3U\r\n#EXTINF:1,x\r\n" + music + "\\" + song + "\r\n#EXTINF:2,y\r\nabc.mp3\r\n" +
+                       test + "\r\n";
+    std::string gbk = to_gbk(text);
+    ASSERT_FALSE(gbk.empty());
+    std::string path = write("gbk.m3u", gbk);
+    EXPECT_EQ(expect_entries(path), (Entries{{dir + music + "/" + song, song, 0},
+                                             {dir + "abc.mp3", "abc.mp3", 0},
+                                             {dir + test, test, 0}}));
+    EXPECT_EQ(log.count("Assuming this file is encoded in ASCI"), 1);
+    EXPECT_EQ(log.count("Assuming this file is encoded in UTF-8"), 0);
+
+    // 誠 is D5 5C in GBK: its second byte is a backslash only before the
+    // conversion, and the character must survive it.
+    const std::string sincere = "\xE8\xAA\xA0.mp3";
+    ASSERT_EQ(to_gbk(sincere), "\xD5\x5C.mp3");
+    std::string trail = write("trail.m3u", to_gbk(song + "\r\n" + music + "\\" + sincere + "\r\n"));
+    EXPECT_EQ(expect_entries(trail), (Entries{{dir + song, song, 0}, {dir + music + "/" + sincere, sincere, 1}}));
+}
+
+TEST_F(Playlist, LegacyLinesThatDoNotFitStayAsRead)
+{
+    // 300 GBK characters: 300 UTF-16 units fit, 900 bytes of UTF-8 do not.
+    std::string wide;
+    for (int k = 0; k < 300; ++k)
+        wide += "\xE4\xB8\xAD";
+    wide = to_gbk(wide);
+    ASSERT_EQ(wide.size(), 600u);
+    // 600 bytes of ASCII behind a GBK character: too many UTF-16 units.
+    std::string lng = to_gbk("\xE4\xB8\xAD") + std::string(600, 'a');
+    // Not GBK at all: stays as read too.
+    std::string bad = "\x81\x20.mp3";
+    std::string path = write("long.m3u", "\xD6\xD0.mp3\n" + wide + "\n" + lng + "\n" + bad + "\n");
+    EXPECT_EQ(expect_entries(path), (Entries{{dir + "\xE4\xB8\xAD.mp3", "\xE4\xB8\xAD.mp3", 0},
+                                             {dir + wide, wide, 0},
+                                             {dir + lng, lng, 0},
+                                             {dir + bad, bad, 0}}));
+}
+
+TEST_F(Playlist, ParentStepsClimbThePlaylistsDirectory)
+{
+    std::string ab = write("a/b/list.m3u", "..\\music\\x.mp3\nsub/../y.mp3\n../../z.mp3\n");
+    EXPECT_EQ(expect_entries(ab), (Entries{{dir + "a/music/x.mp3", "x.mp3", 0},
+                                           {dir + "a/y.mp3", "y.mp3", 0},
+                                           {dir + "z.mp3", "z.mp3", 0}}));
+
+    // dir is /tmp/plXXXXXX/: two levels to climb, then "/" is too short and
+    // the last "../" stays.
+    std::string top = write("top.m3u", "../../../x.mp3\n");
+    EXPECT_EQ(expect_entries(top), (Entries{{"/../x.mp3", "x.mp3", 0}}));
+}
+
+TEST_F(Playlist, OnlyHttpInThatCaseIsAUrl)
+{
+    std::string path = write("urls.m3u",
+                             "http://radio.example/live/stream.mp3\n"
+                             "http://host/../x.mp3\n"
+                             "HTTP://host/y.mp3\n"
+                             "https://host/dir/z.mp3\n"
+                             "/abs/w.mp3\n"
+                             "C:\\music\\v.mp3\n");
+    EXPECT_EQ(expect_entries(path),
+              (Entries{{"http://radio.example/live/stream.mp3", "http://radio.example/live/stream.mp3", 0},
+                       {"http://host/../x.mp3", "http://host/../x.mp3", 0},
+                       {dir + "HTTP://host/y.mp3", "y.mp3", 0},
+                       {dir + "https://host/dir/z.mp3", "z.mp3", 0},
+                       {dir + "/abs/w.mp3", "w.mp3", 0},
+                       {dir + "C:/music/v.mp3", "v.mp3", 0}}));
+}
+
+TEST_F(Playlist, BlankLineEndsTheList)
+{
+    std::string path = write("blank.m3u", "#EXTM3U\n#EXTINF:1,a\n1.mp3\n2.mp3\n\n3.mp3\n4.mp3\n5.mp3\n");
+    EXPECT_EQ(expect_entries(path), (Entries{{dir + "1.mp3", "1.mp3", 0}, {dir + "2.mp3", "2.mp3", 0}}));
+    EXPECT_EQ(placeholders().size(), 2u);
+
+    // The blank line of a CR LF file is "\r" before its line end goes.
+    std::string crlf = write("crlf.m3u", "1.mp3\r\n2.mp3\r\n\r\n3.mp3\r\n");
+    EXPECT_EQ(expect_entries(crlf), (Entries{{dir + "1.mp3", "1.mp3", 0}, {dir + "2.mp3", "2.mp3", 0}}));
+}
+
+TEST_F(Playlist, NoEntriesIsStillARead)
+{
+    std::string comments = write("comments.m3u", "#EXTM3U\n#EXTINF:1,a\n#x.mp3\n# just a note\n");
+    EXPECT_TRUE(expand(comments));
+    EXPECT_TRUE(links.empty());
+    EXPECT_TRUE(titles.empty());
+    EXPECT_TRUE(placeholders().empty());
+
+    std::string empty = write("empty.m3u", "");
+    EXPECT_TRUE(expand(empty));
+    EXPECT_TRUE(links.empty());
+    EXPECT_TRUE(placeholders().empty());
+}
+
+TEST_F(Playlist, TimeStampsCountMinutesFrom1902)
+{
+    // Zero-padded names of falling order, so that the placeholders' names
+    // cannot give the order by chance.
+    std::string text;
+    for (int k = 0; k < 1441; ++k)
+        text += std::to_string(9999 - k) + ".mp3\n";
+    std::vector<Entry> got = expect_entries(write("many.m3u", text));
+    ASSERT_EQ(got.size(), 1441u);
+    for (int k = 0; k < 1441; ++k)
+        ASSERT_EQ(got[k].title, std::to_string(9999 - k) + ".mp3") << "entry " << k;
+    EXPECT_EQ(got[0].mtime, local_new_year(1902, 0, 0));
+    EXPECT_EQ(got[59].mtime, local_new_year(1902, 0, 59));
+    EXPECT_EQ(got[60].mtime, local_new_year(1902, 1, 0));  // the sixty-first
+    EXPECT_EQ(got[1439].mtime, local_new_year(1902, 23, 59));
+    EXPECT_EQ(got[1440].mtime, local_new_year(1903, 0, 0));
+}
+
+TEST_F(Playlist, UnreadablePathsGiveFalse)
+{
+    std::string good = write("good.m3u", "a.mp3\nb.mp3\n");
+    ASSERT_EQ(expect_entries(good).size(), 2u);
+
+    // What the last expansion left goes all the same.
+    EXPECT_FALSE(expand(dir + "missing.m3u"));
+    EXPECT_TRUE(exists(M3U_TEMP_DIR));
+    EXPECT_TRUE(placeholders().empty());
+    EXPECT_TRUE(links.empty());
+
+    EXPECT_FALSE(expand("/"));
+    EXPECT_FALSE(expand(""));
+
+    // Readable from the working directory, but with no directory to join
+    // the entries to.
+    char cwd[4096];
+    ASSERT_NE(getcwd(cwd, sizeof(cwd)), nullptr);
+    ASSERT_EQ(chdir(dir.c_str()), 0);
+    bool bare = expand("good.m3u");
+    ASSERT_EQ(chdir(cwd), 0);
+    EXPECT_FALSE(bare);
+    EXPECT_TRUE(links.empty());
+}
+
+TEST_F(Playlist, HostileNamesRunNothing)
+{
+    const std::vector<std::string> lines = {"$(touch /tmp/marker1).mp3", "`touch /tmp/marker2`.mp3",
+                                            "a\"; touch /tmp/marker3; \".mp3", "'$(touch /tmp/marker4)'"};
+    std::string text;
+    Entries expected;
+    for (const std::string& line : lines) {
+        text += line + "\n";
+        expected.push_back({dir + line, line.substr(line.rfind('/') + 1), 0});
+    }
+    EXPECT_EQ(expect_entries(write("evil.m3u", text)), expected);
+    for (const char* marker : {"/tmp/marker1", "/tmp/marker2", "/tmp/marker3", "/tmp/marker4"})
+        EXPECT_FALSE(exists(marker)) << marker;
+}
+
+TEST_F(Playlist, FailedTouchLeavesAGapInTheMaps)
+{
+    // A touch that refuses the second entry's time stamp only.
+    mkdir("/tmp/plbin", 0755);
+    std::ofstream("/tmp/plbin/touch") << "#!/bin/sh\n[ \"$2\" = 190201010001 ] && exit 1\n"
+                                         "PATH=${PATH#/tmp/plbin:}\nexec touch \"$@\"\n";
+    ASSERT_EQ(chmod("/tmp/plbin/touch", 0755), 0);
+    std::string oldPath = getenv("PATH");
+    setenv("PATH", ("/tmp/plbin:" + oldPath).c_str(), 1);
+    std::string path = write("gap.m3u", "a.mp3\nb.mp3\nc.mp3\n");
+    bool ok = expand(path);
+    setenv("PATH", oldPath.c_str(), 1);
+    ASSERT_TRUE(ok);
+    EXPECT_EQ(placeholders().size(), 3u);  // b's placeholder stays, undated
+    ASSERT_EQ(links.size(), 2u);
+    for (const auto& row : links) {
+        struct stat st;
+        ASSERT_EQ(stat((M3U_TEMP_DIR + row.first).c_str(), &st), 0);
+        // The time went on past the refused entry.
+        if (row.second == dir + "a.mp3")
+            EXPECT_EQ(st.st_mtime, local_new_year(1902, 0, 0));
+        else
+            EXPECT_EQ(st.st_mtime, local_new_year(1902, 0, 2)) << row.second;
+    }
+}
+
+TEST_F(Playlist, NoRoomForAPlaceholderGivesFalse)
+{
+    // A tmpfs of four inodes on /tmp/m3u/: its root and three placeholders.
+    // rm -rf empties the mount point and mkdir -p finds it there.
+    ASSERT_TRUE(mkdir(M3U_TEMP_DIR, 0755) == 0 || errno == EEXIST);
+    if (mount("lumm3u", M3U_TEMP_DIR, "tmpfs", 0, "nr_inodes=4") != 0)
+        GTEST_SKIP() << "SKIPPED: no tmpfs could be mounted on " M3U_TEMP_DIR;
+    LogCapture log;
+    std::string path = write("full.m3u", "a.mp3\nb.mp3\nc.mp3\nd.mp3\ne.mp3\n");
+    bool ok = expand(path);
+    std::vector<Entry> made = entries();
+    umount(M3U_TEMP_DIR);
+    EXPECT_FALSE(ok);
+    EXPECT_TRUE(log.has("CFilesystemDrv::ExtractPlaylistToTempDir(): OpenTempFile failed"));
+    // What was made before stays.
+    EXPECT_EQ(made, (Entries{{dir + "a.mp3", "a.mp3", 0}, {dir + "b.mp3", "b.mp3", 0}, {dir + "c.mp3", "c.mp3", 0}}));
+}
+
+}  // namespace

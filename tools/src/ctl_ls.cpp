@@ -1,0 +1,195 @@
+// ls PATH: a directory listed by the service, one line per entry in the
+// manner of ls -l (--json: one line per block, then a summary). The blocks
+// carry no command id, so the listing is picked out of the event stream
+// (ListingAssembly), and an end marker sent right behind the request ends a
+// listing whose count never reaches its total. ls waits for the marker's
+// block even after a complete or failed listing: left behind, it would
+// reach the next ls as a failure before that one's listing began.
+#include <cstdlib>
+#include <cstring>
+#include <unistd.h>
+
+#include <StorageEvents.h>
+
+#include "ctl_device.h"
+#include "json_line.h"
+#include "lumctl/event_decoders.h"
+#include "lumctl/listing.h"
+#include "lumctl/volume_table.h"
+
+namespace lumctl {
+
+namespace {
+
+constexpr double kListingTimeoutSeconds = 30;
+// --no-tags alone: names starting with "." hidden, the closest filter to
+// the service's default (a flags byte always replaces the default).
+constexpr int kNoTagsFilter = 1;
+
+struct LsOptions {
+    int flags = kListingNoFlags;
+    uint16_t id = 0;
+    bool human = false;
+};
+
+// A decimal number 0..max; false for anything else.
+bool parse_small(const char* text, unsigned max, unsigned* out)
+{
+    size_t n = strlen(text);
+    if (n == 0 || n > 6 || strspn(text, "0123456789") != n)
+        return false;
+    unsigned long value = strtoul(text, nullptr, 10);
+    if (value > max)
+        return false;
+    *out = static_cast<unsigned>(value);
+    return true;
+}
+
+// Takes --filter N, --no-tags, --id N and -h out of the words; the rest is
+// left for the options every device subcommand has.
+int ls_options(const CtlContext& ctx, int argc, char** argv, std::vector<char*>* rest, LsOptions* opts)
+{
+    bool no_tags = false;
+    std::vector<char*> words = without_flag(argc, argv, "--no-tags", &no_tags);
+    *rest = without_flag(static_cast<int>(words.size()), words.data(), "-h", &opts->human);
+    const char* filter = nullptr;
+    const char* id = nullptr;
+    if (!take_option(rest, "--filter", &filter) || !take_option(rest, "--id", &id))
+        return usage_error(ctx, "ls: --filter and --id take a value");
+    unsigned index = kNoTagsFilter;
+    if (filter != nullptr && !parse_small(filter, kListingFilters - 1, &index))
+        return usage_error(ctx, std::string("ls: --filter takes 0 to 7, not '") + filter + "'");
+    if (filter != nullptr || no_tags)
+        opts->flags = static_cast<int>(index) | (no_tags ? kListingNoTags : 0);
+    unsigned value = static_cast<unsigned>(getpid()) & 0xFFFF;
+    if (id != nullptr && !parse_small(id, 0xFFFF, &value))
+        return usage_error(ctx, std::string("ls: --id takes 0 to 65535, not '") + id + "'");
+    opts->id = static_cast<uint16_t>(value);
+    return kExitOk;
+}
+
+std::string entries(long long n)
+{
+    return std::to_string(n) + (n == 1 ? " entry" : " entries");
+}
+
+struct Lister {
+    CtlContext ctx;  // with the subcommand's --json
+    std::string path;
+    bool human = false;
+    ListingAssembly listing;
+    std::string damage;           // the fault of a damaged block of this listing
+    bool marker_refused = false;  // the service did not queue the end marker
+
+    EventStep take(const CtlEvent& event)
+    {
+        ListingBlock block;
+        if (!parse_listing_block(event.data.data(), event.data.size(), &block))
+            return EventStep::kMore;  // not even a header: whose it is cannot be told
+        BlockRole role = listing.take(block);
+        if (role == BlockRole::kSkipped)
+            return EventStep::kMore;
+        if (role != BlockRole::kEndMark)
+            print_block(event, block, role);
+        if (!block.damage.empty())
+            damage = "damaged block at offset " + std::to_string(block.offset) + ": " + block.damage;
+        return finished() ? EventStep::kDone : EventStep::kMore;
+    }
+
+    EventStep marker_reply(const CtlReply& reply)
+    {
+        marker_refused = !reply_accepted(reply);
+        return finished() ? EventStep::kDone : EventStep::kMore;
+    }
+
+    // The listing has its result, and the end marker's block came or will
+    // not come.
+    bool result_known() const { return listing.complete || listing.failed; }
+    bool finished() const
+    {
+        return listing.end_marked || !damage.empty() || (result_known() && marker_refused);
+    }
+
+    void print_block(const CtlEvent& event, const ListingBlock& block, BlockRole role) const
+    {
+        if (ctx.json) {
+            Decoded decoded = decode_event(event.id, event.data.data(), event.data.size());
+            fprintf(ctx.out, "%s\n", JsonLine().fields(decoded).done().c_str());
+        } else if (role == BlockRole::kFirst) {
+            fprintf(ctx.out, "%s: %s\n", printable(path).c_str(), entries(block.total).c_str());
+        }
+        for (size_t i = 0; !ctx.json && i < block.records.size(); ++i)
+            fprintf(ctx.out, "%s\n", record_line(block.records[i], human).c_str());
+        fflush(ctx.out);
+    }
+
+    // Once the wait ended with the listing's end, a failure or a damaged
+    // block: the summary and the exit code.
+    int finish() const
+    {
+        JsonLine json;
+        json.str("path", path);
+        if (listing.failed || !damage.empty()) {
+            if (!damage.empty())
+                json.str("damage", damage);
+            if (ctx.json)
+                fprintf(ctx.out, "%s\n", json.flag("failed", true).done().c_str());
+            return protocol_error(ctx, "ls " + path + ": " +
+                                           (damage.empty() ? "the service could not list it (is it an absolute "
+                                                             "path of a directory or playlist?)"
+                                                           : damage));
+        }
+        long long shown = listing.received;
+        json.num("total", listing.total).num("shown", shown).num("notShown", listing.not_shown());
+        if (ctx.json)
+            fprintf(ctx.out, "%s\n", json.flag("failed", false).done().c_str());
+        else if (listing.not_shown() > 0)
+            fprintf(ctx.out, "(%s not shown: neither file, link nor directory)\n",
+                    entries(listing.not_shown()).c_str());
+        return kExitOk;
+    }
+
+    std::string waiting() const
+    {
+        if (!listing.started)
+            return "the listing";
+        return "the rest of the listing (" + std::to_string(listing.received) + " of " + entries(listing.total) +
+               " so far)";
+    }
+};
+
+}  // namespace
+
+int run_ls(const CtlContext& ctx, int argc, char** argv)
+{
+    LsOptions opts;
+    std::vector<char*> rest;
+    int rc = ls_options(ctx, argc, argv, &rest, &opts);
+    if (rc != kExitOk)
+        return rc;
+    DeviceCall call{"ls", "STORAGE_READ_DIRS", {}, "no listing will come"};
+    rc = device_args(ctx, &call, "PATH", 1, kListingTimeoutSeconds, static_cast<int>(rest.size()), rest.data());
+    if (rc != kExitOk)
+        return rc;
+    Lister lister{device_context(ctx, call), call.args.operands[0], opts.human, {}, {}};
+    EventQuery query;
+    std::vector<uint8_t> end_mark;
+    std::string error;
+    // The end marker: an empty path, which the service answers with one
+    // failure block after this listing's blocks.
+    if (build_listing_request(lister.path, opts.flags, opts.id, &query.request, &error) != 0 ||
+        build_listing_request("", kListingNoFlags, opts.id, &end_mark, &error) != 0)
+        return usage_error(ctx, "ls: " + error);
+    query.more_requests.push_back(end_mark);
+    query.on_more_reply = [&lister](size_t, const CtlReply& reply) { return lister.marker_reply(reply); };
+    device_wait(call, {LUM_TV_EVT_STORAGE_READ_DIRS}, [&lister](const CtlEvent& e) { return lister.take(e); },
+                &query);
+    QueryOutcome out = event_query(ctx.socket_path, query);
+    // Only the end marker's block is missing (lost, or behind other work).
+    if (out.status == QueryStatus::kTimeout && lister.result_known())
+        out.status = QueryStatus::kDone;
+    rc = device_report(ctx, call, out, [&lister] { return lister.waiting(); });
+    return rc != kExitOk ? rc : lister.finish();
+}
+
+}  // namespace lumctl
