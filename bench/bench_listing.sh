@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Directory listing on the simulated television: a folder of 10,000 small
 # tagged MP3 files on an ext4 stick, listed by the service (STORAGE_READ_DIRS
-# through lumstoragectl, from the request until the whole listing has come)
+# through `lumstoragectl ls`, from its start until the whole listing has come)
 # against the floor of the same work, bench_listing_floor inside the same
 # television (scandir64, lstat64 and TagLib's reads; with --no-tags
 # scandir64 and lstat64 only). Warm cache: each side lists the folder once
@@ -79,52 +79,23 @@ rig_service_unwatch
 folder=/mnt/pvr/shared/${dev}1/music
 empty=/mnt/pvr/shared/${dev}1/empty
 
-# One listing of PATH through the client, with ls's options (--no-tags);
-# prints the microseconds from the request until the whole listing has come.
-list_by_ls() {
+# One listing of PATH through the client, `ls PATH [--no-tags] --json`;
+# prints the microseconds from the client's start until the whole listing
+# has come. Its output goes to $ls_out, by default nowhere.
+list_service() {
   local t0
   t0=$(us)
-  "$build/tools/lumstoragectl" --socket "$sock" ls "$@" >/dev/null
+  "$build/tools/lumstoragectl" --socket "$sock" ls "$@" --json >"${ls_out:-/dev/null}"
   echo $(( $(us) - t0 ))
 }
 
-# Until the client lists by itself: STORAGE_READ_DIRS by `raw` with the words
-# ls sends (no flags word; flags 9, filter 1 and no tags, for --no-tags) and
-# a watcher of its own that ends after the listing's events. The watcher is
-# subscribed when the events of a get-storage-volumes have reached it. How
-# many events a listing of a folder brings comes from its first run,
-# counted until none has come for a second.
-declare -A events_of
-list_by_raw() {
-  local kind="$*" out=$work/raw.out words=(s:"$1" i:$(( ${#1} + 1 )) l:1) w n=-1 t0
-  [ "${2:-}" = --no-tags ] && words=(s:"$1" i:$(( ${#1} + 2 )) l:1 i:9)
-  local -a count=()
-  [ -n "${events_of[$kind]:-}" ] && count=(--count "${events_of[$kind]}")
-  "$build/tools/lumstoragectl" --socket "$sock" watch "${count[@]}" >"$out" &
-  w=$!
-  read -r -t 0.3 -u "$idle_fd" || true
-  ctl get-storage-volumes
-  until grep -q '^LUM_TV_EVT_STORAGE_GET_DEV_TABLE ' "$out"; do read -r -t 0.002 -u "$idle_fd" || true; done
-  t0=$(us)
-  ctl raw 4133 "${words[@]}"
-  if [ ${#count[@]} -gt 0 ]; then
-    wait "$w"
-    echo $(( $(us) - t0 ))
-    return
-  fi
-  while [ "$n" != "$(grep -c '^LUM_TV_EVT_' "$out")" ]; do n=$(grep -c '^LUM_TV_EVT_' "$out"); sleep 1; done
-  kill "$w"
-  events_of[$kind]=$n
-  echo 0
+# What the listing kept in $work/ls.json showed, from its summary line and
+# its records.
+listing_seen() {
+  local shown
+  shown=$(tail -n 1 "$work/ls.json" | grep -o '"shown":[0-9]*' || true)
+  echo "${shown#*:} shown, $(grep -o '"tagRead":true' "$work/ls.json" | wc -l) with tags read"
 }
-
-if "$build/tools/lumstoragectl" --help | grep -q '^  ls '; then
-  client="lumstoragectl ls"
-  list_service() { list_by_ls "$@"; }
-else
-  client="stand-in: lumstoragectl raw STORAGE_READ_DIRS + watch"
-  list_service() { list_by_raw "$@"; }
-fi
 
 # One pass of the floor program over PATH inside the television, with the
 # options of list_service; prints its own time in microseconds and leaves
@@ -153,32 +124,54 @@ sample_rss() {
   done 2>/dev/null
   echo "$peak"
 }
+# user + system time of the daemon so far, in clock ticks (fields 14 and
+# 15 of its stat line; its name has no blank).
+daemon_ticks() {
+  local -a f
+  read -r -a f <"/proc/$daemon_pid/stat"
+  echo $(( f[13] + f[14] ))
+}
 status_kib() { awk -v k="$1:" '$1 == k { print $2 }' "/proc/$daemon_pid/status"; }
 
 # Timed rounds of both sides, taken in turns so that the load of the
 # machine, which drifts, falls on both alike: SERVICE_TIMES FLOOR_TIMES
 # (names of arrays, in microseconds) PATH [--no-tags]. Each side lists once
-# first to warm the cache; that pass is not counted.
+# first to warm the cache; that pass is not counted, and what it saw stays
+# in $work/ls.json and floor_line. daemon_cpu: the daemon's CPU time per
+# timed listing, in milliseconds.
 measure() {
   local -n s_times=$1 f_times=$2
-  local _
+  local _ ticks
   shift 2
   s_times=() f_times=()
-  list_service "$@" >/dev/null
+  ls_out=$work/ls.json list_service "$@" >/dev/null
   list_floor "$@" >/dev/null
+  ticks=$(daemon_ticks)
   for _ in $(seq "$rounds"); do
     s_times+=("$(list_service "$@")")
     f_times+=("$(list_floor "$@")")
   done
+  daemon_cpu=$(awk -v t="$(( $(daemon_ticks) - ticks ))" -v hz="$(getconf CLK_TCK)" -v n="$rounds" \
+    'BEGIN { printf "%.1f", t * 1000 / hz / n }')
+}
+
+# What the last measure saw besides the times, into the array NAME, a line
+# each.
+take_notes() {
+  local -n into=$1
+  # shellcheck disable=SC2034  # into names the caller's array
+  into=("daemon CPU $daemon_cpu ms per listing (user + system)"
+    "listed: service $(listing_seen); floor $floor_line")
 }
 
 rss_before=$(status_kib VmRSS)
 hwm_before=$(status_kib VmHWM)
-declare -a svc_empty=() floor_empty=()  # filled by measure, read by name
+declare -a svc_empty=() floor_empty=() notes_tags=() notes_bare=()  # filled through their names
 measure svc_empty floor_empty "$empty"
 measure svc_tags floor_tags "$folder"
-floor_tags_line=$floor_line   # from the warm-up pass
+take_notes notes_tags
 measure svc_bare floor_bare "$folder" --no-tags
+take_notes notes_bare
 
 # The daemon's memory: sampled during one more listing of each kind, which
 # is not timed, so that the sampling costs the timed ones nothing.
@@ -195,7 +188,7 @@ hwm_after=$(status_kib VmHWM)
 in_ms() { printf '%s\n' "$@" | awk '{ printf "%s%.1f", (NR > 1 ? " " : ""), $1 / 1000 } END { print "" }'; }
 
 # The lines of one comparison: LABEL FLOOR_WORK SERVICE_TIMES FLOOR_TIMES
-# TARGET, the times as names of arrays.
+# TARGET NOTE..., the times as names of arrays, each NOTE a line.
 report() {
   local -n s_all=$3 f_all=$4
   local s f
@@ -206,14 +199,17 @@ report() {
     printf "            floor    median %7.1f ms  %7.0f files/s   (%s)\n", f / 1000, n * 1e6 / f, work
     printf "            ratio    %.2f   service / floor (target: within %s)\n", s / f, target }'
   echo "            all runs (ms): service $(in_ms "${s_all[@]}"); floor $(in_ms "${f_all[@]}")"
+  shift 5
+  printf '            %s\n' "$@"
+
 }
 
 echo "listing of $files tagged MP3 files in one folder of an ext4 stick, warm cache ($rounds rounds)"
-echo "  client: $client"
-report "tags on" "scandir64, lstat64, TagLib reads" svc_tags floor_tags 1.15
-report "tags off" "scandir64, lstat64" svc_bare floor_bare 1.30
-echo "  fixed cost  service median $(in_ms "$(median "${svc_empty[@]}")") ms for an empty folder (client start, request, one block:"
+echo "  service: lumstoragectl ls PATH [--no-tags] --json, from its start to its end"
+echo "  floor:   bench_listing_floor [--no-tags] PATH inside the television, its own time"
+report "tags on" "scandir64, lstat64, TagLib reads" svc_tags floor_tags 1.15 "${notes_tags[@]}"
+report "tags off" "scandir64, lstat64" svc_bare floor_bare 1.30 "${notes_bare[@]}"
+echo "  fixed cost  service median $(in_ms "$(median "${svc_empty[@]}")") ms for an empty folder (client start, request, end marker:"
 echo "              part of every service figure above), floor $(in_ms "$(median "${floor_empty[@]}")") ms"
-echo "  floor saw: $floor_tags_line"
 echo "  daemon memory: VmRSS ${rss_before} KiB before, peak ${rss_peak} KiB sampled during a listing;"
 echo "                 VmHWM ${hwm_before} -> ${hwm_after} KiB (+$(( hwm_after - hwm_before )) KiB)"
