@@ -54,7 +54,6 @@ for _ in $(seq "$rounds"); do
   floor+=($(( t1 - t0 - exec_ms )))
 done
 
-median() { printf '%s\n' "$@" | sort -n | awk '{ a[NR] = $1 } END { print a[int((NR + 1) / 2)] }'; }
 s=$(median "${service[@]}"); f=$(median "${floor[@]}"); i=$(median "${tool_in[@]}")
 echo "format of a ${size} MB ext4 partition, STORAGE_DEV_FORMAT to LUM_TV_EVT_STORAGE_FORMAT ($rounds rounds)"
 echo "  service             median ${s} ms   (all: ${service[*]})"

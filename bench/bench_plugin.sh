@@ -55,7 +55,6 @@ for _ in $(seq "$rounds"); do
   floor+=($(( t1 - t0 - exec_ms )))
 done
 
-median() { printf '%s\n' "$@" | sort -n | awk '{ a[NR] = $1 } END { print a[int((NR + 1) / 2)] }'; }
 s=$(median "${service[@]}"); f=$(median "${floor[@]}")
 echo "plug-in latency, uevent to LUM_TV_EVT_STORAGE_DEV_MOUNT_END, one ext4 partition ($rounds rounds)"
 echo "  service           median ${s} ms   (all: ${service[*]})"

@@ -2,16 +2,25 @@
 # television; sourced, not run. After `rig_service_up DESCRIPTION`:
 #   $id      the television          $sock   the daemon's socket (host path)
 #   $work    a scratch folder        $log    the daemon's log
+#   $daemon_pid  the daemon's pid (host PID namespace)
 #   ctl ARGS           a lumstoragectl call, output dropped
 #   count NAME         events of that name so far
 #   wait_count NAME N  waits until N of them have come
+#   median N...        the middle one of the numbers
 # Needs $top, $build and $rig; everything goes when the script exits.
+# `rig_service_scratch` makes $work (and the clean-up) before the
+# television, for files the description takes from the host; `rig_service_up`
+# makes it when it is not there yet.
+# `rig_service_unwatch` ends the event record, so that a measurement has no
+# other subscriber than its own client; count and wait_count see no more.
 # Extra environment for the daemon: RIG_SERVICE_ENV (words NAME=VALUE),
 # properties to set first: RIG_SERVICE_PROPS (words KEY=VALUE).
 # `rig_service_restart` starts the daemon again (with RIG_SERVICE_ENV as it
 # is then) and a new event record.
 
 ms() { echo $(( $(date +%s%N) / 1000000 )); }
+
+median() { printf '%s\n' "$@" | sort -n | awk '{ a[NR] = $1 } END { print a[int((NR + 1) / 2)] }'; }
 
 rig_service_cleanup() {
   [ -n "${watcher:-}" ] && kill "$watcher" 2>/dev/null
@@ -44,10 +53,15 @@ wait_count() {
   exit 1
 }
 
-rig_service_up() {
-  id=$(printf '%b' "$1" | "$rig" up --owner $$ -)
+rig_service_scratch() {
+  [ -n "${work:-}" ] && return 0
   work=$(mktemp -d)
   trap rig_service_cleanup EXIT
+}
+
+rig_service_up() {
+  rig_service_scratch
+  id=$(printf '%b' "$1" | "$rig" up --owner $$ -)
   local kv props=""
   for kv in ${RIG_SERVICE_PROPS:-}; do
     props="$props printf '%s' '${kv#*=}' > /run/properties/${kv%%=*};"
@@ -58,21 +72,29 @@ rig_service_up() {
 
 # Stops the daemon and starts it again with RIG_SERVICE_ENV as it is now;
 # the event record starts anew.
+rig_service_unwatch() {
+  [ -n "${watcher:-}" ] && kill "$watcher" 2>/dev/null
+  watcher=""
+}
+
 rig_service_restart() {
-  kill "$watcher" 2>/dev/null || true
+  rig_service_unwatch
   "$rig" stop "$id" lumstoraged >/dev/null
   rig_service_start
 }
 
 rig_service_start() {
   "$rig" exec "$id" -- rm -f /run/lumstorage.sock
+  # rig exec replaces itself down to the command, so the pid `run` prints
+  # is the daemon's own.
   # shellcheck disable=SC2086
-  "$rig" run "$id" --name lumstoraged -- env LMDROID_PROPERTY_DIR=/run/properties ${RIG_SERVICE_ENV:-} \
-    "$build/host/lumstoraged" --socket /run/lumstorage.sock >/dev/null
+  daemon_pid=$("$rig" run "$id" --name lumstoraged -- env LMDROID_PROPERTY_DIR=/run/properties ${RIG_SERVICE_ENV:-} \
+    "$build/host/lumstoraged" --socket /run/lumstorage.sock)
   sock=$("$rig" path "$id" /run/lumstorage.sock)
   for _ in $(seq 100); do [ -S "$sock" ] && break; sleep 0.05; done
   log=/run/lumrig/$id/logs/lumstoraged.log
   events=$work/events.$(date +%s%N)
+  : >"$events"
   "$build/tools/lumstoragectl" --socket "$sock" watch >"$events" 2>/dev/null &
   watcher=$!
   until [ "$(count LUM_TV_EVT_STORAGE_GET_STORAGE_VOLUMES)" -ge 1 ]; do ctl get-storage-volumes; sleep 0.1; done
