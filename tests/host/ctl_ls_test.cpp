@@ -37,6 +37,7 @@ protected:
 Bytes read_dirs_head(const std::string& path)
 {
     Bytes out = {0x25, 0x10, 0x00, 0x00};
+    out.reserve(out.size() + path.size() + 4);
     out.insert(out.end(), path.begin(), path.end());
     out.resize(out.size() + 4 - path.size() % 4, 0);
     return out;

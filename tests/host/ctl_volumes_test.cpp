@@ -16,6 +16,7 @@ Bytes elem(uint16_t tag, const Bytes& value)
 {
     Bytes out = {static_cast<uint8_t>(tag >> 8), static_cast<uint8_t>(tag),
                  static_cast<uint8_t>(value.size() >> 8), static_cast<uint8_t>(value.size())};
+    out.reserve(out.size() + value.size());
     out.insert(out.end(), value.begin(), value.end());
     return out;
 }

@@ -33,6 +33,7 @@ Bytes el(unsigned tag, const Bytes& v)
 {
     Bytes b = {static_cast<unsigned char>(tag >> 8), static_cast<unsigned char>(tag),
                static_cast<unsigned char>(v.size() >> 8), static_cast<unsigned char>(v.size())};
+    b.reserve(b.size() + v.size());
     b.insert(b.end(), v.begin(), v.end());
     return b;
 }

@@ -40,6 +40,7 @@ TEST_F(Listing, RecordsCarrySizeDateProtectionAndEmptyTagsByte)
     auto info = [&](unsigned char prot, uint32_t kb) {
         Bytes b = {prot, static_cast<unsigned char>(kb >> 24), static_cast<unsigned char>(kb >> 16),
                    static_cast<unsigned char>(kb >> 8), static_cast<unsigned char>(kb)};
+        b.reserve(b.size() + when.size());
         b.insert(b.end(), when.begin(), when.end());
         return b;
     };
