@@ -17,18 +17,21 @@ fi
 run_suite() {
   local dir=$1; shift
   local label=$1; shift
-  echo "=== ${label}: configure and build (${dir})"
-  cmake -S . -B "$dir" -DCMAKE_BUILD_TYPE=Debug "$@" >/dev/null
+  local type=$1; shift
+  echo "=== ${label}: configure and build (${dir}, ${type})"
+  cmake -S . -B "$dir" -DCMAKE_BUILD_TYPE="$type" "$@" >/dev/null
   cmake --build "$dir" -j"$jobs"
   echo "=== ${label}: tests"
   (cd "$dir" && ctest --output-on-failure -j"$jobs" ${CTEST_ARGS:-})
 }
 
-run_suite build "plain" 
+# The plain build is optimised as a release is, so the compiler's warnings of
+# -O2 count too; the sanitizer builds stay unoptimised.
+run_suite build "plain" RelWithDebInfo
 ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
-  run_suite build-asan "AddressSanitizer+UBSan" -DLUM_ASAN=ON -DLUM_BUILD_BENCH=OFF
+  run_suite build-asan "AddressSanitizer+UBSan" Debug -DLUM_ASAN=ON -DLUM_BUILD_BENCH=OFF
 # The rig's end-to-end tests prove nothing more under ThreadSanitizer and are
 # slow there; the unit suites cover the threads.
 CTEST_ARGS="-LE rig" TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 \
-  run_suite build-tsan "ThreadSanitizer" -DLUM_TSAN=ON -DLUM_BUILD_BENCH=OFF
+  run_suite build-tsan "ThreadSanitizer" Debug -DLUM_TSAN=ON -DLUM_BUILD_BENCH=OFF
 echo "=== all suites passed"
