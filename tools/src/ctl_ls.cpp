@@ -5,6 +5,7 @@
 // listing whose count never reaches its total. ls waits for the marker's
 // block even after a complete or failed listing: left behind, it would
 // reach the next ls as a failure before that one's listing began.
+#include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <unistd.h>
@@ -80,6 +81,10 @@ struct Lister {
     ListingAssembly listing;
     std::string damage;           // the fault of a damaged block of this listing
     bool marker_refused = false;  // the service did not queue the end marker
+    // From the connection to the daemon until the listing's result was in:
+    // what a client waits for a listing, without the start of this process.
+    std::chrono::steady_clock::time_point started = std::chrono::steady_clock::now();
+    long long elapsed_us = -1;
 
     EventStep take(const CtlEvent& event)
     {
@@ -93,6 +98,9 @@ struct Lister {
             print_block(event, block, role);
         if (!block.damage.empty())
             damage = "damaged block at offset " + std::to_string(block.offset) + ": " + block.damage;
+        if (elapsed_us < 0 && result_known())
+            elapsed_us = std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::steady_clock::now() - started)
+                             .count();
         return finished() ? EventStep::kDone : EventStep::kMore;
     }
 
@@ -142,7 +150,7 @@ struct Lister {
         long long shown = listing.received;
         json.num("total", listing.total).num("shown", shown).num("notShown", listing.not_shown());
         if (ctx.json)
-            fprintf(ctx.out, "%s\n", json.flag("failed", false).done().c_str());
+            fprintf(ctx.out, "%s\n", json.flag("failed", false).num("elapsedUs", elapsed_us).done().c_str());
         else if (listing.not_shown() > 0)
             fprintf(ctx.out, "(%s not shown: neither file, link nor directory)\n",
                     entries(listing.not_shown()).c_str());
@@ -171,7 +179,8 @@ int run_ls(const CtlContext& ctx, int argc, char** argv)
     rc = device_args(ctx, &call, "PATH", 1, kListingTimeoutSeconds, static_cast<int>(rest.size()), rest.data());
     if (rc != kExitOk)
         return rc;
-    Lister lister{device_context(ctx, call), call.args.operands[0], opts.human, {}, {}};
+    Lister lister{device_context(ctx, call), call.args.operands[0], opts.human, {}, {}, false,
+                  std::chrono::steady_clock::now(), -1};
     EventQuery query;
     std::vector<uint8_t> end_mark;
     std::string error;
