@@ -95,7 +95,7 @@ struct Lister {
         if (role == BlockRole::kSkipped)
             return EventStep::kMore;
         if (role != BlockRole::kEndMark)
-            print_block(event, block, role);
+            print_block(block, role);
         if (!block.damage.empty())
             damage = "damaged block at offset " + std::to_string(block.offset) + ": " + block.damage;
         if (elapsed_us < 0 && result_known())
@@ -118,11 +118,10 @@ struct Lister {
         return listing.end_marked || !damage.empty() || (result_known() && marker_refused);
     }
 
-    void print_block(const CtlEvent& event, const ListingBlock& block, BlockRole role) const
+    void print_block(const ListingBlock& block, BlockRole role) const
     {
         if (ctx.json) {
-            Decoded decoded = decode_event(event.id, event.data.data(), event.data.size());
-            fprintf(ctx.out, "%s\n", JsonLine().fields(decoded).done().c_str());
+            fprintf(ctx.out, "%s\n", listing_block_json(block).c_str());
         } else if (role == BlockRole::kFirst) {
             fprintf(ctx.out, "%s: %s\n", printable(path).c_str(), entries(block.total).c_str());
         }

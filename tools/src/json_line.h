@@ -14,7 +14,11 @@ struct JsonLine {
 
     JsonLine& raw(const char* key, const std::string& json)
     {
-        body += (body.empty() ? "" : ",") + json_string(key, strlen(key)) + ":" + json;
+        if (!body.empty())
+            body += ',';
+        body += json_string(key, strlen(key));
+        body += ':';
+        body += json;
         return *this;
     }
     JsonLine& str(const char* key, const std::string& value)

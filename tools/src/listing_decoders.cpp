@@ -142,9 +142,13 @@ std::string records_text(const std::vector<ListingRecord>& records)
 std::string records_json(const std::vector<ListingRecord>& records)
 {
     std::string out = "[";
-    for (const ListingRecord& r : records)
-        out += (out.size() > 1 ? "," : "") + record_json(r);
-    return out + "]";
+    for (const ListingRecord& r : records) {
+        if (out.size() > 1)
+            out += ',';
+        out += record_json(r);
+    }
+    out += ']';
+    return out;
 }
 
 }  // namespace
@@ -207,6 +211,15 @@ std::string record_json(const ListingRecord& r)
         json.str(kStringNames[i], r.*kStrings[i]);
     json.num("year", r.year).num("track", r.track).num("duration", r.duration).num("bitrate", r.bitrate);
     return json.flag("tagRead", r.tag_read).done();
+}
+
+std::string listing_block_json(const ListingBlock& block)
+{
+    JsonLine json;
+    json.num("offset", block.offset).num("total", block.total).raw("records", records_json(block.records));
+    if (!block.damage.empty())
+        json.str("damage", block.damage);
+    return json.done();
 }
 
 size_t decode_listing_block(const uint8_t* data, size_t len, Decoded* out)

@@ -57,6 +57,10 @@ std::string record_line(const ListingRecord& record, bool human);
 // Every field as one JSON object.
 std::string record_json(const ListingRecord& record);
 
+// A parsed block as one JSON object, the form `watch --json` gives it:
+// {"offset":N,"total":N,"records":[...]} and "damage" for a damaged block.
+std::string listing_block_json(const ListingBlock& block);
+
 // Event decoders (rows of the event table): offset, total and the records;
 // status and the cover's link path.
 size_t decode_listing_block(const uint8_t* data, size_t len, Decoded* out);
