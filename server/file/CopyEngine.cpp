@@ -9,8 +9,10 @@
 #include <cstdlib>
 #include <cstring>
 #include <dirent.h>
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
+#include <unistd.h>
 
 #include "ClientPath.h"
 #include "CmdCalls.h"
@@ -59,6 +61,26 @@ bool no_room_for(const char* src, const char* dst)
     if (fs.f_files != 0 && fs.f_favail == 0)
         return true;
     return static_cast<uint64_t>(fs.f_bavail) * fs.f_frsize < static_cast<uint64_t>(st.st_size);
+}
+
+// What "cp -p" keeps besides the bytes: owner, mode and times, each where
+// the destination's file system takes it. The television's cp only warns
+// when it cannot; GNU cp fails the whole copy (status 1, the bytes copied),
+// and FAT and exFAT volumes refuse a mode that differs from their mount's
+// (EPERM, ENOSYS through FUSE). So cp copies the bytes alone and the rest is
+// set here; what the file system refuses is only logged.
+void keep_attributes(const char* src, const char* dst)
+{
+    struct stat64 st;
+    if (stat64(src, &st) != 0)
+        return;
+    const struct timespec times[2] = {st.st_atim, st.st_mtim};
+    bool owner = chown(dst, st.st_uid, st.st_gid) == 0;
+    bool mode = chmod(dst, st.st_mode & 07777) == 0;
+    bool stamps = utimensat(AT_FDCWD, dst, times, 0) == 0;
+    if (!owner || !mode || !stamps)
+        SLOGD("[%s, %d] '%s' keeps its own%s%s%s\n", dst, owner ? "" : " owner", mode ? "" : " mode",
+              stamps ? "" : " times");
 }
 
 // True when the directory dst would lie inside the tree src, also by way of
@@ -132,7 +154,9 @@ int CopyFile(const char* pSrc, const char* pDst)
     char dst[SHELL_LINE_MAX];
     int rc = COPY_RESULT_NO_LINE;
     if (quote_client_path(pSrc, src, sizeof(src)) && quote_client_path(pDst, dst, sizeof(dst)))
-        rc = call_system("cp -p \"%s\" \"%s\" 2> /dev/null", src, dst) & 0xff;
+        rc = call_system("cp \"%s\" \"%s\" 2> /dev/null", src, dst) & 0xff;
+    if (rc == 0)
+        keep_attributes(pSrc, pDst);
     if (rc != 0) {
         if (no_room_for(pSrc, pDst))
             rc = ENOSPC;

@@ -65,8 +65,9 @@ typedef int (*FILE_CALLBACK)(void* context, const char* path, const struct stat6
 int BrowseDir(char* path, char* path_end, const char* buf_end, bool recurse_first, FILE_CALLBACK callback,
               void* context);
 
-// Copies one file with "cp -p". A write-protected destination is never
-// overwritten.
+// Copies one file with cp, then gives the copy the source's owner, mode and
+// times where its file system takes them (as "cp -p" on the television). A
+// write-protected destination is never overwritten.
 // 0: copied.
 // 13: the destination is write-protected; nothing ran.
 // 28: cp failed and the destination's file system has no room for the source.

@@ -86,11 +86,12 @@ protected:
         }
     }
 
-    Result Ctl(const std::vector<std::string>& args) const
+    // lumstoragectl --json ARGS, with `input` on its standard input.
+    Result Ctl(const std::vector<std::string>& args, const std::string& input = {}) const
     {
         std::vector<std::string> argv{LUMSTORAGECTL_BIN, "--socket", socket_, "--json"};
         argv.insert(argv.end(), args.begin(), args.end());
-        return lumrig::Run(argv, {}, 120);
+        return lumrig::Run(argv, input, 120);
     }
 
     // Every recorded event line.

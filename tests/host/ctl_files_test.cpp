@@ -278,7 +278,7 @@ TEST_F(CtlFiles, LimitsAndMistakesAreRefusedBeforeSending)
     };
     const Case refused[] = {
         {{"protect", p98 + "x"}, "path of 99 bytes is too long: the service takes at most 98"},
-        {{"cp", p98 + "xx", "/b"}, "path of 100 bytes is too long: the service takes at most 99"},
+        {{"cp", p256 + "x", "/b"}, "path of 257 bytes is too long: the service takes at most 256"},
         {{"cp", "/a", p256 + "x"}, "path of 257 bytes is too long: the service takes at most 256"},
         {{"rename", half + "x", half + "y"}, "510 bytes together: the service takes at most 509"},
         {{"mv", half + "xy", half}, "510 bytes together"},
@@ -310,7 +310,7 @@ TEST_F(CtlFiles, LimitsAndMistakesAreRefusedBeforeSending)
 
     // The largest that fit go out.
     const std::vector<std::string> fitting[] = {
-        {"protect", p98}, {"cp", p98 + "x", p256}, {"rename", half + "x", half}, {"exec", std::string(511, 'e')}};
+        {"protect", p98}, {"cp", p256, p256}, {"rename", half + "x", half}, {"exec", std::string(511, 'e')}};
     for (const std::vector<std::string>& words : fitting)
         EXPECT_EQ(0, run(words).code) << words[0];
     EXPECT_EQ(4u, fakesvc::file_requests().size());

@@ -29,6 +29,22 @@ TEST_F(CopyFileTest, CopiesContentModeAndTimes)
     EXPECT_EQ(st.st_mtime, 1000000000);
 }
 
+TEST_F(CopyFileTest, DestinationThatKeepsNoModeStillTakesTheCopy)
+{
+    // GNU cp onto a FAT volume: the bytes arrive, keeping the mode fails,
+    // and with -p that fails the copy (status 1).
+    write_file(std::string(kFakeDir) + "/cp",
+               "#!/bin/sh\n"
+               "for a; do case $a in -p|--preserve*) keep=1;; esac; done\n"
+               "eval \"src=\\${$(($# - 1))}\"; eval \"dst=\\${$#}\"\n"
+               "/bin/cp \"$src\" \"$dst\" || exit 1\n"
+               "[ -z \"$keep\" ]\n",
+               0755);
+    write_file(kWork + "/a.ts", "recording");
+    EXPECT_EQ(CopyFile((kWork + "/a.ts").c_str(), (kWork + "/b.ts").c_str()), 0);
+    EXPECT_EQ(read_file(kWork + "/b.ts"), "recording");
+}
+
 TEST_F(CopyFileTest, ProtectedDestinationGives13AndNoCommandRuns)
 {
     write_file(kWork + "/src", "new");

@@ -1,7 +1,8 @@
 // What the copy and move tests share: a work folder in the private /tmp, a
-// cp first on PATH that notes each source it is given and can be held or
-// made to fail before it runs the real cp, small tmpfs mounts as other file
-// systems, and waiting for the end of a copy thread.
+// cp first on PATH that notes each source it is given (the word before the
+// last) and can be held or made to fail before it runs the real cp, small
+// tmpfs mounts as other file systems, and waiting for the end of a copy
+// thread.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -92,7 +93,8 @@ protected:
                   0);
         write_file(std::string(kFakeDir) + "/cp",
                    "#!/bin/sh\n"
-                   "echo \"$2\" >> /tmp/cpfake/calls\n"
+                   "eval \"src=\\${$(($# - 1))}\"\n"
+                   "echo \"$src\" >> /tmp/cpfake/calls\n"
                    "i=0\n"
                    "while [ -e /tmp/cpfake/hold ] && [ $i -lt 1500 ]; do sleep 0.02; i=$((i+1)); done\n"
                    "[ -e /tmp/cpfake/rc ] && exit $(cat /tmp/cpfake/rc)\n"

@@ -56,7 +56,7 @@ const char kUsage[] =
     "  rm -r PATH       removes a tree;  rmdir PATH  removes an empty directory\n"
     "  protect PATH / unprotect PATH  sets or lifts write protection (98 bytes at most)\n"
     "  cp [--recording|-r] SRC DST  copies a file, a recording with its companions\n"
-    "                   or a tree (SRC at most 99 bytes, DST 256) and waits for the end\n"
+    "                   or a tree (SRC and DST at most 256 bytes) and waits for the end\n"
     "  cp --cancel      stops a running tree copy and returns at once\n"
     "  cp --direct [-r] SRC DST  copies on the request's own thread, no reason on failure\n"
     "  mv SRC DST [--recording] / rename SRC DST [--recording]  moves or renames\n"

@@ -123,7 +123,7 @@ int build_set_protected(const std::string& path, bool protect, Bytes* out, std::
 
 int build_copy(const std::string& src, const std::string& dst, int type, Bytes* out, std::string* error)
 {
-    if (check_path(src, kPostedTextMax, error) != 0 || check_path(dst, kCopyPathMax, error) != 0)
+    if (check_path(src, kCopyPathMax, error) != 0 || check_path(dst, kCopyPathMax, error) != 0)
         return -1;
     if (type == kCopyRecording && check_recording(src, error) != 0)
         return -1;

@@ -49,9 +49,10 @@ int build_delete_dir(const std::string& path, int32_t mode, Bytes* out, std::str
 // the path, at most kPostedTextMax - 1 bytes.
 int build_set_protected(const std::string& path, bool protect, Bytes* out, std::string* error);
 
-// STORAGE_COPY: cstring src (at most kPostedTextMax bytes), int32 len, then
-// len raw bytes: src NUL dst NUL [type byte], paths of at most
-// kCopyPathMax bytes. A tree copy is one whose src ends in "/".
+// STORAGE_COPY: cstring src, int32 len, then len raw bytes: src NUL dst NUL
+// [type byte], paths of at most kCopyPathMax bytes. The service takes the
+// cstring whole when the raw bytes follow it. A tree copy is one whose src
+// ends in "/".
 int build_copy(const std::string& src, const std::string& dst, int type, Bytes* out, std::string* error);
 // The cancel: the empty cstring and len 0, no block.
 int build_copy_cancel(Bytes* out, std::string* error);

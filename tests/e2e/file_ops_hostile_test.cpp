@@ -1,0 +1,193 @@
+// Hostile file names through every file operation, end to end: quotes,
+// backslashes, command substitutions, newlines, formats, leading dashes,
+// globs, bytes that are not UTF-8, a name of 255 bytes. lumstoragectl takes
+// each as an argument, byte for byte (argv carries everything but NUL, which
+// no name holds). Each operation must act on the named file alone: a canary
+// beside it survives, and a marker that the names would create, were any
+// of them run as shell code, never appears.
+#include <gtest/gtest.h>
+
+#include "file_ops_rig.h"
+
+namespace e2e {
+namespace {
+
+const std::string kOne = "/mnt/pvr/shared/sdb1";
+const std::string kTwo = "/mnt/pvr/shared/sdb2";
+const std::string kHere = kOne + "/h";   // the canary's folder
+const std::string kAside = kOne + "/h2";  // same volume
+const std::string kAway = kTwo + "/g";    // another volume
+const std::string kCanary = kHere + "/canary";
+const std::string kMarker = "/run/hostile-marker";
+
+// The service's shells see $MARK and $CANARY: a name run as code creates
+// the marker or removes the canary.
+const std::vector<std::string> kHostile = {
+    "a\"b",
+    "a\\b",
+    "tail\\",
+    "$MARK",
+    "$(touch $MARK)",
+    "`touch $MARK`",
+    "\";touch $MARK;\"",
+    "$(rm -f $CANARY)",
+    "new\nline",
+    "%s%n%x%%",
+    "-rf",
+    " two  spaces ",
+    "*",
+    "a;b|c&d>e<f",
+    "'quoted'",
+    "\xff\xfe\xc3(",
+};
+
+class FileOpsHostile : public FileOps {
+protected:
+    void SetUp() override
+    {
+        FileOps::SetUp();
+        if (IsSkipped() || HasFatalFailure())
+            return;
+        StartWith("disk stick size=128M table=msdos plugged=no dev=sdb\n"
+                  "  part size=48M fs=ext4 label=ONE\n"
+                  "    file /h/canary text=canary\n"
+                  "    dir /h2\n"
+                  "  part fs=ext4 label=TWO\n"
+                  "    dir /g\n",
+                  {"stick"}, {"MARK=" + kMarker, "CANARY=" + kCanary});
+    }
+    // Nothing ran and nothing was lost: the folders hold what they should.
+    // One look inside: each folder's names ending in NUL, then the canary
+    // and whether the marker is there, each part ending in \1.
+    void ExpectOnly(const std::set<std::string>& here, const std::set<std::string>& aside = {},
+                    const std::set<std::string>& away = {}) const
+    {
+        const char* script =
+            "for d in \"$1\" \"$2\" \"$3\"; do find \"$d\" -mindepth 1 -maxdepth 1 -printf '%f\\0'; printf '\\1'; "
+            "done; cat \"$4\"; printf '\\1'; [ ! -e \"$5\" ] || printf marker; printf '\\1'";
+        std::string seen = In({"sh", "-c", script, "sh", kHere, kAside, kAway, kCanary, kMarker}).out;
+        std::vector<std::string> parts = Split(seen, '\1');
+        ASSERT_EQ(parts.size(), 5u) << testing::PrintToString(seen);
+        std::set<std::string> withCanary = here;
+        withCanary.insert("canary");
+        EXPECT_EQ(AsSet(Split(parts[0], '\0')), withCanary);
+        EXPECT_EQ(AsSet(Split(parts[1], '\0')), aside);
+        EXPECT_EQ(AsSet(Split(parts[2], '\0')), away);
+        EXPECT_EQ(parts[3], "canary");
+        EXPECT_EQ(parts[4], "") << "a name ran as a command";
+    }
+    // Every file operation on the name n, each followed by a look at what
+    // it did.
+    void ThroughEveryOperation(const std::string& n)
+    {
+        const std::string here = kHere + "/" + n, aside = kAside + "/" + n, away = kAway + "/" + n;
+        EXPECT_EQ(Op({"mkdir", here}), 0);
+        EXPECT_EQ(In({"test", "-d", here}).status, 0);
+        ExpectOnly({n});
+        EXPECT_EQ(Op({"rmdir", here}), 0);
+        ExpectOnly({});
+
+        // A folder named n holding a file named n, copied as a tree.
+        EXPECT_EQ(Op({"mkdir", here}), 0);
+        EXPECT_EQ(Write(here + "/" + n, "inner"), 0);
+        EXPECT_EQ(Op({"cp", "-r", here, away}), 0);
+        EXPECT_EQ(Names(away), std::set<std::string>{n});
+        EXPECT_EQ(Cat(away + "/" + n), "inner");
+        EXPECT_EQ(Op({"rm", "-r", away}), 0);
+        EXPECT_EQ(Op({"rm", "-r", here}), 0);
+        ExpectOnly({});
+
+        // A file named n.
+        EXPECT_EQ(Write(here, "data"), 0);
+        EXPECT_EQ(Op({"protect", here}), 0);
+        EXPECT_FALSE(OwnerWrites(here));
+        EXPECT_EQ(Op({"rm", here}), 2);
+        EXPECT_EQ(Op({"unprotect", here}), 0);
+        EXPECT_TRUE(OwnerWrites(here));
+        EXPECT_EQ(Op({"cp", here, away}), 0);
+        EXPECT_EQ(Cat(away), "data");
+        EXPECT_EQ(Op({"rm", away}), 0);
+        EXPECT_EQ(Op({"rename", here, aside}), 0);
+        ExpectOnly({}, {n});
+        EXPECT_EQ(Op({"mv", aside, here}), 0);
+        ExpectOnly({n});
+        EXPECT_EQ(Op({"mv", here, away}), 0);
+        ExpectOnly({}, {}, {n});
+        EXPECT_EQ(Cat(away), "data");
+        EXPECT_EQ(Op({"rm", away}), 0);
+
+        // A recording named n.ts.
+        EXPECT_EQ(Write(here + ".ts", "rec"), 0);
+        EXPECT_EQ(Write(here + ".ts.idx", "idx"), 0);
+        EXPECT_EQ(Op({"rm", "--recording", here + ".ts"}), 0);
+        ExpectOnly({});
+    }
+};
+
+TEST_F(FileOpsHostile, NamesRunNothingAndEveryOperationActsOnTheNamedFileAlone)
+{
+    if (HasFatalFailure())
+        return;
+    for (const std::string& n : kHostile) {
+        SCOPED_TRACE(testing::PrintToString(n));
+        ThroughEveryOperation(n);
+    }
+    // The canary and the marker are within a command's reach: one that
+    // meant to would have shown.
+    EXPECT_EQ(Op({"exec", "--", "test -f \"$CANARY\" && touch \"$MARK\""}), 0);
+    EXPECT_TRUE(Here(kMarker));
+}
+
+TEST_F(FileOpsHostile, LongNamesGoWhereTheyFitAndAreRefusedWholeElsewhere)
+{
+    if (HasFatalFailure())
+        return;
+    // 200 bytes: paths of 223, too long for protect's field alone.
+    std::string m = "$(touch $MARK)\n\"";
+    m.append(200 - m.size(), 'M');
+    const std::string there = kHere + "/" + m;
+    EXPECT_EQ(Write(there, "middle"), 0);
+    EXPECT_EQ(Op({"protect", there}), kNotSent);
+    EXPECT_EQ(Op({"cp", there, kAway + "/" + m}), 0);
+    EXPECT_EQ(Op({"rename", there, kAside + "/" + m}), 0);
+    EXPECT_EQ(Op({"mv", kAside + "/" + m, there}), 0);
+    ExpectOnly({m}, {}, {m});
+    EXPECT_EQ(Cat(kAway + "/" + m), "middle");
+    EXPECT_EQ(Op({"rm", kAway + "/" + m}), 0);
+    EXPECT_EQ(Op({"rm", there}), 0);
+    EXPECT_EQ(Op({"mkdir", there}), 0);
+    EXPECT_EQ(Op({"cp", "-r", there, kAway + "/" + m}), 0);
+    EXPECT_EQ(Op({"rm", "-r", kAway + "/" + m}), 0);
+    EXPECT_EQ(Op({"rmdir", there}), 0);
+    ExpectOnly({});
+
+    // 255 bytes, the most a name can have: the shell lines take it; the
+    // requests whose fields are shorter are refused by the client.
+    std::string n = "$(touch $MARK)`touch $MARK`\"\\";
+    n.append(255 - n.size(), 'L');
+    const std::string here = kHere + "/" + n;
+    EXPECT_EQ(Op({"mkdir", here}), 0);
+    ExpectOnly({n});
+    EXPECT_EQ(Op({"rmdir", here}), 0);
+    EXPECT_EQ(Op({"mkdir", here}), 0);
+    EXPECT_EQ(Op({"rm", "-r", here}), 0);
+    ExpectOnly({});
+    EXPECT_EQ(Write(here, "long"), 0);
+    EXPECT_EQ(Cat(here), "long");
+    EXPECT_EQ(Op({"protect", here}), kNotSent);
+    EXPECT_EQ(Op({"cp", here, kAway + "/x"}), kNotSent);
+    EXPECT_EQ(Op({"rename", here, kAside + "/" + n}), kNotSent);
+    EXPECT_EQ(Op({"mv", here, kAway + "/" + n}), kNotSent);
+    ExpectOnly({n});
+    EXPECT_TRUE(OwnerWrites(here));
+    EXPECT_EQ(Op({"rm", here}), 0);
+    ExpectOnly({});
+
+    // A name whose escaped form does not fit a command line fails as a
+    // command: nothing cut short runs.
+    EXPECT_EQ(Op({"mkdir", kHere + "/" + std::string(250, '"')}), 2);
+    ExpectOnly({});
+}
+
+}  // namespace
+}  // namespace e2e
