@@ -60,6 +60,10 @@ rig_service_scratch() {
   [ -n "${work:-}" ] && return 0
   work=$(mktemp -d)
   trap rig_service_cleanup EXIT
+  # bash runs no EXIT trap when a signal ends it: these turn INT and TERM
+  # into an exit (once the command in the foreground has ended).
+  trap 'exit 130' INT
+  trap 'exit 143' TERM
 }
 
 rig_service_up() {
