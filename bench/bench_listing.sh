@@ -22,9 +22,6 @@ fi
 # shellcheck source=bench/rig_service.sh
 source "$top/bench/rig_service.sh"
 
-# Microseconds of the shell's own clock: reading it starts no process.
-us() { echo "${EPOCHREALTIME/./}"; }
-
 # One MP3 of a one-second tone; then $files files of its MPEG data, each
 # behind an ID3v2.3 tag of its own, written by one Python process.
 make_music() {

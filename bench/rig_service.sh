@@ -7,6 +7,7 @@
 #   count NAME         events of that name so far
 #   wait_count NAME N  waits until N of them have come
 #   median N...        the middle one of the numbers
+#   ms, us             the clock in milliseconds, microseconds
 # Needs $top, $build and $rig; everything goes when the script exits.
 # `rig_service_scratch` makes $work (and the clean-up) before the
 # television, for files the description takes from the host; `rig_service_up`
@@ -19,6 +20,8 @@
 # is then) and a new event record.
 
 ms() { echo $(( $(date +%s%N) / 1000000 )); }
+# Microseconds of the shell's own clock: reading it starts no process.
+us() { echo "${EPOCHREALTIME/./}"; }
 
 median() { printf '%s\n' "$@" | sort -n | awk '{ a[NR] = $1 } END { print a[int((NR + 1) / 2)] }'; }
 
@@ -57,6 +60,10 @@ rig_service_scratch() {
   [ -n "${work:-}" ] && return 0
   work=$(mktemp -d)
   trap rig_service_cleanup EXIT
+  # bash runs no EXIT trap when a signal ends it: these turn INT and TERM
+  # into an exit (once the command in the foreground has ended).
+  trap 'exit 130' INT
+  trap 'exit 143' TERM
 }
 
 rig_service_up() {
