@@ -220,6 +220,12 @@ public:
         StartBenchmarkIfIdle();
         Post(Request(STORAGE_DEV_UMOUNT).s("sdq1"), nullptr);
         Wait(LUM_TV_EVT_STORAGE_DEV_UMOUNT_END, ++m_unmounts, "unmount");
+        // Queries of the table and the volumes, and a marking that moves the
+        // PVR partition while the callers ask for it.
+        Post(Request(STORAGE_GET_STORAGE_VOLUMES), &m_tables);
+        Post(Request(STORAGE_GET_STORAGE_VOLUME).s("/dev/sdq"), &m_devInfos);
+        Post(Request(STORAGE_GET_UUID_FOR_PATH).s(kSdr1Mount), &m_uuids);
+        Post(Request(STORAGE_PVR_MARK_DEV).s("/dev/sdr1").b(false), &m_marks);
         Post(Request(STORAGE_DEV_MOUNT).s("/dev/sdq1"), nullptr);
         Wait(LUM_TV_EVT_STORAGE_DEV_MOUNT_END, ++m_mounts, "mount");
         set_blkid(false);
@@ -256,6 +262,7 @@ public:
         Wait(LUM_TV_EVT_STORAGE_READ_DIRS, m_listings, "listing");
         Wait(LUM_TV_EVT_STORAGE_HDD_GET_SIZE, m_sizes, "size reply");
         Wait(LUM_TV_EVT_STORAGE_EXTRACT_COVER, m_covers, "cover");
+        Wait(LUM_TV_EVT_STORAGE_PVR_MARK, m_marks, "marking");
         if (!eventually([] { return !copy_running() && copy_threads_alive() == 0 && !benchmark_running() &&
                                     benchmark_threads_alive() == 0; }))
             Fail("a copy or benchmark thread never ended");
@@ -264,6 +271,9 @@ public:
             {LUM_TV_EVT_STORAGE_READ_DIRS, m_listings},   {LUM_TV_EVT_STORAGE_HDD_GET_SIZE, m_sizes},
             {LUM_TV_EVT_STORAGE_EXTRACT_COVER, m_covers},  {LUM_TV_EVT_STORAGE_COPY, m_copies},
             {LUM_TV_EVT_STORAGE_FORMAT, m_formats},       {LUM_TV_EVT_STORAGE_SET_ALL_PARTITION, m_formats},
+            {LUM_TV_EVT_STORAGE_GET_STORAGE_VOLUMES, m_tables}, {LUM_TV_EVT_STORAGE_GET_DEV_TABLE, m_tables},
+            {LUM_TV_EVT_STORAGE_GET_DEV_INFO, m_devInfos}, {LUM_TV_EVT_STORAGE_GET_UUID_FOR_PATH, m_uuids},
+            {LUM_TV_EVT_STORAGE_PVR_MARK, m_marks},
         };
         for (const auto& [event, want] : expected) {
             if (m_tally.count(event) != want)
@@ -300,6 +310,7 @@ private:
             Fail("the queue refused signal " + std::to_string(signal));
     }
     // A posted command: the hub answers true once it is queued.
+    void Post(Request&& request, int* posted) { Post(request, posted); }
     void Post(Request& request, int* posted)
     {
         if (request.invoke() != kTrue)
@@ -367,6 +378,10 @@ private:
     int m_copies = 0;
     int m_benchmarks = 0;
     int m_formats = 0;
+    int m_tables = 0;
+    int m_devInfos = 0;
+    int m_uuids = 0;
+    int m_marks = 0;
 };
 
 }  // namespace
