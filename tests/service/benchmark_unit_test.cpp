@@ -21,6 +21,7 @@
 #include "Benchmark.h"
 #include "SignalNo.h"
 #include "StorageManagerService.h"
+#include "fake_tools.h"
 #include "test_support.h"
 
 namespace {
@@ -200,12 +201,8 @@ TEST(BenchmarkFigure, OnlyTheFirst1999BytesOfTheFileCount)
     remove(BENCHMARK_OUTPUT_FILE);
 }
 
-// A fake iozone first on PATH: notes its command line, prints
-// /tmp/fake/iozone.out, marks that it runs, waits while /tmp/fake/iozone.hold
-// exists, and exits with the code in /tmp/fake/iozone.rc. A fake killall
-// beside it signals the fakes only; those of test processes running beside
-// this one are reached too, so a fake gives in to SIGTERM only once its own
-// test has allowed it (AllowKill) in its private /tmp.
+// The fake iozone and killall of fake_tools.h first on PATH; a test allows
+// the kill of its own fake with AllowKill.
 class BenchmarkRun : public ::testing::Test {
 protected:
     void SetUp() override
@@ -216,22 +213,7 @@ protected:
         mkdir("/tmp/fakebin", 0755);
         mkdir("/tmp/fake", 0755);
         mkdir("/tmp/vol", 0755);
-        write_file("/tmp/fakebin/iozone",
-                   "#!/bin/sh\n"
-                   "trap '[ -e /tmp/fake/iozone.killable ] && exit 143' TERM\n"
-                   "echo \"iozone $*\" >> /tmp/fake/iozone.calls\n"
-                   "cat /tmp/fake/iozone.out 2>/dev/null\n"
-                   "touch /tmp/fake/iozone.started\n"
-                   "while [ -e /tmp/fake/iozone.hold ]; do sleep 0.02; done\n"
-                   "exit $(cat /tmp/fake/iozone.rc 2>/dev/null || echo 0)\n");
-        chmod("/tmp/fakebin/iozone", 0755);
-        // "killall iozone" of the service reaches only the fakes, never an
-        // iozone of the machine.
-        write_file("/tmp/fakebin/killall",
-                   "#!/bin/sh\n"
-                   "[ \"$1\" = iozone ] || exec /usr/bin/killall \"$@\"\n"
-                   "exec pkill -TERM -f '^/bin/sh /tmp/fakebin/iozone'\n");
-        chmod("/tmp/fakebin/killall", 0755);
+        write_fake_benchmark_tools();
         for (const char* f : {"/tmp/fake/iozone.killable", "/tmp/fake/iozone.calls", "/tmp/fake/iozone.started", "/tmp/fake/iozone.hold",
                               "/tmp/fake/iozone.rc", BENCHMARK_OUTPUT_FILE})
             remove(f);

@@ -237,9 +237,7 @@ TEST(Format, NameOfThirtyCharactersIsRefusedWithoutAnEvent)
 
 namespace {
 
-// A volume /dev/sdq1 that fake tools mount and unmount: `mount` lists what
-// the fake mount and umount keep in /tmp/fake/mount.out, the fake format
-// tools exit with /tmp/fake/mkfs.rc and wait while /tmp/fake/hold exists.
+// A volume /dev/sdq1 that the fake volume tools mount and unmount.
 // /mnt is a private tmpfs, for the mount points the runs make.
 class FormatRun : public FakeTools {
 protected:
@@ -251,20 +249,7 @@ protected:
         if (mount("lumformat", "/mnt", "tmpfs", 0, "mode=755") != 0)
             GTEST_SKIP() << "SKIPPED: no private /mnt";
         mnt = true;
-        script("mount",
-               "if [ $# -eq 0 ]; then cat /tmp/fake/mount.out 2>/dev/null; exit 0; fi\n"
-               "for dir; do :; done\n"
-               "eval \"dev=\\${$(($# - 1))}\"\n"
-               "echo \"$dev on $dir type ext4 (rw)\" >> /tmp/fake/mount.out\n");
-        script("umount",
-               "for dir; do :; done\n"
-               "grep -v \" on $dir \" /tmp/fake/mount.out > /tmp/fake/mount.new\n"
-               "mv /tmp/fake/mount.new /tmp/fake/mount.out\n");
-        const char* tool = "while [ -f /tmp/fake/hold ]; do sleep 0.02; done\n"
-                           "exit $(cat /tmp/fake/mkfs.rc 2>/dev/null || echo 0)\n";
-        script("mkfs", tool);
-        script("mkfs.ext4", tool);
-        script("sync", "");
+        write_fake_volume_tools();
         output("mount", "/dev/sdq1 on /mnt/pvr/shared/sdq1 type ext4 (rw)\n");
         output("blkid", "/dev/sdq1: LABEL=\"OLD\" UUID=\"1111-2222\" TYPE=\"ext4\"\n");
         output("df",
@@ -285,12 +270,6 @@ protected:
         if (mnt)
             umount2("/mnt", MNT_DETACH);
         FakeTools::TearDown();
-    }
-    static void script(const char* tool, const char* body)
-    {
-        std::string path = std::string("/tmp/fakebin/") + tool;
-        std::ofstream(path) << "#!/bin/sh\necho \"$0 $*\" >> /tmp/fake/calls\n" << body;
-        chmod(path.c_str(), 0755);
     }
     static std::string mounted()
     {

@@ -70,16 +70,32 @@ int child_failing()
 
 // copy_thread_test.cpp
 int child_copy_without_threads();
+// stress_test.cpp
+int child_stress();
+
+namespace {
+
+struct ChildRow {
+    const char* name;
+    int (*run)();
+};
+
+const ChildRow kChildren[] = {
+    {"start", child_start},
+    {"failing", child_failing},
+    {"copy_without_threads", child_copy_without_threads},
+    {"stress", child_stress},
+};
+
+}  // namespace
 
 int child_main(const char* name)
 {
     int rc = 99;
-    if (strcmp(name, "start") == 0)
-        rc = child_start();
-    else if (strcmp(name, "failing") == 0)
-        rc = child_failing();
-    else if (strcmp(name, "copy_without_threads") == 0)
-        rc = child_copy_without_threads();
+    for (const ChildRow& row : kChildren) {
+        if (strcmp(name, row.name) == 0)
+            rc = row.run();
+    }
     fflush(stdout);
     fflush(stderr);
     // The service has no stop: leave without running destructors under its
