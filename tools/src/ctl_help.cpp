@@ -73,7 +73,8 @@ const HelpRow kHelp[] = {
      "bench --cancel\tstops the running benchmark",
      "Prints a progress bar, then the figure: iozone's average throughput per\n"
      "process (kB/s) and the number of processes. Exit 1 when it fails or is\n"
-     "cancelled. Default --timeout 1200 s (the service gives up after 15 minutes).\n"},
+     "cancelled. Default --timeout 1860 s (the service stops a benchmark after\n"
+     "about 30 minutes).\n"},
     {"ls", kFiles, "ls PATH [--filter N] [--no-tags] [--id N] [-h]\tlists a directory or playlist like ls -l",
      "One line per entry: protection (r protected, w writable), size in KiB (-h:\n"
      "4.1M), date, time, name, and the tags TagLib read (title, artist, album,\n"
