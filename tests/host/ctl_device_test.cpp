@@ -65,8 +65,9 @@ TEST_F(CtlDevices, DevinfoShowsTheDeviceOrSaysThereIsNone)
     EXPECT_EQ(0u, r.out.find("{\"name\":\"sdb\",\"status\":0,\"device\":{\"vendor\":")) << r.out;
     EXPECT_TRUE(has(r.out, "\"devId\":125916523")) << r.out;
 
+    // The service answered, and the answer is no.
     r = run({"devinfo", "sdx"});
-    EXPECT_EQ(1, r.code);
+    EXPECT_EQ(3, r.code);
     EXPECT_EQ("", r.out);
     EXPECT_TRUE(has(r.err, "no device information for sdx")) << r.err;
 }
@@ -189,7 +190,8 @@ TEST_F(CtlDevices, CommandNamesKeepTheirRawPathAndUsageIsChecked)
     hosttest::TempDir dir;
     r = ctl(dir.path + "/none.sock", {"volumes"});
     EXPECT_EQ(1, r.code);
-    EXPECT_TRUE(has(r.err, "volumes: connect ")) << r.err;
+    EXPECT_TRUE(has(r.err, "volumes: cannot connect to " + dir.path + "/none.sock")) << r.err;
+    EXPECT_TRUE(has(r.err, "is lumstoraged running?")) << r.err;
 }
 
 }  // namespace

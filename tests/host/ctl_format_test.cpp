@@ -52,7 +52,7 @@ TEST_F(CtlFormat, SuccessPrintsEachStepAndTheNewSize)
               "mounting\n"
               "mounted /mnt/pvr/shared/sdb1 (vfat, label PVRDISK)\n"
               "PVR partition now /mnt/pvr/shared/sdb1\n"
-              "result: ok, 1234 MB\n",
+              "result: ok, 1.2G (1234 MB)\n",
               r.out);
     EXPECT_EQ("", r.err);
 
@@ -118,7 +118,7 @@ TEST_F(CtlFormat, WatchdogIsToldAndTheFinalResultDecides)
               "watchdog expired, still formatting\n"
               "mounting\n"
               "mounted /mnt/usb/sdd1 (vfat, label BIG)\n"
-              "result: ok, 953869 MB\n",
+              "result: ok, 931.5G (953869 MB)\n",
               r.out);
     r = run({"format", "sdd1", "--json"});
     EXPECT_EQ((std::vector<std::string>{"unmounting", "unmounted", "formatting", "watchdog", "mounting", "mounted",

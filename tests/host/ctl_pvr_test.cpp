@@ -75,13 +75,13 @@ TEST_F(CtlPvr, TotalGivesTheSizeOrSaysThereIsNone)
 
 TEST_F(CtlPvr, LimitIsReadOrSetAndReadBack)
 {
-    expect_all({{{"pvr", "limit"}, 0, "PVR size limit: 4096 MB\n"},
-                {{"pvr", "limit", "8000"}, 0, "PVR size limit: 8000 MB (was 4096 MB)\n"},
+    expect_all({{{"pvr", "limit"}, 0, "PVR size limit: 4G (4096 MB)\n"},
+                {{"pvr", "limit", "8000"}, 0, "PVR size limit: 7.8G (8000 MB), was 4G (4096 MB)\n"},
                 {{"pvr", "limit", "--json"}, 0, "{\"limitMB\":8000}\n"},
-                {{"pvr", "limit", "8000"}, 0, "PVR size limit: 8000 MB (unchanged, it was set already)\n"},
+                {{"pvr", "limit", "8000"}, 0, "PVR size limit: 7.8G (8000 MB), unchanged: it was set already\n"},
                 {{"pvr", "limit", "1000"},
                  3,
-                 "PVR size limit: 8000 MB (unchanged: 1000 MB ignored, below the minimum of 1800 MB)\n"},
+                 "PVR size limit: 7.8G (8000 MB), unchanged: 1000 MB ignored, below the minimum of 1800 MB\n"},
                 {{"pvr", "limit", "1800", "--json"},
                  0,
                  "{\"limitMB\":1800,\"previousMB\":8000,\"requestedMB\":1800,\"changed\":true}\n"}});
@@ -91,8 +91,8 @@ TEST_F(CtlPvr, LimitIsReadOrSetAndReadBack)
     fakesvc::g_pvr_enabled = false;
     expect_all({{{"pvr", "limit", "9000"},
                  3,
-                 "PVR size limit: 1800 MB (unchanged: 9000 MB ignored, the service takes a new limit only while "
-                 "recording or timeshift is on)\n"},
+                 "PVR size limit: 1.8G (1800 MB), unchanged: 9000 MB ignored, the service takes a new limit only while "
+                 "recording or timeshift is on\n"},
                 {{"pvr", "limit", "9000", "--json"},
                  3,
                  "{\"limitMB\":1800,\"previousMB\":1800,\"requestedMB\":9000,\"changed\":false,\"ignored\":\"the "
@@ -203,7 +203,7 @@ TEST_F(CtlPvr, MarkWithFormatShowsTheFormatThenTheVerdict)
               "mounting\n"
               "mounted /mnt/pvr/shared/sdb1 (vfat, label PVRDISK)\n"
               "PVR partition now /mnt/pvr/shared/sdb1\n"
-              "result: ok, 1234 MB\n"
+              "result: ok, 1.2G (1234 MB)\n"
               "sdb: marked as the PVR disk\n",
               r.out);
     r = run({"pvr", "mark", "sdb", "--format", "--json"});
@@ -235,7 +235,7 @@ TEST_F(CtlPvr, UsageAndCommandNames)
     hosttest::TempDir dir;
     r = ctl(dir.path + "/none.sock", {"pvr", "state"});
     EXPECT_EQ(1, r.code);
-    EXPECT_TRUE(has(r.err, "pvr state: connect ")) << r.err;
+    EXPECT_TRUE(has(r.err, "pvr state: cannot connect to ")) << r.err;
 }
 
 }  // namespace

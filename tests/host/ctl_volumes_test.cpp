@@ -179,6 +179,15 @@ TEST(CtlVolumes, TableShowsPartitionsUnderTheirDisk)
               lumctl::render_volume_table(odd));
     EXPECT_EQ("NAME TYPE CONN FSTYPE LABEL SIZE USED MOUNTPOINT VENDOR MODEL\n(no devices)\n",
               lumctl::render_volume_table({}));
+
+    // Chinese characters take two columns on screen, accented letters one:
+    // the columns behind them stay in line.
+    std::vector<VolumeEntry> labels = {entry("/dev/sdb1", 0, "vfat", "\u97f3\u4e50", 96, 1, ""),
+                                       entry("/dev/sdb2", 0, "ext4", "Caf\u00e9", 144, 3, "")};
+    EXPECT_EQ("NAME TYPE CONN FSTYPE LABEL SIZE USED MOUNTPOINT VENDOR MODEL\n"
+              "sdb1 part -    vfat   \u97f3\u4e50   96M   1M\n"
+              "sdb2 part -    ext4   Caf\u00e9  144M   3M\n",
+              lumctl::render_volume_table(labels));
 }
 
 }  // namespace

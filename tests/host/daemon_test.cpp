@@ -117,6 +117,24 @@ struct Daemon {
     }
 };
 
+// lumstoragectl watch OPTIONS --count 1 on sock: keeps formatting sda1 until
+// the watcher has seen one event; its output.
+std::string watch_one_format(const std::string& sock, std::initializer_list<std::string> options)
+{
+    std::vector<std::string> words = ctl(sock, {"watch", "--count", "1", "--timeout", "20"});
+    words.insert(words.end(), options);
+    Proc watch = spawn(words, false);
+    std::string seen;
+    for (int k = 0; k < 100 && seen.empty(); ++k) {
+        EXPECT_EQ(0, run(ctl(sock, {"dev-format", "sda1"})).code);
+        if (lumproto::wait_readable(watch.out, 100) > 0)
+            seen = drain(watch.out, 5000);
+    }
+    close(watch.out);
+    EXPECT_EQ(0, wait_exit(watch.pid, 10000));
+    return seen;
+}
+
 TEST(FakeDaemon, ServesCtlAndWatchThenStopsOnSigterm)
 {
     hosttest::TempDir dir;
@@ -138,18 +156,18 @@ TEST(FakeDaemon, ServesCtlAndWatchThenStopsOnSigterm)
     EXPECT_EQ(0, r.code);
     EXPECT_EQ("(unknown command) (28672): result -1\n  (no reply)\n", r.out);
 
-    // watch: keep formatting until the watcher has seen one event.
-    Proc watch = spawn(ctl(sock, {"watch", "--json", "--count", "1", "--timeout", "20"}), false);
-    std::string seen;
-    for (int k = 0; k < 100 && seen.empty(); ++k) {
-        EXPECT_EQ(0, run(ctl(sock, {"dev-format", "sda1"})).code);
-        if (lumproto::wait_readable(watch.out, 100) > 0)
-            seen = drain(watch.out, 5000);
-    }
-    close(watch.out);
-    EXPECT_EQ(0, wait_exit(watch.pid, 10000));
+    std::string seen = watch_one_format(sock, {"--json"});
     EXPECT_TRUE(hosttest::json_valid(seen)) << seen;
     EXPECT_NE(std::string::npos, seen.find("\"data\":{\"devName\":\"sda1\",\"result\":0}")) << seen;
+    // --hex: the payload's bytes too, as a dump or as one JSON string.
+    seen = watch_one_format(sock, {"--hex"});
+    EXPECT_EQ(0u, seen.find("LUM_TV_EVT_STORAGE_FORMAT (1507359): devName=\"sda1\" result=0\n"
+                            "00000000  73 64 61 31 00 00 00 00 00 00 00 00 00 00 00 00\n"))
+        << seen;
+    EXPECT_NE(std::string::npos, seen.find("\n00000020  00 00 00 00\n(36 bytes)\n")) << seen;
+    seen = watch_one_format(sock, {"--json", "--hex"});
+    EXPECT_TRUE(hosttest::json_valid(seen)) << seen;
+    EXPECT_NE(std::string::npos, seen.find("\"len\":36,\"hex\":\"7364613100")) << seen;
 
     EXPECT_EQ(0, daemon.stop());
     EXPECT_NE(0, access(sock.c_str(), F_OK)) << "socket file left behind";

@@ -344,6 +344,36 @@ int guide_info(const android::Parcel&, android::Parcel* reply)
     return 0;
 }
 
+// --- benchmark ---
+
+Bytes bench_event(uint8_t status, uint8_t progress, uint32_t speed, uint32_t processes)
+{
+    Bytes out{status, progress};
+    put_be32(&out, speed);
+    put_be32(&out, processes);
+    return out;
+}
+
+int dev_benchmark(const android::Parcel& request, android::Parcel* reply)
+{
+    std::string path = operand(request);
+    if (!answer(path, reply))
+        return 0;
+    Steps steps;
+    for (uint8_t progress : {1, 50, 75, 100})
+        steps.push_back({LUM_TV_EVT_STORAGE_DEV_BENCHMARK, bench_event(8, progress, 0, 0)});
+    bool works = path == kBenchPath;
+    steps.push_back({LUM_TV_EVT_STORAGE_DEV_BENCHMARK, bench_event(works ? 0 : 19, 100, works ? 4694719 : 0, 2)});
+    play(steps);
+    return 0;
+}
+
+int cancel_benchmark(const android::Parcel&, android::Parcel* reply)
+{
+    reply->writeBool(true);
+    return 0;
+}
+
 const Row kPvrRows[] = {
     {STORAGE_PVR_DEV_STATE, dev_state},
     {STORAGE_PVR_MOUNT_PATH, mount_path},
@@ -354,6 +384,8 @@ const Row kPvrRows[] = {
     {STORAGE_PVR_GET_DEV_GUIDE_INFO, guide_info},
     {STORAGE_PVR_MARK_DEV, mark_dev},
     {STORAGE_DEV_FORMAT, dev_format},
+    {STORAGE_DEV_BENCHMARK, dev_benchmark},
+    {STORAGE_DEV_CANCEL_BENCHMARK, cancel_benchmark},
 };
 
 }  // namespace

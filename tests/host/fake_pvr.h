@@ -19,6 +19,7 @@ extern std::atomic<bool> g_pvr_enabled;      // recording or timeshift is on (tr
 void reset_pvr();
 
 constexpr const char kPvrPath[] = "/mnt/pvr/shared/sdb1";
+constexpr const char kBenchPath[] = "/mnt/pvr/shared/sdb2";
 
 // The canned answers:
 //   PVR_DEV_STATE / PVR_MOUNT_PATH: g_pvr_present and kPvrPath (or "").
@@ -39,6 +40,9 @@ constexpr const char kPvrPath[] = "/mnt/pvr/shared/sdb1";
 //   PVR_MARK_DEV DISK FORMAT: with FORMAT the successful format of DISK
 //     first; then a verdict for "sdz" and the verdict for DISK (as
 //     PVR_DEV_AVAILABLE answers it).
+//   DEV_BENCHMARK PATH: progress 1, 50, 75 and 100, then for kBenchPath the
+//     figure 4694719 kB/s with 2 processes, for any other path status 19;
+//     kRefused / kSilent as everywhere. DEV_CANCEL_BENCHMARK: true.
 const Row* pvr_rows(size_t* count);
 
 }  // namespace fakesvc

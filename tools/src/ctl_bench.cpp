@@ -6,12 +6,15 @@
 #include <StorageEvents.h>
 
 #include "ctl_device.h"
+#include "lumctl/volume_table.h"
 
 namespace lumctl {
 
 namespace {
 
-constexpr double kBenchTimeoutSeconds = 1200;  // the service gives up after 15 minutes
+// The service stops a benchmark after 450 progress polls, 2 s and then 4 s
+// apart: about 1800 s.
+constexpr double kBenchTimeoutSeconds = 1860;
 constexpr uint8_t kBenchRunning = 8;
 
 struct BenchEvent {
@@ -34,6 +37,12 @@ bool parse_bench(const std::vector<uint8_t>& d, BenchEvent* e)
     return true;
 }
 
+// iozone's kB/s (of 1024 bytes) as MB/s or GB/s.
+std::string rate_text(uint32_t kib_per_s)
+{
+    return human_kib(kib_per_s) + "B/s";
+}
+
 std::string bar(unsigned progress)
 {
     unsigned filled = (progress > 100 ? 100 : progress) / 5;
@@ -48,7 +57,8 @@ void print_event(const CtlContext& ctx, const BenchEvent& e)
     } else if (e.status == kBenchRunning) {
         fprintf(ctx.out, "%s\n", bar(e.progress).c_str());
     } else if (e.status == 0) {
-        fprintf(ctx.out, "result: %u (%u processes)\n", e.speed, e.processes);
+        fprintf(ctx.out, "result: %u kB/s per process (%s), %u processes\n", e.speed, rate_text(e.speed).c_str(),
+                e.processes);
     } else if (e.status == 1) {
         fprintf(ctx.out, "result: cancelled or not started (status 1)\n");
     } else {
@@ -82,22 +92,23 @@ int run_cancel(const CtlContext& ctx, int argc, char** argv)
         return rc;
     CtlReply reply;
     rc = direct_run(ctx, call, {}, &reply);
-    if (rc == kExitOk && !device_context(ctx, call).json)
+    if (rc != kExitOk)
+        return rc;
+    if (device_context(ctx, call).json)
+        fprintf(ctx.out, "{\"cancel\":true}\n");
+    else
         fprintf(ctx.out, "cancel requested\n");
-    return rc;
+    return kExitOk;
 }
 
 }  // namespace
 
 int run_bench(const CtlContext& ctx, int argc, char** argv)
 {
-    for (int i = 1; i < argc; ++i) {
-        if (strcmp(argv[i], "--cancel") == 0) {
-            for (int k = i; k + 1 < argc; ++k)
-                argv[k] = argv[k + 1];
-            return run_cancel(ctx, argc - 1, argv);
-        }
-    }
+    bool cancel = false;
+    std::vector<char*> rest = without_flag(argc, argv, "--cancel", &cancel);
+    if (cancel)
+        return run_cancel(ctx, static_cast<int>(rest.size()), rest.data());
     DeviceCall call{"bench", "STORAGE_DEV_BENCHMARK", {}};
     int rc = device_args(ctx, &call, "MOUNT_PATH", 1, kBenchTimeoutSeconds, argc, argv);
     if (rc != kExitOk)
@@ -111,7 +122,7 @@ int run_bench(const CtlContext& ctx, int argc, char** argv)
     rc = device_run(ctx, call, query, [] { return std::string("the benchmark's end"); });
     if (rc != kExitOk)
         return rc;
-    return follower.ok ? kExitOk : kExitProtocol;
+    return follower.ok ? kExitOk : kExitFailed;
 }
 
 }  // namespace lumctl

@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include "lumproto/frame_io.h"
+#include "lumproto/socket_path.h"
 
 namespace lumctl {
 
@@ -55,6 +56,20 @@ int send_failed(int rc, std::string* error)
 }
 
 }  // namespace
+
+std::string connect_error(const std::string& path, int err)
+{
+    std::string what = "cannot connect to " + path;
+    if (err == ENAMETOOLONG)
+        return what + ": a socket path has 1 to " + std::to_string(sizeof(sockaddr_un::sun_path) - 1) + " bytes";
+    what += std::string(" (") + strerror(err) + ")";
+    if (err == EACCES || err == EPERM)
+        return what + ": lumstoraged lets in root, its own user and the members of its --group";
+    if (err == ENOENT || err == ECONNREFUSED || err == ENOTSOCK)
+        return what + ": is lumstoraged running? Start it with lumstoraged --socket " + path +
+               ", or name its socket with --socket PATH or $" + lumproto::kSocketEnv;
+    return what;
+}
 
 int ctl_connect(const std::string& path)
 {

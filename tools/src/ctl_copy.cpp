@@ -81,7 +81,7 @@ int direct_copy(const CtlContext& ctx, DeviceCall* call, const std::string& src,
     else
         fprintf(ctx.out, "%s: %s\n", printable(subject(*call)).c_str(),
                 ok ? "done" : "failed (the reply gives no reason)");
-    return ok ? kExitOk : kExitProtocol;
+    return ok ? kExitOk : kExitFailed;
 }
 
 int check_flags(const CtlContext& ctx, const CpFlags& f, const std::string& src)

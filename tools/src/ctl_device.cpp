@@ -132,7 +132,7 @@ int direct_request(const CtlContext& ctx, const DeviceCall& call, const std::vec
     std::string error;
     int fd = ctl_connect(ctx.socket_path);
     if (fd < 0)
-        return protocol_error(ctx, subject(call) + ": connect " + ctx.socket_path + ": " + strerror(-fd));
+        return protocol_error(ctx, subject(call) + ": " + connect_error(ctx.socket_path, -fd));
     int rc = wait_reply(fd, query, reply, &error);
     close(fd);
     if (rc == 0)

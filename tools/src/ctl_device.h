@@ -50,7 +50,7 @@ void device_wait(const DeviceCall& call, std::vector<int32_t> ids,
 // Sends the query and waits. Returns kExitOk when the handler finished;
 // otherwise reports the refusal, the time-out (waiting() names what was
 // awaited, asked once the time is out) or the error and returns
-// kExitProtocol.
+// kExitFailed.
 int device_run(const CtlContext& ctx, const DeviceCall& call, const EventQuery& query,
                const std::function<std::string()>& waiting);
 // The same for a query the caller ran itself.
@@ -60,7 +60,7 @@ int device_report(const CtlContext& ctx, const DeviceCall& call, const QueryOutc
 // A request the service answers by its reply alone: one connection, the
 // request of call's command with fields, its REPLY within call's timeout.
 // Returns kExitOk with the reply (result 0), or reports the failure (a
-// result other than 0 included) and returns kExitProtocol.
+// result other than 0 included) and returns kExitFailed.
 int direct_run(const CtlContext& ctx, const DeviceCall& call, const std::vector<std::string>& fields,
                CtlReply* reply);
 // The same for a request the caller built.

@@ -66,7 +66,7 @@ int print_plain(const CtlContext& ctx, const std::string& command, const CtlRepl
         fprintf(ctx.out, "%s\n", JsonLine().str("shell", command).num("result", result).done().c_str());
     else
         fprintf(ctx.out, "%s\n", result_text(result).c_str());
-    return result == 0 ? kExitOk : kExitProtocol;
+    return result == 0 ? kExitOk : kExitFailed;
 }
 
 // The count of bytes read, and when above 0 the output up to its first NUL.

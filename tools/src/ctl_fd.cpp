@@ -47,7 +47,7 @@ int fd_args(const CtlContext& ctx, DeviceCall* call, const char* what, size_t le
 
 // Sends the request and reads the int32 result and, for a negative one, the
 // errno behind it. A negative result is reported (with json, when JSON is
-// asked for) and returns kExitProtocol.
+// asked for) and returns kExitFailed.
 int errno_call(const CtlContext& ctx, const DeviceCall& call, const Bytes& request, JsonLine json, int32_t* value,
                CtlReply* reply)
 {
@@ -198,7 +198,7 @@ int fd_sync(const CtlContext& ctx, int argc, char** argv)
     fprintf(
         ctx.out, "%s\n",
         device_context(ctx, call).json ? JsonLine().num("fd", fd).flag("ok", ok != 0).done().c_str() : text.c_str());
-    return ok != 0 ? kExitOk : kExitProtocol;
+    return ok != 0 ? kExitOk : kExitFailed;
 }
 
 const WordRow kFdWords[] = {

@@ -28,7 +28,7 @@ int run_format(const CtlContext& ctx, int argc, char** argv)
     rc = device_run(ctx, call, query, [&follower] { return follower.waiting(); });
     if (rc != kExitOk)
         return rc;
-    return follower.ok ? kExitOk : kExitProtocol;
+    return follower.ok ? kExitOk : kExitFailed;
 }
 
 }  // namespace lumctl

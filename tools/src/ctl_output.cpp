@@ -75,8 +75,9 @@ void print_event(const CtlContext& ctx, const CtlEvent& event)
     Decoded decoded = decode_event(event.id, event.data.data(), event.data.size());
     std::string line;
     if (ctx.json) {
+        std::string hex = ctx.hex ? ",\"hex\":\"" + hex_compact(event.data.data(), event.data.size()) + "\"" : "";
         line = "{\"event\":" + json_name(name) + ",\"id\":" + std::to_string(event.id) +
-               ",\"len\":" + std::to_string(event.data.size()) + ",\"data\":" + fields_json(decoded) +
+               ",\"len\":" + std::to_string(event.data.size()) + hex + ",\"data\":" + fields_json(decoded) +
                json_tail(decoded);
     } else {
         line = (name != nullptr ? std::string(name) : "event") + " (" + std::to_string(event.id) + "):";
@@ -86,6 +87,9 @@ void print_event(const CtlContext& ctx, const CtlEvent& event)
             line += " (payload ends early)";
         if (!decoded.rest.empty())
             line += " rest=" + hex_spaced(decoded.rest.data(), decoded.rest.size(), kTextRestBytes);
+        if (ctx.hex)
+            line += "\n" + hex_dump(event.data.data(), event.data.size()) + "(" +
+                    std::to_string(event.data.size()) + " bytes)";
     }
     fprintf(ctx.out, "%s\n", line.c_str());
     fflush(ctx.out);

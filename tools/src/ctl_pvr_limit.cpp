@@ -7,6 +7,7 @@
 
 #include "ctl_pvr.h"
 #include "json_line.h"
+#include "lumctl/volume_table.h"
 
 namespace lumctl {
 
@@ -49,16 +50,22 @@ std::string ignored_because(uint32_t asked)
     return "the service takes a new limit only while recording or timeshift is on";
 }
 
+// "4.0G (4096 MB)"; 0 switches the automatic choice off.
+std::string limit_text(uint32_t mb)
+{
+    return mb == 0 ? "0 MB (no automatic choice)" : human_mb(mb) + " (" + std::to_string(mb) + " MB)";
+}
+
 // The outcome of a set: taken, already held, or ignored (exit kExitNo).
 int report_set(const CtlContext& ctx, uint32_t before, uint32_t asked, uint32_t after)
 {
     JsonLine json;
     json.num("limitMB", after).num("previousMB", before).num("requestedMB", asked).flag("changed", after != before);
-    std::string text = "PVR size limit: " + std::to_string(after) + " MB";
+    std::string text = "PVR size limit: " + limit_text(after);
     if (after == asked)
-        text += after == before ? " (unchanged, it was set already)" : " (was " + std::to_string(before) + " MB)";
+        text += after == before ? ", unchanged: it was set already" : ", was " + limit_text(before);
     else
-        text += " (unchanged: " + std::to_string(asked) + " MB ignored, " + ignored_because(asked) + ")";
+        text += ", unchanged: " + std::to_string(asked) + " MB ignored, " + ignored_because(asked);
     if (after != asked)
         json.str("ignored", ignored_because(asked));
     fprintf(ctx.out, "%s\n", ctx.json ? json.done().c_str() : text.c_str());
@@ -81,7 +88,7 @@ int run_pvr_limit(const CtlContext& ctx, int argc, char** argv)
     if ((rc = read_limit(ctx, call.args, &before)) != kExitOk)
         return rc;
     if (call.args.operands.empty()) {
-        std::string text = "PVR size limit: " + std::to_string(before) + " MB";
+        std::string text = "PVR size limit: " + limit_text(before);
         fprintf(local.out, "%s\n", local.json ? JsonLine().num("limitMB", before).done().c_str() : text.c_str());
         return kExitOk;
     }

@@ -92,8 +92,11 @@ int print_devinfo(const CtlContext& ctx, const std::string& name, const std::vec
     if (ctx.json)
         fprintf(ctx.out, "{\"name\":%s,%s\n", json_string(name.data(), name.size()).c_str(),
                 fields_json(decoded).substr(1).c_str());
-    if (data[0] != 0)
-        return protocol_error(ctx, "no device information for " + name);
+    if (data[0] != 0) {
+        fprintf(ctx.err, "lumstoragectl: no device information for %s (is it a device of lumstoragectl volumes?)\n",
+                printable(name).c_str());
+        return kExitNo;
+    }
     VolumeEntry entry;
     if (!parse_volume_elements(data.data() + 1, data.size() - 1, &entry))
         return protocol_error(ctx, "devinfo " + name + ": malformed device information");

@@ -1,5 +1,5 @@
 // watch: subscribe and print every event until --count events came or
-// --timeout seconds passed.
+// --timeout seconds passed; --hex adds each payload's bytes.
 #include <cmath>
 #include <cstring>
 #include <unistd.h>
@@ -13,6 +13,7 @@ namespace {
 
 struct WatchOptions {
     bool json = false;
+    bool hex = false;
     long count = -1;       // below 0: no limit
     double timeout = -1;   // seconds; below 0: no limit
 };
@@ -23,6 +24,8 @@ int parse_watch(const CtlContext& ctx, int argc, char** argv, WatchOptions* opts
         double v = 0;
         if (strcmp(argv[i], "--json") == 0) {
             opts->json = true;
+        } else if (strcmp(argv[i], "--hex") == 0) {
+            opts->hex = true;
         } else if (strcmp(argv[i], "--count") == 0 && i + 1 < argc && parse_non_negative(argv[i + 1], &v) &&
                    v >= 1 && v == std::floor(v)) {
             opts->count = static_cast<long>(v);
@@ -70,9 +73,10 @@ int run_watch(const CtlContext& ctx, int argc, char** argv)
         return rc;
     CtlContext local = ctx;
     local.json = opts.json;
+    local.hex = opts.hex;
     int fd = ctl_connect(ctx.socket_path);
     if (fd < 0)
-        return protocol_error(ctx, "connect " + ctx.socket_path + ": " + strerror(-fd));
+        return protocol_error(ctx, connect_error(ctx.socket_path, -fd));
     std::string error;
     if (ctl_subscribe(fd, &error) != 0) {
         close(fd);

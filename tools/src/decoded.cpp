@@ -62,6 +62,18 @@ std::string hex_spaced(const uint8_t* data, size_t len, size_t max_bytes)
     return out;
 }
 
+std::string hex_dump(const uint8_t* data, size_t len)
+{
+    std::string out;
+    for (size_t at = 0; at < len; at += 16) {
+        char offset[32];
+        snprintf(offset, sizeof(offset), "%08zx  ", at);
+        size_t n = len - at < 16 ? len - at : 16;
+        out += offset + hex_spaced(data + at, n, n) + "\n";
+    }
+    return out;
+}
+
 std::string hex_compact(const uint8_t* data, size_t len)
 {
     static const char kDigits[] = "0123456789abcdef";

@@ -143,7 +143,7 @@ QueryOutcome event_query(const std::string& socket_path, const EventQuery& query
     QueryOutcome out;
     int fd = ctl_connect(socket_path);
     if (fd < 0) {
-        out.error = "connect " + socket_path + ": " + strerror(-fd);
+        out.error = connect_error(socket_path, -fd);
         return out;
     }
     if (ctl_subscribe(fd, &out.error) != 0) {

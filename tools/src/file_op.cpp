@@ -96,7 +96,7 @@ struct Follower {
         const char* hint = hint_for(op.event, result);
         if (hint != nullptr)
             fprintf(ctx.err, "lumstoragectl: %s: %s\n", printable(subject(op.call)).c_str(), hint);
-        return kExitProtocol;
+        return kExitFailed;
     }
 };
 

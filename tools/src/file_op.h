@@ -30,7 +30,7 @@ struct FileOp {
 
 // Sends op's request and follows it to its result: prints the result line
 // (and a hint for a failure on standard error) and returns kExitOk for
-// result 0, kExitProtocol for another result, a refusal, a time-out or an
+// result 0, kExitFailed for another result, a refusal, a time-out or an
 // error.
 int run_file_op(const CtlContext& ctx, const FileOp& op);
 

@@ -150,7 +150,7 @@ EventStep finish(FormatFollower* f, int32_t result, const std::string& reason)
     std::string text = f->ok ? "result: ok" : "result: failed";
     if (f->ok && f->size_mb >= 0) {
         json.num("sizeMB", f->size_mb);
-        text += ", " + std::to_string(f->size_mb) + " MB";
+        text += ", " + human_mb(static_cast<uint64_t>(f->size_mb)) + " (" + std::to_string(f->size_mb) + " MB)";
     }
     if (!reason.empty()) {
         json.str("reason", reason);

@@ -9,12 +9,38 @@ namespace lumctl {
 
 namespace {
 
-// Characters on screen: UTF-8 continuation bytes take no column.
+// Code points that a terminal shows two columns wide: Hangul Jamo, CJK
+// (radicals to Yi), Hangul syllables, CJK compatibility ideographs and forms,
+// full-width forms, and the ideographs of the supplementary planes.
+const uint32_t kWide[][2] = {
+    {0x1100, 0x115f}, {0x2e80, 0xa4cf}, {0xac00, 0xd7a3}, {0xf900, 0xfaff},
+    {0xfe30, 0xfe4f}, {0xff00, 0xff60}, {0xffe0, 0xffe6}, {0x20000, 0x3fffd},
+};
+
+bool is_wide(uint32_t cp)
+{
+    for (const auto& range : kWide) {
+        if (cp >= range[0] && cp <= range[1])
+            return true;
+    }
+    return false;
+}
+
+// Columns on screen: one per character, two for a wide one; UTF-8
+// continuation bytes take none, a stray one counts as one.
 size_t display_width(const std::string& text)
 {
     size_t width = 0;
-    for (unsigned char ch : text)
-        width += (ch & 0xc0) != 0x80 ? 1 : 0;
+    for (size_t i = 0; i < text.size();) {
+        unsigned char lead = static_cast<unsigned char>(text[i]);
+        size_t n = lead >= 0xf0 ? 4 : lead >= 0xe0 ? 3 : lead >= 0xc0 ? 2 : 1;
+        uint32_t cp = n == 1 ? lead : lead & (0x3f >> (n - 1));
+        size_t k = 1;
+        for (; k < n && i + k < text.size() && (static_cast<unsigned char>(text[i + k]) & 0xc0) == 0x80; ++k)
+            cp = cp << 6 | (static_cast<unsigned char>(text[i + k]) & 0x3f);
+        width += k == n && is_wide(cp) ? 2 : 1;
+        i += k;
+    }
     return width;
 }
 

@@ -4,6 +4,7 @@
 
 #include <cstdio>
 #include <string>
+#include <vector>
 
 #include "lumctl/cmd_table.h"
 #include "lumctl/ctl_client.h"
@@ -11,18 +12,24 @@
 
 namespace lumctl {
 
+// Exit codes, the same for every subcommand (lumstoragectl help shows them).
 enum ExitCode {
-    kExitOk = 0,
-    kExitProtocol = 1,  // connect failure, ERROR frame, broken stream, timeout in watch,
-                        // a device subcommand refused or timed out
-    kExitUsage = 2,
-    kExitNo = 3,  // the service answered, and the answer is no: a PVR verdict other
-                  // than success, no PVR partition, a size limit it did not take
+    kExitOk = 0,      // done: the request was answered, the operation succeeded
+    kExitFailed = 1,  // it did not work: no connection, an ERROR frame or broken stream, a request
+                      // the service refused (reply false), no answer in time, an operation that
+                      // failed (a file result other than 0, a failed format or benchmark, a
+                      // shell command that exited non-zero, a failed listing)
+    kExitUsage = 2,   // the command line is wrong; nothing was sent
+    kExitNo = 3,      // the service answered, and the answer is no: no PVR partition or path, a PVR
+                      // verdict other than success, no size, a size limit it did not take, no
+                      // device information, a cover status other than 0
 };
 
 struct CtlContext {
     std::string socket_path;
+    std::string command;  // the subcommand or command word, for the usage hint of an error
     bool json = false;
+    bool hex = false;  // events with their payload's bytes (watch --hex)
     FILE* in = stdin;  // data of write and fd write with "-"
     FILE* out = nullptr;
     FILE* err = nullptr;
@@ -31,6 +38,9 @@ struct CtlContext {
 int ctl_main(int argc, char** argv, FILE* out, FILE* err);
 // The same with in as standard input.
 int ctl_main(int argc, char** argv, FILE* in, FILE* out, FILE* err);
+
+// The subcommands' words, in the order of the dispatch table.
+std::vector<std::string> subcommand_names();
 
 // Subcommands; args start behind the subcommand's own word.
 int run_list(const CtlContext& ctx, int argc, char** argv);

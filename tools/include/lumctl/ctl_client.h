@@ -10,6 +10,10 @@ namespace lumctl {
 // Connects to the daemon's socket. Returns a descriptor, or -errno.
 int ctl_connect(const std::string& path);
 
+// Why ctl_connect(path) failed with -err, and what to do about it: "cannot
+// connect to PATH (No such file or directory): is lumstoraged running? ...".
+std::string connect_error(const std::string& path, int err);
+
 struct CtlReply {
     int32_t result;
     std::vector<uint8_t> bytes;  // the reply Parcel

@@ -30,6 +30,8 @@ void add_bytes(Decoded* out, const char* name, const uint8_t* data, size_t len);
 
 // "01 02 ff", at most max_bytes of them, then " ... (N bytes)".
 std::string hex_spaced(const uint8_t* data, size_t len, size_t max_bytes);
+// Lines of "00000010  01 02 ff ...": the offset, then up to 16 bytes.
+std::string hex_dump(const uint8_t* data, size_t len);
 // "0102ff".
 std::string hex_compact(const uint8_t* data, size_t len);
 // A JSON string literal; bytes that are not valid UTF-8 become \\u00XX.
