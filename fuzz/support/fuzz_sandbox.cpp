@@ -69,6 +69,10 @@ std::vector<std::string> libfuzzer_folders(int argc, char** argv)
         if (realpath(n.c_str(), real) == nullptr)
             continue;  // libFuzzer cannot write there either
         std::string path = real;
+        if (path == "/") {
+            errno = EPERM;
+            fail("the root would stay writable; name another folder with -artifact_prefix:", path);
+        }
         // The sandbox puts fresh file systems there: libFuzzer would lose
         // sight of its own files.
         for (const char* hidden : {"/tmp", "/mnt", "/dev"}) {
