@@ -73,14 +73,6 @@ std::vector<std::string> libfuzzer_folders(int argc, char** argv)
             errno = EPERM;
             fail("the root would stay writable; name another folder with -artifact_prefix:", path);
         }
-        // The sandbox puts fresh file systems there: libFuzzer would lose
-        // sight of its own files.
-        for (const char* hidden : {"/tmp", "/mnt", "/dev"}) {
-            if (path == hidden || starts_with(path, (std::string(hidden) + "/").c_str())) {
-                errno = EXDEV;
-                fail("a corpus or artifact folder must not lie under /tmp, /mnt or /dev:", path);
-            }
-        }
         folders.push_back(path);
     }
     return folders;
@@ -184,9 +176,13 @@ void fuzz_enter_sandbox(int argc, char** argv)
     mount_or_fail(stub_shell().c_str(), "/bin/sh", nullptr, MS_BIND, nullptr);
     minimal_dev();
     // Each folder that stays writable becomes a mount of its own, so that
-    // its flag can be cleared alone.
-    for (const std::string& folder : writable)
+    // its flag can be cleared alone. Under /tmp only the build's own top
+    // folder is still there (the service sandbox binds it back).
+    for (const std::string& folder : writable) {
+        if (access(folder.c_str(), F_OK) != 0)
+            fail("a corpus or artifact folder is hidden by the fresh /tmp, /mnt or /dev:", folder);
         mount_or_fail(folder.c_str(), folder, nullptr, MS_BIND, nullptr);
+    }
     set_read_only("/", true, AT_RECURSIVE);
     writable.insert(writable.begin(), {"/tmp", "/mnt"});
     fprintf(stderr, "fuzz sandbox: writable:");
