@@ -23,6 +23,8 @@ enable_non_free() {
 
 PACKAGES=(
   build-essential cmake pkg-config git
+  # the fuzz targets (fuzz/run.sh): clang and its libFuzzer
+  clang-14 libclang-rt-14-dev
   libgtest-dev libgmock-dev
   libtagc0-dev
   util-linux mount fdisk e2fsprogs dosfstools ntfs-3g fusefat exfatprogs

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include "DevIdentify.h"
+#include "MountLines.h"
 #include "MountTree.h"
 #include "ServiceHandlers.h"
 #include "ServiceLog.h"
@@ -14,14 +15,7 @@
 #include "StorageManagerService.h"
 #include "StrUtil.h"
 
-#define MOUNT_MAX_NAMES 32
 #define MOUNT_PASS_DELAY_US 5000000
-
-typedef struct _MOUNT_USB_DEVICES_CALLBACK_DATA {
-    int num_new_mounted;  // first: its 4 bytes are the end event's payload
-    int num_already_mounted;
-    char volumeName[MOUNT_MAX_NAMES][32];
-} MOUNT_USB_DEVICES_CALLBACK_DATA;
 
 namespace {
 
@@ -152,6 +146,8 @@ int mount_partition(MOUNT_USB_DEVICES_CALLBACK_DATA* ctx, const char* partition,
     return 0;
 }
 
+}  // namespace
+
 int mount_usb_devices_callback(void* context, char* line)
 {
     auto* ctx = static_cast<MOUNT_USB_DEVICES_CALLBACK_DATA*>(context);
@@ -189,6 +185,8 @@ int mount_usb_devices_callback(void* context, char* line)
     }
     return mount_partition(ctx, strPartitionPath, strDevicePath, strFileSys, fileSysId);
 }
+
+namespace {
 
 int clear_mount_path(void* context, char* line)
 {

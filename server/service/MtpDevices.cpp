@@ -3,6 +3,7 @@
 // takes down what it no longer offers. Nothing is kept between runs.
 #include <cstring>
 
+#include "MountLines.h"
 #include "MountTree.h"
 #include "ServiceLog.h"
 #include "ShellProbe.h"
@@ -31,6 +32,8 @@ bool mtp_id_present(const char* id)
     return false;
 }
 
+}  // namespace
+
 int unmount_mtp_devices_callback(void* context, char* line)
 {
     SLOGI("[%s, %d] line: '%s'\n", line);
@@ -48,8 +51,6 @@ int unmount_mtp_devices_callback(void* context, char* line)
     ++*static_cast<int*>(context);
     return 0;
 }
-
-}  // namespace
 
 int StorageManagerService::MountMtpDevices()
 {

@@ -8,6 +8,7 @@
 
 #include <norvfw/FileUtils.h>
 
+#include "MountLines.h"
 #include "MountTree.h"
 #include "ServiceHandlers.h"
 #include "ServiceLog.h"
@@ -18,11 +19,6 @@
 #define UNMOUNT_PASS_DELAY_US 5000000
 #define UNMOUNT_RETRY_DELAY_US 2000000
 #define UNMOUNT_TRIES 2
-
-typedef struct _UNMOUNT_USB_DEVICES_CALLBACK_DATA {
-    int num_unmounted;  // first: its 4 bytes are the end event's payload
-    const char* unmount_connected_device;
-} UNMOUNT_USB_DEVICES_CALLBACK_DATA;
 
 namespace {
 
@@ -60,6 +56,8 @@ bool device_is_gone(const UNMOUNT_USB_DEVICES_CALLBACK_DATA* ctx, const char* st
     return ctx->unmount_connected_device != nullptr && strstr(strPartition, ctx->unmount_connected_device) != nullptr;
 }
 
+}  // namespace
+
 int unmount_usb_devices_callback(void* context, char* line)
 {
     auto* ctx = static_cast<UNMOUNT_USB_DEVICES_CALLBACK_DATA*>(context);
@@ -93,8 +91,6 @@ int unmount_usb_devices_callback(void* context, char* line)
     }
     return 0;
 }
-
-}  // namespace
 
 int StorageManagerService::UnmountUsbDevices(const char* pDevName)
 {

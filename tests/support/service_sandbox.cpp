@@ -67,11 +67,15 @@ bool private_tmp()
 
 }  // namespace
 
-bool enter_service_sandbox(bool privateTmp)
+bool enter_service_sandbox(bool privateTmp, bool unprivileged)
 {
     const int flags = CLONE_NEWIPC | CLONE_NEWNS | CLONE_NEWNET;
-    if (unshare(flags) != 0 && !enter_user_namespace(flags))
+    if (unprivileged) {
+        if (!enter_user_namespace(flags))
+            return false;
+    } else if (unshare(flags) != 0 && !enter_user_namespace(flags)) {
         return false;
+    }
     if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
         return false;
     // /dev/null reads as an empty list of disks.

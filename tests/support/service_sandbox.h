@@ -9,5 +9,7 @@
 // Returns true when the process is inside the sandbox; LC_ALL is then C and,
 // with privateTmp, LMDROID_PROPERTY_DIR names a folder of the private /tmp.
 // Without privateTmp the process keeps the machine's /tmp (a daemon whose
-// socket a parent reaches there).
-bool enter_service_sandbox(bool privateTmp = true);
+// socket a parent reaches there). With unprivileged, the process enters a
+// user namespace even as root, so that it keeps no privilege outside it
+// (swapoff, /proc/kcore, sysctl writes all fail).
+bool enter_service_sandbox(bool privateTmp = true, bool unprivileged = false);

@@ -1,0 +1,26 @@
+// What the fuzz targets share: a quiet log, and a sandbox for the targets
+// whose decoders reach the shell or the file system.
+#pragma once
+
+// Formats every log line, so that a format that reads past its text shows
+// under AddressSanitizer, and drops it: the fuzzer's own lines stay readable.
+// With LUM_FUZZ_LOG set in the environment the log goes to standard error as
+// usual (LUM_LOG_LEVEL applies), to follow one input's run.
+void fuzz_quiet_log();
+
+// Enters the sandbox from LLVMFuzzerInitialize, before libFuzzer reads its
+// arguments; exits with a message when it cannot. Inside:
+// - the unit tests' service sandbox, in a user namespace even as root;
+// - /bin/sh is the stub lum_fuzz_sh: every shell line the service runs
+//   (call_system, popen, system) exits 0 with no output, whatever it says;
+// - /dev holds only null, zero, full, random and urandom;
+// - every mount is read-only except a fresh /tmp (64 MiB), a fresh /mnt
+//   (16 MiB, with /mnt/pvr/shared), and the folders libFuzzer writes to: the
+//   corpus folders named on the command line and the folder of
+//   -artifact_prefix (the current one without it). fuzz/run.sh points both
+//   at copies of its own.
+void fuzz_enter_sandbox(int argc, char** argv);
+
+// Puts /tmp and /mnt back as fuzz_enter_sandbox left them, so that every run
+// starts from the same files. Sandboxed targets call it first in every run.
+void fuzz_reset_scratch();
