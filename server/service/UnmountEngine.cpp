@@ -12,6 +12,7 @@
 #include "ServiceHandlers.h"
 #include "ServiceLog.h"
 #include "ShellProbe.h"
+#include "SignalNo.h"
 #include "StorageManagerService.h"
 #include "StrUtil.h"
 
@@ -123,6 +124,9 @@ int StorageManagerService::UnmountUsbDevices(const char* pDevName)
 void handle_plug_out(StorageManagerService& service, CNorvMsg*, StorageManagerAction_t*)
 {
     SLOGD("[%s, %d] UnmountUsbDevices!\n");
+    // Taken before the run looks at the devices: an event from now on gets
+    // a run of its own.
+    service.m_HotPlug.Taken(SIG_ID_STORAGE_PLUG_OUT);
     service.UnmountUsbDevices(nullptr);
 }
 
