@@ -76,6 +76,9 @@ int unmount_usb_devices_callback(void* context, char* line)
         return 0;
     }
     SLOGD("[%s, %d] umount %s from %s \n", strPartition, strMountPoint);
+    // A benchmark's tool on a volume that has gone waits for ever; stopped
+    // now, it also takes its work files away while it still can.
+    theStorageManagerService.StopBenchmarkOn(strMountPoint);
     // Swapping to a file on the volume would keep it busy.
     std::string swapFile = std::string(strMountPoint) + "/.swapfile";
     if (utils::file::isFileExisting(swapFile))
