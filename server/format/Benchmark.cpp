@@ -212,6 +212,26 @@ int parse_benchmark_figure(const char* text, unsigned long* figure)
     return BENCHMARK_RESULT_OK;
 }
 
+// Takes the running benchmark over for a cancel: true, with its thread, when
+// one runs (on mountPoint or below it, when given) and no other cancel has
+// taken it already. The unmount run of the format thread and a cancel on the
+// service thread may both come; only one of them joins the thread.
+static bool claim_for_cancel(const char* mountPoint, pthread_t* tid)
+{
+    std::lock_guard<std::mutex> hold(g_benchmark_lock);
+    if (!g_benchmark_active || g_benchmark_stop)
+        return false;
+    if (mountPoint != nullptr) {
+        size_t n = strlen(mountPoint);
+        const std::string& path = g_benchmark_mount_path;
+        if (path.compare(0, n, mountPoint) != 0 || (path.size() > n && path[n] != '/'))
+            return false;
+    }
+    g_benchmark_stop = true;
+    *tid = g_benchmark_tid;
+    return true;
+}
+
 bool benchmark_running()
 {
     std::lock_guard<std::mutex> hold(g_benchmark_lock);
@@ -333,15 +353,25 @@ int StorageManagerService::ReadBenchmarkProgress()
 void StorageManagerService::CancelBenchmark()
 {
     pthread_t tid;
-    {
-        std::lock_guard<std::mutex> hold(g_benchmark_lock);
-        if (!g_benchmark_active) {
-            SLOGW("[%s, %d] ***W: no benchmark is running, nothing to cancel\n");
-            return;
-        }
-        g_benchmark_stop = true;
-        tid = g_benchmark_tid;
+    if (!claim_for_cancel(nullptr, &tid)) {
+        SLOGW("[%s, %d] ***W: no benchmark is running, nothing to cancel\n");
+        return;
     }
+    StopClaimedBenchmark(tid);
+}
+
+bool StorageManagerService::StopBenchmarkOn(const char* mountPoint)
+{
+    pthread_t tid;
+    if (mountPoint == nullptr || !claim_for_cancel(mountPoint, &tid))
+        return false;
+    SLOGW("[%s, %d] ***W: %s goes away: its benchmark is stopped\n", mountPoint);
+    StopClaimedBenchmark(tid);
+    return true;
+}
+
+void StorageManagerService::StopClaimedBenchmark(pthread_t tid)
+{
     // The thread is stopped by ending its tool rather than by pthread_cancel:
     // a thread cancelled in the middle of call_system would leave the shell
     // unreaped, and one cancelled while sending could leave a lock held. The

@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <linux/netlink.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -13,9 +14,19 @@
 #include "SignalNo.h"
 
 #define HLOGD(fmt, ...) SLOG_TAG(ANDROID_LOG_DEBUG, STORAGE_TAG_HOTPLUG, fmt, ##__VA_ARGS__)
+#define HLOGW(fmt, ...) SLOG_TAG(ANDROID_LOG_WARN, STORAGE_TAG_HOTPLUG, fmt, ##__VA_ARGS__)
 #define HLOGE(fmt, ...) SLOG_TAG(ANDROID_LOG_ERROR, STORAGE_TAG_HOTPLUG, fmt, ##__VA_ARGS__)
 
-CHotPlug::CHotPlug() = default;
+CHotPlug::CHotPlug()
+{
+    const unsigned long signals[] = {SIG_ID_STORAGE_PLUG_IN, SIG_ID_STORAGE_PLUG_OUT};
+    for (size_t i = 0; i < sizeof(signals) / sizeof(signals[0]); ++i) {
+        m_Pending[i].signal = signals[i];
+        m_Pending[i].queued.store(false);
+        m_Pending[i].owed = false;
+        m_Pending[i].refused = false;
+    }
+}
 
 CHotPlug::~CHotPlug() = default;
 
@@ -63,6 +74,58 @@ bool is_whole_disk(char* buf, int rc)
 
 }  // namespace
 
+CHotPlug::SPending* CHotPlug::Find(unsigned long signal)
+{
+    for (SPending& p : m_Pending) {
+        if (p.signal == signal)
+            return &p;
+    }
+    return nullptr;
+}
+
+void CHotPlug::Taken(unsigned long signal)
+{
+    SPending* p = Find(signal);
+    if (p != nullptr)
+        p->queued.store(false);
+}
+
+void CHotPlug::Owe(unsigned long signal)
+{
+    SPending* p = Find(signal);
+    if (p == nullptr)
+        return;
+    if (p->queued.load())
+        HLOGD("[%s, %d] signal %lu waits already and covers this event\n", signal);
+    else
+        p->owed = true;
+}
+
+bool CHotPlug::PostOwed()
+{
+    bool clear = true;
+    for (SPending& p : m_Pending) {
+        if (!p.owed)
+            continue;
+        // Marked before the post: the service thread may take the signal
+        // before NotifyObserversWithCallbackQueue returns.
+        p.queued.store(true);
+        CNorvMsg msg(p.signal);
+        if (NotifyObserversWithCallbackQueue(&msg) > 0 || CountObserversWithCallbackQueue(p.signal) == 0) {
+            p.owed = false;
+            p.refused = false;
+            continue;
+        }
+        p.queued.store(false);
+        if (!p.refused)
+            HLOGW("[%s, %d] ***W: the service queue is full, signal %lu is posted again every %d ms\n", p.signal,
+                  HOTPLUG_RETRY_MS);
+        p.refused = true;
+        clear = false;
+    }
+    return clear;
+}
+
 unsigned long classify_uevent(char* buf, int rc)
 {
     if (rc <= 0)
@@ -83,10 +146,9 @@ void CHotPlug::ThreadWorkFunction()
 
     // Disks attached before the service started send no event: one plug-in
     // covers them all.
-    if (proc_devs_exist()) {
-        CNorvMsg msg(SIG_ID_STORAGE_PLUG_IN);
-        NotifyObserversWithCallbackQueue(&msg);
-    }
+    if (proc_devs_exist())
+        Owe(SIG_ID_STORAGE_PLUG_IN);
+    bool clear = PostOwed();
 
     fd = socket(AF_NETLINK, SOCK_DGRAM | SOCK_CLOEXEC, NETLINK_KOBJECT_UEVENT);
     if (fd < 0) {
@@ -110,18 +172,21 @@ void CHotPlug::ThreadWorkFunction()
     }
 
     while (!IsStopRequested()) {
-        memset(buf, 0, sizeof(buf));
-        int rc = static_cast<int>(recv(fd, buf, sizeof(buf) - 1, 0));
-        if (rc <= 0) {
-            HLOGE("[%s, %d] call recv rc = %d\n", rc);
-            continue;
+        struct pollfd pfd = {fd, POLLIN, 0};
+        unsigned long signalName = 0;
+        if (poll(&pfd, 1, clear ? -1 : HOTPLUG_RETRY_MS) > 0) {
+            memset(buf, 0, sizeof(buf));
+            int rc = static_cast<int>(recv(fd, buf, sizeof(buf) - 1, MSG_DONTWAIT));
+            signalName = classify_uevent(buf, rc);
+            if (rc <= 0)
+                HLOGE("[%s, %d] call recv rc = %d\n", rc);
+            else if (signalName != 0)
+                Owe(signalName);
         }
-        unsigned long signalName = classify_uevent(buf, rc);
-        if (signalName == 0)
-            continue;
-        HLOGD("[%s, %d] %s\n", buf);
-        CNorvMsg msg(signalName);
-        NotifyObserversWithCallbackQueue(&msg);
+        clear = PostOwed();
+        // Logged once the event's run is queued or owed, never before.
+        if (signalName != 0)
+            HLOGD("[%s, %d] %s\n", buf);
     }
     close(fd);
 }

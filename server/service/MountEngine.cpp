@@ -11,6 +11,7 @@
 #include "ServiceHandlers.h"
 #include "ServiceLog.h"
 #include "ShellProbe.h"
+#include "SignalNo.h"
 #include "ShellQuote.h"
 #include "StorageManagerService.h"
 #include "StrUtil.h"
@@ -246,6 +247,9 @@ void StorageManagerService::ClearMountPath()
 void handle_plug_in(StorageManagerService& service, CNorvMsg*, StorageManagerAction_t*)
 {
     SLOGD("[%s, %d] MountUsbDevices!\n");
+    // Taken before the run looks at the devices: an event from now on gets
+    // a run of its own.
+    service.m_HotPlug.Taken(SIG_ID_STORAGE_PLUG_IN);
     service.MountUsbDevices(nullptr);
 }
 

@@ -5,6 +5,7 @@
 #include <atomic>
 #include <cstdint>
 #include <mutex>
+#include <pthread.h>
 #include <string>
 #include <sys/types.h>
 
@@ -73,6 +74,13 @@ public:
     int ReadBenchmarkProgress();
     int ReadBenchmarkResult(unsigned long* pWriteSpeed, unsigned long* pReadSpeed);
     void CancelBenchmark();
+    // Stops a benchmark that measures the volume at mountPoint, before the
+    // volume goes: its tool could neither end nor have its files removed
+    // once the volume is away. True when one was stopped (status 1 sent).
+    bool StopBenchmarkOn(const char* mountPoint);
+    // Ends the tool, joins the thread a cancel has claimed, removes the work
+    // files and sends the status-1 end.
+    void StopClaimedBenchmark(pthread_t tid);
 
     // PVR suitability and marking (../device/PvrMark.cpp).
     uint64_t GetDiskTotalSize(const char* diskId);

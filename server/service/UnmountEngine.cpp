@@ -13,6 +13,7 @@
 #include "ServiceHandlers.h"
 #include "ServiceLog.h"
 #include "ShellProbe.h"
+#include "SignalNo.h"
 #include "StorageManagerService.h"
 #include "StrUtil.h"
 
@@ -73,6 +74,9 @@ int unmount_usb_devices_callback(void* context, char* line)
         return 0;
     }
     SLOGD("[%s, %d] umount %s from %s \n", strPartition, strMountPoint);
+    // A benchmark's tool on a volume that has gone waits for ever; stopped
+    // now, it also takes its work files away while it still can.
+    theStorageManagerService.StopBenchmarkOn(strMountPoint);
     // Swapping to a file on the volume would keep it busy.
     std::string swapFile = std::string(strMountPoint) + "/.swapfile";
     if (utils::file::isFileExisting(swapFile))
@@ -119,6 +123,9 @@ int StorageManagerService::UnmountUsbDevices(const char* pDevName)
 void handle_plug_out(StorageManagerService& service, CNorvMsg*, StorageManagerAction_t*)
 {
     SLOGD("[%s, %d] UnmountUsbDevices!\n");
+    // Taken before the run looks at the devices: an event from now on gets
+    // a run of its own.
+    service.m_HotPlug.Taken(SIG_ID_STORAGE_PLUG_OUT);
     service.UnmountUsbDevices(nullptr);
 }
 

@@ -45,7 +45,7 @@ protected:
     bool NoIozoneLeft() const
     {
         for (int i = 0; i < 500; ++i) {
-            if (tv.Exec("pgrep -x iozone").status != 0)
+            if (TvPids("iozone").empty())
                 return true;
             std::this_thread::sleep_for(std::chrono::milliseconds(20));
         }

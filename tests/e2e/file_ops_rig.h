@@ -103,6 +103,16 @@ protected:
         const char* script = "diff -rq \"$1\" \"$2\" 2>&1 | grep -v \"^Only in $2[:/]\" || true";
         return In({"sh", "-c", script, "sh", copy, original}).out;
     }
+    // Waits inside the television, at most 30 s, until more than n entries
+    // lie under dir: a copy into it is under way.
+    bool Filling(const std::string& dir, int n) const
+    {
+        return In({"sh", "-c",
+                   "i=0; while [ $(find \"$1\" 2>/dev/null | wc -l) -le $2 ]; do i=$((i+1)); [ $i -lt 3000 ] || "
+                   "exit 1; sleep 0.01; done",
+                   "sh", dir, std::to_string(n)})
+            .ok();
+    }
     // The results of the recorded copy events, in order.
     std::vector<int> CopyResults() const
     {

@@ -49,16 +49,6 @@ protected:
         for (const std::string& s : suffixes)
             EXPECT_EQ(Cat(main + s), "rec" + s);
     }
-    // Waits inside the television, at most 30 s, until more than n entries
-    // lie under dir: a copy into it is under way.
-    bool Filling(const std::string& dir, int n) const
-    {
-        return In({"sh", "-c",
-                   "i=0; while [ $(find \"$1\" 2>/dev/null | wc -l) -le $2 ]; do i=$((i+1)); [ $i -lt 3000 ] || "
-                   "exit 1; sleep 0.01; done",
-                   "sh", dir, std::to_string(n)})
-            .ok();
-    }
 };
 
 TEST_F(FileOpsTest, ProtectedFileIsRefusedByRmCpRenameAndMoveButWriteOverwritesIt)

@@ -10,8 +10,6 @@
 namespace e2e {
 namespace {
 
-const char* kRigPath = "/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin";
-
 const std::vector<std::string> kRunEvents = {
     "LUM_TV_EVT_STORAGE_DEV_UMOUNT",    "LUM_TV_EVT_STORAGE_DEV_UMOUNT_END",     "LUM_TV_EVT_STORAGE_DEV_MOUNT",
     "LUM_TV_EVT_STORAGE_DEV_MOUNT_END", "LUM_TV_EVT_STORAGE_SET_ALL_PARTITION", "LUM_TV_EVT_STORAGE_FORMAT"};

@@ -134,6 +134,50 @@ protected:
 
     static bool Has(const std::string& line, const std::string& text) { return line.find(text) != std::string::npos; }
 
+    // The pids of this television's processes named `name` (pgrep -x). The
+    // rig shares the host's PID namespace: processes of the host and of
+    // other televisions are told apart by their mount namespace.
+    std::vector<pid_t> TvPids(const std::string& name) const
+    {
+        const char* script = "self=$(readlink /proc/self/ns/mnt); for p in $(pgrep -x \"$1\"); do "
+                             "[ \"$(readlink /proc/$p/ns/mnt 2>/dev/null)\" = \"$self\" ] && echo $p; done; true";
+        std::vector<pid_t> pids;
+        std::string out = tv.ExecArgv({"sh", "-c", script, "sh", name}).out;
+        for (size_t at = 0, end; (end = out.find('\n', at)) != std::string::npos; at = end + 1)
+            pids.push_back(static_cast<pid_t>(std::stol(out.substr(at, end - at))));
+        return pids;
+    }
+
+    // Wrappers in /run/holdbin for the service's PATH (HoldableEnv): each
+    // runs the real tool of its name, but first waits while /run/hold.NAME
+    // exists, with /run/held.NAME showing that a call waits there.
+    void MakeHoldable(const std::vector<std::string>& tools) const
+    {
+        std::string wrapper = std::string("#!/bin/sh\nn=$(basename \"$0\")\n") +
+                              "while [ -e /run/hold.$n ]; do : > /run/held.$n; sleep 0.05; done\n"
+                              "PATH=" + kRigPath + " exec \"$n\" \"$@\"\n";
+        std::string make = "mkdir -p /run/holdbin && cat > /run/holdbin/wrapper <<'EOF'\n" + wrapper +
+                           "EOF\nchmod 755 /run/holdbin/wrapper";
+        for (const std::string& tool : tools)
+            make += " && ln -sf wrapper /run/holdbin/" + tool;
+        ASSERT_TRUE(tv.Exec(make).ok());
+    }
+    static std::string HoldableEnv() { return std::string("PATH=/run/holdbin:") + kRigPath; }
+    bool Hold(const std::string& tool, bool on) const
+    {
+        return tv.Exec(on ? "rm -f /run/held." + tool + " && touch /run/hold." + tool : "rm -f /run/hold." + tool).ok();
+    }
+    // Waits until a call of the held tool waits.
+    bool WaitHeld(const std::string& tool) const
+    {
+        return tv.Exec("i=0; while [ ! -e /run/held." + tool + " ] && [ $i -lt 1500 ]; do i=$((i+1)); sleep 0.02; "
+                       "done; [ -e /run/held." + tool + " ]")
+            .ok();
+    }
+
+    // The rig's PATH inside the television.
+    static constexpr const char* kRigPath = "/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin";
+
     std::string socket_;
     std::string events_;
     pid_t watcher_ = -1;

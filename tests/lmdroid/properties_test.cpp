@@ -9,7 +9,9 @@
 
 #include <dirent.h>
 #include <ftw.h>
+#include <fcntl.h>
 #include <signal.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -99,6 +101,34 @@ TEST_F(Props, KilledWriterLeavesOldOrNewValue) {
     }
     ASSERT_EQ(0, property_set("persist.lm.k", "third"));  // also removes the writers' leftovers
     EXPECT_EQ((std::set<std::string>{"persist.lm.k"}), files());
+    EXPECT_EQ("third", get("persist.lm.k"));
+}
+
+TEST_F(Props, LeftoversGoWhenNoWriteIsUnderWayEvenWhileTheirPidLives) {
+    ASSERT_EQ(0, property_set("persist.lm.k", "first"));
+    // A writer killed but not reaped yet, and a leftover whose pid another
+    // process (here init) has taken since.
+    int fd = -1;
+    pid_t pid = lmdroid_test::spawn_child("setloop", &fd);
+    ASSERT_GT(pid, 0);
+    char ready = 0;
+    ASSERT_EQ(1, read(fd, &ready, 1));
+    kill(pid, SIGKILL);
+    siginfo_t info;
+    ASSERT_EQ(0, waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOWAIT));  // dead, not reaped
+    std::ofstream(dir_ + "/.tmp-1-1234-0") << "half";
+    // A write under way elsewhere (its lock held here) keeps every temporary
+    // file: any of them may be its own.
+    int busy = open(dir_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    ASSERT_EQ(0, flock(busy, LOCK_SH));
+    ASSERT_EQ(0, property_set("persist.lm.k", "second value"));
+    EXPECT_EQ(1u, files().count(".tmp-1-1234-0"));
+    close(busy);
+    // Nobody writes now: the next write takes the leftovers away, zombie or not.
+    ASSERT_EQ(0, property_set("persist.lm.k", "third"));
+    EXPECT_EQ((std::set<std::string>{"persist.lm.k"}), files());
+    waitpid(pid, nullptr, 0);
+    close(fd);
     EXPECT_EQ("third", get("persist.lm.k"));
 }
 

@@ -5,6 +5,8 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include "norvfw/Nshell.h"
 #include "test_util.h"
@@ -177,4 +179,32 @@ TEST_F(ShellSocket, InitReplacesAStaleSocketButNoOtherFile)
     EXPECT_TRUE(S_ISREG(st.st_mode));
     EXPECT_NE(0, other.Init("a/b"));
     EXPECT_NE(0, other.Init(std::string(40, 'n').c_str()));
+}
+
+TEST_F(ShellSocket, AnotherUserIsClosedUnansweredWhateverTheFileMode)
+{
+    if (geteuid() != 0) {
+        fprintf(stderr, "\n*** SKIPPED: running a client as another user needs root ***\n\n");
+        GTEST_SKIP() << "SKIPPED LOUDLY: running a client as another user needs root";
+    }
+    // The file rights let everybody in: only the peer check is left.
+    chmod(m_Dir.c_str(), 0755);
+    chmod(m_Shell.GetSocketPath(), 0666);
+    ASSERT_EQ(0, m_Shell.StartThread("norv_nshell", 0, 0));
+    pid_t child = fork();
+    if (child == 0) {
+        if (setgid(65534) != 0 || setuid(65534) != 0)
+            _exit(10);
+        int fd = Connect(m_Shell.GetSocketPath());
+        if (fd < 0)
+            _exit(11);
+        send(fd, "help\n", 5, MSG_NOSIGNAL);
+        char c;
+        _exit(recv(fd, &c, 1, 0) == 0 ? 0 : 12);  // closed, nothing answered
+    }
+    int status = -1;
+    ASSERT_EQ(child, waitpid(child, &status, 0));
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "child status " << status;
+    // Its owner is still served.
+    EXPECT_EQ("norvfw 1.0 (Linux stand-in)\n.\nbye\n.\n", Talk(Connect(m_Shell.GetSocketPath()), "version\nexit\n"));
 }

@@ -13,6 +13,7 @@
 #include <set>
 #include <string>
 #include <sys/stat.h>
+#include <thread>
 #include <unistd.h>
 
 #include <norvfw/NorvMsgQueue.h>
@@ -382,6 +383,38 @@ TEST_F(BenchmarkRun, CancelInTheMiddleStopsTheToolRemovesTheFilesAndSendsOneEnd)
     Release();
     Tick();
     EXPECT_EQ(benchmark_payloads(events.events()).size(), 2u);
+}
+
+TEST_F(BenchmarkRun, VolumeGoingAwayStopsOnlyItsOwnBenchmarkAndOneCancelJoinsTheThread)
+{
+    EventCapture events;
+    write_file("/tmp/fake/iozone.out", "Run began:\n");
+    mkdir("/tmp/vol/sub", 0755);
+    Hold();
+    dispatch(SIG_ID_STORAGE_BENCHMARK, "/tmp/vol/sub");
+    ASSERT_TRUE(eventually(Started));
+    write_file("/tmp/vol/sub/iozone1.tmp", "x");
+    // Other volumes, and names that only begin alike, leave it running.
+    EXPECT_FALSE(service().StopBenchmarkOn("/tmp/other"));
+    EXPECT_FALSE(service().StopBenchmarkOn("/tmp/vo"));
+    EXPECT_FALSE(service().StopBenchmarkOn("/tmp/vol/sub/deeper"));
+    EXPECT_TRUE(benchmark_running());
+
+    // The volume it measures goes, while a client's cancel comes too: one
+    // of them stops it, the other finds nothing left to stop.
+    AllowKill();
+    std::thread unmount([] { service().StopBenchmarkOn("/tmp/vol"); });
+    dispatch(SIG_ID_STORAGE_CANCEL_BENCHMARK);
+    unmount.join();
+    EXPECT_TRUE(eventually([] { return !benchmark_running() && benchmark_threads_alive() == 0; }));
+    std::vector<Bytes> ends;
+    for (const Bytes& p : benchmark_payloads(events.events())) {
+        if (ends_run(p))
+            ends.push_back(p);
+    }
+    EXPECT_EQ(ends, std::vector<Bytes>{kCancelled});
+    EXPECT_FALSE(exists("/tmp/vol/sub/iozone1.tmp"));
+    EXPECT_FALSE(service().StopBenchmarkOn("/tmp/vol"));
 }
 
 TEST_F(BenchmarkRun, CancelWithoutABenchmarkDoesNothing)

@@ -9,6 +9,8 @@
 #include <unistd.h>
 #include <vector>
 
+#include <norvfw/NorvMsgQueue.h>
+
 #include "HotPlug.h"
 #include "SignalNo.h"
 #include "test_support.h"
@@ -36,14 +38,93 @@ unsigned long classify(std::string datagram)
 
 const char* kUsbDisk = "/devices/pci0000:00/0000:00:14.0/usb1/1-1/1-1:1.0/host6/target6:0:0/6:0:0:0/block/sdb";
 
+// Takes signals as the service thread does, telling the watcher (when it
+// has one) that it took a plug signal.
 class Probe : public CThreadObjectWithQueue {
 public:
     void ProcessNorvMsg(CNorvMsg* msg) override
     {
         signals.push_back(msg->GetSignalName());
+        if (watcher != nullptr)
+            watcher->Taken(msg->GetSignalName());
         msg->FreeSignal();
     }
     std::vector<unsigned long> signals;
+    CHotPlug* watcher = nullptr;
+};
+
+// Sends datagrams to uevent group 1, as the kernel does.
+class UeventSender {
+public:
+    UeventSender()
+    {
+        fd_ = socket(AF_NETLINK, SOCK_DGRAM | SOCK_CLOEXEC, NETLINK_KOBJECT_UEVENT);
+        // An explicit port id: the first socket bound with 0 would take the
+        // process id, which the watcher binds to.
+        struct sockaddr_nl self = {};
+        self.nl_family = AF_NETLINK;
+        self.nl_pid = 0x7f000000u | static_cast<unsigned>(getpid());
+        if (fd_ >= 0 && bind(fd_, reinterpret_cast<sockaddr*>(&self), sizeof(self)) != 0) {
+            close(fd_);
+            fd_ = -1;
+        }
+    }
+    ~UeventSender()
+    {
+        if (fd_ >= 0)
+            close(fd_);
+    }
+    bool ok() const { return fd_ >= 0; }
+    void send(const std::string& datagram) const
+    {
+        struct sockaddr_nl group = {};
+        group.nl_family = AF_NETLINK;
+        group.nl_groups = 1;
+        sendto(fd_, datagram.data(), datagram.size(), 0, reinterpret_cast<const sockaddr*>(&group), sizeof(group));
+    }
+
+private:
+    int fd_ = -1;
+};
+
+const std::string kDiskAdd = uevent(std::string("add@") + kUsbDisk, {"ACTION=add", "SUBSYSTEM=block", "DEVTYPE=disk"});
+const std::string kDiskRemove =
+    uevent(std::string("remove@") + kUsbDisk, {"ACTION=remove", "SUBSYSTEM=block", "DEVTYPE=disk"});
+
+// The watcher on a probe's queue, once it hears events.
+class HotPlugWatch : public ::testing::Test {
+protected:
+    void Start(int depth)
+    {
+        ASSERT_EQ(probe.Init("/lumtest_hotplug", depth, 0, false), 0);
+        probe.watcher = &watcher;
+        watcher.RegisterCallbackQueue(probe.GetQueueHandle(), 0, 0, 0);
+        ASSERT_EQ(watcher.StartThread("CHotPlug", 0, 0), 0);
+        ASSERT_TRUE(tx.ok());
+        for (int attempt = 0; attempt < 200 && probe.signals.empty(); ++attempt) {
+            tx.send(kDiskAdd);
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+            probe.ReadMsgsFromNonBlockingQueue();
+        }
+        ASSERT_FALSE(probe.signals.empty()) << "no plug-in arrived";
+        // Plug-ins of the attempts that were still on their way.
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        probe.ReadMsgsFromNonBlockingQueue();
+        probe.signals.clear();
+    }
+    void TearDown() override { watcher.StopThreadAndWait(); }
+    // Takes what the queue holds until at least n signals came.
+    bool Collect(size_t n)
+    {
+        return eventually([&] {
+            probe.ReadMsgsFromNonBlockingQueue();
+            return probe.signals.size() >= n;
+        });
+    }
+
+    Probe probe;
+    CHotPlug watcher;
+    UeventSender tx;
 };
 
 }  // namespace
@@ -81,49 +162,58 @@ TEST(Uevent, OnlyTheFirst1023BytesAreLookedAt)
     EXPECT_EQ(classify_uevent(buf.data(), 1023), 0ul);
 }
 
-TEST(HotPlugThread, PostsOneSignalPerQualifyingDatagram)
+TEST_F(HotPlugWatch, PostsOneSignalPerQualifyingDatagram)
 {
     REQUIRE_ISOLATION();
-    Probe probe;
-    ASSERT_EQ(probe.Init("/lumtest_hotplug", 10, 0, false), 0);
-    CHotPlug watcher;
-    watcher.RegisterCallbackQueue(probe.GetQueueHandle(), 0, 0, 0);
-    ASSERT_EQ(watcher.StartThread("CHotPlug", 0, 0), 0);
-
-    int tx = socket(AF_NETLINK, SOCK_DGRAM | SOCK_CLOEXEC, NETLINK_KOBJECT_UEVENT);
-    ASSERT_GE(tx, 0);
-    // An explicit port id: the first socket bound with 0 would take the
-    // process id, which the watcher binds to.
-    struct sockaddr_nl self = {};
-    self.nl_family = AF_NETLINK;
-    self.nl_pid = 0x7f000000u | static_cast<unsigned>(getpid());
-    ASSERT_EQ(bind(tx, reinterpret_cast<sockaddr*>(&self), sizeof(self)), 0);
-    struct sockaddr_nl group = {};
-    group.nl_family = AF_NETLINK;
-    group.nl_groups = 1;
+    Start(10);
+    if (HasFatalFailure())
+        return;
     std::string disk = kUsbDisk;
-    std::vector<std::string> sent = {
-        uevent("add@" + disk, {"ACTION=add", "SUBSYSTEM=block", "DEVTYPE=disk"}),
-        uevent("add@" + disk + "/sdb1", {"ACTION=add", "SUBSYSTEM=block", "DEVTYPE=partition"}),
-        uevent("add@" + disk + "/sdb2", {"ACTION=add", "SUBSYSTEM=block", "DEVTYPE=partition"}),
-        uevent("remove@" + disk, {"ACTION=remove", "SUBSYSTEM=block", "DEVTYPE=disk"}),
-    };
-    // The watcher may not have bound yet: send until the first signal shows.
-    std::vector<unsigned long> want = {SIG_ID_STORAGE_PLUG_IN, SIG_ID_STORAGE_PLUG_OUT};
-    for (int attempt = 0; attempt < 200 && probe.signals.empty(); ++attempt) {
-        sendto(tx, sent[0].data(), sent[0].size(), 0, reinterpret_cast<sockaddr*>(&group), sizeof(group));
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-        probe.ReadMsgsFromNonBlockingQueue();
-    }
-    ASSERT_FALSE(probe.signals.empty()) << "no plug-in arrived";
-    probe.signals.clear();
-    for (size_t i = 1; i < sent.size(); ++i)
-        sendto(tx, sent[i].data(), sent[i].size(), 0, reinterpret_cast<sockaddr*>(&group), sizeof(group));
-    for (int i = 0; i < 200 && probe.signals.empty(); ++i) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        probe.ReadMsgsFromNonBlockingQueue();
-    }
+    tx.send(uevent("add@" + disk + "/sdb1", {"ACTION=add", "SUBSYSTEM=block", "DEVTYPE=partition"}));
+    tx.send(uevent("add@" + disk + "/sdb2", {"ACTION=add", "SUBSYSTEM=block", "DEVTYPE=partition"}));
+    tx.send(kDiskRemove);
+    ASSERT_TRUE(Collect(1));
     EXPECT_EQ(probe.signals, std::vector<unsigned long>{SIG_ID_STORAGE_PLUG_OUT});
-    watcher.StopThreadAndWait();
-    close(tx);
+}
+
+TEST_F(HotPlugWatch, ABurstLeavesOneRunOfEachKindWaitingAndALaterEventGetsItsOwn)
+{
+    REQUIRE_ISOLATION();
+    Start(10);
+    if (HasFatalFailure())
+        return;
+    LogCapture log;
+    for (int i = 0; i < 20; ++i)
+        tx.send(i % 2 == 0 ? kDiskAdd : kDiskRemove);
+    // Each event is logged once its run is queued or covered.
+    ASSERT_TRUE(eventually([&] { return log.count("add@") + log.count("remove@") >= 20; }));
+    probe.ReadMsgsFromNonBlockingQueue();
+    EXPECT_EQ(probe.signals, (std::vector<unsigned long>{SIG_ID_STORAGE_PLUG_IN, SIG_ID_STORAGE_PLUG_OUT}));
+    EXPECT_EQ(log.count("covers this event"), 18);
+
+    // Both runs have been taken: the next event needs a run of its own.
+    probe.signals.clear();
+    tx.send(kDiskRemove);
+    ASSERT_TRUE(Collect(1));
+    EXPECT_EQ(probe.signals, std::vector<unsigned long>{SIG_ID_STORAGE_PLUG_OUT});
+}
+
+TEST_F(HotPlugWatch, AnEventTheFullQueueRefusedIsPostedOnceThereIsRoom)
+{
+    REQUIRE_ISOLATION();
+    Start(2);
+    if (HasFatalFailure())
+        return;
+    LogCapture log;
+    // Two client requests fill the queue.
+    const unsigned long kOther = 99;
+    for (int i = 0; i < 2; ++i) {
+        CNorvMsg other(kOther);
+        ASSERT_EQ(CNorvMsgQueue::Post(probe.GetQueueHandle(), other), 0);
+    }
+    tx.send(kDiskAdd);
+    ASSERT_TRUE(eventually([&] { return log.has("the service queue is full"); }));
+    ASSERT_TRUE(Collect(3));
+    EXPECT_EQ(probe.signals, (std::vector<unsigned long>{kOther, kOther, SIG_ID_STORAGE_PLUG_IN}));
+    EXPECT_EQ(log.count("the service queue is full"), 1) << "one warning, not one per retry";
 }

@@ -5,8 +5,13 @@
 // once, and a reader never meets a half-written file.
 //
 // Temporary files are named ".tmp-<pid>-<nonce>-<seq>". A process killed
-// mid-write leaves one behind; the next write in that directory removes the
-// ones whose writer is gone.
+// mid-write leaves one behind; the next write that finds no other write under
+// way removes them all. Each write holds a shared flock on the directory from
+// before its temporary file exists until it is renamed or removed; a write
+// that gets the lock exclusively knows that every temporary file there has
+// lost its writer. The kernel drops a killed writer's lock as the process
+// ends, before it is reaped, so neither a zombie nor a pid that another
+// process took since keeps a leftover alive.
 
 #include "property_file.h"
 
@@ -21,7 +26,7 @@
 #include <ctime>
 #include <dirent.h>
 #include <fcntl.h>
-#include <signal.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -80,8 +85,9 @@ bool write_all(int fd, const char* buf, size_t len) {
     return true;
 }
 
-// Removes temporary files whose writing process no longer runs.
-void sweep_stale_temps(int dfd) {
+// Removes every temporary file in the directory; the caller holds the
+// directory's lock exclusively, so none has a writer left.
+void sweep_temps(int dfd) {
     int fd = dup(dfd);
     if (fd < 0) return;
     DIR* d = fdopendir(fd);
@@ -89,21 +95,20 @@ void sweep_stale_temps(int dfd) {
         close(fd);
         return;
     }
-    const pid_t self = getpid();
     while (struct dirent* e = readdir(d)) {
-        if (strncmp(e->d_name, kTempPrefix, sizeof kTempPrefix - 1) != 0) continue;
-        char* end = nullptr;
-        long pid = strtol(e->d_name + sizeof kTempPrefix - 1, &end, 10);
-        if (end == nullptr || *end != '-' || pid <= 0) continue;
-        bool stale;
-        if (pid == self) {
-            stale = strtoull(end + 1, &end, 16) != process_nonce();
-        } else {
-            stale = kill(static_cast<pid_t>(pid), 0) != 0 && errno == ESRCH;
-        }
-        if (stale) unlinkat(dfd, e->d_name, 0);
+        if (strncmp(e->d_name, kTempPrefix, sizeof kTempPrefix - 1) == 0) unlinkat(dfd, e->d_name, 0);
     }
     closedir(d);
+}
+
+// Takes the directory's lock for one write: exclusively first when no other
+// write is under way, to sweep the leftovers, then shared for the write.
+bool lock_for_write(int dfd) {
+    if (flock(dfd, LOCK_EX | LOCK_NB) == 0) sweep_temps(dfd);
+    while (flock(dfd, LOCK_SH) != 0) {
+        if (errno != EINTR) return false;
+    }
+    return true;
 }
 
 }  // namespace
@@ -138,7 +143,11 @@ int persist_write(const char* key, const char* value) {
     static std::atomic<unsigned> seq{0};
     int dfd = open_dir(true);
     if (dfd < 0) return -1;
-    sweep_stale_temps(dfd);
+    // The lock goes with the descriptor, at the close below.
+    if (!lock_for_write(dfd)) {
+        close(dfd);
+        return -1;
+    }
 
     char tmp[64];
     snprintf(tmp, sizeof tmp, "%s%d-%llx-%u", kTempPrefix, static_cast<int>(getpid()),

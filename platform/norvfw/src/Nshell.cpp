@@ -4,6 +4,9 @@
 // second '.', and a line holding a single '.' ends it. "exit" ends the
 // connection. The protocol is described in the framework README.
 //
+// Only root and the shell's own user get an answer (SO_PEERCRED); anyone
+// else is closed before a byte is read.
+//
 // StopThread shuts the listening and the client socket down, which ends a
 // blocking accept or recv at once; the wake signal covers the rest.
 #include "norvfw/Nshell.h"
@@ -57,6 +60,24 @@ void Frame(const std::string& answer, std::string* wire)
         start = stop + 1;
     }
     wire->append(".\n");
+}
+
+// Only root and the shell's own user are served: the socket file's mode is
+// set after bind (an instant under the process umask), and a mode a later
+// chmod opens must not open the shell with it.
+bool PeerAllowed(int fd)
+{
+    struct ucred cred;
+    socklen_t len = sizeof(cred);
+    if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &cred, &len) != 0) {
+        return false;
+    }
+    if (cred.uid == 0 || cred.uid == geteuid()) {
+        return true;
+    }
+    TraceFormattedString(TRACE_NSHELL, TRACELEVEL_WARNING, "nshell: pid %d uid %u refused", static_cast<int>(cred.pid),
+                         static_cast<unsigned>(cred.uid));
+    return false;
 }
 
 }  // namespace
@@ -183,6 +204,10 @@ void CNshell::ThreadWorkFunction()
                 TraceFormattedString(TRACE_NSHELL, TRACELEVEL_ERROR, "nshell: accept failed: %s", strerror(errno));
             }
             break;
+        }
+        if (!PeerAllowed(fd)) {
+            close(fd);  // before a byte is read
+            continue;
         }
         {
             // A stop that came before this point has set the flag; one that
