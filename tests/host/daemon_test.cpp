@@ -112,9 +112,12 @@ TEST(RealDaemon, AnswersADirectCommand)
     hosttest::TempDir dir;
     const std::string sock = dir.path + "/real.sock";
     setenv("LMDROID_PROPERTY_DIR", (dir.path).c_str(), 1);
+    // Its debug shell beside it, not in the machine's /tmp.
+    setenv("NORVFW_NSHELL_DIR", (dir.path).c_str(), 1);
     Daemon daemon;
     bool started = daemon.start(LUMHOST_REAL_DAEMON_BIN, sock, hosttest::enter_daemon_sandbox);
     unsetenv("LMDROID_PROPERTY_DIR");
+    unsetenv("NORVFW_NSHELL_DIR");
     if (!started) {
         int code = wait_exit(daemon.proc.pid, 5000);
         if (code >= 90 && code <= 92)
