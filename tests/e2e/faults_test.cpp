@@ -284,6 +284,30 @@ TEST_F(Faults, UnplugDuringAFormatFailsTheFormatAndLeavesTheStickAsItWas)
     ExpectStickBack();
 }
 
+TEST_F(Faults, PlugDuringAFormatLeavesTheVolumeBeingFormattedAlone)
+{
+    StartWith(kSticks, {"b"}, {HoldableEnv()});
+    if (HasFatalFailure())
+        return;
+    MakeHoldable({"mkfs"});
+    ASSERT_TRUE(Hold("mkfs", true));
+    Client formatting([&] { return Ctl({"format", "/dev/sdc1", "--timeout", "120"}); });
+    ASSERT_TRUE(WaitHeld("mkfs"));
+    // Another stick comes while the tool waits: its mount run must not
+    // bring the volume under the tool back.
+    size_t mounts = Events("LUM_TV_EVT_STORAGE_DEV_MOUNT_END").size();
+    ASSERT_TRUE(tv.Plug("a").ok());
+    ASSERT_TRUE(WaitFor("LUM_TV_EVT_STORAGE_DEV_MOUNT_END", mounts + 1));
+    EXPECT_EQ(tv.Exec("mount | grep -c '^/dev/sdc1 ' || true").out, "0\n") << tv.Exec("mount").out;
+    ASSERT_TRUE(Hold("mkfs", false));
+
+    const Result& formatted = formatting.Wait();
+    EXPECT_EQ(formatted.status, 0) << formatted.Describe();
+    ExpectVolumes({"sdb1", "sdc1"});
+    EXPECT_EQ(In({"blkid", "-p", "-o", "value", "-s", "TYPE", "/dev/sdc1"}).out, "vfat\n");
+    EXPECT_TRUE(Has(Sums(kA), "deep/two.bin")) << Sums(kA);
+}
+
 TEST_F(Faults, UnplugDuringABenchmarkEndsItWithoutATool)
 {
     StartSticks({"LUM_LOG_LEVEL=v"});
