@@ -223,7 +223,7 @@ bool StorageManagerService::SetAllPartitions(const unsigned char* buf, int len)
     bool recording = property_get_bool(PROP_PVR_REC_ENABLE, 0) != 0;
     const GuidPartitionInfo* part_info = GetPartitionInfo(recording ? "ext2" : "vfat");
 
-    UnmountUsbDevices(dev);
+    TakeOffline(dev);
 
     int retVal;
     if (part_info == nullptr) {
@@ -236,7 +236,7 @@ bool StorageManagerService::SetAllPartitions(const unsigned char* buf, int len)
     call_system("sync");
 
     // The volume comes back whether the tool ran or not.
-    MountUsbDevices(dev);
+    BringOnline(dev);
 
     uint32_t sizeMB = determine_dev_size(dev);
     SLOGD("[%s, %d] new partition size=%d\n", static_cast<int>(sizeMB));

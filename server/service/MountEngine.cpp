@@ -69,6 +69,15 @@ void parse_type(const char* line, char strFileSys[12])
         lum_copy_span(strFileSys, 12, p, static_cast<size_t>(end - p));
 }
 
+// True when name is the volume at partitionPath ("/dev/sdb1" or "sdb1").
+bool names_volume(const char* partitionPath, const char* name)
+{
+    if (name == nullptr || name[0] == '\0')
+        return false;
+    return strcmp(partitionPath, name) == 0 ||
+           (strncmp(partitionPath, "/dev/", 5) == 0 && strcmp(partitionPath + 5, name) == 0);
+}
+
 bool already_mounted(const char* strPartitionPath)
 {
     char out[64];
@@ -171,6 +180,10 @@ int mount_usb_devices_callback(void* context, char* line)
         strDevicePath[len - 1] = '\0';
     parse_type(line, strFileSys);
 
+    if (names_volume(strPartitionPath, ctx->offline)) {
+        SLOGI("[%s, %d] %s is being formatted, left off-line\n", strPartitionPath);
+        return 0;
+    }
     if (already_mounted(strPartitionPath)) {
         ctx->num_already_mounted++;
         SLOGD("[%s, %d] <FS> this partition '%s' is already mounted.\n", strPartitionPath);
@@ -212,8 +225,22 @@ int clear_mount_path(void* context, char* line)
 
 int StorageManagerService::MountUsbDevices(const char* pDevName)
 {
+    std::lock_guard<std::mutex> run(m_RunLock);
+    return MountRunLocked(pDevName);
+}
+
+int StorageManagerService::BringOnline(const char* volume)
+{
+    std::lock_guard<std::mutex> run(m_RunLock);
+    m_OfflineVolume.clear();
+    return MountRunLocked(volume);
+}
+
+int StorageManagerService::MountRunLocked(const char* pDevName)
+{
     MOUNT_USB_DEVICES_CALLBACK_DATA context;
     memset(&context, 0, sizeof(context));
+    context.offline = m_OfflineVolume.c_str();
     bool sysNodeCheckDone = false;
     for (;;) {
         parse_output_lines(mount_usb_devices_callback, &context, "%s blkid -d | grep /dev/sd", "");

@@ -9,6 +9,7 @@ typedef struct _MOUNT_USB_DEVICES_CALLBACK_DATA {
     int num_new_mounted;  // first: its 4 bytes are the end event's payload
     int num_already_mounted;
     char volumeName[MOUNT_MAX_NAMES][32];
+    const char* offline;  // the volume a format works on ("" for none)
 } MOUNT_USB_DEVICES_CALLBACK_DATA;
 
 // One line of `blkid -d` ("/dev/sda1: LABEL=... TYPE="vfat""): mounts the

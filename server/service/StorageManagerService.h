@@ -50,9 +50,15 @@ public:
     // The single exit of results: hands the event to the event manager.
     void NotifyToStorageManager(LUM_EM_TYPE_E event, void* data, int len);
 
-    // Mount and unmount runs (MountEngine.cpp, UnmountEngine.cpp).
+    // Mount and unmount runs (MountEngine.cpp, UnmountEngine.cpp), one at a
+    // time: the service thread and the format thread both run them.
     int MountUsbDevices(const char* pDevName);
     int UnmountUsbDevices(const char* pDevName);
+    // A format's runs around its tool: the first takes the volume off-line,
+    // so that no other mount run brings it back under the tool; the second
+    // brings it back.
+    int TakeOffline(const char* volume);
+    int BringOnline(const char* volume);
     void ClearMountPath();
 
     // The device table (../device/DevTable.cpp).
@@ -172,6 +178,14 @@ public:
     // Guards m_SendBuf, which the service thread and the format thread both
     // build replies in: held from the first byte written to the send.
     std::mutex m_SendBufLock;
+    // Held for a whole mount or unmount run; guards m_OfflineVolume, the
+    // volume a format works on, which mount runs leave alone.
+    std::mutex m_RunLock;
+    std::string m_OfflineVolume;
+
+private:
+    int MountRunLocked(const char* pDevName);
+    int UnmountRunLocked(const char* pDevName);
 };
 
 extern StorageManagerService theStorageManagerService;

@@ -98,6 +98,19 @@ int unmount_usb_devices_callback(void* context, char* line)
 
 int StorageManagerService::UnmountUsbDevices(const char* pDevName)
 {
+    std::lock_guard<std::mutex> run(m_RunLock);
+    return UnmountRunLocked(pDevName);
+}
+
+int StorageManagerService::TakeOffline(const char* volume)
+{
+    std::lock_guard<std::mutex> run(m_RunLock);
+    m_OfflineVolume = volume != nullptr ? volume : "";
+    return UnmountRunLocked(volume);
+}
+
+int StorageManagerService::UnmountRunLocked(const char* pDevName)
+{
     bool sysNodeCheckDone = false;
     if (pDevName != nullptr)
         SLOGI("[%s, %d] --- force unmount of '%s'\n", pDevName);

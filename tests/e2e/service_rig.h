@@ -44,7 +44,9 @@ protected:
         // A socket file left by an earlier daemon would let the clients in
         // before the new one listens.
         ASSERT_TRUE(tv.Exec("rm -f /run/lumstorage.sock").ok());
-        std::vector<std::string> argv{"env", "LMDROID_PROPERTY_DIR=/run/properties"};
+        // The debug shell's socket in the television's own /run: /tmp is
+        // the host's, where every other television's daemon puts its own.
+        std::vector<std::string> argv{"env", "LMDROID_PROPERTY_DIR=/run/properties", "NORVFW_NSHELL_DIR=/run"};
         argv.insert(argv.end(), env.begin(), env.end());
         argv.insert(argv.end(), {LUMSTORAGED_BIN, "--socket", "/run/lumstorage.sock"});
         socket_ = tv.StartDaemon("lumstoraged", argv, "/run/lumstorage.sock");

@@ -1,17 +1,34 @@
-// Peer checks: a client of another user is closed before the daemon reads a
-// byte from it; --group lets that group in. Running a client as another user
-// needs root; without it these tests skip and say so.
+// Who reaches the service. The socket file keeps other users out (0600, or
+// 0660 for the group of --group), and behind it a client of another user
+// is closed before the daemon reads a byte from it; --group lets that group
+// in. The real daemon listens on nothing else but the framework's debug
+// shell, which answers only its own user and offers none of the service's
+// commands, and its command queue is its user's alone: the direct
+// primitives (shell lines, chmod, open/read/write/close/sync) are reached
+// through the socket or not at all. Running a client as another user needs
+// root; without it these tests skip and say so.
 #include <gtest/gtest.h>
 
 #include <StorageModuleCmd.h>
+#include <cerrno>
 #include <chrono>
+#include <fcntl.h>
+#include <fstream>
 #include <grp.h>
+#include <map>
+#include <mqueue.h>
+#include <sched.h>
+#include <set>
+#include <sstream>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <thread>
 #include <unistd.h>
 
+#include "daemon_proc.h"
 #include "fake_service.h"
+#include "lumproto/frame_io.h"
 #include "test_support.h"
 
 namespace {
@@ -46,7 +63,8 @@ int refused_client(const std::string& path)
     return f.status == lumproto::ReadStatus::kOk ? 13 : 0;
 }
 
-// Child: exit 0 when STORAGE_PVR_DEV_STATE is answered with bool true.
+// Child: exit 0 when STORAGE_PVR_DEV_STATE is answered with result 0 and a
+// bool (the fake service says true, the real one without disks false).
 int served_client(const std::string& path)
 {
     int fd = hosttest::connect_to(path);
@@ -55,7 +73,22 @@ int served_client(const std::string& path)
     hosttest::Frame f = hosttest::next_frame(fd);
     if (f.status != lumproto::ReadStatus::kOk || f.header.type != lumproto::kReply)
         return 21;
-    return f.payload == std::vector<uint8_t>{0, 0, 0, 0, 1, 0, 0, 0} ? 0 : 22;
+    return f.payload.size() == 8 && f.payload[0] == 0 && f.payload[1] == 0 && f.payload[2] == 0 &&
+                   f.payload[3] == 0
+               ? 0
+               : 22;
+}
+
+// 0 when a connection to the socket at path is taken, else connect's errno.
+int connect_errno(const std::string& path)
+{
+    int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    snprintf(addr.sun_path, sizeof(addr.sun_path), "%s", path.c_str());
+    int rc = connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) == 0 ? 0 : errno;
+    close(fd);
+    return rc;
 }
 
 bool wait_refused(lumhost::HostServer* server, uint64_t want)
@@ -77,10 +110,17 @@ protected:
     }
 };
 
-TEST_F(AuthTest, OtherUserIsClosedBeforeAnyByteIsRead)
+TEST_F(AuthTest, OtherUserIsKeptOutByTheFileAndClosedBeforeAnyByteIsRead)
 {
     hosttest::TestServer srv;
     ASSERT_EQ(0, srv.start());
+    auto connects = [&] { return connect_errno(srv.config.socket_path); };
+    // The folder the daemon made (0700), then the socket itself (0600),
+    // each keeps another user out on its own.
+    chmod(srv.dir.path.c_str(), 0755);
+    EXPECT_EQ(EACCES, hosttest::run_as(kNobody, kNogroup, connects));
+    chmod((srv.dir.path + "/run").c_str(), 0755);
+    EXPECT_EQ(EACCES, hosttest::run_as(kNobody, kNogroup, connects));
     open_file_rights(srv);
     int before = fakesvc::g_invokes.load();
     EXPECT_EQ(0, hosttest::run_as(kNobody, kNogroup, [&] { return refused_client(srv.config.socket_path); }));
@@ -103,6 +143,8 @@ TEST_F(AuthTest, GroupOptionOpensTheSocketToThatGroupOnly)
     EXPECT_EQ(0750u, st.st_mode & 07777);
     EXPECT_EQ(kNogroup, st.st_gid);
     chmod(srv.dir.path.c_str(), 0755);
+    // Another user outside the group does not get through the file rights.
+    EXPECT_EQ(EACCES, hosttest::run_as(12345, 12345, [&] { return connect_errno(srv.config.socket_path); }));
     // A member gets through the file rights and the peer check.
     EXPECT_EQ(0, hosttest::run_as(kNobody, kNogroup, [&] { return served_client(srv.config.socket_path); }));
     // Another user that is not in the group passes the file rights (made
@@ -111,6 +153,201 @@ TEST_F(AuthTest, GroupOptionOpensTheSocketToThatGroupOnly)
     chmod((srv.dir.path + "/run").c_str(), 0755);
     EXPECT_EQ(0, hosttest::run_as(12345, 12345, [&] { return refused_client(srv.config.socket_path); }));
     EXPECT_TRUE(wait_refused(srv.server, 1));
+}
+
+// The real daemon in the service sandbox, the debug shell's socket in a
+// folder of the test (by default it would be the machine's /tmp).
+class RealDaemonAccess : public AuthTest {
+protected:
+    void SetUp() override
+    {
+        AuthTest::SetUp();
+        if (IsSkipped())
+            return;
+#ifndef LUMHOST_REAL_DAEMON_BIN
+        GTEST_SKIP() << "SKIPPED LOUDLY: lumstoraged is not built (no lumstorageservice target)";
+#else
+        sock = dir.path + "/run/lumstoraged.sock";
+        shell = dir.path + "/shell/storage_svr.sock";
+        chmod(dir.path.c_str(), 0755);
+        ASSERT_EQ(0, mkdir((dir.path + "/shell").c_str(), 0755));
+        setenv("NORVFW_NSHELL_DIR", (dir.path + "/shell").c_str(), 1);
+        setenv("LMDROID_PROPERTY_DIR", (dir.path + "/properties").c_str(), 1);
+        started = daemon.start(LUMHOST_REAL_DAEMON_BIN, sock, hosttest::enter_daemon_sandbox);
+        unsetenv("NORVFW_NSHELL_DIR");
+        unsetenv("LMDROID_PROPERTY_DIR");
+        if (!started) {
+            int code = hosttest::wait_exit(daemon.proc.pid, 5000);
+            if (code == 90) {
+                GTEST_SKIP() << "SKIPPED LOUDLY: no sandbox for the real daemon";
+            }
+            FAIL() << "real daemon did not start: '" << daemon.ready << "' exit " << code;
+        }
+#endif
+    }
+    void TearDown() override
+    {
+        if (started) {
+            EXPECT_EQ(0, daemon.stop());
+        }
+    }
+    std::string proc(const std::string& what) const { return "/proc/" + std::to_string(daemon.proc.pid) + "/" + what; }
+
+    hosttest::TempDir dir;
+    hosttest::Daemon daemon;
+    std::string sock, shell;
+    bool started = false;
+};
+
+// The inodes of the sockets a process holds.
+std::set<std::string> socket_inodes(const std::string& fd_dir)
+{
+    std::set<std::string> inodes;
+    for (int fd = 0; fd < 1024; ++fd) {
+        char target[64] = {0};
+        ssize_t n = readlink((fd_dir + "/" + std::to_string(fd)).c_str(), target, sizeof(target) - 1);
+        std::string link(target, n > 0 ? static_cast<size_t>(n) : 0);
+        if (link.compare(0, 8, "socket:[") == 0)
+            inodes.insert(link.substr(8, link.size() - 9));
+    }
+    return inodes;
+}
+
+// The rows of a table under /proc/PID/net, split at blanks, header left out.
+std::vector<std::vector<std::string>> net_rows(const std::string& path)
+{
+    std::vector<std::vector<std::string>> rows;
+    std::ifstream in(path);
+    std::string line;
+    std::getline(in, line);
+    while (std::getline(in, line)) {
+        std::istringstream words(line);
+        std::vector<std::string> row;
+        for (std::string w; words >> w;)
+            row.push_back(w);
+        rows.push_back(row);
+    }
+    return rows;
+}
+
+// Everything the peer sends until it closes (at most 5 s).
+std::string read_to_end(int fd)
+{
+    std::string out;
+    char buf[4096];
+    while (lumproto::wait_readable(fd, 5000) > 0) {
+        ssize_t n = recv(fd, buf, sizeof(buf), 0);
+        if (n <= 0)
+            break;
+        out.append(buf, static_cast<size_t>(n));
+    }
+    return out;
+}
+
+std::string shell_talk(const std::string& path, const std::string& lines)
+{
+    int fd = hosttest::connect_to(path);
+    if (fd < 0)
+        return "(no connection)";
+    send(fd, lines.data(), lines.size(), MSG_NOSIGNAL);
+    std::string out = read_to_end(fd);
+    close(fd);
+    return out;
+}
+
+// Child: exit 0 when the shell closes without an answer to "help".
+int refused_by_shell(const std::string& path)
+{
+    int fd = hosttest::connect_to(path);
+    if (fd < 0)
+        return 10;
+    send(fd, "help\n", 5, MSG_NOSIGNAL);
+    size_t bytes = 0;
+    if (!hosttest::closed_within(fd, 5000, &bytes))
+        return 11;
+    return bytes == 0 ? 0 : 12;
+}
+
+TEST_F(RealDaemonAccess, ListensOnItsSocketAndTheDebugShellAlone)
+{
+    struct stat st;
+    ASSERT_EQ(0, stat(sock.c_str(), &st));
+    EXPECT_EQ(0600u, st.st_mode & 07777);
+    EXPECT_EQ(0u, st.st_uid);
+    // A client's connection is there too while the tables are read.
+    int client = hosttest::connect_to(sock);
+    ASSERT_GE(client, 0);
+    ASSERT_EQ(0, served_client(sock));
+    std::set<std::string> inodes = socket_inodes(proc("fd"));
+    std::set<std::string> listening, known;
+    // Unix sockets: Num RefCount Protocol Flags Type St Inode [Path]; a
+    // listening one has the flag __SO_ACCEPTCON (00010000). A connection
+    // the daemon accepted belongs to the client's network namespace, the
+    // test's own.
+    for (const std::string& table : {proc("net/unix"), std::string("/proc/self/net/unix")}) {
+        for (const auto& row : net_rows(table)) {
+            if (row.size() < 7 || inodes.count(row[6]) == 0)
+                continue;
+            known.insert(row[6]);
+            if (row[3] == "00010000")
+                listening.insert(row.size() > 7 ? row[7] : "(unnamed)");
+        }
+    }
+    // Netlink (the uevent watcher): the inode is the last column.
+    for (const auto& row : net_rows(proc("net/netlink"))) {
+        if (!row.empty() && inodes.count(row.back()) != 0)
+            known.insert(row.back());
+    }
+    close(client);
+    EXPECT_EQ(listening, (std::set<std::string>{sock, shell}));
+    EXPECT_EQ(known, inodes) << "sockets that are neither Unix nor netlink (inet, packet, ...)";
+}
+
+TEST_F(RealDaemonAccess, DebugShellIsItsUsersAloneAndOffersNoneOfTheServiceCommands)
+{
+    struct stat st;
+    ASSERT_EQ(0, stat(shell.c_str(), &st));
+    EXPECT_TRUE(S_ISSOCK(st.st_mode));
+    EXPECT_EQ(0600u, st.st_mode & 07777);
+    EXPECT_EQ(0u, st.st_uid);
+    EXPECT_EQ(EACCES, hosttest::run_as(kNobody, kNogroup, [&] { return connect_errno(shell); }));
+
+    // Its commands: the framework's own, nothing that runs, opens or
+    // changes anything of the system.
+    std::string help = shell_talk(shell, "help\nexit\n");
+    std::set<std::string> commands;
+    std::istringstream lines(help);
+    for (std::string line; std::getline(lines, line) && line != ".";)
+        commands.insert(line.substr(0, line.find(' ')));
+    EXPECT_EQ(commands, (std::set<std::string>{"help", "exit", "trace", "version", "threads", "queues"})) << help;
+    for (const char* word : {"STORAGE_LUM_EXE_SYS_CMD", "exec", "sh", "system", "chmod", "open", "write"}) {
+        std::string answer = shell_talk(shell, std::string(word) + " /tmp/x\nexit\n");
+        EXPECT_EQ(0u, answer.find(std::string("error: unknown command '") + word + "'")) << answer;
+    }
+
+    // Opened to everybody, the socket still answers nobody else.
+    ASSERT_EQ(0, chmod(shell.c_str(), 0666));
+    EXPECT_EQ(0, hosttest::run_as(kNobody, kNogroup, [&] { return refused_by_shell(shell); }));
+    EXPECT_EQ(0u, shell_talk(shell, "version\nexit\n").find("norvfw ")) << "its owner is still served";
+}
+
+TEST_F(RealDaemonAccess, CommandQueueIsTheDaemonUsersAlone)
+{
+    // In the daemon's IPC namespace, where its queue lives.
+    std::string ns = proc("ns/ipc");
+    auto enter = [ns] {
+        int fd = open(ns.c_str(), O_RDONLY | O_CLOEXEC);
+        return fd >= 0 && setns(fd, CLONE_NEWIPC) == 0 ? 0 : 30;
+    };
+    auto post = [] {
+        mqd_t q = mq_open("/MQ_STORAGE_SRV", O_WRONLY);
+        if (q == static_cast<mqd_t>(-1))
+            return errno;
+        mq_close(q);
+        return 0;
+    };
+    EXPECT_EQ(0, hosttest::run_as(0, 0, post, enter)) << "the queue is not where it should be";
+    EXPECT_EQ(EACCES, hosttest::run_as(kNobody, kNogroup, post, enter));
 }
 
 }  // namespace

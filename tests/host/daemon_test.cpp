@@ -17,81 +17,18 @@
 #include <unistd.h>
 
 #include "json_check.h"
+#include "daemon_proc.h"
 #include "test_support.h"
 
 namespace {
 
-struct Proc {
-    pid_t pid = -1;
-    int out = -1;  // the child's standard output (or its ready fd)
-};
-
-// Starts argv[0]; the child's stdout (or, with ready_fd, fd 3) goes to a
-// pipe. setup runs in the child before exec.
-Proc spawn(const std::vector<std::string>& args, bool ready_fd, void (*setup)() = nullptr)
-{
-    int p[2];
-    Proc proc;
-    if (pipe2(p, O_CLOEXEC) != 0)
-        return proc;
-    proc.pid = fork();
-    if (proc.pid == 0) {
-        if (setup != nullptr)
-            setup();
-        dup2(p[1], ready_fd ? 3 : 1);
-        std::vector<char*> argv;
-        for (const std::string& a : args)
-            argv.push_back(const_cast<char*>(a.c_str()));
-        argv.push_back(nullptr);
-        execv(argv[0], argv.data());
-        _exit(127);
-    }
-    close(p[1]);
-    proc.out = p[0];
-    return proc;
-}
-
-// Everything the pipe gives until EOF or timeout.
-std::string drain(int fd, int timeout_ms)
-{
-    std::string out;
-    char buf[4096];
-    while (lumproto::wait_readable(fd, timeout_ms) > 0) {
-        ssize_t n = read(fd, buf, sizeof(buf));
-        if (n <= 0)
-            break;
-        out.append(buf, static_cast<size_t>(n));
-    }
-    return out;
-}
-
-// Exit code, or -1 when the process did not exit within timeout_ms (it is
-// then killed).
-int wait_exit(pid_t pid, int timeout_ms)
-{
-    int status = 0;
-    for (int waited = 0; waited <= timeout_ms; waited += 10) {
-        if (waitpid(pid, &status, WNOHANG) == pid)
-            return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-        usleep(10000);
-    }
-    kill(pid, SIGKILL);
-    waitpid(pid, &status, 0);
-    return -1;
-}
-
-struct RunResult {
-    int code;
-    std::string out;
-};
-
-RunResult run(const std::vector<std::string>& args)
-{
-    Proc p = spawn(args, false);
-    std::string out = drain(p.out, 20000);
-    close(p.out);
-    return RunResult{wait_exit(p.pid, 20000), out};
-}
+using hosttest::Daemon;
+using hosttest::Proc;
+using hosttest::RunResult;
+using hosttest::drain;
+using hosttest::run;
+using hosttest::spawn;
+using hosttest::wait_exit;
 
 std::vector<std::string> ctl(const std::string& socket, std::initializer_list<std::string> rest)
 {
@@ -99,23 +36,6 @@ std::vector<std::string> ctl(const std::string& socket, std::initializer_list<st
     args.insert(args.end(), rest);
     return args;
 }
-
-struct Daemon {
-    Proc proc;
-    std::string ready;
-    bool start(const char* bin, const std::string& socket, void (*setup)() = nullptr)
-    {
-        proc = spawn({bin, "--socket", socket, "--ready-fd", "3"}, true, setup);
-        ready = drain(proc.out, 20000);
-        close(proc.out);
-        return ready == "lumstoraged: listening on " + socket + "\n";
-    }
-    int stop()
-    {
-        kill(proc.pid, SIGTERM);
-        return wait_exit(proc.pid, 10000);
-    }
-};
 
 // lumstoragectl watch OPTIONS --count 1 on sock: keeps formatting sda1 until
 // the watcher has seen one event; its output.
@@ -201,17 +121,6 @@ TEST(Ctl, ExitCodes)
     EXPECT_EQ(60, std::count(list.out.begin(), list.out.end(), '\n'));
 }
 
-#ifdef LUMHOST_REAL_DAEMON_BIN
-// The real service creates the system-wide queue "/MQ_STORAGE_SRV" and
-// watches the machine's disks: the daemon runs in the service sandbox (own
-// IPC, network and mount namespaces, no disks), keeping the machine's /tmp
-// where the test's socket lives.
-void enter_own_ipc_namespace()
-{
-    if (!enter_service_sandbox(false))
-        _exit(90);
-}
-#endif
 
 TEST(RealDaemon, AnswersADirectCommand)
 {
@@ -221,9 +130,12 @@ TEST(RealDaemon, AnswersADirectCommand)
     hosttest::TempDir dir;
     const std::string sock = dir.path + "/real.sock";
     setenv("LMDROID_PROPERTY_DIR", (dir.path).c_str(), 1);
+    // Its debug shell beside it, not in the machine's /tmp.
+    setenv("NORVFW_NSHELL_DIR", (dir.path).c_str(), 1);
     Daemon daemon;
-    bool started = daemon.start(LUMHOST_REAL_DAEMON_BIN, sock, enter_own_ipc_namespace);
+    bool started = daemon.start(LUMHOST_REAL_DAEMON_BIN, sock, hosttest::enter_daemon_sandbox);
     unsetenv("LMDROID_PROPERTY_DIR");
+    unsetenv("NORVFW_NSHELL_DIR");
     if (!started) {
         int code = wait_exit(daemon.proc.pid, 5000);
         if (code >= 90 && code <= 92)

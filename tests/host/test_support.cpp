@@ -141,11 +141,14 @@ bool closed_within(int fd, int timeout_ms, size_t* bytes)
     }
 }
 
-int run_as(uid_t uid, gid_t gid, const std::function<int()>& fn)
+int run_as(uid_t uid, gid_t gid, const std::function<int()>& fn, const std::function<int()>& prepare)
 {
     pid_t pid = fork();
     if (pid == 0) {
         alarm(20);
+        int rc = prepare ? prepare() : 0;
+        if (rc != 0)
+            _exit(rc);
         if (setgroups(0, nullptr) != 0 || setgid(gid) != 0 || setuid(uid) != 0)
             _exit(100);
         _exit(fn());

@@ -1,6 +1,7 @@
 // The debug shell: commands, and the socket protocol end to end.
 #include <cerrno>
 #include <algorithm>
+#include <cerrno>
 #include <fstream>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
@@ -200,6 +201,8 @@ TEST_F(ShellSocket, AnotherUserIsClosedUnansweredWhateverTheFileMode)
         if (fd < 0)
             _exit(11);
         send(fd, "help\n", 5, MSG_NOSIGNAL);
+        // Closed, nothing answered; a close with "help" still unread reaches
+        // the client as a reset.
         char c;
         // Closed, nothing answered: an end of file, or a reset when the
         // shell closed with our line still unread.

@@ -1,0 +1,458 @@
+// Faults on the simulated television: a stick pulled out in the middle of a
+// listing, a tree copy, a format and a benchmark; a burst of plug events; a
+// full command queue; the daemon killed while it sets properties. After each
+// fault the service still answers, the mount tree, its folder and the volume
+// list show exactly the sticks that are plugged, the files nobody was
+// writing keep their checksums, and every client has had its answer.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <csignal>
+#include <functional>
+#include <random>
+#include <set>
+#include <thread>
+
+#include "file_ops_rig.h"
+
+namespace e2e {
+namespace {
+
+// Two ext4 sticks; the files under /keep must outlive every fault.
+const char* kSticks =
+    "disk a size=256M table=msdos plugged=no dev=sdb\n"
+    "  part fs=ext4 label=A\n"
+    "    file /keep/one.bin size=300K\n"
+    "    file /keep/deep/two.bin size=1M\n"
+    "    file /keep/three.txt text=three\n"
+    "disk b size=128M table=msdos plugged=no dev=sdc\n"
+    "  part fs=ext4 label=B\n"
+    "    file /keep/four.bin size=200K\n"
+    "    file /keep/five.txt text=five\n";
+const std::string kA = "/mnt/pvr/shared/sdb1";
+const std::string kB = "/mnt/pvr/shared/sdc1";
+const std::string kBoth[] = {"sdb1", "sdc1"};
+
+// A client running beside the test; joined by Wait, at the latest when it
+// goes out of scope.
+class Client {
+public:
+    explicit Client(std::function<Result()> run) : thread_([this, run] { result_ = run(); }) {}
+    ~Client()
+    {
+        if (thread_.joinable())
+            thread_.join();
+    }
+    const Result& Wait()
+    {
+        if (thread_.joinable())
+            thread_.join();
+        return result_;
+    }
+
+private:
+    Result result_;
+    std::thread thread_;
+};
+
+// Every value of `key` in a JSON text, in order ("node" takes "/dev/sdb" out
+// of "node":"/dev/sdb").
+std::multiset<std::string> Values(const std::string& json, const std::string& key)
+{
+    std::multiset<std::string> values;
+    const std::string open = "\"" + key + "\":\"";
+    for (size_t at = json.find(open); at != std::string::npos; at = json.find(open, at)) {
+        at += open.size();
+        values.insert(json.substr(at, json.find('"', at) - at));
+    }
+    return values;
+}
+
+class Faults : public FileOps {
+protected:
+    // Both sticks plugged and mounted, the checksums of their kept files
+    // taken.
+    void StartSticks(const std::vector<std::string>& env = {})
+    {
+        StartWith(kSticks, {"a", "b"}, env);
+        if (HasFatalFailure())
+            return;
+        sumsA_ = Sums(kA);
+        sumsB_ = Sums(kB);
+        ASSERT_TRUE(Has(sumsA_, "deep/two.bin") && Has(sumsB_, "five.txt")) << sumsA_ << sumsB_;
+    }
+    // md5 and name of every file under VOLUME/keep, sorted by name.
+    std::string Sums(const std::string& volume) const
+    {
+        const char* script = "cd \"$1/keep\" && find . -type f -exec md5sum {} + | LC_ALL=C sort -k2";
+        return In({"sh", "-c", script, "sh", volume}).out;
+    }
+    // Plugs stick a back in: it is mounted again beside b, and no kept file
+    // of either stick has changed.
+    void ExpectStickBack()
+    {
+        size_t mounts = Events("LUM_TV_EVT_STORAGE_DEV_MOUNT_END").size();
+        ASSERT_TRUE(tv.Plug("a").ok());
+        ASSERT_TRUE(WaitFor("LUM_TV_EVT_STORAGE_DEV_MOUNT_END", mounts + 1));
+        ExpectVolumes({"sdb1", "sdc1"});
+        EXPECT_EQ(Sums(kA), sumsA_);
+        EXPECT_EQ(Sums(kB), sumsB_);
+    }
+
+    // The volume list, asked again while the queue refuses the request.
+    Result Volumes() const
+    {
+        Result r;
+        for (int i = 0; i < 60; ++i) {
+            r = Ctl({"volumes", "--timeout", "60"});
+            if (r.ok() || !Has(r.err, "refused"))
+                break;
+            std::this_thread::sleep_for(std::chrono::seconds(1));
+        }
+        return r;
+    }
+    // The mount tree, its folder and the service's volume list name exactly
+    // these volumes ("sdb1"), each once, each on its own mount point. The
+    // list is asked for first: it comes after every run queued before it.
+    void ExpectVolumes(const std::multiset<std::string>& volumes) const
+    {
+        Result table = Volumes();
+        ASSERT_TRUE(table.ok()) << table.Describe();
+        std::multiset<std::string> mounted, nodes;
+        for (const std::string& line : Split(tv.Exec("mount | grep ' on /mnt/pvr/shared/' || true").out, '\n')) {
+            std::string volume = line.substr(line.rfind('/', line.find(" type ")) + 1);
+            volume = volume.substr(0, volume.find(' '));
+            EXPECT_EQ(line.substr(0, line.find(' ')), "/dev/" + volume) << line;
+            mounted.insert(volume);
+        }
+        EXPECT_EQ(mounted, volumes);
+        EXPECT_EQ(Names("/mnt/pvr/shared"), std::set<std::string>(volumes.begin(), volumes.end()));
+        for (const std::string& volume : volumes) {
+            nodes.insert("/dev/" + volume);
+            nodes.insert("/dev/" + volume.substr(0, volume.find_first_of("0123456789")));
+            EXPECT_TRUE(Has(table.out, "\"node\":\"/dev/" + volume + "\",\"mountPoint\":\"/mnt/pvr/shared/" + volume))
+                << table.out;
+        }
+        EXPECT_EQ(Values(table.out, "node"), nodes) << table.out;
+        EXPECT_EQ(Values(table.out, "devName"), nodes) << table.out;
+    }
+
+    // Waits until the service's log holds `text` `count` times.
+    bool WaitForLog(const std::string& text, size_t count, int timeout_s = 60) const
+    {
+        for (int waited = 0; waited < timeout_s * 10; ++waited) {
+            std::string log = tv.Log("lumstoraged");
+            size_t n = 0;
+            for (size_t at = log.find(text); at != std::string::npos; at = log.find(text, at + 1))
+                ++n;
+            if (n >= count)
+                return true;
+            std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        }
+        return false;
+    }
+    // Waits until an event of that name holds `text` (and passes `also`).
+    bool WaitForText(const std::string& name, const std::string& text,
+                     std::function<bool(const std::string&)> also = nullptr, int timeout_s = 60) const
+    {
+        for (int waited = 0; waited < timeout_s * 50; ++waited) {
+            for (const std::string& line : Events(name)) {
+                if (Has(line, text) && (!also || also(line)))
+                    return true;
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        }
+        return false;
+    }
+    // True when the daemon's working folder is dir: the listing, which
+    // works there, is under way. With wait, waits for it at most 60 s.
+    bool ListingIn(const std::string& dir, bool wait) const
+    {
+        std::vector<pid_t> daemon = TvPids("lumstoraged");
+        if (daemon.size() != 1)
+            return false;
+        std::string script = "i=0; until [ \"$(readlink /proc/$1/cwd)\" = \"$2\" ]; do i=$((i+1)); [ $i -lt $3 ] || "
+                             "exit 1; sleep 0.02; done";
+        return In({"sh", "-c", script, "sh", std::to_string(daemon[0]), dir, wait ? "3000" : "1"}).ok();
+    }
+    // Waits at most 30 s until no iozone of this television runs.
+    bool NoIozoneLeft() const
+    {
+        for (int i = 0; i < 300; ++i) {
+            if (TvPids("iozone").empty())
+                return true;
+            std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        }
+        return false;
+    }
+    std::string Property(const std::string& key) const
+    {
+        return lumrig::ReadFile(tv.StateDir() + "/run/properties/" + key);
+    }
+
+    std::string sumsA_, sumsB_;
+};
+
+TEST_F(Faults, UnplugDuringAListingLetsItEndAndTakesOnlyThatStickDown)
+{
+    StartSticks();
+    if (HasFatalFailure())
+        return;
+    // TagLib reads each of these to its end looking for a frame, about a
+    // tenth of a second each: the listing keeps the service thread for
+    // seconds.
+    const std::string slow = kA + "/slow";
+    ASSERT_TRUE(In({"sh", "-c", "mkdir \"$1\" && for i in $(seq 80); do truncate -s 1M \"$1/song$i.mp3\"; done", "sh",
+                    slow})
+                    .ok());
+    size_t downs = Events("LUM_TV_EVT_STORAGE_DEV_UMOUNT_END").size();
+    Client listing([&] { return Ctl({"ls", slow + "/", "--timeout", "120"}); });
+    ASSERT_TRUE(ListingIn(slow, true)) << "the listing never began";
+    // A query waits behind the listing for the service thread.
+    Client volumes([&] { return Ctl({"volumes", "--timeout", "120"}); });
+    ASSERT_TRUE(tv.Unplug("a").ok());
+    EXPECT_TRUE(ListingIn(slow, false)) << "the listing ended before the stick went: nothing was tested";
+
+    const Result& listed = listing.Wait();
+    EXPECT_TRUE(Has(listed.out, "{\"path\":\"" + slow + "/\",")) << "the listing had no end\n" << listed.Describe();
+    const Result& table = volumes.Wait();
+    EXPECT_TRUE(table.ok()) << table.Describe();
+    ASSERT_TRUE(WaitFor("LUM_TV_EVT_STORAGE_DEV_UMOUNT_END", downs + 1));
+    ExpectVolumes({"sdc1"});
+    EXPECT_EQ(Sums(kB), sumsB_);
+    ExpectStickBack();
+}
+
+TEST_F(Faults, UnplugOfTheSourceDuringATreeCopyEndsTheCopyWithWholeFiles)
+{
+    StartSticks();
+    if (HasFatalFailure())
+        return;
+    // 1500 files: each costs the copy a shell and a cp, seconds in all.
+    const std::string tree = kA + "/tree", copy = kB + "/tree";
+    ASSERT_TRUE(In({"sh", "-c",
+                    "mkdir \"$1\" && cd \"$1\" && for d in a b c; do mkdir $d; for i in $(seq 500); do echo $d$i > "
+                    "$d/f$i; done; done",
+                    "sh", tree})
+                    .ok());
+    size_t downs = Events("LUM_TV_EVT_STORAGE_DEV_UMOUNT_END").size();
+    Client copying([&] { return Ctl({"cp", "-r", tree, copy, "--timeout", "120"}); });
+    ASSERT_TRUE(Filling(copy, 10));
+    ASSERT_TRUE(tv.Unplug("a").ok());
+
+    const Result& copied = copying.Wait();
+    EXPECT_TRUE(Has(copied.out, "\"result\":")) << "the copy had no end\n" << copied.Describe();
+    EXPECT_FALSE(Has(copied.out, "\"result\":0,")) << "the copy was over before the stick went: nothing was tested";
+    ASSERT_TRUE(WaitFor("LUM_TV_EVT_STORAGE_DEV_UMOUNT_END", downs + 1));
+    EXPECT_EQ(CopyResults().size(), 1u);
+    ExpectVolumes({"sdc1"});
+    EXPECT_EQ(Sums(kB), sumsB_);
+    // The copy engine is free for the next copy.
+    Put(kB + "/small", "small");
+    EXPECT_EQ(Op({"cp", kB + "/small", kB + "/small2"}), 0);
+    EXPECT_EQ(Cat(kB + "/small2"), "small");
+
+    ExpectStickBack();
+    // Whatever arrived is whole, but for the one file the copy may have been
+    // writing when its source went.
+    std::vector<std::string> differing = Split(Differing(copy, tree), '\n');
+    EXPECT_LE(differing.size(), 1u) << Differing(copy, tree);
+}
+
+TEST_F(Faults, UnplugDuringAFormatFailsTheFormatAndLeavesTheStickAsItWas)
+{
+    StartSticks({HoldableEnv()});
+    if (HasFatalFailure())
+        return;
+    MakeHoldable({"mkfs"});
+    ASSERT_TRUE(Hold("mkfs", true));
+    size_t downs = Events("LUM_TV_EVT_STORAGE_DEV_UMOUNT_END").size();
+    Client formatting([&] { return Ctl({"format", "/dev/sdb1", "--timeout", "120"}); });
+    // The format has taken the volume off-line and waits at the tool.
+    ASSERT_TRUE(WaitHeld("mkfs"));
+    ASSERT_TRUE(tv.Unplug("a").ok());
+    ASSERT_TRUE(Hold("mkfs", false));
+
+    const Result& formatted = formatting.Wait();
+    EXPECT_EQ(formatted.status, 1) << formatted.Describe();
+    EXPECT_TRUE(Has(formatted.out, "\"step\":\"result\",\"volume\":\"/dev/sdb1\",\"ok\":false"))
+        << formatted.Describe();
+    ASSERT_TRUE(WaitForText("LUM_TV_EVT_STORAGE_FORMAT", "\"devName\":\"/dev/sdb1\",\"result\":-1"));
+    // The format's own unmount, then the unplug's.
+    ASSERT_TRUE(WaitFor("LUM_TV_EVT_STORAGE_DEV_UMOUNT_END", downs + 2));
+    ExpectVolumes({"sdc1"});
+    ExpectStickBack();
+}
+
+TEST_F(Faults, PlugDuringAFormatLeavesTheVolumeBeingFormattedAlone)
+{
+    StartWith(kSticks, {"b"}, {HoldableEnv()});
+    if (HasFatalFailure())
+        return;
+    MakeHoldable({"mkfs"});
+    ASSERT_TRUE(Hold("mkfs", true));
+    Client formatting([&] { return Ctl({"format", "/dev/sdc1", "--timeout", "120"}); });
+    ASSERT_TRUE(WaitHeld("mkfs"));
+    // Another stick comes while the tool waits: its mount run must not
+    // bring the volume under the tool back.
+    size_t mounts = Events("LUM_TV_EVT_STORAGE_DEV_MOUNT_END").size();
+    ASSERT_TRUE(tv.Plug("a").ok());
+    ASSERT_TRUE(WaitFor("LUM_TV_EVT_STORAGE_DEV_MOUNT_END", mounts + 1));
+    EXPECT_EQ(tv.Exec("mount | grep -c '^/dev/sdc1 ' || true").out, "0\n") << tv.Exec("mount").out;
+    ASSERT_TRUE(Hold("mkfs", false));
+
+    const Result& formatted = formatting.Wait();
+    EXPECT_EQ(formatted.status, 0) << formatted.Describe();
+    ExpectVolumes({"sdb1", "sdc1"});
+    EXPECT_EQ(In({"blkid", "-p", "-o", "value", "-s", "TYPE", "/dev/sdc1"}).out, "vfat\n");
+    EXPECT_TRUE(Has(Sums(kA), "deep/two.bin")) << Sums(kA);
+}
+
+TEST_F(Faults, UnplugDuringABenchmarkEndsItWithoutATool)
+{
+    StartSticks({"LUM_LOG_LEVEL=v"});
+    if (HasFatalFailure())
+        return;
+    size_t downs = Events("LUM_TV_EVT_STORAGE_DEV_UMOUNT_END").size();
+    Client measuring([&] { return Ctl({"bench", kA, "--timeout", "120"}); });
+    // The first stage is seen once the tool runs and has begun writing.
+    ASSERT_TRUE(WaitFor("LUM_TV_EVT_STORAGE_DEV_BENCHMARK", 1, 120));
+    ASSERT_TRUE(tv.Unplug("a").ok());
+
+    const Result& measured = measuring.Wait();
+    EXPECT_TRUE(Has(measured.out, "\"status\":")) << "the benchmark had no end\n" << measured.Describe();
+    // The end (any status but 8): status 1 as the volume went, unless the
+    // tool met its end some other way first.
+    ASSERT_TRUE(WaitForText("LUM_TV_EVT_STORAGE_DEV_BENCHMARK", "\"status\":", [](const std::string& line) {
+        return !Has(line, "\"status\":8,");
+    })) << Events("LUM_TV_EVT_STORAGE_DEV_BENCHMARK").back();
+    EXPECT_TRUE(NoIozoneLeft());
+    ASSERT_TRUE(WaitFor("LUM_TV_EVT_STORAGE_DEV_UMOUNT_END", downs + 1));
+    ExpectVolumes({"sdc1"});
+    ExpectStickBack();
+    EXPECT_EQ(In({"sh", "-c", "ls \"$1\" | grep iozone || true", "sh", kA}).out, "") << "work files left behind";
+}
+
+TEST_F(Faults, BurstOfPlugEventsEndsWithTheStickMountedOnce)
+{
+    StartSticks();
+    if (HasFatalFailure())
+        return;
+    for (int i = 0; i < 50; ++i) {
+        ASSERT_TRUE(tv.Unplug("a").ok());
+        ASSERT_TRUE(tv.Plug("a").ok());
+    }
+    // The watcher has taken all 100 (and the two first plugs) before the
+    // volume list is asked for: the list comes after the runs they need.
+    ASSERT_TRUE(WaitForLog("] remove@/devices/", 50));
+    ASSERT_TRUE(WaitForLog("] add@/devices/", 52));
+    ExpectVolumes({"sdb1", "sdc1"});
+    EXPECT_EQ(Sums(kA), sumsA_);
+    EXPECT_EQ(Sums(kB), sumsB_);
+}
+
+TEST_F(Faults, FullQueueRefusesTheExtraAtOnceRunsTheRestAndLosesNoPlug)
+{
+    StartWith(kSticks, {"b"}, {HoldableEnv()});
+    if (HasFatalFailure())
+        return;
+    std::vector<pid_t> daemon = TvPids("lumstoraged");
+    ASSERT_EQ(daemon.size(), 1u);
+    MakeHoldable({"df"});
+    ASSERT_TRUE(Hold("df", true));
+    // The first request takes the service thread to the held df.
+    ASSERT_TRUE(Has(Ctl({"get-device-size", "held", "0"}).out, "\"value\":true"));
+    ASSERT_TRUE(WaitHeld("df"));
+
+    // Fifteen at once: the queue (depth 10) takes ten, the others are
+    // refused while the service thread still waits.
+    std::vector<Result> replies(15);
+    {
+        std::vector<std::unique_ptr<Client>> clients;
+        for (size_t i = 0; i < replies.size(); ++i)
+            clients.emplace_back(new Client([this, i] { return Ctl({"get-device-size", "q" + std::to_string(i), "0"}); }));
+        for (size_t i = 0; i < replies.size(); ++i)
+            replies[i] = clients[i]->Wait();
+    }
+    std::multiset<std::string> taken{"held"};
+    for (size_t i = 0; i < replies.size(); ++i) {
+        ASSERT_TRUE(replies[i].ok()) << replies[i].Describe();
+        if (Has(replies[i].out, "\"value\":true"))
+            taken.insert("q" + std::to_string(i));
+        else
+            EXPECT_TRUE(Has(replies[i].out, "\"value\":false")) << replies[i].out;
+    }
+    EXPECT_EQ(taken.size(), 11u);
+    EXPECT_EQ(tv.Exec("test -e /run/hold.df").status, 0) << "the answers came only once the service thread was free";
+
+    // A stick plugged now finds the queue full.
+    ASSERT_TRUE(tv.Plug("a").ok());
+    ASSERT_TRUE(WaitForLog("] add@/devices/", 2));
+    ASSERT_TRUE(Hold("df", false));
+
+    // Every request taken runs once; the plug is not lost.
+    ASSERT_TRUE(WaitFor("LUM_TV_EVT_STORAGE_HDD_GET_SIZE", taken.size()));
+    ASSERT_TRUE(WaitFor("LUM_TV_EVT_STORAGE_DEV_MOUNT_END", 2, 60)) << "the stick plugged into a full queue was lost";
+    std::multiset<std::string> answered;
+    for (const std::string& line : Events("LUM_TV_EVT_STORAGE_HDD_GET_SIZE")) {
+        std::multiset<std::string> device = Values(line, "device");
+        answered.insert(device.empty() ? line : *device.begin());
+    }
+    EXPECT_EQ(answered, taken);
+    ExpectVolumes({"sdb1", "sdc1"});
+    EXPECT_EQ(TvPids("lumstoraged"), daemon);
+    EXPECT_FALSE(Has(tv.Log("lumstoraged"), "double free"));
+}
+
+TEST_F(Faults, KilledWhileSettingTheSizeLimitLeavesWholePropertiesAndComesBack)
+{
+    Result up = tv.Up("disk a size=64M table=msdos plugged=no\n  part fs=ext4\n");
+    ASSERT_TRUE(up.ok()) << up.Describe();
+    // A recording television takes new limits.
+    ASSERT_TRUE(tv.Exec("mkdir -p /run/properties && printf 1 > /run/properties/persist.pvr.rec.enable && "
+                        "printf 2000 > /run/properties/persist.pvr.device_size_limit")
+                    .ok());
+    StartServiceOnly();
+    if (HasFatalFailure())
+        return;
+    std::mt19937 random(std::random_device{}());
+    int next = 2001;
+    std::string last = "2000";
+    for (int round = 0; round < 4; ++round) {
+        SCOPED_TRACE("round " + std::to_string(round));
+        std::vector<pid_t> daemon = TvPids("lumstoraged");
+        ASSERT_EQ(daemon.size(), 1u);
+        std::set<std::string> written{last};
+        std::vector<Result> answers;
+        std::atomic<bool> stop{false};
+        std::thread writer([&] {
+            while (!stop) {
+                written.insert(std::to_string(next));
+                answers.push_back(Ctl({"pvr", "limit", std::to_string(next++)}));
+            }
+        });
+        std::this_thread::sleep_for(std::chrono::milliseconds(100 + random() % 400));
+        kill(daemon[0], SIGKILL);
+        stop = true;
+        writer.join();
+        // Every client in flight heard of the end; none waited for its
+        // time-out.
+        for (const Result& r : answers)
+            EXPECT_TRUE(r.status == 0 || r.status == 1) << r.Describe();
+        EXPECT_EQ(Property("persist.pvr.rec.enable"), "1");
+        last = Property("persist.pvr.device_size_limit");
+        EXPECT_EQ(written.count(last), 1u) << "'" << last << "' was never set";
+
+        StartServiceOnly();
+        if (HasFatalFailure())
+            return;
+        Result limit = Ctl({"pvr", "limit"});
+        EXPECT_TRUE(Has(limit.out, "{\"limitMB\":" + last + "}")) << limit.Describe();
+    }
+    // The temporary files of killed writers go with the next write.
+    ASSERT_TRUE(Ctl({"pvr", "limit", std::to_string(next)}).ok());
+    EXPECT_EQ(tv.Exec("ls -A /run/properties").out, "persist.pvr.device_size_limit\npersist.pvr.rec.enable\n");
+}
+
+}  // namespace
+}  // namespace e2e

@@ -1,0 +1,65 @@
+// Mount runs against fake blkid and mount: a volume a format has taken
+// off-line is left alone by every other run until the format brings it back.
+// The mount tree lives in a tmpfs over /mnt of the test's own mount
+// namespace.
+#include <gtest/gtest.h>
+
+#include <sys/mount.h>
+
+#include "StorageManagerService.h"
+#include "fake_tools.h"
+
+namespace {
+
+class MountRun : public FakeTools {
+protected:
+    void SetUp() override
+    {
+        FakeTools::SetUp();
+        if (IsSkipped() || HasFatalFailure())
+            return;
+        ASSERT_EQ(0, mount("lummnt", "/mnt", "tmpfs", 0, "mode=755"));
+        mounted = true;
+    }
+    void TearDown() override
+    {
+        if (mounted)
+            umount2("/mnt", MNT_DETACH);
+        FakeTools::TearDown();
+    }
+    // The mount commands of the calls so far, one "DEVICE DIR" a line.
+    static std::string Mounts()
+    {
+        std::string out;
+        std::string all = calls();
+        for (size_t at = 0, end; (end = all.find('\n', at)) != std::string::npos; at = end + 1) {
+            std::string line = all.substr(at, end - at);
+            size_t dev = line.find(" /dev/sd");
+            if (line.find("mount -t ") != std::string::npos && dev != std::string::npos)
+                out += line.substr(dev + 1) + "\n";
+        }
+        return out;
+    }
+    bool mounted = false;
+};
+
+}  // namespace
+
+TEST_F(MountRun, AVolumeOffLineForAFormatIsLeftAloneUntilTheFormatBringsItBack)
+{
+    StorageManagerService& service = theStorageManagerService;
+    output("blkid", "/dev/sdb1: UUID=\"1\" TYPE=\"ext4\"\n/dev/sdc1: UUID=\"2\" TYPE=\"ext4\"\n");
+    {
+        std::lock_guard<std::mutex> run(service.m_RunLock);
+        service.m_OfflineVolume = "/dev/sdc1";
+    }
+    // A plug-in's run, and a client's request naming the volume.
+    EXPECT_EQ(1, service.MountUsbDevices(nullptr));
+    EXPECT_EQ(1, service.MountUsbDevices("sdc1"));
+    EXPECT_EQ(Mounts(), "/dev/sdb1 /mnt/pvr/shared/sdb1\n/dev/sdb1 /mnt/pvr/shared/sdb1\n");
+    // The format's own run brings it back (the fake mount lists nothing, so
+    // sdb1 is mounted again too).
+    EXPECT_EQ(2, service.BringOnline("/dev/sdc1"));
+    EXPECT_NE(std::string::npos, Mounts().find("/dev/sdc1 /mnt/pvr/shared/sdc1\n")) << Mounts();
+    EXPECT_TRUE(service.m_OfflineVolume.empty());
+}
