@@ -83,6 +83,21 @@ void keep_attributes(const char* src, const char* dst)
               stamps ? "" : " times");
 }
 
+// Where cp put the copy of src: inside dst when dst is a folder ("cp f dir"
+// writes dir/f), dst itself otherwise. False when that path does not fit.
+bool copy_target(const char* src, const char* dst, char* out, size_t size)
+{
+    struct stat64 st;
+    if (stat64(dst, &st) != 0 || !S_ISDIR(st.st_mode))
+        return lum_strlcpy(out, dst, size) < size;
+    const char* slash = strrchr(src, '/');
+    const char* name = slash != nullptr ? slash + 1 : src;
+    size_t n = strlen(dst);
+    const char* sep = (n > 0 && dst[n - 1] == '/') ? "" : "/";
+    int len = snprintf(out, size, "%s%s%s", dst, sep, name);
+    return len >= 0 && static_cast<size_t>(len) < size;
+}
+
 // True when the directory dst would lie inside the tree src, also by way of
 // symbolic links or a second mount of the same folder: a walk of src would
 // meet its own copy, and a move would remove the copy with the source.
@@ -152,13 +167,15 @@ int CopyFile(const char* pSrc, const char* pDst)
         return COPY_RESULT_PROTECTED;
     char src[SHELL_LINE_MAX];
     char dst[SHELL_LINE_MAX];
-    int rc = COPY_RESULT_NO_LINE;
-    if (quote_client_path(pSrc, src, sizeof(src)) && quote_client_path(pDst, dst, sizeof(dst)))
-        rc = call_system("cp \"%s\" \"%s\" 2> /dev/null", src, dst) & 0xff;
-    if (rc == 0)
-        keep_attributes(pSrc, pDst);
+    bool ran = quote_client_path(pSrc, src, sizeof(src)) && quote_client_path(pDst, dst, sizeof(dst));
+    int rc = ran ? call_system("cp \"%s\" \"%s\" 2> /dev/null", src, dst) & 0xff : COPY_RESULT_NO_LINE;
+    char target[PATH_MAX];
+    if (rc == 0 && copy_target(pSrc, pDst, target, sizeof(target)))
+        keep_attributes(pSrc, target);
     if (rc != 0) {
-        if (no_room_for(pSrc, pDst))
+        // Only a cp that ran can have met a full disk; a refused path says
+        // nothing about the room anywhere.
+        if (ran && no_room_for(pSrc, pDst))
             rc = ENOSPC;
         // errno means nothing after a shell has run: the log names the code.
         SLOGE("[%s, %d] -- rc=%d: %s(%d)\n", rc, strerror(rc), rc);
@@ -198,6 +215,10 @@ int copy_dir_walk(const char* pSrcPath, const char* pDstPath, const std::atomic<
     }
     SLOGI("[%s, %d] pSrcPath (%s %d), pDstPath(%s %d)\n", pSrcPath, static_cast<int>(strlen(pSrcPath)), pDstPath,
           static_cast<int>(strlen(pDstPath)));
+    // Relative roots would be walked and created in whatever folder the
+    // process is in; they are refused before anything is looked at.
+    if (!client_path_ok(pSrcPath) || !client_path_ok(pDstPath))
+        return -1;
     COPY_TREE_PAIR pair;
     if (!tree_pair_init(&pair, pSrcPath, pDstPath, cancel)) {
         SLOGE("[%s, %d] ***E: path too long for a tree copy\n");

@@ -29,6 +29,27 @@ TEST_F(CopyFileTest, CopiesContentModeAndTimes)
     EXPECT_EQ(st.st_mtime, 1000000000);
 }
 
+TEST_F(CopyFileTest, IntoAFolderTheCopyKeepsModeAndTheFolderItsOwn)
+{
+    // cp puts the copy inside the folder; mode and times belong to that copy,
+    // never to the folder (a read-only source would protect the folder).
+    write_file(kWork + "/a.ts", "recording", 0444);
+    make_dirs(kWork + "/dir");
+    chmod((kWork + "/dir").c_str(), 0755);
+    EXPECT_EQ(CopyFile((kWork + "/a.ts").c_str(), (kWork + "/dir").c_str()), 0);
+    EXPECT_EQ(CopyFile((kWork + "/a.ts").c_str(), (kWork + "/dir2/").c_str()), 1);
+    EXPECT_EQ(read_file(kWork + "/dir/a.ts"), "recording");
+    EXPECT_EQ(mode_of(kWork + "/dir/a.ts"), 0444u);
+    EXPECT_EQ(mode_of(kWork + "/dir"), 0755u);
+    chmod((kWork + "/dir/a.ts").c_str(), 0644);
+    make_dirs(kWork + "/dir3");
+    chmod((kWork + "/dir3").c_str(), 0700);
+    EXPECT_EQ(CopyFile((kWork + "/a.ts").c_str(), (kWork + "/dir3/").c_str()), 0);
+    EXPECT_EQ(mode_of(kWork + "/dir3"), 0700u);
+    EXPECT_EQ(mode_of(kWork + "/dir3/a.ts"), 0444u);
+    chmod((kWork + "/dir3/a.ts").c_str(), 0644);
+}
+
 TEST_F(CopyFileTest, DestinationThatKeepsNoModeStillTakesTheCopy)
 {
     // GNU cp onto a FAT volume: the bytes arrive, keeping the mode fails,
@@ -117,6 +138,23 @@ TEST_F(CopyFileTest, RelativePathsAreRefusedAndNeverOptions)
     EXPECT_EQ(read_file(kWork + "/-t"), "dash");
 }
 
+TEST_F(CopyFileTest, RefusedPathIsNeverTakenForAFullDisk)
+{
+    // Nothing ran, so the room where the process happens to be (here a full
+    // volume) must not turn the refusal into an out-of-space answer.
+    REQUIRE_MOUNT(kWork + "/full", "64k");
+    write_file(kWork + "/big", std::string(200000, 'b'));
+    char cwd[4096];
+    ASSERT_NE(getcwd(cwd, sizeof(cwd)), nullptr);
+    ASSERT_EQ(chdir((kWork + "/full").c_str()), 0);
+    int relative = CopyFile((kWork + "/big").c_str(), "big");
+    int empty = CopyFile((kWork + "/big").c_str(), "");
+    ASSERT_EQ(chdir(cwd), 0);
+    EXPECT_EQ(relative, 255);
+    EXPECT_EQ(empty, 255);
+    EXPECT_TRUE(Calls().empty());
+}
+
 // A tree with nested folders, an empty one, a link and a FIFO.
 void make_tree(const std::string& root)
 {
@@ -180,6 +218,23 @@ TEST_F(CopyDirTest, SourceThatIsNoFolderOrANullPathGivesMinusOne)
     EXPECT_EQ(CopyDir(nullptr, (kWork + "/dst/").c_str()), -1);
     EXPECT_EQ(CopyDir((kWork + "/").c_str(), nullptr), -1);
     EXPECT_FALSE(exists(kWork + "/dst"));
+}
+
+TEST_F(CopyDirTest, RelativeRootsAreRefusedBeforeAnythingIsMade)
+{
+    make_tree(kWork + "/src");
+    char cwd[4096];
+    ASSERT_NE(getcwd(cwd, sizeof(cwd)), nullptr);
+    ASSERT_EQ(chdir(kWork.c_str()), 0);
+    int relSrc = CopyDir("src/", (kWork + "/dst").c_str());
+    int relDst = CopyDir((kWork + "/src/").c_str(), "dst");
+    int empty = CopyDir("", "");
+    ASSERT_EQ(chdir(cwd), 0);
+    EXPECT_EQ(relSrc, -1);
+    EXPECT_EQ(relDst, -1);
+    EXPECT_EQ(empty, -1);
+    EXPECT_FALSE(exists(kWork + "/dst"));
+    EXPECT_TRUE(Calls().empty());
 }
 
 TEST_F(CopyDirTest, DestinationInsideTheSourceIsRefusedAlsoThroughALinkOrASecondMount)
