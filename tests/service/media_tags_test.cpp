@@ -144,6 +144,39 @@ TEST_F(MediaTags, RecordsAgreeWithAnIndependentReader)
     EXPECT_EQ(blocks[0].total, 9u);
 }
 
+TEST_F(MediaTags, RecordTooLargeForABlockGoesWithoutItsTags)
+{
+    // Two ID3v2.3 frames of 30,000 bytes each: title and artist alone pass
+    // what one block holds.
+    ASSERT_EQ(system(("python3 -c '"
+                      "import struct,sys\n"
+                      "def frame(n, t):\n"
+                      "    body = b\"\\0\" + t\n"
+                      "    return n + struct.pack(\">I\", len(body)) + b\"\\0\\0\" + body\n"
+                      "f = frame(b\"TIT2\", b\"T\" * 30000) + frame(b\"TPE1\", b\"A\" * 30000)\n"
+                      "size = bytes((len(f) >> s) & 0x7f for s in (21, 14, 7, 0))\n"
+                      "mpeg = open(sys.argv[1], \"rb\").read()\n"
+                      "open(sys.argv[2], \"wb\").write(b\"ID3\\3\\0\\0\" + size + f + mpeg)\n"
+                      "' " + kDir + "notag.mp3 " + kDir + "huge.mp3")
+                         .c_str()),
+              0);
+    ASSERT_EQ(mediainfo(kDir + "huge.mp3").title, std::string(30000, 'T'));
+    LogCapture log;
+    std::vector<Block> blocks = list(kDir);
+    ASSERT_EQ(blocks.size(), 1u);
+    const Record* huge = nullptr;
+    for (const Record& r : blocks[0].records)
+        if (r.name == "huge.mp3")
+            huge = &r;
+    ASSERT_NE(huge, nullptr);
+    EXPECT_EQ(huge->title + huge->artist + huge->album + huge->genre, "");
+    Bytes readOnly(18, 0);
+    readOnly[17] = 1;
+    EXPECT_EQ(huge->info_tag, readOnly);
+    EXPECT_TRUE(log.has("record of 'huge.mp3' too large, sent without its tags"));
+    EXPECT_EQ(blocks[0].records.size() + 1, blocks[0].total);  // the FIFO sends no record
+}
+
 TEST_F(MediaTags, TagsOffReadsNothing)
 {
     std::vector<Block> blocks = list_flags(kDir, 8 | 1);
