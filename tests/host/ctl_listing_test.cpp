@@ -243,10 +243,21 @@ TEST(CtlListing, AssemblyCountsModulo65536AndWaitsForTheEndMarker)
     EXPECT_EQ(BlockRole::kNext, a.take(block_of(65000, 1, 537)));
     EXPECT_TRUE(a.complete);
     EXPECT_EQ(0u, a.not_shown());
-    // Complete: no more records are taken; the end marker still comes.
-    EXPECT_EQ(BlockRole::kSkipped, a.take(block_of(1, 1, 1)));
     EXPECT_EQ(BlockRole::kEndMark, a.take(block_of(0, 0xFFFF, 0)));
     EXPECT_EQ(BlockRole::kSkipped, a.take(block_of(0, 0xFFFF, 0)));
+
+    // 65536 + 1400 entries: the first block ends on total, yet the listing
+    // goes on until the end marker.
+    lumctl::ListingAssembly wraps;
+    EXPECT_EQ(BlockRole::kFirst, wraps.take(block_of(0, 1400, 1400)));
+    EXPECT_TRUE(wraps.complete);
+    EXPECT_EQ(BlockRole::kNext, wraps.take(block_of(1400, 1400, 65000)));
+    EXPECT_FALSE(wraps.complete);
+    EXPECT_EQ(BlockRole::kSkipped, wraps.take(block_of(0, 1400, 536)));
+    EXPECT_EQ(BlockRole::kNext, wraps.take(block_of(864, 1400, 536)));
+    EXPECT_TRUE(wraps.complete);
+    EXPECT_EQ(66936u, wraps.received);
+    EXPECT_EQ(BlockRole::kEndMark, wraps.take(block_of(0, 0xFFFF, 0)));
 
     lumctl::ListingAssembly fifo;
     EXPECT_EQ(BlockRole::kFirst, fifo.take(block_of(0, 3, 0)));

@@ -33,7 +33,11 @@ BlockRole ListingAssembly::take(const ListingBlock& block)
         return end_marked ? BlockRole::kEndMark : BlockRole::kFailed;
     }
     const bool first = !started && !failed && block.offset == 0;
-    const bool next = started && !complete && block.offset == (received & 0xFFFF) && block.total == total;
+    // A block that goes on from the count belongs to the listing even after
+    // the count once met total: with 65536 entries or more, total is only
+    // the low 16 bits, and a block can end on them before the last one. The
+    // end marker, not the count, ends the listing.
+    const bool next = started && block.offset == (received & 0xFFFF) && block.total == total;
     if (!first && !next)
         return BlockRole::kSkipped;
     started = true;

@@ -40,8 +40,9 @@ enum class BlockRole {
 
 // Puts a listing together block by block. The first block with offset 0
 // starts it; a later block belongs to it when its offset equals the records
-// taken so far and its total is the same. It is complete when the records
-// reach total (modulo 65536). The end marker, the failure block that
+// taken so far and its total is the same, also after the count once met
+// total. It is complete when the records reach total (modulo 65536). The
+// end marker, the failure block that
 // answers the empty path sent right behind the request, comes after every
 // block of the listing: it ends a listing that never reaches its total
 // (entries that are neither file, link nor directory count in total but
