@@ -133,6 +133,35 @@ TEST(CtlQuery, RefusedRequestsEndAtTheReply)
     }
 }
 
+TEST(CtlQuery, RefusedRequestCanWaitForWhatTheRequestsBehindItSend)
+{
+    // A refused listing's end marker still answers: its block is taken here,
+    // not left for the next client. The outcome stays refused.
+    Pair pair;
+    pair.reply(0, kFalse);
+    pair.reply(0, kTrue);
+    pair.event(kWanted, 7);
+    Recorder rec;
+    lumctl::EventQuery q = rec.query(7);
+    q.more_requests.push_back({0x06, 0x10, 0, 0});
+    int refusals = 0;
+    q.on_refused = [&refusals](const lumctl::CtlReply&) {
+        ++refusals;
+        return EventStep::kMore;
+    };
+    lumctl::QueryOutcome out = lumctl::event_query_on(pair.client, q);
+    EXPECT_EQ(QueryStatus::kRefused, out.status);
+    EXPECT_EQ(1, refusals);
+    EXPECT_EQ((std::vector<uint8_t>{7}), rec.tags);
+    EXPECT_EQ(1u, out.more_replies.size());
+    // Silence after the refusal ends the wait as refused, not timed out.
+    Pair quiet;
+    quiet.reply(0, kFalse);
+    q = rec.query(7, 100);
+    q.on_refused = [](const lumctl::CtlReply&) { return EventStep::kMore; };
+    EXPECT_EQ(QueryStatus::kRefused, lumctl::event_query_on(quiet.client, q).status);
+}
+
 TEST(CtlQuery, SilenceTimesOutAndBrokenStreamsAreErrors)
 {
     {

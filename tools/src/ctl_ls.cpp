@@ -81,6 +81,7 @@ struct Lister {
     ListingAssembly listing;
     std::string damage;           // the fault of a damaged block of this listing
     bool marker_refused = false;  // the service did not queue the end marker
+    bool refused = false;         // the service did not queue the listing
     // From the connection to the daemon until the listing's result was in:
     // what a client waits for a listing, without the start of this process.
     std::chrono::steady_clock::time_point started = std::chrono::steady_clock::now();
@@ -94,7 +95,7 @@ struct Lister {
         BlockRole role = listing.take(block);
         if (role == BlockRole::kSkipped)
             return EventStep::kMore;
-        if (role != BlockRole::kEndMark)
+        if (role != BlockRole::kEndMark && !refused)
             print_block(block, role);
         if (!block.damage.empty())
             damage = "damaged block at offset " + std::to_string(block.offset) + ": " + block.damage;
@@ -113,9 +114,18 @@ struct Lister {
     // The listing has its result, and the end marker's block came or will
     // not come.
     bool result_known() const { return listing.complete || listing.failed; }
+    // A refused listing sends no block: the first failure block is the end
+    // marker's, which is waited for so that it never reaches the next ls.
     bool finished() const
     {
-        return listing.end_marked || !damage.empty() || (result_known() && marker_refused);
+        return listing.end_marked || !damage.empty() || (result_known() && marker_refused) ||
+               (refused && (listing.failed || marker_refused));
+    }
+
+    EventStep listing_refused()
+    {
+        refused = true;
+        return finished() ? EventStep::kDone : EventStep::kMore;
     }
 
     void print_block(const ListingBlock& block, BlockRole role) const
@@ -178,7 +188,7 @@ int run_ls(const CtlContext& ctx, int argc, char** argv)
     rc = device_args(ctx, &call, "PATH", 1, kListingTimeoutSeconds, static_cast<int>(rest.size()), rest.data());
     if (rc != kExitOk)
         return rc;
-    Lister lister{device_context(ctx, call), call.args.operands[0], opts.human, {}, {}, false,
+    Lister lister{device_context(ctx, call), call.args.operands[0], opts.human, {}, {}, false, false,
                   std::chrono::steady_clock::now(), -1};
     EventQuery query;
     std::vector<uint8_t> end_mark;
@@ -190,6 +200,7 @@ int run_ls(const CtlContext& ctx, int argc, char** argv)
         return usage_error(ctx, "ls: " + error);
     query.more_requests.push_back(end_mark);
     query.on_more_reply = [&lister](size_t, const CtlReply& reply) { return lister.marker_reply(reply); };
+    query.on_refused = [&lister](const CtlReply&) { return lister.listing_refused(); };
     device_wait(call, {LUM_TV_EVT_STORAGE_READ_DIRS}, [&lister](const CtlEvent& e) { return lister.take(e); },
                 &query);
     QueryOutcome out = event_query(ctx.socket_path, query);

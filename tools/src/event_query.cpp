@@ -65,6 +65,13 @@ struct Waiter {
         replied = true;
         if (!(query.accepts ? query.accepts(reply) : reply_accepted(reply)))
             return false;
+        flush_early(done);
+        return true;
+    }
+
+    // The events kept while the reply was outstanding go to the handler.
+    void flush_early(bool* done)
+    {
         for (const CtlEvent& event : early) {
             if (query.on_event(event) == EventStep::kDone) {
                 *done = true;
@@ -72,7 +79,6 @@ struct Waiter {
             }
         }
         early.clear();
-        return true;
     }
 };
 
@@ -113,9 +119,12 @@ QueryOutcome event_query_on(int fd, const EventQuery& query)
     if (send_all(fd, query, &out.error) != 0)
         return finish(&out, QueryStatus::kError);
     Waiter waiter{query, &out, false, {}};
+    bool refused = false;  // refused, and on_refused waits for what comes behind
     for (;;) {
         CtlIncoming in;
         int rc = ctl_next_incoming(fd, time_left_ms(deadline), &in, &out.error);
+        if (rc <= 0 && refused)
+            return finish(&out, QueryStatus::kRefused);
         if (rc <= 0)
             return finish(&out, rc == 0 ? QueryStatus::kTimeout : QueryStatus::kError);
         bool done = false;
@@ -124,17 +133,22 @@ QueryOutcome event_query_on(int fd, const EventQuery& query)
             if (more < 0)
                 out.error = "more REPLY frames than requests";
             if (more != 0)
-                return finish(&out, more > 0 ? QueryStatus::kDone : QueryStatus::kError);
+                return finish(&out, more < 0 ? QueryStatus::kError
+                                             : refused ? QueryStatus::kRefused : QueryStatus::kDone);
             continue;
         }
-        if (in.is_reply && !waiter.accept(in.reply, &done))
-            return finish(&out, QueryStatus::kRefused);
+        if (in.is_reply && !waiter.accept(in.reply, &done)) {
+            if (!query.on_refused || query.on_refused(in.reply) == EventStep::kDone)
+                return finish(&out, QueryStatus::kRefused);
+            refused = true;
+            waiter.flush_early(&done);
+        }
         if (in.is_reply && query.after_reply_ms >= 0)
             deadline = std::min(deadline, now_seconds() + query.after_reply_ms / 1000.0);
         if (!in.is_reply)
             done = waiter.take(in.event);
         if (done)
-            return finish(&out, QueryStatus::kDone);
+            return finish(&out, refused ? QueryStatus::kRefused : QueryStatus::kDone);
     }
 }
 

@@ -34,6 +34,12 @@ struct EventQuery {
     // send their result event before the reply, even when the reply is
     // false.
     std::function<bool(const CtlReply& reply)> accepts;
+    // Optional: called when the reply refuses the request. kMore keeps the
+    // wait going, with events and the replies of more_requests still going
+    // to their handlers, until they say kDone or the time runs out; the
+    // outcome stays kRefused. For requests behind it that still answer with
+    // events which must not be left for the next client on the socket.
+    std::function<EventStep(const CtlReply& reply)> on_refused;
     // 0 or more: once the reply accepted the request, the wait ends at most
     // this many milliseconds after it (the events were sent before it).
     int after_reply_ms = -1;
