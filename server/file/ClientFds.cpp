@@ -1,5 +1,7 @@
 #include "ClientFds.h"
 
+#include <cerrno>
+#include <fcntl.h>
 #include <mutex>
 #include <set>
 
@@ -16,10 +18,14 @@ void client_fd_add(int fd)
     g_fds.insert(fd);
 }
 
-bool client_fd_known(int fd)
+int client_fd_dup(int fd)
 {
     std::lock_guard<std::mutex> hold(g_lock);
-    return g_fds.count(fd) != 0;
+    if (g_fds.count(fd) == 0) {
+        errno = EBADF;
+        return -1;
+    }
+    return fcntl(fd, F_DUPFD_CLOEXEC, 0);
 }
 
 bool client_fd_remove(int fd)

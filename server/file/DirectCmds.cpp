@@ -31,6 +31,22 @@ const char* shown(const char* path)
     return path != nullptr ? path : "(null)";
 }
 
+// Runs use on a private duplicate of the client's descriptor fd and gives
+// its result, with the errno it left; -1 and EBADF for a number that is no
+// client's.
+template <typename Use>
+int on_client_fd(int fd, Use use)
+{
+    int own = client_fd_dup(fd);
+    if (own < 0)
+        return -1;
+    int ret = use(own);
+    int err = errno;
+    close(own);
+    errno = err;
+    return ret;
+}
+
 }  // namespace
 
 // Runs the first len bytes of pCmd (up to its terminator) as they are: the
@@ -131,10 +147,7 @@ int StorageManagerService::LumClose(int fd, int* pErr)
 
 int StorageManagerService::LumRead(int fd, void* pBuf, size_t bytes, int* pErr)
 {
-    int ret = -1;
-    errno = EBADF;
-    if (client_fd_known(fd))
-        ret = static_cast<int>(read(fd, pBuf, bytes));
+    int ret = on_client_fd(fd, [&](int own) { return static_cast<int>(read(own, pBuf, bytes)); });
     set_err(pErr, errno);
     SLOGI("[%s, %d] read %d, return %d(%s)", fd, ret, strerror(errno));
     return ret;
@@ -142,10 +155,7 @@ int StorageManagerService::LumRead(int fd, void* pBuf, size_t bytes, int* pErr)
 
 int StorageManagerService::LumWrite(int fd, void* pBuf, size_t bytes, int* pErr)
 {
-    int ret = -1;
-    errno = EBADF;
-    if (client_fd_known(fd))
-        ret = static_cast<int>(write(fd, pBuf, bytes));
+    int ret = on_client_fd(fd, [&](int own) { return static_cast<int>(write(own, pBuf, bytes)); });
     set_err(pErr, errno);
     SLOGI("[%s, %d] write %d, return %d\n", fd, ret);
     return ret;
@@ -153,9 +163,5 @@ int StorageManagerService::LumWrite(int fd, void* pBuf, size_t bytes, int* pErr)
 
 int StorageManagerService::LumSync(int fd)
 {
-    if (!client_fd_known(fd)) {
-        errno = EBADF;
-        return -1;
-    }
-    return syncfs(fd);
+    return on_client_fd(fd, [](int own) { return syncfs(own); });
 }

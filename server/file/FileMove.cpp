@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <climits>
 #include <cstring>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -67,15 +68,42 @@ void rename_companions(const char* src, const char* dst)
     }
 }
 
-// Copies one file for a move. On failure the destination is removed only if
-// this copy made it: a protected one was never touched, and any other that
-// was there before is not the move's work. Returns CopyFile's result.
+// Renames an existing regular file dst to a free name beside it (aside), so
+// that a copy onto dst that fails can give it back. cp would truncate it
+// first, and a full disk or a pulled source would leave neither file whole.
+bool set_aside(const char* dst, char* aside, size_t size)
+{
+    for (int i = 0; i < 100; ++i) {
+        int n = snprintf(aside, size, "%s.moving-%d", dst, i);
+        if (n < 0 || static_cast<size_t>(n) >= size)
+            return false;
+        if (!exists(aside))
+            return rename(dst, aside) == 0;
+    }
+    return false;
+}
+
+// Copies one file for a move. On failure nothing that was there before is
+// lost: a destination that this copy made is removed, a protected one was
+// never touched, and any other existing file is copied over only while it
+// is set aside, and comes back. Returns CopyFile's result.
 int copy_for_move(const char* src, const char* dst)
 {
-    bool existed = exists(dst);
+    struct stat64 st;
+    bool existed = lstat64(dst, &st) == 0;
+    char aside[PATH_MAX];
+    bool moved = existed && S_ISREG(st.st_mode) && !is_protected(dst) && set_aside(dst, aside, sizeof(aside));
+    if (existed && S_ISREG(st.st_mode) && !moved && !is_protected(dst)) {
+        SLOGE("[%s, %d] ***E: '%s' cannot be set aside, nothing copied over it\n", dst);
+        return EEXIST;
+    }
     int rc = CopyFile(src, dst);
-    if (rc != 0 && !existed)
+    if (rc != 0 && (!existed || moved))
         unlink(dst);
+    if (moved && rc != 0 && rename(aside, dst) != 0)
+        SLOGE("[%s, %d] ***E: '%s' stays as '%s': %s\n", dst, aside, strerror(errno));
+    else if (moved && rc == 0)
+        unlink(aside);
     return rc;
 }
 
@@ -165,6 +193,8 @@ bool StorageManagerService::Move(const unsigned char* buf, int len)
     if (!unpack_path_pair(buf, len, &src, &dst)) {
         SLOGE("[%s, %d] ***E: the paths are not terminated in the request\n");
         rc = EINVAL;
+    } else if (!client_path_ok(src) || !client_path_ok(dst)) {
+        rc = EINVAL;  // the paths would name files in whatever folder the process is in
     } else {
         SLOGD("[%s, %d] --- %s -> %s \n", src, dst);
         size_t ls = strlen(src);

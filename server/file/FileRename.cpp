@@ -21,11 +21,25 @@ bool same_file(const char* a, const char* b)
     return lstat(a, &sa) == 0 && lstat(b, &sb) == 0 && sa.st_dev == sb.st_dev && sa.st_ino == sb.st_ino;
 }
 
+// The mv lines of the rename, the companions' too for a recording: all of
+// them must fit before the destination is removed, or a name too long for
+// mv would cost the file that stood there (or split a recording).
+bool rename_lines_fit(const char* qSrc, const char* qDst, bool bIsPvrRec)
+{
+    if (!shell_line_fits("mv -f \"%s\" \"%s\"", qSrc, qDst))
+        return false;
+    for (const char* const* suffix = kRenameCompanions; bIsPvrRec && *suffix != nullptr; ++suffix) {
+        if (!shell_line_fits("mv -f \"%s%s\" \"%s%s\"", qSrc, *suffix, qDst, *suffix))
+            return false;
+    }
+    return true;
+}
+
 }  // namespace
 
 // Only the destination's protection counts: a protected file may take a new
 // name. An existing destination goes before the move, so a failed mv leaves
-// it gone. Companions follow only the main file's success, and their results
+// it gone; names too long for any of the mv lines change nothing. Companions follow only the main file's success, and their results
 // do not count.
 bool StorageManagerService::RenameFile(const unsigned char* buf, int len)
 {
@@ -47,6 +61,9 @@ bool StorageManagerService::RenameFile(const unsigned char* buf, int len)
         SLOGE("[%s, %d] ***E: the file is protected\n");
         result = 2;
     } else if (!quote_client_path(src, qSrc, sizeof(qSrc)) || !quote_client_path(dst, qDst, sizeof(qDst))) {
+        result = 3;
+    } else if (!rename_lines_fit(qSrc, qDst, bIsPvrRec)) {
+        SLOGE("[%s, %d] ***E: the names do not fit a command line, nothing renamed\n");
         result = 3;
     } else if (strcmp(src, dst) != 0 && !same_file(src, dst) && (rc = call_system("rm -f \"%s\"", qDst)) != 0) {
         SLOGE("[%s, %d] ***E: rc=%d: %s(%d)\n", rc, strerror(errno), errno);

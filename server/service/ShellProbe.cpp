@@ -106,6 +106,24 @@ int read_into(char* buf, int size, const char* filename)
 
 }  // namespace
 
+namespace {
+
+bool line_length_fits(int len)
+{
+    return len >= 0 && len < SHELL_LINE_MAX - 1;
+}
+
+}  // namespace
+
+bool shell_line_fits(const char* format, ...)
+{
+    va_list args;
+    va_start(args, format);
+    int len = vsnprintf(nullptr, 0, format, args);
+    va_end(args);
+    return line_length_fits(len);
+}
+
 int call_system(const char* format, ...)
 {
     char line[SHELL_LINE_MAX];
@@ -113,7 +131,7 @@ int call_system(const char* format, ...)
     va_start(args, format);
     int len = vsnprintf(line, sizeof(line), format, args);
     va_end(args);
-    if (len < 0 || len >= SHELL_LINE_MAX - 1) {
+    if (!line_length_fits(len)) {
         SLOGE("[%s, %d] buffer overflow\n");
         return -1;
     }

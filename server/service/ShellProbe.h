@@ -25,6 +25,11 @@ int trim_eol(char* line);
 //      the shell could not be started.
 int call_system(const char* format, ...) __attribute__((format(printf, 1, 2)));
 
+// True when call_system would take the line of format and its arguments: an
+// operation of several lines checks them all before the first one changes
+// anything.
+bool shell_line_fits(const char* format, ...) __attribute__((format(printf, 1, 2)));
+
 // Reads up to size - 1 bytes of a file into buf and terminates them.
 // < 0: -22 for a null buf or size 0.
 // >= 0: the bytes read; a file that cannot be opened reads as empty (0).

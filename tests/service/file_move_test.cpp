@@ -129,6 +129,43 @@ TEST_F(FileMove, HalfCopiedFileOfTheMoveIsRemovedAndTheSourceStays)
     EXPECT_EQ(read_file(kWork + "/big").size(), 200000u);
 }
 
+TEST_F(FileMove, ExistingDestinationIsReplacedOnlyByAWholeCopy)
+{
+    // cp truncates what it writes onto; the old file must come back whole
+    // when the copy fails, and go only when the copy is complete.
+    REQUIRE_MOUNT(kWork + "/full", "64k");
+    write_file(kWork + "/big", std::string(200000, 'b'));
+    write_file(kWork + "/full/big", std::string(30000, 'o'));
+    write_file(kWork + "/small", "new");
+    Bytes event;
+    EXPECT_FALSE(Move(kWork + "/big", kWork + "/full/big", false, &event));
+    EXPECT_EQ(event, Bytes{3});
+    EXPECT_EQ(read_file(kWork + "/full/big"), std::string(30000, 'o'));
+    EXPECT_EQ(read_file(kWork + "/big").size(), 200000u);
+    EXPECT_TRUE(Move(kWork + "/small", kWork + "/full/big", false));
+    EXPECT_EQ(read_file(kWork + "/full/big"), "new");
+    EXPECT_FALSE(exists(kWork + "/small"));
+    EXPECT_EQ(system(("test -z \"$(ls -A " + kWork + "/full | grep -v '^big$')\"").c_str()), 0);
+}
+
+TEST_F(FileMove, RelativePathsMoveNothing)
+{
+    write_file(kWork + "/a", "a");
+    char cwd[4096];
+    ASSERT_NE(getcwd(cwd, sizeof(cwd)), nullptr);
+    ASSERT_EQ(chdir(kWork.c_str()), 0);
+    Bytes first, second;
+    bool relSrc = Move("a", kWork + "/b", false, &first);
+    bool relDst = Move(kWork + "/a", "b", false, &second);
+    ASSERT_EQ(chdir(cwd), 0);
+    EXPECT_FALSE(relSrc);
+    EXPECT_FALSE(relDst);
+    EXPECT_EQ(first, Bytes{3});
+    EXPECT_EQ(second, Bytes{3});
+    EXPECT_EQ(read_file(kWork + "/a"), "a");
+    EXPECT_FALSE(exists(kWork + "/b"));
+}
+
 TEST_F(FileMove, SourceCompanionWhoseCopyFailedStays)
 {
     REQUIRE_MOUNT(kWork + "/other");

@@ -114,6 +114,34 @@ TEST_F(FileOps, RenameOfAMissingSourceHasRemovedTheDestination)
     EXPECT_TRUE(log.has("***E: rc=1: "));
 }
 
+TEST_F(FileOps, RenameWhoseCommandLinesDoNotFitKeepsTheDestination)
+{
+    // Both paths fit the packed request, but not one mv line together: the
+    // destination must not be removed for a move that cannot run.
+    const std::string src(238, 's'), dst(238, 'd');
+    ASSERT_EQ(at(src).size(), 253u);
+    put(src, "new");
+    put(dst, "old");
+    EXPECT_FALSE(rename_file(src, dst, false));
+    EXPECT_EQ(content(dst), "old");
+    EXPECT_EQ(content(src), "new");
+    EXPECT_TRUE(runs().empty());
+    EXPECT_TRUE(log.has("***E: the names do not fit a command line, nothing renamed"));
+    // The main line fits, a companion's does not: a recording is not split.
+    const std::string rec(233, 'r'), to(233, 't');
+    put(rec, "main");
+    put(rec + ".desc", "desc");
+    put(to, "old");
+    EXPECT_FALSE(rename_file(rec, to, true));
+    EXPECT_EQ(content(rec + ".desc"), "desc");
+    EXPECT_EQ(content(to), "old");
+    EXPECT_TRUE(runs().empty());
+    // The same names without the recording flag fit and move.
+    EXPECT_TRUE(rename_file(rec, to, false));
+    EXPECT_EQ(content(to), "main");
+    EXPECT_EQ(results(LUM_TV_EVT_STORAGE_RENAME_FILE), (Bytes{3, 3, 0}));
+}
+
 TEST_F(FileOps, RenameRefusesBuffersWithoutTwoAbsolutePaths)
 {
     put("a", "x");
