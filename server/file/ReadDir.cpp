@@ -267,7 +267,12 @@ bool StorageManagerService::ReadDirAdvanced(const char* sBuf, int len, unsigned 
     L.lto = fs_uses_utc_for_timestamp(L.path) ? theRTC.GetLto() * 60 : 0;
     SLOGD("[%s, %d] path (%s): LTO=%d\n", L.path, L.lto);
     take_flags(L, sBuf, len);
+    // Expanding a playlist runs a shell for each of its entries: m_SendBuf
+    // is let go meanwhile, so a format's reply need not wait for it, and the
+    // block is begun again behind it.
+    L.hold.unlock();
     expand_playlist(L);
+    begin_block(L);
 
     char prevWorkDir[WORKDIR_LEN];
     if (getcwd(prevWorkDir, sizeof(prevWorkDir)) == nullptr)
