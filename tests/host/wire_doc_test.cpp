@@ -6,12 +6,14 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <sstream>
 #include <string>
 #include <vector>
 
 #include <StorageModuleCmd.h>
+#include <binder/Parcel.h>
 
 #include "lumctl/cmd_table.h"
 #include "lumctl/event_decoders.h"
@@ -125,6 +127,28 @@ int build_ls(const std::vector<std::string>& w, Bytes* out, std::string* error)
     return lumctl::build_listing_request(path, flags, id, out, error);
 }
 
+// A STORAGE_COPY request with its block, read as the service's hub reads
+// it: pPath, len, then len bytes (1 to 1024) that arrived whole with their
+// padding and begin with pPath and its NUL. A block the hub would refuse
+// never reaches the copy engine, whatever the example says about it.
+void expect_copy_block_taken(const Bytes& bytes)
+{
+    android::Parcel p;
+    ASSERT_EQ(android::OK, p.setData(bytes.data(), bytes.size()));
+    p.setDataPosition(0);
+    ASSERT_EQ(STORAGE_COPY, p.readInt32());
+    const char* path = p.readCString();
+    ASSERT_NE(nullptr, path);
+    const std::string text(path);
+    const int32_t len = p.readInt32();
+    ASSERT_GE(len, static_cast<int32_t>(text.size() + 1));
+    ASSERT_LE(len, 1024);
+    Bytes block(static_cast<size_t>(len));
+    ASSERT_EQ(android::OK, p.read(block.data(), block.size())) << "the block or its padding is missing";
+    EXPECT_EQ(0u, p.dataAvail());
+    EXPECT_EQ(0, memcmp(block.data(), text.c_str(), text.size() + 1));
+}
+
 // The request lumstoragectl sends for the words: a subcommand with its own
 // builder, or a command and its fields.
 int build(const std::vector<std::string>& w, Bytes* out, std::string* error)
@@ -133,6 +157,15 @@ int build(const std::vector<std::string>& w, Bytes* out, std::string* error)
     const size_t at = rec ? 2 : 1;
     if (w[0] == "ls")
         return build_ls(w, out, error);
+    if (w[0] == "raw") {
+        // raw COMMAND TYPE:VALUE...: the bytes exactly as given.
+        const lumctl::CmdRow* row = w.size() > 1 ? lumctl::cmd_find(w[1].c_str()) : nullptr;
+        if (row == nullptr) {
+            *error = "raw wants a command name";
+            return -1;
+        }
+        return lumctl::build_raw_request(row->value, std::vector<std::string>(w.begin() + 2, w.end()), out, error);
+    }
     if (w[0] == "cp")
         return lumctl::build_copy(w[at], w[at + 1], rec ? lumctl::kCopyRecording : lumctl::kCopyPlain, out, error);
     if (w[0] == "rm")
@@ -165,6 +198,9 @@ TEST(WireDoc, EveryExampleMatchesWhatTheClientBuildsAndDecodes)
             std::string error;
             ASSERT_EQ(0, build(std::vector<std::string>(ex.info.begin() + 1, ex.info.end()), &built, &error)) << error;
             EXPECT_EQ(built, ex.bytes);
+            if (ex.bytes.size() >= 4 && ex.bytes[0] + (ex.bytes[1] << 8) == STORAGE_COPY && ex.bytes[2] == 0 &&
+                ex.bytes[3] == 0)
+                expect_copy_block_taken(ex.bytes);
             ++requests;
             continue;
         }
