@@ -116,9 +116,20 @@ protected:
         EXPECT_EQ(Cat(away), "data");
         EXPECT_EQ(Op({"rm", away}), 0);
 
-        // A recording named n.ts.
+        // A recording named n.ts: copied, renamed and moved with its
+        // companion, then removed with it.
         EXPECT_EQ(Write(here + ".ts", "rec"), 0);
         EXPECT_EQ(Write(here + ".ts.idx", "idx"), 0);
+        EXPECT_EQ(Op({"cp", "--recording", here + ".ts", away + ".ts"}), 0);
+        ExpectOnly({n + ".ts", n + ".ts.idx"}, {}, {n + ".ts", n + ".ts.idx"});
+        EXPECT_EQ(Cat(away + ".ts.idx"), "idx");
+        EXPECT_EQ(Op({"rm", "--recording", away + ".ts"}), 0);
+        EXPECT_EQ(Op({"rename", "--recording", here + ".ts", aside + ".ts"}), 0);
+        ExpectOnly({}, {n + ".ts", n + ".ts.idx"});
+        EXPECT_EQ(Op({"mv", "--recording", aside + ".ts", away + ".ts"}), 0);
+        ExpectOnly({}, {}, {n + ".ts", n + ".ts.idx"});
+        EXPECT_EQ(Op({"mv", "--recording", away + ".ts", here + ".ts"}), 0);
+        ExpectOnly({n + ".ts", n + ".ts.idx"});
         EXPECT_EQ(Op({"rm", "--recording", here + ".ts"}), 0);
         ExpectOnly({});
     }
