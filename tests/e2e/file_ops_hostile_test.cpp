@@ -115,9 +115,12 @@ protected:
         ExpectOnly({}, {}, {n});
         EXPECT_EQ(Cat(away), "data");
         EXPECT_EQ(Op({"rm", away}), 0);
-
-        // A recording named n.ts: copied, renamed and moved with its
-        // companion, then removed with it.
+    }
+    // A recording named n.ts: copied, renamed and moved with its companion,
+    // then removed with it.
+    void ThroughRecordingOperations(const std::string& n)
+    {
+        const std::string here = kHere + "/" + n, aside = kAside + "/" + n, away = kAway + "/" + n;
         EXPECT_EQ(Write(here + ".ts", "rec"), 0);
         EXPECT_EQ(Write(here + ".ts.idx", "idx"), 0);
         EXPECT_EQ(Op({"cp", "--recording", here + ".ts", away + ".ts"}), 0);
@@ -134,6 +137,16 @@ protected:
         ExpectOnly({});
     }
 };
+
+TEST_F(FileOpsHostile, RecordingsNamedByThemTakeTheirCompanionsAndNothingElse)
+{
+    if (HasFatalFailure())
+        return;
+    for (const std::string& n : kHostile) {
+        SCOPED_TRACE(testing::PrintToString(n));
+        ThroughRecordingOperations(n);
+    }
+}
 
 TEST_F(FileOpsHostile, NamesRunNothingAndEveryOperationActsOnTheNamedFileAlone)
 {
