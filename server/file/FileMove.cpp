@@ -5,8 +5,8 @@
 #include "FileMove.h"
 
 #include <cerrno>
-#include <cstdio>
 #include <climits>
+#include <cstdio>
 #include <cstring>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -92,8 +92,9 @@ int copy_for_move(const char* src, const char* dst)
     struct stat64 st;
     bool existed = lstat64(dst, &st) == 0;
     char aside[PATH_MAX];
-    bool moved = existed && S_ISREG(st.st_mode) && !is_protected(dst) && set_aside(dst, aside, sizeof(aside));
-    if (existed && S_ISREG(st.st_mode) && !moved && !is_protected(dst)) {
+    bool replaced = existed && S_ISREG(st.st_mode) && !is_protected(dst);
+    bool moved = replaced && set_aside(dst, aside, sizeof(aside));
+    if (replaced && !moved) {
         SLOGE("[%s, %d] ***E: '%s' cannot be set aside, nothing copied over it\n", dst);
         return EEXIST;
     }

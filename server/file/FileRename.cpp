@@ -39,8 +39,8 @@ bool rename_lines_fit(const char* qSrc, const char* qDst, bool bIsPvrRec)
 
 // Only the destination's protection counts: a protected file may take a new
 // name. An existing destination goes before the move, so a failed mv leaves
-// it gone; names too long for any of the mv lines change nothing. Companions follow only the main file's success, and their results
-// do not count.
+// it gone; names too long for any of the mv lines change nothing. Companions
+// follow only the main file's success, and their results do not count.
 bool StorageManagerService::RenameFile(const unsigned char* buf, int len)
 {
     unsigned char result = 0;
