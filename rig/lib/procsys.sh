@@ -1,5 +1,5 @@
-# /proc and /sys inside a television: the USB-shaped device tree of each
-# plugged disk, and /proc/partitions and /proc/diskstats listing them.
+# Inside a television: the USB-shaped sysfs tree of each plugged disk, and
+# /proc/partitions and /proc/diskstats listing them.
 
 USB_HOST=/sys/devices/platform/ehci-platform.0
 USB_ROOT=$USB_HOST/usb1
@@ -9,15 +9,8 @@ DEVPATH_ROOT=/devices/platform/ehci-platform.0/usb1
 sys_root_hub() {
   local R=$1 hub=$1$USB_ROOT
   mkdir -p "$hub"
-  wr "$hub/idVendor" 1d6b
-  wr "$hub/idProduct" 0002
-  wr "$hub/manufacturer" "Linux ehci_hcd"
-  wr "$hub/product" "EHCI Host Controller"
-  wr "$hub/serial" ehci-platform.0
-  wr "$hub/busnum" 1
-  wr "$hub/devnum" 1
-  wr "$hub/speed" 480
-  wr "$hub/bDeviceClass" 09
+  wr_all "$hub" idVendor=1d6b idProduct=0002 "manufacturer=Linux ehci_hcd" "product=EHCI Host Controller" \
+    serial=ehci-platform.0 busnum=1 devnum=1 speed=480 bDeviceClass=09
   wr "$hub/uevent" "$(printf 'MAJOR=189\nMINOR=0\nDEVNAME=bus/usb/001/001\nDEVTYPE=usb_device\nPRODUCT=1d6b/2/606\nTYPE=9/0/1\nBUSNUM=001\nDEVNUM=001')"
 }
 
@@ -25,6 +18,20 @@ sys_root_hub() {
 wr() {
   [ -d "${1%/*}" ] || mkdir -p "${1%/*}"
   printf '%s\n' "$2" >"$1"
+}
+
+# wr_all DIR NAME=VALUE...: several attributes of one sysfs-like folder.
+wr_all() {
+  local dir=$1 a
+  shift
+  for a in "$@"; do wr "$dir/${a%%=*}" "${a#*=}"; done
+}
+
+# copy_attrs FROM TO NAME...: attributes as the loop device's sysfs shows them.
+copy_attrs() {
+  local from=$1 to=$2 a
+  shift 2
+  for a in "$@"; do wr "$to/$a" "$(cat "$from/$a")"; done
 }
 
 pad() {
@@ -49,51 +56,25 @@ sys_disk() {
   local serial=${DK[$d.serial]:-$(printf 'LUMRIG%08d' "$ord")}
   local devnum=$((port + 1))
 
-  wr "$usb/idVendor" "$vid"
-  wr "$usb/idProduct" "$pid"
-  wr "$usb/manufacturer" "${DK[$d.manufacturer]:-${DK[$d.vendor]:-SanDisk}}"
-  wr "$usb/product" "${DK[$d.product]:-${DK[$d.model]:-Cruzer Blade}}"
-  wr "$usb/serial" "$serial"
-  wr "$usb/bcdDevice" 0100
-  wr "$usb/busnum" 1
-  wr "$usb/devnum" "$devnum"
-  wr "$usb/devpath" "$port"
-  wr "$usb/speed" 480
-  wr "$usb/version" " 2.00"
-  wr "$usb/bDeviceClass" 00
-  wr "$usb/bNumInterfaces" " 1"
-  wr "$usb/maxchild" 0
-  wr "$usb/removable" removable
+  wr_all "$usb" "idVendor=$vid" "idProduct=$pid" "manufacturer=${DK[$d.manufacturer]:-${DK[$d.vendor]:-SanDisk}}" \
+    "product=${DK[$d.product]:-${DK[$d.model]:-Cruzer Blade}}" "serial=$serial" bcdDevice=0100 busnum=1 \
+    "devnum=$devnum" "devpath=$port" speed=480 "version= 2.00" bDeviceClass=00 "bNumInterfaces= 1" maxchild=0 \
+    removable=removable
   wr "$usb/uevent" "$(printf 'MAJOR=189\nMINOR=%d\nDEVNAME=bus/usb/001/%03d\nDEVTYPE=usb_device\nDRIVER=usb\nPRODUCT=%x/%x/100\nTYPE=0/0/0\nBUSNUM=001\nDEVNUM=%03d' \
     "$((devnum - 1))" "$devnum" "$((16#$vid))" "$((16#$pid))" "$devnum")"
-  wr "$intf/bInterfaceClass" 08
-  wr "$intf/bInterfaceSubClass" 06
-  wr "$intf/bInterfaceProtocol" 50
-  wr "$intf/bInterfaceNumber" 00
-  wr "$intf/bNumEndpoints" 02
+  wr_all "$intf" bInterfaceClass=08 bInterfaceSubClass=06 bInterfaceProtocol=50 bInterfaceNumber=00 bNumEndpoints=02
   wr "$intf/uevent" "$(printf 'DEVTYPE=usb_interface\nDRIVER=usb-storage\nPRODUCT=%x/%x/100\nTYPE=0/0/0\nINTERFACE=8/6/80' "$((16#$vid))" "$((16#$pid))")"
   wr "$intf/host$host/uevent" "DEVTYPE=scsi_host"
   wr "$intf/host$host/target$host:0:0/uevent" "DEVTYPE=scsi_target"
   wr "$scsi/vendor" "$(pad "${DK[$d.vendor]:-SanDisk}" 8)"
   wr "$scsi/model" "$(pad "${DK[$d.model]:-Cruzer Blade}" 16)"
   wr "$scsi/rev" "$(pad "${DK[$d.rev]:-1.00}" 4)"
-  wr "$scsi/type" 0
-  wr "$scsi/scsi_level" 7
-  wr "$scsi/state" running
+  wr_all "$scsi" type=0 scsi_level=7 state=running
   wr "$scsi/uevent" "$(printf 'DEVTYPE=scsi_device\nDRIVER=sd\nMODALIAS=scsi:t-0x00')"
 
-  wr "$blk/dev" "$(cat "$hs/dev")"
-  wr "$blk/size" "$(cat "$hs/size")"
-  wr "$blk/removable" 1
-  wr "$blk/ro" 0
-  wr "$blk/range" 16
-  wr "$blk/ext_range" 256
-  wr "$blk/capability" 1
-  wr "$blk/stat" "$(cat "$hs/stat")"
-  wr "$blk/queue/logical_block_size" 512
-  wr "$blk/queue/physical_block_size" 512
-  wr "$blk/queue/hw_sector_size" 512
-  wr "$blk/queue/rotational" 1
+  copy_attrs "$hs" "$blk" dev size stat
+  wr_all "$blk" removable=1 ro=0 range=16 ext_range=256 capability=1 queue/logical_block_size=512 \
+    queue/physical_block_size=512 queue/hw_sector_size=512 queue/rotational=1
   local devno
   devno=$(cat "$hs/dev")
   wr "$blk/uevent" "$(printf 'MAJOR=%s\nMINOR=%s\nDEVNAME=%s\nDEVTYPE=disk' "${devno%%:*}" "${devno##*:}" "$dev")"
@@ -103,14 +84,8 @@ sys_disk() {
   for n in $nums; do
     local pb=$blk/$dev$n ph=$hs/${lname}p$n pdev
     pdev=$(cat "$ph/dev")
-    wr "$pb/dev" "$pdev"
-    wr "$pb/partition" "$n"
-    wr "$pb/start" "$(cat "$ph/start")"
-    wr "$pb/size" "$(cat "$ph/size")"
-    wr "$pb/ro" 0
-    wr "$pb/alignment_offset" 0
-    wr "$pb/discard_alignment" 0
-    wr "$pb/stat" "$(cat "$ph/stat")"
+    copy_attrs "$ph" "$pb" dev start size stat
+    wr_all "$pb" "partition=$n" ro=0 alignment_offset=0 discard_alignment=0
     wr "$pb/uevent" "$(printf 'MAJOR=%s\nMINOR=%s\nDEVNAME=%s\nDEVTYPE=partition\nPARTN=%s' "${pdev%%:*}" "${pdev##*:}" "$dev$n" "$n")"
     ln -sfn "../../devices/platform/ehci-platform.0/usb1/1-$port/1-$port:1.0/host$host/target$host:0:0/$host:0:0:0/block/$dev/$dev$n" "/sys/dev/block/$pdev"
     ln -sfn "../../devices/platform/ehci-platform.0/usb1/1-$port/1-$port:1.0/host$host/target$host:0:0/$host:0:0:0/block/$dev/$dev$n" "/sys/class/block/$dev$n"
