@@ -20,17 +20,11 @@
 # usage: bench/bench_copy.sh [BUILD_DIR] [ROUNDS]
 set -euo pipefail
 top=$(cd "$(dirname "$0")/.." && pwd)
-build=$(cd "${1:-$top/build}" && pwd)
-rounds=${2:-7}
-rig=$top/rig/rig
-files=2000
-folders=20
-if [ "$(id -u)" -ne 0 ]; then
-  echo "bench_copy: SKIPPED (needs root for the simulated television)"
-  exit 0
-fi
 # shellcheck source=bench/rig_service.sh
 source "$top/bench/rig_service.sh"
+rig_service_args 7 "$@"
+files=2000
+folders=20
 
 # Room on each stick for the big file twice and the tree; the images are
 # sparse, so only what is written takes space on the host.

@@ -9,11 +9,9 @@
 # usage: bench/bench_format.sh [BUILD_DIR] [ROUNDS]
 set -euo pipefail
 top=$(cd "$(dirname "$0")/.." && pwd)
-build=$(cd "${1:-$top/build}" && pwd)
-rounds=${2:-5}
-rig=$top/rig/rig
 # shellcheck source=bench/rig_service.sh
 source "$top/bench/rig_service.sh"
+rig_service_args 5 "$@"
 
 # A recording television: the format table's "ext2" row, mkfs.ext4.
 RIG_SERVICE_PROPS="persist.pvr.rec.enable=1" RIG_SERVICE_ENV="LUM_LOG_LEVEL=v" \

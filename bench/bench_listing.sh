@@ -11,16 +11,10 @@
 # usage: bench/bench_listing.sh [BUILD_DIR] [ROUNDS]
 set -euo pipefail
 top=$(cd "$(dirname "$0")/.." && pwd)
-build=$(cd "${1:-$top/build}" && pwd)
-rounds=${2:-7}
-rig=$top/rig/rig
-files=10000
-if [ "$(id -u)" -ne 0 ]; then
-  echo "bench_listing: SKIPPED (needs root for the simulated television)"
-  exit 0
-fi
 # shellcheck source=bench/rig_service.sh
 source "$top/bench/rig_service.sh"
+rig_service_args 7 "$@"
+files=10000
 
 # One MP3 of a one-second tone; then $files files of its MPEG data, each
 # behind an ID3v2.3 tag of its own, written by one Python process.

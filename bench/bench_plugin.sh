@@ -8,11 +8,9 @@
 # usage: bench/bench_plugin.sh [BUILD_DIR] [ROUNDS]
 set -euo pipefail
 top=$(cd "$(dirname "$0")/.." && pwd)
-build=$(cd "${1:-$top/build}" && pwd)
-rounds=${2:-10}
-rig=$top/rig/rig
 # shellcheck source=bench/rig_service.sh
 source "$top/bench/rig_service.sh"
+rig_service_args 10 "$@"
 RIG_SERVICE_ENV="LUM_LOG_LEVEL=v" rig_service_up 'disk stick size=64M table=msdos plugged=no\n  part fs=ext4 label=BENCH\n'
 
 dev=$("$rig" plug "$id" stick --quiet | head -n1)

@@ -8,7 +8,10 @@
 #   wait_count NAME N  waits until N of them have come
 #   median N...        the middle one of the numbers
 #   ms, us             the clock in milliseconds, microseconds
-# Needs $top, $build and $rig; everything goes when the script exits.
+# Needs $top; `rig_service_args ROUNDS "$@"` then reads the script's
+# arguments [BUILD_DIR] [ROUNDS] into $build and $rounds (ROUNDS is the
+# default), sets $rig, and skips the benchmark when not run as root.
+# Everything goes when the script exits.
 # `rig_service_scratch` makes $work (and the clean-up) before the
 # television, for files the description takes from the host; `rig_service_up`
 # makes it when it is not there yet.
@@ -18,6 +21,16 @@
 # properties to set first: RIG_SERVICE_PROPS (words KEY=VALUE).
 # `rig_service_restart` starts the daemon again (with RIG_SERVICE_ENV as it
 # is then) and a new event record.
+
+rig_service_args() {
+  build=$(cd "${2:-$top/build}" && pwd)
+  rounds=${3:-$1}
+  rig=$top/rig/rig
+  if [ "$(id -u)" -ne 0 ]; then
+    echo "$(basename "$0" .sh): SKIPPED (needs root for the simulated television)"
+    exit 0
+  fi
+}
 
 ms() { echo $(( $(date +%s%N) / 1000000 )); }
 # Microseconds of the shell's own clock: reading it starts no process.
