@@ -158,25 +158,41 @@ int buffer_read_from_file(char* buf, int size, const char* filename, ...)
     return read_into(buf, size, name);
 }
 
+namespace {
+
+// Formats a command into cmd, runs it with its output in a temporary file and
+// hands the file's name to use, with cmd free again for use's own work; the
+// file goes away afterwards. Returns use's result, or -errno when no file
+// could be made, logged with fail_text as the line of the caller.
+template <typename Use>
+int with_command_output(const char* caller, const char* fail_text, Use use, const char* command, va_list args)
+{
+    char cmd[SHELL_COMMAND_MAX];
+    vsnprintf(cmd, sizeof(cmd), command, args);
+    char name[20];
+    int fd = run_into_temp_file(cmd, name);
+    if (fd < 0) {
+        __android_log_print(ANDROID_LOG_ERROR, STORAGE_TAG_SERVICE, fail_text, caller, __LINE__, -fd);
+        return fd;
+    }
+    int result = use(name, cmd, static_cast<int>(sizeof(cmd)));
+    close(fd);
+    unlink(name);
+    return result;
+}
+
+}  // namespace
+
 int buffer_read_from_command(char* buf, int size, const char* command, ...)
 {
     if (buf == nullptr || size <= 0)
         return SHELL_ERR_BAD_ARGS;
-    char cmd[SHELL_COMMAND_MAX];
     va_list args;
     va_start(args, command);
-    vsnprintf(cmd, sizeof(cmd), command, args);
+    int result = with_command_output(
+        __func__, "[%s, %d] create temp file failed! errno = %d.\n",
+        [&](const char* name, char*, int) { return read_into(buf, size, name); }, command, args);
     va_end(args);
-
-    char name[20];
-    int fd = run_into_temp_file(cmd, name);
-    if (fd < 0) {
-        SLOGE("[%s, %d] create temp file failed! errno = %d.\n", -fd);
-        return fd;
-    }
-    int result = read_into(buf, size, name);
-    close(fd);
-    unlink(name);
     return result;
 }
 
@@ -208,31 +224,24 @@ int parse_output_lines(line_handler_t callback, void* context, const char* comma
 {
     if (callback == nullptr)
         return SHELL_ERR_BAD_ARGS;
-    char cmd[SHELL_COMMAND_MAX];
+    const char* caller = __func__;
+    auto feed = [&](const char* name, char* line, int size) {
+        FILE* file = fopen(name, "re");
+        if (file == nullptr) {
+            int result = -errno;
+            __android_log_print(ANDROID_LOG_ERROR, STORAGE_TAG_SERVICE, "[%s, %d] open file. errno = %d.\n", caller,
+                                __LINE__, -result);
+            return result;
+        }
+        // The command array is free again: lines are read into it.
+        int result = feed_lines(file, line, size, callback, context);
+        fclose(file);
+        return result;
+    };
     va_list args;
     va_start(args, command);
-    vsnprintf(cmd, sizeof(cmd), command, args);
+    int result = with_command_output(caller, "[%s, %d] create temp file. errno = %d.\n", feed, command, args);
     va_end(args);
-
-    char name[20];
-    int fd = run_into_temp_file(cmd, name);
-    if (fd < 0) {
-        SLOGE("[%s, %d] create temp file. errno = %d.\n", -fd);
-        return fd;
-    }
-
-    int result;
-    FILE* file = fopen(name, "re");
-    if (file == nullptr) {
-        result = -errno;
-        SLOGE("[%s, %d] open file. errno = %d.\n", -result);
-    } else {
-        // The command array is free again: lines are read into it.
-        result = feed_lines(file, cmd, sizeof(cmd), callback, context);
-        fclose(file);
-    }
-    close(fd);
-    unlink(name);
     return result;
 }
 
