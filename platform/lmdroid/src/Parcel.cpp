@@ -11,6 +11,7 @@
 #include <climits>
 #include <cstdlib>
 #include <cstring>
+#include <type_traits>
 
 namespace android {
 
@@ -138,15 +139,24 @@ status_t Parcel::writeCString(const char* str) {
     return write(str, strlen(str) + 1);
 }
 
+// Signed values are assembled as their unsigned bits, then converted.
 template <typename T>
 status_t Parcel::readAligned(T* out) const {
+    using Raw = std::make_unsigned_t<T>;
     if (mDataPos > mDataSize || sizeof(T) > mDataSize - mDataPos) return NOT_ENOUGH_DATA;
     const uint8_t* at = mData + mDataPos;
-    T val = 0;
-    for (size_t i = 0; i < sizeof(T); ++i) val |= static_cast<T>(at[i]) << (8 * i);
-    *out = val;
+    Raw val = 0;
+    for (size_t i = 0; i < sizeof(T); ++i) val |= static_cast<Raw>(at[i]) << (8 * i);
+    *out = static_cast<T>(val);
     mDataPos += sizeof(T);
     return OK;
+}
+
+template <typename T>
+T Parcel::readOrZero() const {
+    T v = 0;
+    readAligned(&v);
+    return v;
 }
 
 const void* Parcel::readInplace(size_t len) const {
@@ -168,43 +178,12 @@ status_t Parcel::read(void* outData, size_t len) const {
     return OK;
 }
 
-status_t Parcel::readInt32(int32_t* val) const {
-    uint32_t raw;
-    status_t err = readAligned(&raw);
-    if (err == OK) *val = static_cast<int32_t>(raw);
-    return err;
-}
-
-status_t Parcel::readInt64(int64_t* val) const {
-    uint64_t raw;
-    status_t err = readAligned(&raw);
-    if (err == OK) *val = static_cast<int64_t>(raw);
-    return err;
-}
-
-int32_t Parcel::readInt32() const {
-    int32_t v = 0;
-    readInt32(&v);
-    return v;
-}
-
-uint32_t Parcel::readUint32() const {
-    uint32_t v = 0;
-    readAligned(&v);
-    return v;
-}
-
-int64_t Parcel::readInt64() const {
-    int64_t v = 0;
-    readInt64(&v);
-    return v;
-}
-
-uint64_t Parcel::readUint64() const {
-    uint64_t v = 0;
-    readAligned(&v);
-    return v;
-}
+status_t Parcel::readInt32(int32_t* val) const { return readAligned(val); }
+status_t Parcel::readInt64(int64_t* val) const { return readAligned(val); }
+int32_t Parcel::readInt32() const { return readOrZero<int32_t>(); }
+uint32_t Parcel::readUint32() const { return readOrZero<uint32_t>(); }
+int64_t Parcel::readInt64() const { return readOrZero<int64_t>(); }
+uint64_t Parcel::readUint64() const { return readOrZero<uint64_t>(); }
 
 bool Parcel::readBool() const { return readInt32() != 0; }
 char16_t Parcel::readChar() const { return static_cast<char16_t>(readInt32()); }

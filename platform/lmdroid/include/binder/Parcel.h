@@ -73,6 +73,8 @@ private:
     status_t growData(size_t len);
     template <typename T> status_t writeAligned(T val);
     template <typename T> status_t readAligned(T* out) const;
+    // The value read, or 0 when there is no whole value left.
+    template <typename T> T readOrZero() const;
 
     uint8_t* mData;
     size_t mDataSize;
