@@ -14,14 +14,9 @@ class Benchmark : public ServiceRig {
 protected:
     void StartBenchmarkRig()
     {
-        Result up = tv.Up("disk stick size=256M table=msdos plugged=no\n  part fs=ext4 label=B\n");
-        ASSERT_TRUE(up.ok()) << up.Describe();
         // Verbose: the log then holds every command line the service runs.
-        StartServiceOnly({"LUM_LOG_LEVEL=v"});
-        if (HasFatalFailure())
-            return;
-        ASSERT_TRUE(tv.Plug("stick").ok());
-        ASSERT_TRUE(WaitFor("LUM_TV_EVT_STORAGE_DEV_MOUNT_END"));
+        StartService("disk stick size=256M table=msdos plugged=no\n  part fs=ext4 label=B\n", {"stick"},
+                     {"LUM_LOG_LEVEL=v"});
     }
     std::vector<std::string> BenchEvents() const { return Events("LUM_TV_EVT_STORAGE_DEV_BENCHMARK"); }
     static bool Running(const std::string& line) { return Has(line, "\"data\":{\"status\":8,"); }

@@ -173,12 +173,8 @@ TEST_F(Devices, MtpPhoneIsMountedListedAndTakenDown)
 
 TEST_F(Devices, StaleMountDirectoriesGoAtStartAndUsedOnesStay)
 {
-    Result up = tv.Up("disk stick size=64M table=msdos plugged=no\n  part fs=ext4\n");
-    ASSERT_TRUE(up.ok()) << up.Describe();
-    ASSERT_TRUE(tv.Exec("mkdir -p /mnt/pvr/shared/sdc1 /mnt/pvr/shared/sdd1 && "
-                        "mount -t tmpfs sdd1 /mnt/pvr/shared/sdd1")
-                    .ok());
-    StartServiceOnly();
+    StartService("disk stick size=64M table=msdos plugged=no\n  part fs=ext4\n", {}, {},
+                 "mkdir -p /mnt/pvr/shared/sdc1 /mnt/pvr/shared/sdd1 && mount -t tmpfs sdd1 /mnt/pvr/shared/sdd1");
     EXPECT_NE(tv.Exec("test -d /mnt/pvr/shared/sdc1").status, 0);
     EXPECT_EQ(tv.Exec("test -d /mnt/pvr/shared/sdd1").status, 0);
     EXPECT_TRUE(Has(tv.Log("lumstoraged"), "clear 1 file in mount path"));

@@ -406,13 +406,10 @@ TEST_F(Faults, FullQueueRefusesTheExtraAtOnceRunsTheRestAndLosesNoPlug)
 
 TEST_F(Faults, KilledWhileSettingTheSizeLimitLeavesWholePropertiesAndComesBack)
 {
-    Result up = tv.Up("disk a size=64M table=msdos plugged=no\n  part fs=ext4\n");
-    ASSERT_TRUE(up.ok()) << up.Describe();
     // A recording television takes new limits.
-    ASSERT_TRUE(tv.Exec("mkdir -p /run/properties && printf 1 > /run/properties/persist.pvr.rec.enable && "
-                        "printf 2000 > /run/properties/persist.pvr.device_size_limit")
-                    .ok());
-    StartServiceOnly();
+    StartService("disk a size=64M table=msdos plugged=no\n  part fs=ext4\n", {}, {},
+                 "mkdir -p /run/properties && printf 1 > /run/properties/persist.pvr.rec.enable && "
+                 "printf 2000 > /run/properties/persist.pvr.device_size_limit");
     if (HasFatalFailure())
         return;
     std::mt19937 random(std::random_device{}());

@@ -17,21 +17,10 @@ constexpr int kNotSent = -1000;
 
 class FileOps : public ServiceRig {
 protected:
-    // Builds the television, starts the service with env added to its
-    // environment, and plugs the disks one after the other, each mounted
-    // before the next comes.
     void StartWith(const std::string& description, const std::vector<std::string>& disks,
                    const std::vector<std::string>& env = {})
     {
-        Result up = tv.Up(description);
-        ASSERT_TRUE(up.ok()) << up.Describe();
-        StartServiceOnly(env);
-        if (HasFatalFailure())
-            return;
-        for (size_t i = 0; i < disks.size(); ++i) {
-            ASSERT_TRUE(tv.Plug(disks[i]).ok());
-            ASSERT_TRUE(WaitFor("LUM_TV_EVT_STORAGE_DEV_MOUNT_END", i + 1));
-        }
+        StartService(description, disks, env);
     }
 
     // Runs a subcommand and gives the result it printed, kNotSent when the

@@ -21,21 +21,14 @@ protected:
     // on its PATH, its log verbose (command lines), and the event recorder.
     void StartFormatRig(const std::string& description, bool recording)
     {
-        Result up = tv.Up(description);
-        ASSERT_TRUE(up.ok()) << up.Describe();
         std::string wrapper = std::string("#!/bin/sh\n") +
                               "while [ -e /run/format.hold ]; do sleep 0.1; done\n"
                               "[ -e /run/format.fail ] && exit 1\n"
                               "PATH=" + kRigPath + " exec \"$(basename \"$0\")\" \"$@\"\n";
-        ASSERT_TRUE(tv.Exec("mkdir -p /run/fmtbin /run/properties && printf " + std::string(recording ? "1" : "0") +
-                            " > /run/properties/persist.pvr.rec.enable && cat > /run/fmtbin/mkfs <<'EOF'\n" +
-                            wrapper + "EOF\nchmod 755 /run/fmtbin/mkfs && ln -s mkfs /run/fmtbin/mkfs.ext4")
-                        .ok());
-        StartServiceOnly({"LUM_LOG_LEVEL=v", std::string("PATH=/run/fmtbin:") + kRigPath});
-        if (HasFatalFailure())
-            return;
-        ASSERT_TRUE(tv.Plug("stick").ok());
-        ASSERT_TRUE(WaitFor("LUM_TV_EVT_STORAGE_DEV_MOUNT_END"));
+        StartService(description, {"stick"}, {"LUM_LOG_LEVEL=v", std::string("PATH=/run/fmtbin:") + kRigPath},
+                     "mkdir -p /run/fmtbin /run/properties && printf " + std::string(recording ? "1" : "0") +
+                         " > /run/properties/persist.pvr.rec.enable && cat > /run/fmtbin/mkfs <<'EOF'\n" + wrapper +
+                         "EOF\nchmod 755 /run/fmtbin/mkfs && ln -s mkfs /run/fmtbin/mkfs.ext4");
     }
 
     // The events of a format run recorded from index `from` on, in order,

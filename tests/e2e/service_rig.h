@@ -28,12 +28,25 @@ protected:
             fprintf(stderr, "--- lumstoraged log:\n%s\n", tv.Log("lumstoraged").c_str());
     }
 
-    // Builds the television, starts the service inside and the event recorder.
-    void StartService(const std::string& description)
+    // Builds the television, runs the shell line prepare inside it (what the
+    // service is to find at its start), starts the service with env added to
+    // its environment and the event recorder, and plugs the disks one after
+    // the other, each mounted before the next comes.
+    void StartService(const std::string& description, const std::vector<std::string>& disks = {},
+                      const std::vector<std::string>& env = {}, const std::string& prepare = "")
     {
         Result up = tv.Up(description);
         ASSERT_TRUE(up.ok()) << up.Describe();
-        StartServiceOnly();
+        if (!prepare.empty()) {
+            ASSERT_TRUE(tv.Exec(prepare).ok()) << prepare;
+        }
+        StartServiceOnly(env);
+        if (HasFatalFailure())
+            return;
+        for (size_t i = 0; i < disks.size(); ++i) {
+            ASSERT_TRUE(tv.Plug(disks[i]).ok());
+            ASSERT_TRUE(WaitFor("LUM_TV_EVT_STORAGE_DEV_MOUNT_END", i + 1));
+        }
     }
 
     // Starts the service and the recorder on a television that is up; env
