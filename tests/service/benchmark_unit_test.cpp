@@ -257,6 +257,14 @@ protected:
     static void Hold() { write_file("/tmp/fake/iozone.hold", ""); }
     static void Release() { remove("/tmp/fake/iozone.hold"); }
     static bool Started() { return exists("/tmp/fake/iozone.started"); }
+    // Starts a benchmark of path with the tool held in its first stage;
+    // true once the tool runs.
+    static bool StartHeld(const char* path)
+    {
+        Hold();
+        dispatch(SIG_ID_STORAGE_BENCHMARK, path);
+        return eventually(Started);
+    }
     static std::string Calls() { return read_file("/tmp/fake/iozone.calls"); }
     bool WaitEnd(EventCapture& events, size_t count = 1)
     {
@@ -339,9 +347,7 @@ TEST_F(BenchmarkRun, EmptyOutputEndsThePollingAndTheThreadStillEnds)
 {
     EventCapture events;
     write_file("/tmp/fake/iozone.out", "");
-    Hold();
-    dispatch(SIG_ID_STORAGE_BENCHMARK, "/mnt/pvr/shared/sdq1");
-    ASSERT_TRUE(eventually(Started));
+    ASSERT_TRUE(StartHeld("/mnt/pvr/shared/sdq1"));
     Tick();
     EXPECT_TRUE(benchmark_payloads(events.events()).empty());
     EXPECT_FALSE(service().TosvBenchmarkProgress.IsRunning()) << "polling must end on an empty file";
@@ -355,9 +361,7 @@ TEST_F(BenchmarkRun, CancelInTheMiddleStopsTheToolRemovesTheFilesAndSendsOneEnd)
     EventCapture events;
     LogCapture log;
     write_file("/tmp/fake/iozone.out", "Run began:\n");
-    Hold();
-    dispatch(SIG_ID_STORAGE_BENCHMARK, "/tmp/vol");
-    ASSERT_TRUE(eventually(Started));
+    ASSERT_TRUE(StartHeld("/tmp/vol"));
     for (const char* f : {"/tmp/vol/iozone1.tmp", "/tmp/vol/iozone2.tmp", "/tmp/vol/iozone3.tmp", "/tmp/vol/keep"})
         write_file(f, "x");
     Tick();
@@ -390,9 +394,7 @@ TEST_F(BenchmarkRun, VolumeGoingAwayStopsOnlyItsOwnBenchmarkAndOneCancelJoinsThe
     EventCapture events;
     write_file("/tmp/fake/iozone.out", "Run began:\n");
     mkdir("/tmp/vol/sub", 0755);
-    Hold();
-    dispatch(SIG_ID_STORAGE_BENCHMARK, "/tmp/vol/sub");
-    ASSERT_TRUE(eventually(Started));
+    ASSERT_TRUE(StartHeld("/tmp/vol/sub"));
     write_file("/tmp/vol/sub/iozone1.tmp", "x");
     // Other volumes, and names that only begin alike, leave it running.
     EXPECT_FALSE(service().StopBenchmarkOn("/tmp/other"));
@@ -431,9 +433,7 @@ TEST_F(BenchmarkRun, SecondStartWhileOneRunsIsRefusedAndTheFirstGoesOn)
 {
     EventCapture events;
     LogCapture log;
-    Hold();
-    dispatch(SIG_ID_STORAGE_BENCHMARK, "/mnt/pvr/shared/sdq1");
-    ASSERT_TRUE(eventually(Started));
+    ASSERT_TRUE(StartHeld("/mnt/pvr/shared/sdq1"));
     dispatch(SIG_ID_STORAGE_BENCHMARK, "/mnt/pvr/shared/sdr1");
     EXPECT_TRUE(log.has("benchmark of /mnt/pvr/shared/sdq1 is running, /mnt/pvr/shared/sdr1 not measured"));
     EXPECT_TRUE(benchmark_payloads(events.events()).empty());
@@ -460,9 +460,7 @@ TEST_F(BenchmarkRun, PathThatIsNoPlainWordIsRefusedWithoutAThread)
 TEST_F(BenchmarkRun, ForgedTickDoesNothing)
 {
     EventCapture events;
-    Hold();
-    dispatch(SIG_ID_STORAGE_BENCHMARK, "/mnt/pvr/shared/sdq1");
-    ASSERT_TRUE(eventually(Started));
+    ASSERT_TRUE(StartHeld("/mnt/pvr/shared/sdq1"));
     dispatch(SIG_ID_STORAGE_BENCHMARK_PROGRESS);
     EXPECT_EQ(benchmark_progress(), 0);
     EXPECT_EQ(benchmark_ticks(), 0ul);
@@ -476,9 +474,7 @@ TEST_F(BenchmarkRun, TickLimitCancelsTheBenchmark)
     EventCapture events;
     LogCapture log;
     write_file("/tmp/fake/iozone.out", "Run began:\n");
-    Hold();
-    dispatch(SIG_ID_STORAGE_BENCHMARK, "/tmp/vol");
-    ASSERT_TRUE(eventually(Started));
+    ASSERT_TRUE(StartHeld("/tmp/vol"));
     for (int i = 0; i < BENCHMARK_MAX_TICKS; ++i)
         Tick();
     EXPECT_EQ(benchmark_ticks(), static_cast<unsigned long>(BENCHMARK_MAX_TICKS));

@@ -43,6 +43,15 @@ protected:
         for (const char* s : kCompanions)
             EXPECT_EQ(read_file(main + s), s) << main << s;
     }
+    // Files under root, each path with its content; folders made as needed.
+    static void Tree(const std::string& root, const std::vector<std::pair<std::string, std::string>>& files)
+    {
+        for (const auto& [path, text] : files) {
+            std::string full = root + "/" + path;
+            make_dirs(full.substr(0, full.rfind('/')));
+            write_file(full, text);
+        }
+    }
     static void ExpectGone(const std::string& main)
     {
         EXPECT_FALSE(exists(main));
@@ -188,10 +197,8 @@ TEST_F(FileMove, ExistingDestinationFolderSurvivesOnOneAndAcrossFileSystems)
 {
     REQUIRE_MOUNT(kWork + "/other");
     for (const std::string& dst : {kWork + "/dst", kWork + "/other/dst"}) {
-        make_dirs(kWork + "/src");
-        write_file(kWork + "/src/f", "mine");
-        make_dirs(dst);
-        write_file(dst + "/keep", "theirs");
+        Tree(kWork + "/src", {{"f", "mine"}});
+        Tree(dst, {{"keep", "theirs"}});
         Bytes event;
         EXPECT_FALSE(Move(kWork + "/src/", dst, false, &event)) << dst;
         EXPECT_EQ(event, Bytes{3});
@@ -205,8 +212,7 @@ TEST_F(FileMove, TreeAcrossFileSystemsIsCopiedAndTheSourceRemoved)
 {
     REQUIRE_MOUNT(kWork + "/other");
     make_dirs(kWork + "/src/sub/empty");
-    write_file(kWork + "/src/a", "a");
-    write_file(kWork + "/src/sub/b", "b");
+    Tree(kWork + "/src", {{"a", "a"}, {"sub/b", "b"}});
     Recording(kWork + "/src/rec.ts");
     EXPECT_TRUE(Move(kWork + "/src/", kWork + "/other/dst", true));  // the flag means nothing for a tree
     EXPECT_EQ(read_file(kWork + "/other/dst/a"), "a");
@@ -219,9 +225,7 @@ TEST_F(FileMove, TreeAcrossFileSystemsIsCopiedAndTheSourceRemoved)
 TEST_F(FileMove, FailedTreeCopyRemovesOnlyItsOwnFolder)
 {
     REQUIRE_MOUNT(kWork + "/full", "64k");
-    make_dirs(kWork + "/src/sub");
-    write_file(kWork + "/src/sub/big", std::string(200000, 'b'));
-    write_file(kWork + "/src/small", "s");
+    Tree(kWork + "/src", {{"sub/big", std::string(200000, 'b')}, {"small", "s"}});
     EXPECT_FALSE(Move(kWork + "/src/", kWork + "/full/dst", false));
     EXPECT_FALSE(exists(kWork + "/full/dst"));
     EXPECT_EQ(read_file(kWork + "/src/sub/big").size(), 200000u);
@@ -231,9 +235,7 @@ TEST_F(FileMove, FailedTreeCopyRemovesOnlyItsOwnFolder)
 TEST_F(FileMove, WhatATreeCopyLeavesOutStaysInTheSource)
 {
     REQUIRE_MOUNT(kWork + "/other");
-    make_dirs(kWork + "/src/sub");
-    write_file(kWork + "/src/sub/f", "f");
-    write_file(kWork + "/src/g", "g");
+    Tree(kWork + "/src", {{"sub/f", "f"}, {"g", "g"}});
     ASSERT_EQ(symlink("g", (kWork + "/src/sub/link").c_str()), 0);
     // A file whose full path does not fit the walk's 260 bytes is left out
     // of the copy; it must not be removed with the source.

@@ -206,11 +206,35 @@ TEST(Hub, AFullQueueAnswersFalseAtOnceAndLosesNothing)
     EXPECT_EQ(NorvMsgFreedPayloads(), freed + 1 + MAX_STORAGE_QUEUE_SIZE);
 }
 
-TEST(PostRow, FieldsLandInTheirPlaces)
-{
-    REQUIRE_ISOLATION();
+// Rows posting into a queue of the test's own.
+class PostRow : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        REQUIRE_ISOLATION();
+        ASSERT_EQ(probe.Init("/lumtest_probe", 10, 0, false), 0);
+    }
+
+    // Posts request through row with a fresh record, as the hub does; the
+    // record is freed here when the post leaves it to the caller, which
+    // recordLeft tells.
+    bool Post(const SCmdRow& row, Parcel& request, bool* recordLeft = nullptr)
+    {
+        auto* record = static_cast<StorageManagerAction_t*>(calloc(1, sizeof(StorageManagerAction_t)));
+        bool bFree = true;
+        bool posted = post_cmd_row(row, request, record, &bFree, probe);
+        if (bFree)
+            free(record);
+        if (recordLeft != nullptr)
+            *recordLeft = bFree;
+        return posted;
+    }
+
     ProbeQueue probe;
-    ASSERT_EQ(probe.Init("/lumtest_probe", 10, 0, false), 0);
+};
+
+TEST_F(PostRow, FieldsLandInTheirPlaces)
+{
     const SCmdRow row = {1, CMD_ROAD_POST, SIG_ID_STORAGE_COPY, "12ibw", 0, nullptr, nullptr};
     std::string text99(99, 'x');
     Parcel request;
@@ -221,10 +245,9 @@ TEST(PostRow, FieldsLandInTheirPlaces)
     request.writeInt64(0x123456789LL);
     request.setDataPosition(0);
 
-    StorageManagerAction_t* record = static_cast<StorageManagerAction_t*>(calloc(1, sizeof(StorageManagerAction_t)));
-    bool bFree = true;
-    EXPECT_TRUE(post_cmd_row(row, request, record, &bFree, probe));
-    EXPECT_FALSE(bFree);
+    bool left = true;
+    EXPECT_TRUE(Post(row, request, &left));
+    EXPECT_FALSE(left);
     ASSERT_EQ(probe.ReadMsgsFromNonBlockingQueue(), 1);
     ASSERT_EQ(probe.records.size(), 1u);
     const StorageManagerAction_t& r = probe.records[0];
@@ -238,11 +261,8 @@ TEST(PostRow, FieldsLandInTheirPlaces)
     EXPECT_EQ(probe.signals[0], static_cast<unsigned long>(SIG_ID_STORAGE_COPY));
 }
 
-TEST(PostRow, TagsWrapAt16BitsAndCharsGoToTheFirstByte)
+TEST_F(PostRow, TagsWrapAt16BitsAndCharsGoToTheFirstByte)
 {
-    REQUIRE_ISOLATION();
-    ProbeQueue probe;
-    ASSERT_EQ(probe.Init("/lumtest_probe", 10, 0, false), 0);
     const SCmdRow tagRow = {1, CMD_ROAD_POST, SIG_ID_STORAGE_READ_DIRS, "1iw", 0, nullptr, nullptr};
     const SCmdRow charRow = {2, CMD_ROAD_POST, SIG_ID_STORAGE_SHUTDOWN, "c", 0, nullptr, nullptr};
     Parcel a;
@@ -253,11 +273,8 @@ TEST(PostRow, TagsWrapAt16BitsAndCharsGoToTheFirstByte)
     Parcel b;
     b.writeChar(u'\x01');
     b.setDataPosition(0);
-    for (auto [row, req] : {std::pair<const SCmdRow*, Parcel*>{&tagRow, &a}, {&charRow, &b}}) {
-        auto* record = static_cast<StorageManagerAction_t*>(calloc(1, sizeof(StorageManagerAction_t)));
-        bool bFree = true;
-        EXPECT_TRUE(post_cmd_row(*row, *req, record, &bFree, probe));
-    }
+    EXPECT_TRUE(Post(tagRow, a));
+    EXPECT_TRUE(Post(charRow, b));
     ASSERT_EQ(probe.ReadMsgsFromNonBlockingQueue(), 2);
     EXPECT_EQ(probe.records[0].ushortValue1, 0);
     EXPECT_EQ(probe.records[0].intValue1, 20);
@@ -265,11 +282,8 @@ TEST(PostRow, TagsWrapAt16BitsAndCharsGoToTheFirstByte)
     EXPECT_EQ(probe.records[1].buf1[1], 0);
 }
 
-TEST(PostRow, ListingFlagsTravelBehindThePathAndLenNeverReachesFurther)
+TEST_F(PostRow, ListingFlagsTravelBehindThePathAndLenNeverReachesFurther)
 {
-    REQUIRE_ISOLATION();
-    ProbeQueue probe;
-    ASSERT_EQ(probe.Init("/lumtest_probe", 10, 0, false), 0);
     const SCmdRow* row = find_cmd_row(STORAGE_READ_DIRS);
     ASSERT_NE(row, nullptr);
     auto post = [&](const std::string& path, int32_t len, const int32_t* flags) {
@@ -280,12 +294,7 @@ TEST(PostRow, ListingFlagsTravelBehindThePathAndLenNeverReachesFurther)
         if (flags != nullptr)
             request.writeInt32(*flags);
         request.setDataPosition(0);
-        auto* record = static_cast<StorageManagerAction_t*>(calloc(1, sizeof(StorageManagerAction_t)));
-        bool bFree = true;
-        bool posted = post_cmd_row(*row, request, record, &bFree, probe);
-        if (bFree)
-            free(record);
-        return posted;
+        return Post(*row, request);
     };
     const int32_t flags = 0x10B;  // only the low byte travels
     EXPECT_TRUE(post("/mnt/pvr/shared/sdb1/", 4000, nullptr));  // an old client's generous len
@@ -312,11 +321,8 @@ TEST(PostRow, ListingFlagsTravelBehindThePathAndLenNeverReachesFurther)
     EXPECT_EQ(r[3].buf1[99], 0);
 }
 
-TEST(PostRow, MissingOrOversizedTextsPostNothingAndLeaveTheRecordToTheHub)
+TEST_F(PostRow, MissingOrOversizedTextsPostNothingAndLeaveTheRecordToTheHub)
 {
-    REQUIRE_ISOLATION();
-    ProbeQueue probe;
-    ASSERT_EQ(probe.Init("/lumtest_probe", 10, 0, false), 0);
     const SCmdRow row = {7, CMD_ROAD_POST, SIG_ID_STORAGE_FORMAT, "1", 0, nullptr, nullptr};
     std::string text100(100, 'y');
     Parcel tooLong, missing, unterminated;
@@ -342,7 +348,7 @@ TEST(PostRow, MissingOrOversizedTextsPostNothingAndLeaveTheRecordToTheHub)
     EXPECT_EQ(probe.ReadMsgsFromNonBlockingQueue(), 0);
 }
 
-TEST(PostRow, WithoutAQueueTheRecordIsStillReleasedOnce)
+TEST(PostRowWithoutQueue, RecordIsStillReleasedOnce)
 {
     ProbeQueue never;  // Init never called
     const SCmdRow row = {7, CMD_ROAD_POST, SIG_ID_STORAGE_MOUNT, "1", 0, nullptr, nullptr};

@@ -369,19 +369,9 @@ private:
 
     EventTally& m_tally;
     std::string m_failure;
-    int m_cycles = 0;
-    int m_mounts = 0;
-    int m_unmounts = 0;
-    int m_listings = 0;
-    int m_sizes = 0;
-    int m_covers = 0;
-    int m_copies = 0;
-    int m_benchmarks = 0;
-    int m_formats = 0;
-    int m_tables = 0;
-    int m_devInfos = 0;
-    int m_uuids = 0;
-    int m_marks = 0;
+    // Cycles done, runs and requests sent: the answers due.
+    int m_cycles = 0, m_mounts = 0, m_unmounts = 0, m_listings = 0, m_sizes = 0, m_covers = 0, m_copies = 0;
+    int m_benchmarks = 0, m_formats = 0, m_tables = 0, m_devInfos = 0, m_uuids = 0, m_marks = 0;
 };
 
 }  // namespace
