@@ -74,7 +74,7 @@ protected:
     // taken.
     void StartSticks(const std::vector<std::string>& env = {})
     {
-        StartWith(kSticks, {"a", "b"}, env);
+        StartService(kSticks, {"a", "b"}, env);
         if (HasFatalFailure())
             return;
         sumsA_ = Sums(kA);
@@ -286,7 +286,7 @@ TEST_F(Faults, UnplugDuringAFormatFailsTheFormatAndLeavesTheStickAsItWas)
 
 TEST_F(Faults, PlugDuringAFormatLeavesTheVolumeBeingFormattedAlone)
 {
-    StartWith(kSticks, {"b"}, {HoldableEnv()});
+    StartService(kSticks, {"b"}, {HoldableEnv()});
     if (HasFatalFailure())
         return;
     MakeHoldable({"mkfs"});
@@ -353,7 +353,7 @@ TEST_F(Faults, BurstOfPlugEventsEndsWithTheStickMountedOnce)
 
 TEST_F(Faults, FullQueueRefusesTheExtraAtOnceRunsTheRestAndLosesNoPlug)
 {
-    StartWith(kSticks, {"b"}, {HoldableEnv()});
+    StartService(kSticks, {"b"}, {HoldableEnv()});
     if (HasFatalFailure())
         return;
     std::vector<pid_t> daemon = TvPids("lumstoraged");

@@ -48,13 +48,13 @@ protected:
         FileOps::SetUp();
         if (IsSkipped() || HasFatalFailure())
             return;
-        StartWith("disk stick size=128M table=msdos plugged=no dev=sdb\n"
-                  "  part size=48M fs=ext4 label=ONE\n"
-                  "    file /h/canary text=canary\n"
-                  "    dir /h2\n"
-                  "  part fs=ext4 label=TWO\n"
-                  "    dir /g\n",
-                  {"stick"}, {"MARK=" + kMarker, "CANARY=" + kCanary});
+        StartService("disk stick size=128M table=msdos plugged=no dev=sdb\n"
+                     "  part size=48M fs=ext4 label=ONE\n"
+                     "    file /h/canary text=canary\n"
+                     "    dir /h2\n"
+                     "  part fs=ext4 label=TWO\n"
+                     "    dir /g\n",
+                     {"stick"}, {"MARK=" + kMarker, "CANARY=" + kCanary});
     }
     // Nothing ran and nothing was lost: the folders hold what they should.
     // One look inside: each folder's names ending in NUL, then the canary

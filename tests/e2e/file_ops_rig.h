@@ -17,12 +17,6 @@ constexpr int kNotSent = -1000;
 
 class FileOps : public ServiceRig {
 protected:
-    void StartWith(const std::string& description, const std::vector<std::string>& disks,
-                   const std::vector<std::string>& env = {})
-    {
-        StartService(description, disks, env);
-    }
-
     // Runs a subcommand and gives the result it printed, kNotSent when the
     // client refused the request before sending. The exit status must go
     // with it: 0 for result 0, 1 for any other, 2 for a refusal.

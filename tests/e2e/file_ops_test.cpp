@@ -53,7 +53,7 @@ protected:
 
 TEST_F(FileOpsTest, ProtectedFileIsRefusedByRmCpRenameAndMoveButWriteOverwritesIt)
 {
-    StartWith(kStick, {"stick"});
+    StartService(kStick, {"stick"});
     if (HasFatalFailure())
         return;
     const std::string p = kExt + "/p.ts", other = kExt + "/other", away = kFat + "/away";
@@ -99,7 +99,7 @@ TEST_F(FileOpsTest, ProtectedFileIsRefusedByRmCpRenameAndMoveButWriteOverwritesI
 
 TEST_F(FileOpsTest, RecordingsKeepTheirSignatureAndTreeCopiesLeaveLinksOut)
 {
-    StartWith(kStick, {"stick"});
+    StartService(kStick, {"stick"});
     if (HasFatalFailure())
         return;
     for (const std::string& vol : {kExt, kFat}) {
@@ -167,9 +167,9 @@ TEST_F(FileOpsTest, RecordingsKeepTheirSignatureAndTreeCopiesLeaveLinksOut)
 
 TEST_F(FileOpsTest, SecondCopyIsBusyCancelStopsATreeAndAFullVolumeIsAnnounced)
 {
-    StartWith("disk stick size=256M table=msdos plugged=no dev=sdb\n  part fs=ext4 label=EXT\n"
-              "disk small size=8M table=msdos plugged=no dev=sdc\n  part fs=ext4 label=SMALL\n",
-              {"stick", "small"});
+    StartService("disk stick size=256M table=msdos plugged=no dev=sdb\n  part fs=ext4 label=EXT\n"
+                 "disk small size=8M table=msdos plugged=no dev=sdc\n  part fs=ext4 label=SMALL\n",
+                 {"stick", "small"});
     if (HasFatalFailure())
         return;
     const std::string vol = "/mnt/pvr/shared/sdb1", full = "/mnt/pvr/shared/sdc1";
@@ -256,7 +256,7 @@ TEST_F(FileOpsTest, SecondCopyIsBusyCancelStopsATreeAndAFullVolumeIsAnnounced)
 
 TEST_F(FileOpsTest, MovesRenameInsideAVolumeAndCopyAcrossVolumes)
 {
-    StartWith(kStick, {"stick"});
+    StartService(kStick, {"stick"});
     if (HasFatalFailure())
         return;
     const std::string from = kExt + "/rec", inside = kExt + "/moved", across = kFat + "/moved";
@@ -307,7 +307,7 @@ TEST_F(FileOpsTest, MovesRenameInsideAVolumeAndCopyAcrossVolumes)
 TEST_F(FileOpsTest, ExecRefusesLinesOf511AndMoreAndCaptureKeeps1024Bytes)
 {
     const std::string marker = "/run/exec-marker";
-    StartWith("disk stick size=16M table=msdos plugged=no\n  part fs=ext4\n", {}, {"MARK=" + marker});
+    StartService("disk stick size=16M table=msdos plugged=no\n  part fs=ext4\n", {}, {"MARK=" + marker});
     if (HasFatalFailure())
         return;
     // A command of n characters that makes the marker when it runs.
