@@ -5,6 +5,9 @@
 // dispatcher. Expected payloads are written out byte by byte.
 #include <gtest/gtest.h>
 
+#include <chrono>
+#include <iostream>
+
 #include <cstdio>
 #include <cstring>
 #include <dirent.h>
@@ -258,6 +261,14 @@ protected:
     static void Release() { remove("/tmp/fake/iozone.hold"); }
     static bool Started() { return exists("/tmp/fake/iozone.started"); }
     static std::string Calls() { return read_file("/tmp/fake/iozone.calls"); }
+    // A benchmark of path whose tool has begun and waits, held.
+    static bool StartHeld(const char* path)
+    {
+        write_file("/tmp/fake/iozone.out", "Run began:\n");
+        Hold();
+        dispatch(SIG_ID_STORAGE_BENCHMARK, path);
+        return eventually(Started);
+    }
     bool WaitEnd(EventCapture& events, size_t count = 1)
     {
         return eventually([&] {
@@ -354,10 +365,7 @@ TEST_F(BenchmarkRun, CancelInTheMiddleStopsTheToolRemovesTheFilesAndSendsOneEnd)
 {
     EventCapture events;
     LogCapture log;
-    write_file("/tmp/fake/iozone.out", "Run began:\n");
-    Hold();
-    dispatch(SIG_ID_STORAGE_BENCHMARK, "/tmp/vol");
-    ASSERT_TRUE(eventually(Started));
+    ASSERT_TRUE(StartHeld("/tmp/vol"));
     for (const char* f : {"/tmp/vol/iozone1.tmp", "/tmp/vol/iozone2.tmp", "/tmp/vol/iozone3.tmp", "/tmp/vol/keep"})
         write_file(f, "x");
     Tick();
@@ -385,14 +393,35 @@ TEST_F(BenchmarkRun, CancelInTheMiddleStopsTheToolRemovesTheFilesAndSendsOneEnd)
     EXPECT_EQ(benchmark_payloads(events.events()).size(), 2u);
 }
 
+TEST_F(BenchmarkRun, ToolThatIgnoresTermIsKilledWithItsShellAndAMountRunGoesOn)
+{
+    // The fake gives in to TERM only once allowed: here never. The volume's
+    // unmount run stops it, as it holds the run lock, and must come back.
+    EventCapture events;
+    LogCapture log;
+    ASSERT_TRUE(StartHeld("/tmp/vol"));
+    auto start = std::chrono::steady_clock::now();
+    EXPECT_TRUE(service().StopBenchmarkOn("/tmp/vol"));
+    auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start);
+    std::cout << "[ figure   ] cancel of a TERM-proof tool took " << ms.count() << " ms\n";
+    EXPECT_TRUE(log.has("iozone ignores TERM, killed"));
+    EXPECT_FALSE(log.has("left behind"));
+    EXPECT_EQ(benchmark_threads_alive(), 0);
+    EXPECT_FALSE(benchmark_running());
+    EXPECT_FALSE(iozone_process_left());
+    EXPECT_EQ(benchmark_payloads(events.events()), (std::vector<Bytes>{kCancelled}));
+    // The service takes the next benchmark as usual.
+    Release();
+    write_file("/tmp/fake/iozone.out", kOutput);
+    dispatch(SIG_ID_STORAGE_BENCHMARK, "/tmp/vol");
+    EXPECT_TRUE(WaitEnd(events, 2));
+}
+
 TEST_F(BenchmarkRun, VolumeGoingAwayStopsOnlyItsOwnBenchmarkAndOneCancelJoinsTheThread)
 {
     EventCapture events;
-    write_file("/tmp/fake/iozone.out", "Run began:\n");
     mkdir("/tmp/vol/sub", 0755);
-    Hold();
-    dispatch(SIG_ID_STORAGE_BENCHMARK, "/tmp/vol/sub");
-    ASSERT_TRUE(eventually(Started));
+    ASSERT_TRUE(StartHeld("/tmp/vol/sub"));
     write_file("/tmp/vol/sub/iozone1.tmp", "x");
     // Other volumes, and names that only begin alike, leave it running.
     EXPECT_FALSE(service().StopBenchmarkOn("/tmp/other"));
@@ -475,10 +504,7 @@ TEST_F(BenchmarkRun, TickLimitCancelsTheBenchmark)
 {
     EventCapture events;
     LogCapture log;
-    write_file("/tmp/fake/iozone.out", "Run began:\n");
-    Hold();
-    dispatch(SIG_ID_STORAGE_BENCHMARK, "/tmp/vol");
-    ASSERT_TRUE(eventually(Started));
+    ASSERT_TRUE(StartHeld("/tmp/vol"));
     for (int i = 0; i < BENCHMARK_MAX_TICKS; ++i)
         Tick();
     EXPECT_EQ(benchmark_ticks(), static_cast<unsigned long>(BENCHMARK_MAX_TICKS));
