@@ -1,5 +1,7 @@
-// Copying one file and one tree, on whatever thread asks: the copy thread,
-// a move, or a client through STORAGE_COPY_FILE and STORAGE_COPY_DIRS.
+// Copying one file and one tree, on whatever thread asks: the copy thread, a
+// move, or a client through STORAGE_COPY_FILE and STORAGE_COPY_DIRS. The
+// bytes move inside the process (copy_file_range, else read and write): a
+// shell and a cp for each file cost more than the copy of a small file.
 #include "CopyEngine.h"
 
 #include <cerrno>
@@ -11,19 +13,16 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <sys/statvfs.h>
 #include <unistd.h>
 
 #include "ClientPath.h"
 #include "CmdCalls.h"
 #include "FileProtect.h"
 #include "ServiceLog.h"
-#include "ShellProbe.h"
-#include "ShellQuote.h"
 #include "StrUtil.h"
 
-// What CopyFile gives when no command line could be built: the same byte as
-// a line that call_system refuses (-1).
+// What CopyFile gives for a request it cannot take (a null or relative path,
+// a name of the copy that does not fit): the byte of a refused command line.
 #define COPY_RESULT_NO_LINE 255
 
 namespace {
@@ -43,47 +42,116 @@ bool parent_dir(const char* path, char* out, size_t size)
     return true;
 }
 
-// GNU cp exits with 1 whatever went wrong, also on a full disk, and its
-// message goes to /dev/null. A failed copy whose destination has too little
-// room left for the source (or no free inode) is therefore told as ENOSPC,
-// which the copy thread turns into the out-of-space event.
-bool no_room_for(const char* src, const char* dst)
+// A copy goes in blocks: copy_file_range is asked for at most
+// COPY_KERNEL_BLOCK bytes at a time, and the read/write way moves
+// COPY_BUFFER_BYTES at a time. Both are large enough that a big file costs
+// few calls and small enough that a cancel is seen between two blocks within
+// a fraction of a second, even on a slow stick.
+#define COPY_KERNEL_BLOCK (8u << 20)
+#define COPY_BUFFER_BYTES (1u << 20)
+
+// Errors of copy_file_range that say only that this pair of files cannot be
+// copied in the kernel: across file systems, FUSE volumes (the FAT adapter,
+// ntfs-3g) that do not offer it, special files. The read/write way then
+// takes over from where the copy stands.
+bool kernel_copy_refused(int err)
 {
-    struct stat64 st;
-    if (stat64(src, &st) != 0 || !S_ISREG(st.st_mode))
-        return false;
-    struct statvfs64 fs;
-    if (statvfs64(dst, &fs) != 0) {
-        char dir[PATH_MAX];
-        if (!parent_dir(dst, dir, sizeof(dir)) || statvfs64(dir, &fs) != 0)
-            return false;
-    }
-    if (fs.f_files != 0 && fs.f_favail == 0)
-        return true;
-    return static_cast<uint64_t>(fs.f_bavail) * fs.f_frsize < static_cast<uint64_t>(st.st_size);
+    return err == EXDEV || err == EINVAL || err == ENOSYS || err == EOPNOTSUPP || err == EBADF ||
+           err == ETXTBSY || err == EPERM;
 }
 
-// What "cp -p" keeps besides the bytes: owner, mode and times, each where
-// the destination's file system takes it. The television's cp only warns
-// when it cannot; GNU cp fails the whole copy (status 1, the bytes copied),
-// and FAT and exFAT volumes refuse a mode that differs from their mount's
-// (EPERM, ENOSYS through FUSE). So cp copies the bytes alone and the rest is
-// set here; what the file system refuses is only logged.
-void keep_attributes(const char* src, const char* dst)
+// Writes all n bytes of buf to out. 0, or the errno of the failed write.
+int write_all(int out, const char* buf, size_t n)
 {
-    struct stat64 st;
-    if (stat64(src, &st) != 0)
-        return;
-    const struct timespec times[2] = {st.st_atim, st.st_mtim};
-    bool owner = chown(dst, st.st_uid, st.st_gid) == 0;
-    bool mode = chmod(dst, st.st_mode & 07777) == 0;
-    bool stamps = utimensat(AT_FDCWD, dst, times, 0) == 0;
+    while (n > 0) {
+        ssize_t w = write(out, buf, n);
+        if (w < 0 && errno == EINTR)
+            continue;
+        if (w <= 0)
+            return w < 0 ? errno : EIO;
+        buf += w;
+        n -= static_cast<size_t>(w);
+    }
+    return 0;
+}
+
+// The read/write way, from the current offsets to the end of in.
+int copy_by_buffer(int in, int out, const std::atomic<bool>* cancel)
+{
+    char* buf = static_cast<char*>(malloc(COPY_BUFFER_BYTES));
+    if (buf == nullptr)
+        return ENOMEM;
+    int rc = 0;
+    for (;;) {
+        if (cancel != nullptr && cancel->load()) {
+            rc = ECANCELED;
+            break;
+        }
+        ssize_t n = read(in, buf, COPY_BUFFER_BYTES);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n <= 0) {
+            rc = n < 0 ? errno : 0;
+            break;
+        }
+        rc = write_all(out, buf, static_cast<size_t>(n));
+        if (rc != 0)
+            break;
+    }
+    free(buf);
+    return rc;
+}
+
+// Copies the bytes of in to out block by block, polling cancel (may be null)
+// before each block. 0, ECANCELED, or the errno of the read or write that
+// failed (ENOSPC when the disk filled).
+int copy_bytes(int in, int out, const std::atomic<bool>* cancel)
+{
+    for (;;) {
+        if (cancel != nullptr && cancel->load())
+            return ECANCELED;
+        ssize_t n = copy_file_range(in, nullptr, out, nullptr, COPY_KERNEL_BLOCK, 0);
+        if (n > 0 || (n < 0 && errno == EINTR))
+            continue;
+        if (n < 0 && !kernel_copy_refused(errno))
+            return errno;
+        // Refused, or 0: the end of the file, or a file system (proc, some
+        // FUSE volumes) that gives 0 where it copies nothing. The read/write
+        // way finds the true end.
+        return copy_by_buffer(in, out, cancel);
+    }
+}
+
+// What "cp -p" keeps besides the bytes: owner, mode and times of st, each
+// where the destination's file system takes it. FAT and exFAT volumes refuse
+// a mode that differs from their mount's (EPERM, ENOSYS through FUSE), NTFS
+// through ntfs-3g an owner: such a refusal is only logged, the copy stands.
+// The owner goes first: a chown clears set-user-ID bits that the mode then
+// brings back.
+void keep_attributes(int fd, const struct stat64* st, const char* dst)
+{
+    const struct timespec times[2] = {st->st_atim, st->st_mtim};
+    bool owner = fchown(fd, st->st_uid, st->st_gid) == 0;
+    bool mode = fchmod(fd, st->st_mode & 07777) == 0;
+    bool stamps = futimens(fd, times) == 0;
     if (!owner || !mode || !stamps)
         SLOGD("[%s, %d] '%s' keeps its own%s%s%s\n", dst, owner ? "" : " owner", mode ? "" : " mode",
               stamps ? "" : " times");
 }
 
-// Where cp put the copy of src: inside dst when dst is a folder ("cp f dir"
+// The result of a copy that failed with err, as cp's status was: 28 for a
+// full disk (or quota), 24 when the process has no descriptor left, 1 for
+// everything else, a cancel among them.
+int copy_failure(int err)
+{
+    if (err == ENOSPC || err == EDQUOT)
+        return ENOSPC;
+    if (err == EMFILE || err == ENFILE)
+        return EMFILE;
+    return 1;
+}
+
+// Where the copy of src goes: inside dst when dst is a folder (as "cp f dir"
 // writes dir/f), dst itself otherwise. False when that path does not fit.
 bool copy_target(const char* src, const char* dst, char* out, size_t size)
 {
@@ -146,41 +214,108 @@ int copy_file_callback(void* context, const char* path, const struct stat64* s)
         return ENAMETOOLONG;
     }
     if (!dir)
-        return CopyFile(path, dst);
+        return copy_file_until(path, dst, p->cancel);
     if (mkdir(dst, 0777) != 0 && errno != EEXIST) {
         int err = errno;
         SLOGW("[%s, %d] -- cannot create directory: %s(%d)", strerror(err), err);
-        return 1;
+        // A full disk is told as such, as a file that did not fit is.
+        return err == ENOSPC ? ENOSPC : 1;
     }
     return 0;
 }
 
 }  // namespace
 
-int CopyFile(const char* pSrc, const char* pDst)
+namespace {
+
+// Opens the source for a copy. O_NONBLOCK keeps a FIFO without a writer from
+// holding the thread in open; it is taken back at once, so that reads wait
+// for data as cp's do. -1 with errno, or the descriptor and its status.
+int open_source(const char* path, struct stat64* st)
+{
+    int fd = open(path, O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK);
+    if (fd < 0)
+        return -1;
+    int flags = fcntl(fd, F_GETFL);
+    if (fstat64(fd, st) != 0 || flags < 0 || fcntl(fd, F_SETFL, flags & ~O_NONBLOCK) != 0) {
+        int err = errno;
+        close(fd);
+        errno = err;
+        return -1;
+    }
+    if (S_ISDIR(st->st_mode)) {
+        close(fd);
+        errno = EISDIR;
+        return -1;
+    }
+    // Read front to back once: a larger read-ahead, as cp asks for too, keeps
+    // a cold stick busy while the copy writes.
+    posix_fadvise(fd, 0, 0, POSIX_FADV_SEQUENTIAL);
+    return fd;
+}
+
+// True when target already is the file st describes: opening it for writing
+// would empty the source.
+bool same_file(const char* target, const struct stat64* st)
+{
+    struct stat64 t;
+    return stat64(target, &t) == 0 && t.st_dev == st->st_dev && t.st_ino == st->st_ino;
+}
+
+// Copies src to target, an opened source in, and gives the copy src's
+// attributes. 0, or an errno (ECANCELED for a cancel). A copy that failed
+// part way is removed: no file stands at target as if it were whole.
+int copy_open_file(int in, const struct stat64* st, const char* target, const std::atomic<bool>* cancel)
+{
+    if (same_file(target, st))
+        return EEXIST;
+    int out = open(target, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOCTTY, st->st_mode & 0777);
+    if (out < 0)
+        return errno;
+    int err = copy_bytes(in, out, cancel);
+    if (err == 0)
+        keep_attributes(out, st, target);
+    // A FUSE volume may report a failed write only when the file is closed.
+    if (close(out) != 0 && err == 0)
+        err = errno;
+    if (err != 0 && unlink(target) != 0)
+        SLOGW("[%s, %d] ***W: the unfinished '%s' stays: %s\n", target, strerror(errno));
+    return err;
+}
+
+}  // namespace
+
+int copy_file_until(const char* pSrc, const char* pDst, const std::atomic<bool>* cancel)
 {
     if (pSrc == nullptr || pDst == nullptr) {
         SLOGE("[%s, %d] params is null!\n");
         return COPY_RESULT_NO_LINE;
     }
-    if (is_protected(pDst))
-        return COPY_RESULT_PROTECTED;
-    char src[SHELL_LINE_MAX];
-    char dst[SHELL_LINE_MAX];
-    bool ran = quote_client_path(pSrc, src, sizeof(src)) && quote_client_path(pDst, dst, sizeof(dst));
-    int rc = ran ? call_system("cp \"%s\" \"%s\" 2> /dev/null", src, dst) & 0xff : COPY_RESULT_NO_LINE;
+    // Relative paths would name files in whatever folder the process is in.
+    if (!client_path_ok(pSrc) || !client_path_ok(pDst))
+        return COPY_RESULT_NO_LINE;
     char target[PATH_MAX];
-    if (rc == 0 && copy_target(pSrc, pDst, target, sizeof(target)))
-        keep_attributes(pSrc, target);
-    if (rc != 0) {
-        // Only a cp that ran can have met a full disk; a refused path says
-        // nothing about the room anywhere.
-        if (ran && no_room_for(pSrc, pDst))
-            rc = ENOSPC;
-        // errno means nothing after a shell has run: the log names the code.
-        SLOGE("[%s, %d] -- rc=%d: %s(%d)\n", rc, strerror(rc), rc);
+    if (!copy_target(pSrc, pDst, target, sizeof(target))) {
+        SLOGE("[%s, %d] ***E: no room for the name of the copy of '%s'\n", pSrc);
+        return COPY_RESULT_NO_LINE;
     }
+    if (is_protected(pDst) || is_protected(target))
+        return COPY_RESULT_PROTECTED;
+    struct stat64 st;
+    int in = open_source(pSrc, &st);
+    int err = in < 0 ? errno : copy_open_file(in, &st, target, cancel);
+    if (in >= 0)
+        close(in);
+    if (err == 0)
+        return 0;
+    int rc = copy_failure(err);
+    SLOGE("[%s, %d] -- rc=%d: %s(%d)\n", rc, strerror(err), err);
     return rc;
+}
+
+int CopyFile(const char* pSrc, const char* pDst)
+{
+    return copy_file_until(pSrc, pDst, nullptr);
 }
 
 bool tree_pair_init(COPY_TREE_PAIR* pair, const char* pSrcPath, const char* pDstPath,

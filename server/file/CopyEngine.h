@@ -1,5 +1,5 @@
 // The copy engine: one file, a recording with its companions, or a tree,
-// copied by the shell's cp one file at a time. CopyFile and CopyDir serve
+// copied inside the process one file at a time. CopyFile and CopyDir serve
 // any thread; Copy (a member of the service) runs them on a thread of its
 // own and reports the end by LUM_TV_EVT_STORAGE_COPY.
 #pragma once
@@ -13,7 +13,7 @@
 #define COPY_WALK_PATH_LEN 260  // the tree walk's path buffer, terminator included
 #define COPY_COMPANION_PATH_LEN 286
 
-// Result bytes of LUM_TV_EVT_STORAGE_COPY besides cp's own status.
+// Result bytes of LUM_TV_EVT_STORAGE_COPY besides CopyFile's own.
 #define COPY_RESULT_OK 0
 #define COPY_RESULT_REFUSED 1
 #define COPY_RESULT_BUSY 5
@@ -39,7 +39,7 @@ typedef struct {
 typedef struct {
     char* rel;                          // the walker's path behind the source root
     const char* dst;                    // the destination root, with its "/"
-    const std::atomic<bool>* cancel;    // polled once per entry; null: never stops
+    const std::atomic<bool>* cancel;    // polled per entry and per block; null: never stops
 } COPY_DIR_PARAMS;
 
 // A tree and its twin at another place, ready for a walk: path holds the
@@ -65,14 +65,22 @@ typedef int (*FILE_CALLBACK)(void* context, const char* path, const struct stat6
 int BrowseDir(char* path, char* path_end, const char* buf_end, bool recurse_first, FILE_CALLBACK callback,
               void* context);
 
-// Copies one file with cp, then gives the copy the source's owner, mode and
-// times where its file system takes them (as "cp -p" on the television). A
-// write-protected destination is never overwritten.
+// Copies one file (into dst/name when dst is a folder), then gives the copy
+// the source's owner, mode and times where its file system takes them (as
+// "cp -p" on the television). A write-protected destination is never
+// overwritten, and a copy that fails part way is removed.
 // 0: copied.
-// 13: the destination is write-protected; nothing ran.
-// 28: cp failed and the destination's file system has no room for the source.
-// other: the low byte of cp's status; 255 when the command line does not fit.
+// 1: the copy failed (no source, a source that is a folder or the
+//    destination itself, a failed read or write).
+// 13: the destination is write-protected; nothing was opened.
+// 24: the process has no file descriptor left.
+// 28: the destination's file system is full (the write said ENOSPC).
+// 255: a null or relative path, or a name of the copy that does not fit.
 int CopyFile(const char* pSrc, const char* pDst);
+
+// CopyFile that polls cancel (may be null) before each block of the file; a
+// cancelled copy is removed and gives 1.
+int copy_file_until(const char* pSrc, const char* pDst, const std::atomic<bool>* cancel);
 
 // Copies the tree pSrcPath into the new directory pDstPath (either may lack
 // its trailing "/"). Regular files and directories are copied, anything else
@@ -84,10 +92,10 @@ int CopyFile(const char* pSrc, const char* pDst);
 // other: the first failure of the walk; what was copied before it stays.
 int CopyDir(const char* pSrcPath, const char* pDstPath);
 
-// CopyDir that polls cancel (may be null) before each entry, a cancelled
-// walk giving 1. *created (may be null) tells whether the destination
-// directory was made by this call, so that a caller may clean up its own
-// half-finished work and nothing else.
+// CopyDir that polls cancel (may be null) before each entry and each block
+// of a file, a cancelled walk giving 1. *created (may be null) tells whether
+// the destination directory was made by this call, so that a caller may
+// clean up its own half-finished work and nothing else.
 int copy_dir_walk(const char* pSrcPath, const char* pDstPath, const std::atomic<bool>* cancel, bool* created);
 
 // Fills pair for src and dst. false when a path (with its "/") does not fit.

@@ -23,21 +23,22 @@ namespace {
 std::mutex g_copy_lock;
 bool g_copy_busy = false;
 pthread_t g_copy_tid;
-// Set by a cancel request, polled by the copy thread's tree walk before each
-// entry; cleared when a copy starts.
+// Set by a cancel request, polled by the copy thread before each entry of a
+// tree and each block of a file; cleared when a copy starts.
 std::atomic<bool> g_copy_cancel{false};
 std::atomic<int> g_copy_threads_alive{0};
 
 int copy_single(const COPY_THREAD_CONTEXT* ctx)
 {
-    return CopyFile(ctx->src, ctx->dst);
+    return copy_file_until(ctx->src, ctx->dst, &g_copy_cancel);
 }
 
 // The main file, then its companions. A companion that is missing or fails
-// is no failure of the recording; none is tried when the main file failed.
+// is no failure of the recording; none is tried when the main file failed
+// or was cancelled. The companions are small and always copied whole.
 int copy_recording(const COPY_THREAD_CONTEXT* ctx)
 {
-    int rc = CopyFile(ctx->src, ctx->dst) & 0xff;
+    int rc = copy_file_until(ctx->src, ctx->dst, &g_copy_cancel) & 0xff;
     if (rc != 0)
         return rc;
     for (const char* const* suffix = kCopyCompanions; *suffix != nullptr; ++suffix) {

@@ -8,6 +8,8 @@
 
 #include "ByteOrder.h"
 #include "DevIdentify.h"
+#include "MountTree.h"
+#include "MountedVolumes.h"
 #include "Playlist.h"
 #include "ServiceLog.h"
 #include "ShellProbe.h"
@@ -57,6 +59,18 @@ bool mount_point_prefix(const char* path, char* prefix)
     return false;
 }
 
+// The type of the volume whose mount point is prefix. A volume that the
+// service mounted in the tree is known without a shell; any other path is
+// looked up in mount's list.
+void volume_fs_type(const char* prefix, char* type, size_t size)
+{
+    if (strncmp(prefix, MOUNT_DIR "/", sizeof(MOUNT_DIR)) == 0 && mounted_volume_type(prefix, type, size))
+        return;
+    char quoted[2 * FS_PREFIX_MAX + 1];
+    if (shell_escape_dq(prefix, quoted, sizeof(quoted)) >= 0)
+        parse_output_lines(get_fs_type_callback, type, "mount | grep \"%s\"", quoted);
+}
+
 }  // namespace
 
 int fs_uses_utc_for_timestamp(const char* path)
@@ -64,11 +78,8 @@ int fs_uses_utc_for_timestamp(const char* path)
     char prefix[FS_PREFIX_MAX + 1];
     if (!mount_point_prefix(path, prefix))
         return 0;
-    char quoted[2 * FS_PREFIX_MAX + 1];
-    if (shell_escape_dq(prefix, quoted, sizeof(quoted)) < 0)
-        return 0;
     char type[FS_TYPE_LEN] = {0};
-    parse_output_lines(get_fs_type_callback, type, "mount | grep \"%s\"", quoted);
+    volume_fs_type(prefix, type, sizeof(type));
     SLOGD("[%s, %d] mount: %s, type: %s\n", prefix, type);
     if (strcmp(type, "fuseblk") == 0 || strncmp(type, "ext", 3) == 0)
         return 1;

@@ -5,7 +5,9 @@
 #include "Benchmark.h"
 
 #include <atomic>
+#include <algorithm>
 #include <chrono>
+#include <csignal>
 #include <condition_variable>
 #include <cerrno>
 #include <cstdlib>
@@ -30,6 +32,14 @@
 // How long a cancel waits for the thread before it sends the kill again: the
 // tool may not have been started yet when the first kill went out.
 #define BENCHMARK_KILL_RETRY_MS 200
+// A cancel ends within these bounds: TERM (killall) for BENCHMARK_TERM_MS,
+// then KILL to the tool's process group for BENCHMARK_KILL_MS; a thread that
+// has still not ended (its tool stuck in the kernel on a disk that went
+// away) is left behind, and its end is ignored.
+#define BENCHMARK_TERM_MS 3000
+#define BENCHMARK_KILL_MS 2000
+// The clean-up after a cancel may meet the same dead disk.
+#define BENCHMARK_CLEANUP_S 5
 
 namespace {
 
@@ -46,12 +56,19 @@ std::string g_benchmark_mount_path;
 // Set by a cancel: it owns the thread from then on and joins it, and the
 // thread sends nothing more and leaves the state to the cancel.
 bool g_benchmark_stop = false;
-// Set by the thread as its last step under the lock, for the cancel's wait.
-bool g_benchmark_thread_done = false;
+// Each start gets the next number; a thread acts on the state only while its
+// number is the current one, so that one left behind by a cancel never
+// touches a later benchmark.
+unsigned g_benchmark_gen = 0;
+// The number of the last thread that ended, for the cancel's wait.
+unsigned g_benchmark_done_gen = 0;
+// The tool's shell, for a cancel's KILL.
+SHELL_JOB g_benchmark_job;
 std::atomic<int> g_benchmark_threads_alive{0};
 
 struct SBenchmarkJob {
     StorageManagerService* service;
+    unsigned gen;
     char path[STORAGE_ACTION_TEXT_LEN];
 };
 
@@ -77,10 +94,17 @@ void send_benchmark_event(StorageManagerService& service, unsigned char status, 
     service.NotifyToStorageManager(LUM_TV_EVT_STORAGE_DEV_BENCHMARK, buf, static_cast<int>(len));
 }
 
-bool stop_requested()
+// True when a cancel took the benchmark of generation gen over, or it is
+// long gone. Called with g_benchmark_lock held.
+bool stopped_locked(unsigned gen)
+{
+    return g_benchmark_stop || gen != g_benchmark_gen;
+}
+
+bool stop_requested(unsigned gen)
 {
     std::lock_guard<std::mutex> hold(g_benchmark_lock);
-    return g_benchmark_stop;
+    return stopped_locked(gen);
 }
 
 // Back to idle. Called with g_benchmark_lock held.
@@ -100,6 +124,7 @@ void* benchmark_thread(void* arg)
 {
     auto* job = static_cast<SBenchmarkJob*>(arg);
     StorageManagerService& service = *job->service;
+    unsigned gen = job->gen;
     char path[STORAGE_ACTION_TEXT_LEN];
     lum_strlcpy(path, job->path, sizeof(path));
     free(job);
@@ -111,13 +136,13 @@ void* benchmark_thread(void* arg)
     bool pvr = strstr(path, "/pvr/") != nullptr;
     uint32_t processes = pvr ? BENCHMARK_PROCESSES_PVR : BENCHMARK_PROCESSES_OTHER;
     int status = 0;
-    if (!stop_requested()) {
+    if (!stop_requested(gen)) {
         if (pvr)
-            status = call_system("iozone -t 2 -s 30m -r 16m -i 0 -i 8 -+p 50 -+n -F %s/iozone1.tmp %s/iozone2.tmp > "
+            status = call_system_job(&g_benchmark_job, "iozone -t 2 -s 30m -r 16m -i 0 -i 8 -+p 50 -+n -F %s/iozone1.tmp %s/iozone2.tmp > "
                                  "/tmp/iozone.txt",
                                  path, path);
         else
-            status = call_system("iozone -t 3 -s 30m -r 16m -i 0 -i 8 -+p 33 -+n -F %s/iozone1.tmp %s/iozone2.tmp "
+            status = call_system_job(&g_benchmark_job, "iozone -t 3 -s 30m -r 16m -i 0 -i 8 -+p 33 -+n -F %s/iozone1.tmp %s/iozone2.tmp "
                                  "%s/iozone3.tmp > /tmp/iozone.txt",
                                  path, path, path);
     }
@@ -126,7 +151,7 @@ void* benchmark_thread(void* arg)
     bool stopped;
     {
         std::lock_guard<std::mutex> hold(g_benchmark_lock);
-        stopped = g_benchmark_stop;
+        stopped = stopped_locked(gen);
         if (!stopped)
             g_benchmark_progress = 100;
     }
@@ -146,14 +171,14 @@ void* benchmark_thread(void* arg)
         std::lock_guard<std::mutex> hold(g_benchmark_lock);
         // Checked again under the lock: a cancel that came in the meantime
         // has sent its own end, and joins this thread.
-        if (!g_benchmark_stop) {
+        if (!stopped_locked(gen)) {
             send_benchmark_event(service, static_cast<unsigned char>(status), 100, static_cast<uint32_t>(writeSpeed),
                                  processes);
             reset_state_locked();
             // Nobody joins a thread that ended by itself.
             pthread_detach(pthread_self());
         }
-        g_benchmark_thread_done = true;
+        g_benchmark_done_gen = gen;
         g_benchmark_ended.notify_all();
     }
     g_benchmark_threads_alive.fetch_sub(1);
@@ -277,13 +302,14 @@ bool StorageManagerService::StartBenchmark(std::string mountPoint)
         g_benchmark_progress = 0;
         g_BenchmarkCounter = 0;
         g_benchmark_stop = false;
-        g_benchmark_thread_done = false;
+        ++g_benchmark_gen;
 
         auto* job = static_cast<SBenchmarkJob*>(calloc(1, sizeof(SBenchmarkJob)));
         if (job == nullptr) {
             rc = ENOMEM;
         } else {
             job->service = this;
+            job->gen = g_benchmark_gen;
             lum_strlcpy(job->path, mountPoint.c_str(), sizeof(job->path));
             g_benchmark_threads_alive.fetch_add(1);
             // Created with the lock held: the thread finds its id stored
@@ -370,25 +396,57 @@ bool StorageManagerService::StopBenchmarkOn(const char* mountPoint)
     return true;
 }
 
-void StorageManagerService::StopClaimedBenchmark(pthread_t tid)
+namespace {
+
+// Waits up to ms for the thread of generation gen to end, sending TERM
+// (killall) every BENCHMARK_KILL_RETRY_MS when term, in case the tool
+// started only after the first one. true when it ended.
+bool wait_thread_end(unsigned gen, int ms, bool term)
 {
-    // The thread is stopped by ending its tool rather than by pthread_cancel:
-    // a thread cancelled in the middle of call_system would leave the shell
-    // unreaped, and one cancelled while sending could leave a lock held. The
-    // kill is repeated while the thread lives, in case the tool started only
-    // after the first one.
     bool killed = false;
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
     for (;;) {
-        if (call_system("killall iozone") == 0 && !killed) {
+        if (term && call_system("killall iozone") == 0 && !killed) {
             killed = true;
             SLOGD("[%s, %d] CFilesystemDrv::CancelBenchmark(): kill iozone threads");
         }
         std::unique_lock<std::mutex> hold(g_benchmark_lock);
-        if (g_benchmark_ended.wait_for(hold, std::chrono::milliseconds(BENCHMARK_KILL_RETRY_MS),
-                                       [] { return g_benchmark_thread_done; }))
-            break;
+        auto until = std::min(deadline, std::chrono::steady_clock::now() +
+                                            std::chrono::milliseconds(BENCHMARK_KILL_RETRY_MS));
+        if (g_benchmark_ended.wait_until(hold, until, [gen] { return g_benchmark_done_gen == gen; }))
+            return true;
+        if (std::chrono::steady_clock::now() >= deadline)
+            return false;
     }
-    pthread_join(tid, nullptr);
+}
+
+}  // namespace
+
+void StorageManagerService::StopClaimedBenchmark(pthread_t tid)
+{
+    // The thread is stopped by ending its tool rather than by pthread_cancel:
+    // a thread cancelled in the middle of call_system would leave the shell
+    // unreaped, and one cancelled while sending could leave a lock held. A
+    // tool that ignores TERM gets KILL, with its shell; a thread that still
+    // does not end is left behind, so that the service thread, and an
+    // unmount run with its lock, go on.
+    unsigned gen;
+    {
+        std::lock_guard<std::mutex> hold(g_benchmark_lock);
+        gen = g_benchmark_gen;
+    }
+    bool ended = wait_thread_end(gen, BENCHMARK_TERM_MS, true);
+    if (!ended) {
+        SLOGW("[%s, %d] ***W: iozone ignores TERM, killed\n");
+        shell_job_kill(&g_benchmark_job, SIGKILL);
+        ended = wait_thread_end(gen, BENCHMARK_KILL_MS, false);
+    }
+    if (ended) {
+        pthread_join(tid, nullptr);
+    } else {
+        SLOGE("[%s, %d] ***E: benchmark thread does not end, left behind\n");
+        pthread_detach(tid);
+    }
 
     std::string path;
     {
@@ -396,14 +454,16 @@ void StorageManagerService::StopClaimedBenchmark(pthread_t tid)
         path = g_benchmark_mount_path;
     }
     if (!path.empty()) {
-        call_system("rm -f %s/iozone*.tmp", path.c_str());
-        call_system("sync");
+        call_system_within(BENCHMARK_CLEANUP_S, "rm -f %s/iozone*.tmp", path.c_str());
+        call_system_within(BENCHMARK_CLEANUP_S, "sync");
     }
     // Three processes whichever command ran: the number clients have always seen.
     send_benchmark_event(*this, BENCHMARK_STATUS_STOPPED, 100, 0, BENCHMARK_PROCESSES_OTHER);
     TosvBenchmarkProgress.StopTimer();
     std::lock_guard<std::mutex> hold(g_benchmark_lock);
     reset_state_locked();
+    // A thread left behind finds its generation gone and touches nothing.
+    ++g_benchmark_gen;
 }
 
 void handle_benchmark(StorageManagerService& service, CNorvMsg*, StorageManagerAction_t* action)

@@ -7,6 +7,7 @@
 
 #include "DevIdentify.h"
 #include "MountLines.h"
+#include "MountedVolumes.h"
 #include "MountTree.h"
 #include "ServiceHandlers.h"
 #include "ServiceLog.h"
@@ -119,6 +120,7 @@ void announce_volume(MOUNT_USB_DEVICES_CALLBACK_DATA* ctx, const char* partition
     get_label_for_dev_name(partition, label, sizeof(label));
     std::string fsType = theStorageManagerService.GetPartitionFsType(mountDir);
     SLOGD("[%s, %d] new mounted %d device %s. fs type: %s\n", ctx->num_new_mounted, partition, fsType.c_str());
+    mounted_volume_add(mountDir, fsType.c_str());
     lum_strlcpy(info.mountPoint, mountDir, sizeof(info.mountPoint));
     lum_strlcpy(info.label, label, sizeof(info.label));
     lum_strlcpy(info.fsType, fsType.c_str(), sizeof(info.fsType));

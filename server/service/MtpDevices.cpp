@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "MountLines.h"
+#include "MountedVolumes.h"
 #include "MountTree.h"
 #include "ServiceLog.h"
 #include "ShellProbe.h"
@@ -47,6 +48,7 @@ int unmount_mtp_devices_callback(void* context, char* line)
     if (mountPoint == nullptr || !is_plain_word(mountPoint))
         return 0;
     call_system("umount -l %s", mountPoint);
+    mounted_volume_remove(mountPoint);
     remove_mount_dir(mountPoint);
     ++*static_cast<int*>(context);
     return 0;
@@ -77,6 +79,8 @@ int StorageManagerService::MountMtpDevices()
             SLOGE("[%s, %d] ***E: mount %s %s\n", id, mountPoint);
             return 0;
         }
+        // The type that mount shows for it, as "-t" gave it.
+        mounted_volume_add(mountPoint, "mptpfs");
         ++mounted;
     }
     return mounted;

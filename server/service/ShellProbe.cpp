@@ -7,8 +7,11 @@
 #include <cstring>
 #include <csignal>
 #include <fcntl.h>
+#include <poll.h>
 #include <spawn.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
+#include <thread>
 #include <unistd.h>
 
 #include "ServiceLog.h"
@@ -29,11 +32,59 @@ int trim_eol(char* line)
 
 namespace {
 
+// Waits up to ms milliseconds (-1: for ever) for the child pid to end,
+// without reaping it. true when it ended.
+bool wait_exit(pid_t pid, int ms)
+{
+    int fd = ms < 0 ? -1 : static_cast<int>(syscall(SYS_pidfd_open, pid, 0));
+    if (fd >= 0) {
+        struct pollfd p = {fd, POLLIN, 0};
+        int n;
+        while ((n = poll(&p, 1, ms)) < 0 && errno == EINTR) {
+        }
+        close(fd);
+        if (n == 0)
+            return false;
+    }
+    // A kernel without pidfd_open is waited for without a bound.
+    siginfo_t info;
+    while (waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOWAIT) < 0) {
+        if (errno != EINTR)
+            return true;  // nothing to wait for: waitpid tells
+    }
+    return true;
+}
+
+// Ends a shell that ran past its time: TERM to its process group, then KILL.
+// false when even KILL does not end it (a process stuck in the kernel on a
+// disk that went away): it is left to a thread of its own that reaps it
+// whenever it ends.
+bool stop_overdue(pid_t pid, const char* line, int seconds)
+{
+    SLOGE("[%s, %d] ***E: '%s' still runs after %d s, stopped\n", line, seconds);
+    kill(-pid, SIGTERM);
+    if (wait_exit(pid, SHELL_TERM_GRACE_MS))
+        return true;
+    kill(-pid, SIGKILL);
+    if (wait_exit(pid, SHELL_KILL_GRACE_MS))
+        return true;
+    SLOGE("[%s, %d] ***E: '%s' does not end, left behind\n", line);
+    std::thread([pid] {
+        int status;
+        while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+        }
+    }).detach();
+    return false;
+}
+
 // Runs "/bin/sh -c line" and returns its wait status as system(3) does, -1
-// when the shell could not be started. posix_spawn starts the shell with
-// vfork semantics, so a service with a large address space does not pay for
-// copying its page tables on every command.
-int run_shell(const char* line)
+// when the shell could not be started or had to be left behind. The shell
+// leads a process group of its own, whose id stands in *pgid (may be null)
+// while it runs, so that everything it started can be signalled at once. It
+// gets seconds to end before it is stopped.
+// posix_spawn starts it with vfork semantics, so a service with a large
+// address space does not pay for copying its page tables on every command.
+int run_shell(const char* line, std::atomic<int>* pgid, int seconds)
 {
     char arg0[] = "sh";
     char arg1[] = "-c";
@@ -49,7 +100,8 @@ int run_shell(const char* line)
     sigaddset(&defaults, SIGPIPE);
     posix_spawnattr_setsigmask(&attr, &none);
     posix_spawnattr_setsigdefault(&attr, &defaults);
-    posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
+    posix_spawnattr_setpgroup(&attr, 0);
+    posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETPGROUP);
     // Standard input is /dev/null: no command ever waits for an answer (rm
     // asks before it removes a write-protected file when its input is a
     // terminal) and none reads what belongs to the hosting process.
@@ -64,6 +116,15 @@ int run_shell(const char* line)
         errno = err;
         return -1;
     }
+    if (pgid != nullptr)
+        pgid->store(pid);
+    bool ended = wait_exit(pid, seconds * 1000) || stop_overdue(pid, line, seconds);
+    // The group's id is given up while the ended shell still holds it, so
+    // that a late signal never reaches a group that reuses the number.
+    if (pgid != nullptr)
+        pgid->store(0);
+    if (!ended)
+        return -1;
     int status = 0;
     while (waitpid(pid, &status, 0) < 0) {
         if (errno != EINTR)
@@ -124,26 +185,62 @@ bool shell_line_fits(const char* format, ...)
     return line_length_fits(len);
 }
 
-int call_system(const char* format, ...)
+namespace {
+
+// call_system of a line already formatted into a va_list.
+int vcall_system(std::atomic<int>* pgid, int seconds, const char* format, va_list args)
 {
     char line[SHELL_LINE_MAX];
-    va_list args;
-    va_start(args, format);
     int len = vsnprintf(line, sizeof(line), format, args);
-    va_end(args);
     if (!line_length_fits(len)) {
         SLOGE("[%s, %d] buffer overflow\n");
         return -1;
     }
     // Every command line, at verbose level: what a run costs in processes,
     // and a replay of it, can be read off the log.
-    __android_log_print(ANDROID_LOG_VERBOSE, STORAGE_TAG_SERVICE, "[%s, %d] run: %s\n", __func__, __LINE__, line);
-    int rc = run_shell(line);
+    __android_log_print(ANDROID_LOG_VERBOSE, STORAGE_TAG_SERVICE, "[%s, %d] run: %s\n", "call_system", __LINE__,
+                        line);
+    int rc = run_shell(line, pgid, seconds);
     if (rc != 0)
         SLOGW("[%s, %d] system('%s'): rc=%d: %m\n", line, rc);
     // Folds the wait status into one byte: an exit code stays itself, a
     // terminating signal gives its number, a failed start (-1) gives 255.
     return ((rc >> 8) | rc) & 0xff;
+}
+
+}  // namespace
+
+int call_system(const char* format, ...)
+{
+    va_list args;
+    va_start(args, format);
+    int rc = vcall_system(nullptr, SHELL_WAIT_MAX_S, format, args);
+    va_end(args);
+    return rc;
+}
+
+int call_system_within(int seconds, const char* format, ...)
+{
+    va_list args;
+    va_start(args, format);
+    int rc = vcall_system(nullptr, seconds, format, args);
+    va_end(args);
+    return rc;
+}
+
+int call_system_job(SHELL_JOB* job, const char* format, ...)
+{
+    va_list args;
+    va_start(args, format);
+    int rc = vcall_system(job != nullptr ? &job->pgid : nullptr, SHELL_WAIT_MAX_S, format, args);
+    va_end(args);
+    return rc;
+}
+
+bool shell_job_kill(SHELL_JOB* job, int sig)
+{
+    int pgid = job != nullptr ? job->pgid.load() : 0;
+    return pgid > 0 && kill(-pgid, sig) == 0;
 }
 
 int buffer_read_from_file(char* buf, int size, const char* filename, ...)

@@ -3,11 +3,25 @@
 // The functions keep no state and may run on any thread at the same time.
 #pragma once
 
+#include <atomic>
+
 #define SHELL_LINE_MAX 512          // call_system's command line, terminator included
 #define SHELL_COMMAND_MAX 256       // commands whose output is read, and one output line
 #define SHELL_FILENAME_MAX 260      // file names of the file readers
 #define SHELL_ERR_BAD_ARGS (-22)
 #define SHELL_ERR_NO_LINE (-23)
+// No command runs for ever: one that still runs after SHELL_WAIT_MAX_S gets
+// TERM, SHELL_TERM_GRACE_MS later KILL, and SHELL_KILL_GRACE_MS after that
+// it is left behind (a process stuck in the kernel) and counts as failed.
+#define SHELL_WAIT_MAX_S 3600
+#define SHELL_TERM_GRACE_MS 3000
+#define SHELL_KILL_GRACE_MS 2000
+
+// A command that another thread may stop: the process group of its shell
+// while it runs, 0 before and after.
+typedef struct {
+    std::atomic<int> pgid{0};
+} SHELL_JOB;
 
 extern const char TEMP_FILE_TEMPLATE[20];
 
@@ -18,12 +32,23 @@ typedef int (*line_handler_t)(void* context, char* line);
 // Removes one trailing line feed. Returns the remaining length; 0 for null.
 int trim_eol(char* line);
 
-// Runs a command line through /bin/sh.
+// Runs a command line through /bin/sh, in a process group of its own, for
+// at most SHELL_WAIT_MAX_S.
 // < 0: -1, the line has 511 characters or more and nothing ran.
 //   0: the command exited with 0.
 // > 0: its exit code, the number of the signal that ended it, or 255 when
-//      the shell could not be started.
+//      the shell could not be started or did not end even on KILL.
 int call_system(const char* format, ...) __attribute__((format(printf, 1, 2)));
+
+// call_system that stops the command after seconds instead.
+int call_system_within(int seconds, const char* format, ...) __attribute__((format(printf, 2, 3)));
+
+// call_system that notes the command's process group in job while it runs.
+int call_system_job(SHELL_JOB* job, const char* format, ...) __attribute__((format(printf, 2, 3)));
+
+// Sends sig to the process group of job's command: the shell and all it
+// started. true when a command ran and took the signal.
+bool shell_job_kill(SHELL_JOB* job, int sig);
 
 // True when call_system would take the line of format and its arguments: an
 // operation of several lines checks them all before the first one changes

@@ -9,6 +9,7 @@
 #include <norvfw/FileUtils.h>
 
 #include "MountLines.h"
+#include "MountedVolumes.h"
 #include "MountTree.h"
 #include "ServiceHandlers.h"
 #include "ServiceLog.h"
@@ -85,6 +86,7 @@ int unmount_usb_devices_callback(void* context, char* line)
         int wasUmountSuccessful = call_system("umount -fl %s", strMountPoint);
         if (wasUmountSuccessful == 0) {
             ctx->num_unmounted++;
+            mounted_volume_remove(strMountPoint);
             utils::file::remove(strMountPoint);
             notify_unmount_to_observer(strMountPoint);
             return 0;

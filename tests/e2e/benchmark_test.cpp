@@ -1,6 +1,7 @@
 // The disk benchmark end to end on the simulated television: the real iozone
 // on an ext4 volume of a plugged stick, the progress and final events a
-// client sees, and a cancel in the middle of a run.
+// client sees, a cancel in the middle of a run, and a tool deaf to TERM
+// stopped by the unplugging of its disk.
 #include <gtest/gtest.h>
 
 #include "service_rig.h"
@@ -12,11 +13,23 @@ const char* kVolume = "/mnt/pvr/shared/sdb1";
 
 class Benchmark : public ServiceRig {
 protected:
-    void StartBenchmarkRig()
+    // prepare, when given, runs inside the television before the service.
+    void StartBenchmarkRig(const std::vector<std::string>& env = {}, const std::string& prepare = "")
     {
+        Result up = tv.Up("disk stick size=256M table=msdos plugged=no\n  part fs=ext4 label=B\n"
+                          "disk other size=64M table=msdos plugged=no\n  part fs=ext4 label=O\n");
+        ASSERT_TRUE(up.ok()) << up.Describe();
+        if (!prepare.empty()) {
+            ASSERT_TRUE(tv.Exec(prepare).ok()) << prepare;
+        }
         // Verbose: the log then holds every command line the service runs.
-        StartService("disk stick size=256M table=msdos plugged=no\n  part fs=ext4 label=B\n", {"stick"},
-                     {"LUM_LOG_LEVEL=v"});
+        std::vector<std::string> all{"LUM_LOG_LEVEL=v"};
+        all.insert(all.end(), env.begin(), env.end());
+        StartServiceOnly(all);
+        if (HasFatalFailure())
+            return;
+        ASSERT_TRUE(tv.Plug("stick").ok());
+        ASSERT_TRUE(WaitFor("LUM_TV_EVT_STORAGE_DEV_MOUNT_END"));
     }
     std::vector<std::string> BenchEvents() const { return Events("LUM_TV_EVT_STORAGE_DEV_BENCHMARK"); }
     static bool Running(const std::string& line) { return Has(line, "\"data\":{\"status\":8,"); }
@@ -124,6 +137,34 @@ TEST_F(Benchmark, CancelInTheMiddleStopsTheToolAndRemovesItsFiles)
     ASSERT_TRUE(Ctl({"get-storage-volumes"}).ok());
     ASSERT_TRUE(WaitFor("LUM_TV_EVT_STORAGE_GET_STORAGE_VOLUMES", answers + 1));
     EXPECT_EQ(BenchEvents().size(), before);
+}
+
+TEST_F(Benchmark, ToolDeafToTermIsKilledWhenItsDiskGoesAndTheNextDiskMounts)
+{
+    // In iozone's place a tool that ignores TERM (the real one ends on it),
+    // as one hung on a disk that went away does not answer it either.
+    StartBenchmarkRig({"PATH=/run/deaf:/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin"},
+                      "mkdir -p /run/deaf && printf '#!/bin/sh\\ntrap \"\" TERM\\necho \"Run began:\"\\n"
+                      "while :; do sleep 1; done\\n' > /run/deaf/iozone && chmod 755 /run/deaf/iozone");
+    if (HasFatalFailure())
+        return;
+    ASSERT_TRUE(Ctl({"dev-benchmark", kVolume}).ok());
+    ASSERT_TRUE(WaitFor("LUM_TV_EVT_STORAGE_DEV_BENCHMARK", 1, 120));
+    // The unmount run stops the benchmark while it holds the run lock.
+    auto start = std::chrono::steady_clock::now();
+    ASSERT_TRUE(tv.Unplug("stick").ok());
+    ASSERT_TRUE(WaitForEnd(60));
+    auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start);
+    std::cout << "[ figure   ] unplugging under a TERM-proof iozone to the benchmark's end: " << ms.count() << " ms\n";
+    EXPECT_TRUE(Has(BenchEvents().back(), "\"data\":{\"status\":1,\"progress\":100,\"speed\":0,\"processes\":3}"))
+        << BenchEvents().back();
+    EXPECT_TRUE(NoIozoneLeft());
+    std::string log = tv.Log("lumstoraged");
+    EXPECT_TRUE(Has(log, "iozone ignores TERM, killed")) << log;
+    // The run lock is free again: the next disk is mounted.
+    size_t ends = Events("LUM_TV_EVT_STORAGE_DEV_MOUNT_END").size();
+    ASSERT_TRUE(tv.Plug("other").ok());
+    EXPECT_TRUE(WaitFor("LUM_TV_EVT_STORAGE_DEV_MOUNT_END", ends + 1, 60));
 }
 
 }  // namespace

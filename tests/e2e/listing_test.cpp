@@ -100,8 +100,19 @@ TEST_F(Listing, SameFileOnExt4AndFatDiffersByTheLocalOffset)
     // an ext4 file's eight hours later.
     for (const char* vol : {kFat, kExt})
         ASSERT_TRUE(tv.Exec(std::string("touch -d @1715953500 ") + vol + "/same.txt").ok());
+    // The service mounted both volumes and knows their file systems: the
+    // listings ask no shell about them.
+    auto asked = [&] {
+        std::string log = tv.Log("lumstoraged");
+        size_t n = 0;
+        for (size_t at = 0; (at = log.find("run: mount | grep", at)) != std::string::npos; ++at)
+            ++n;
+        return n;
+    };
+    size_t before = asked();
     Result fat = Ls({std::string(kFat) + "/"});
     Result ext = Ls({std::string(kExt) + "/"});
+    EXPECT_EQ(asked(), before);
     ASSERT_TRUE(fat.ok()) << fat.Describe();
     ASSERT_TRUE(ext.ok()) << ext.Describe();
     std::string f = RecordOf(fat.out, "same.txt");

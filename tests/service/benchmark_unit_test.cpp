@@ -5,6 +5,9 @@
 // dispatcher. Expected payloads are written out byte by byte.
 #include <gtest/gtest.h>
 
+#include <chrono>
+#include <iostream>
+
 #include <cstdio>
 #include <cstring>
 #include <dirent.h>
@@ -257,15 +260,15 @@ protected:
     static void Hold() { write_file("/tmp/fake/iozone.hold", ""); }
     static void Release() { remove("/tmp/fake/iozone.hold"); }
     static bool Started() { return exists("/tmp/fake/iozone.started"); }
-    // Starts a benchmark of path with the tool held in its first stage;
-    // true once the tool runs.
+    static std::string Calls() { return read_file("/tmp/fake/iozone.calls"); }
+    // A benchmark of path whose tool has begun and waits, held.
     static bool StartHeld(const char* path)
     {
+        write_file("/tmp/fake/iozone.out", "Run began:\n");
         Hold();
         dispatch(SIG_ID_STORAGE_BENCHMARK, path);
         return eventually(Started);
     }
-    static std::string Calls() { return read_file("/tmp/fake/iozone.calls"); }
     bool WaitEnd(EventCapture& events, size_t count = 1)
     {
         return eventually([&] {
@@ -347,7 +350,9 @@ TEST_F(BenchmarkRun, EmptyOutputEndsThePollingAndTheThreadStillEnds)
 {
     EventCapture events;
     write_file("/tmp/fake/iozone.out", "");
-    ASSERT_TRUE(StartHeld("/mnt/pvr/shared/sdq1"));
+    Hold();
+    dispatch(SIG_ID_STORAGE_BENCHMARK, "/mnt/pvr/shared/sdq1");
+    ASSERT_TRUE(eventually(Started));
     Tick();
     EXPECT_TRUE(benchmark_payloads(events.events()).empty());
     EXPECT_FALSE(service().TosvBenchmarkProgress.IsRunning()) << "polling must end on an empty file";
@@ -360,7 +365,6 @@ TEST_F(BenchmarkRun, CancelInTheMiddleStopsTheToolRemovesTheFilesAndSendsOneEnd)
 {
     EventCapture events;
     LogCapture log;
-    write_file("/tmp/fake/iozone.out", "Run began:\n");
     ASSERT_TRUE(StartHeld("/tmp/vol"));
     for (const char* f : {"/tmp/vol/iozone1.tmp", "/tmp/vol/iozone2.tmp", "/tmp/vol/iozone3.tmp", "/tmp/vol/keep"})
         write_file(f, "x");
@@ -389,10 +393,33 @@ TEST_F(BenchmarkRun, CancelInTheMiddleStopsTheToolRemovesTheFilesAndSendsOneEnd)
     EXPECT_EQ(benchmark_payloads(events.events()).size(), 2u);
 }
 
+TEST_F(BenchmarkRun, ToolThatIgnoresTermIsKilledWithItsShellAndAMountRunGoesOn)
+{
+    // The fake gives in to TERM only once allowed: here never. The volume's
+    // unmount run stops it, as it holds the run lock, and must come back.
+    EventCapture events;
+    LogCapture log;
+    ASSERT_TRUE(StartHeld("/tmp/vol"));
+    auto start = std::chrono::steady_clock::now();
+    EXPECT_TRUE(service().StopBenchmarkOn("/tmp/vol"));
+    auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start);
+    std::cout << "[ figure   ] cancel of a TERM-proof tool took " << ms.count() << " ms\n";
+    EXPECT_TRUE(log.has("iozone ignores TERM, killed"));
+    EXPECT_FALSE(log.has("left behind"));
+    EXPECT_EQ(benchmark_threads_alive(), 0);
+    EXPECT_FALSE(benchmark_running());
+    EXPECT_TRUE(eventually([] { return !iozone_process_left(); }));
+    EXPECT_EQ(benchmark_payloads(events.events()), (std::vector<Bytes>{kCancelled}));
+    // The service takes the next benchmark as usual.
+    Release();
+    write_file("/tmp/fake/iozone.out", kOutput);
+    dispatch(SIG_ID_STORAGE_BENCHMARK, "/tmp/vol");
+    EXPECT_TRUE(WaitEnd(events, 2));
+}
+
 TEST_F(BenchmarkRun, VolumeGoingAwayStopsOnlyItsOwnBenchmarkAndOneCancelJoinsTheThread)
 {
     EventCapture events;
-    write_file("/tmp/fake/iozone.out", "Run began:\n");
     mkdir("/tmp/vol/sub", 0755);
     ASSERT_TRUE(StartHeld("/tmp/vol/sub"));
     write_file("/tmp/vol/sub/iozone1.tmp", "x");
@@ -433,7 +460,9 @@ TEST_F(BenchmarkRun, SecondStartWhileOneRunsIsRefusedAndTheFirstGoesOn)
 {
     EventCapture events;
     LogCapture log;
-    ASSERT_TRUE(StartHeld("/mnt/pvr/shared/sdq1"));
+    Hold();
+    dispatch(SIG_ID_STORAGE_BENCHMARK, "/mnt/pvr/shared/sdq1");
+    ASSERT_TRUE(eventually(Started));
     dispatch(SIG_ID_STORAGE_BENCHMARK, "/mnt/pvr/shared/sdr1");
     EXPECT_TRUE(log.has("benchmark of /mnt/pvr/shared/sdq1 is running, /mnt/pvr/shared/sdr1 not measured"));
     EXPECT_TRUE(benchmark_payloads(events.events()).empty());
@@ -460,7 +489,9 @@ TEST_F(BenchmarkRun, PathThatIsNoPlainWordIsRefusedWithoutAThread)
 TEST_F(BenchmarkRun, ForgedTickDoesNothing)
 {
     EventCapture events;
-    ASSERT_TRUE(StartHeld("/mnt/pvr/shared/sdq1"));
+    Hold();
+    dispatch(SIG_ID_STORAGE_BENCHMARK, "/mnt/pvr/shared/sdq1");
+    ASSERT_TRUE(eventually(Started));
     dispatch(SIG_ID_STORAGE_BENCHMARK_PROGRESS);
     EXPECT_EQ(benchmark_progress(), 0);
     EXPECT_EQ(benchmark_ticks(), 0ul);
@@ -473,7 +504,6 @@ TEST_F(BenchmarkRun, TickLimitCancelsTheBenchmark)
 {
     EventCapture events;
     LogCapture log;
-    write_file("/tmp/fake/iozone.out", "Run began:\n");
     ASSERT_TRUE(StartHeld("/tmp/vol"));
     for (int i = 0; i < BENCHMARK_MAX_TICKS; ++i)
         Tick();

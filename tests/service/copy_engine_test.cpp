@@ -1,12 +1,11 @@
-// CopyFile, CopyDir and the tree walk under them, with the real cp behind a
-// noting wrapper, on the private /tmp and on small tmpfs mounts.
+// CopyFile, CopyDir and the tree walk under them, on the private /tmp and on
+// small tmpfs mounts.
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "ShellQuote.h"
 #include "copy_fixture.h"
 
 namespace copy_test {
@@ -31,7 +30,7 @@ TEST_F(CopyFileTest, CopiesContentModeAndTimes)
 
 TEST_F(CopyFileTest, IntoAFolderTheCopyKeepsModeAndTheFolderItsOwn)
 {
-    // cp puts the copy inside the folder; mode and times belong to that copy,
+    // As with cp, the copy goes inside the folder; mode and times belong to that copy,
     // never to the folder (a read-only source would protect the folder).
     write_file(kWork + "/a.ts", "recording", 0444);
     make_dirs(kWork + "/dir");
@@ -50,80 +49,50 @@ TEST_F(CopyFileTest, IntoAFolderTheCopyKeepsModeAndTheFolderItsOwn)
     chmod((kWork + "/dir3/a.ts").c_str(), 0644);
 }
 
-TEST_F(CopyFileTest, DestinationThatKeepsNoModeStillTakesTheCopy)
-{
-    // GNU cp onto a FAT volume: the bytes arrive, keeping the mode fails,
-    // and with -p that fails the copy (status 1).
-    write_file(std::string(kFakeDir) + "/cp",
-               "#!/bin/sh\n"
-               "for a; do case $a in -p|--preserve*) keep=1;; esac; done\n"
-               "eval \"src=\\${$(($# - 1))}\"; eval \"dst=\\${$#}\"\n"
-               "/bin/cp \"$src\" \"$dst\" || exit 1\n"
-               "[ -z \"$keep\" ]\n",
-               0755);
-    write_file(kWork + "/a.ts", "recording");
-    EXPECT_EQ(CopyFile((kWork + "/a.ts").c_str(), (kWork + "/b.ts").c_str()), 0);
-    EXPECT_EQ(read_file(kWork + "/b.ts"), "recording");
-}
-
-TEST_F(CopyFileTest, ProtectedDestinationGives13AndNoCommandRuns)
+TEST_F(CopyFileTest, ProtectedDestinationGives13AndIsNotTouched)
 {
     write_file(kWork + "/src", "new");
     write_file(kWork + "/dst", "old", 0444);
     EXPECT_EQ(CopyFile((kWork + "/src").c_str(), (kWork + "/dst").c_str()), 13);
     EXPECT_EQ(read_file(kWork + "/dst"), "old");
     EXPECT_EQ(mode_of(kWork + "/dst"), 0444u);
-    EXPECT_TRUE(Calls().empty());
 }
 
-TEST_F(CopyFileTest, FailingCpGivesItsStatusAndALog)
+TEST_F(CopyFileTest, FailedCopiesGiveOneALogAndLeaveNothing)
 {
-    LogCapture log;
-    EXPECT_EQ(CopyFile((kWork + "/missing").c_str(), (kWork + "/dst").c_str()), 1);
-    EXPECT_FALSE(exists(kWork + "/dst"));
-    EXPECT_TRUE(log.has("-- rc=1: "));
-    CpExits(8);
     write_file(kWork + "/src", "x");
-    EXPECT_EQ(CopyFile((kWork + "/src").c_str(), (kWork + "/dst").c_str()), 8);
+    make_dirs(kWork + "/folder");
+    struct Case {
+        std::string src, dst;
+    };
+    for (const Case& c : {Case{"/missing", "/dst"}, Case{"/folder", "/dst"}, Case{"/src", "/nowhere/dst"}}) {
+        LogCapture log;
+        EXPECT_EQ(CopyFile((kWork + c.src).c_str(), (kWork + c.dst).c_str()), 1) << c.src;
+        EXPECT_FALSE(exists(kWork + c.dst)) << c.src;
+        EXPECT_TRUE(log.has("-- rc=1: ")) << c.src;
+    }
+    // A copy onto the source itself, also by way of its folder, would empty it.
+    EXPECT_EQ(CopyFile((kWork + "/src").c_str(), (kWork + "/src").c_str()), 1);
+    EXPECT_EQ(CopyFile((kWork + "/src").c_str(), kWork.c_str()), 1);
+    EXPECT_EQ(read_file(kWork + "/src"), "x");
 }
 
-TEST_F(CopyFileTest, LineThatDoesNotFitIsAFailedCopyAndRunsNothing)
-{
-    // Each path alone fits, the command line with both does not.
-    std::string dir = kWork + "/" + std::string(200, 'd');
-    make_dirs(dir);
-    std::string src = dir + "/" + std::string(50, 's');
-    write_file(src, "x");
-    std::string dst = dir + "/" + std::string(50, 't');
-    EXPECT_EQ(CopyFile(src.c_str(), dst.c_str()), 255);
-    EXPECT_FALSE(exists(dst));
-    EXPECT_TRUE(Calls().empty());
-    // Quoting doubles a '"': a line that fits only unescaped fails the same way.
-    std::string quotes = kWork + "/" + std::string(240, '"');
-    write_file(quotes, "q");
-    EXPECT_EQ(CopyFile(quotes.c_str(), (kWork + "/q").c_str()), 255);
-    EXPECT_FALSE(exists(kWork + "/q"));
-}
-
-TEST_F(CopyFileTest, FullFileSystemGivesENOSPC)
+TEST_F(CopyFileTest, FullFileSystemGivesENOSPCAndLeavesNoHalfFile)
 {
     REQUIRE_MOUNT(kWork + "/full", "64k");
     write_file(kWork + "/big", std::string(200000, 'b'));
     EXPECT_EQ(CopyFile((kWork + "/big").c_str(), (kWork + "/full/big").c_str()), ENOSPC);
-    // What the real cp says about it: exit status 1, the partial file stays.
-    EXPECT_EQ(system(("/bin/cp -p " + kWork + "/big " + kWork + "/full/big2 2>/dev/null").c_str()) >> 8, 1);
-    // A small file still fits; a cp that fails for another reason keeps its status.
-    write_file(kWork + "/small", "s");
-    unlink((kWork + "/full/big").c_str());
-    unlink((kWork + "/full/big2").c_str());
+    EXPECT_FALSE(exists(kWork + "/full/big"));
+    // The room the failed copy took is free again: a file that fits is copied.
+    write_file(kWork + "/small", std::string(30000, 's'));
     EXPECT_EQ(CopyFile((kWork + "/small").c_str(), (kWork + "/full/small").c_str()), 0);
-    EXPECT_EQ(CopyFile((kWork + "/nothing").c_str(), (kWork + "/full/nothing").c_str()), 1);
+    EXPECT_EQ(read_file(kWork + "/full/small"), std::string(30000, 's'));
 }
 
 TEST_F(CopyFileTest, RelativePathsAreRefusedAndNeverOptions)
 {
     // A relative client path would name a file in whatever working directory
-    // the process has, and "-t" would reach cp as an option.
+    // the process has.
     char cwd[4096];
     ASSERT_NE(getcwd(cwd, sizeof(cwd)), nullptr);
     ASSERT_EQ(chdir(kWork.c_str()), 0);
@@ -136,23 +105,6 @@ TEST_F(CopyFileTest, RelativePathsAreRefusedAndNeverOptions)
     EXPECT_TRUE(log.has("path '-n' is not absolute, nothing run"));
     EXPECT_EQ(CopyFile((kWork + "/-n").c_str(), (kWork + "/-t").c_str()), 0);
     EXPECT_EQ(read_file(kWork + "/-t"), "dash");
-}
-
-TEST_F(CopyFileTest, RefusedPathIsNeverTakenForAFullDisk)
-{
-    // Nothing ran, so the room where the process happens to be (here a full
-    // volume) must not turn the refusal into an out-of-space answer.
-    REQUIRE_MOUNT(kWork + "/full", "64k");
-    write_file(kWork + "/big", std::string(200000, 'b'));
-    char cwd[4096];
-    ASSERT_NE(getcwd(cwd, sizeof(cwd)), nullptr);
-    ASSERT_EQ(chdir((kWork + "/full").c_str()), 0);
-    int relative = CopyFile((kWork + "/big").c_str(), "big");
-    int empty = CopyFile((kWork + "/big").c_str(), "");
-    ASSERT_EQ(chdir(cwd), 0);
-    EXPECT_EQ(relative, 255);
-    EXPECT_EQ(empty, 255);
-    EXPECT_TRUE(Calls().empty());
 }
 
 // A tree with nested folders, an empty one, a link and a FIFO.
@@ -177,7 +129,6 @@ TEST_F(CopyDirTest, CopiesFilesAndFoldersButNoLinksOrFifos)
     EXPECT_TRUE(exists(kWork + "/dst/empty"));
     EXPECT_FALSE(exists(kWork + "/dst/link"));
     EXPECT_FALSE(exists(kWork + "/dst/fifo"));
-    EXPECT_EQ(Calls().size(), 3u);  // one cp per regular file
 }
 
 TEST_F(CopyDirTest, PathsWithoutTheirSlashJoinTheSameWay)
@@ -197,7 +148,6 @@ TEST_F(CopyDirTest, ExistingDestinationGivesMinusOneBeforeAnythingIsTouched)
     EXPECT_EQ(CopyDir((kWork + "/src/").c_str(), (kWork + "/dst/").c_str()), -1);
     EXPECT_EQ(read_file(kWork + "/dst/top.txt"), "mine");
     EXPECT_FALSE(exists(kWork + "/dst/sub"));
-    EXPECT_TRUE(Calls().empty());
     EXPECT_TRUE(log.has("mkdir " + kWork + "/dst/ failed. errno: (File exists)"));
 }
 
@@ -234,7 +184,6 @@ TEST_F(CopyDirTest, RelativeRootsAreRefusedBeforeAnythingIsMade)
     EXPECT_EQ(relDst, -1);
     EXPECT_EQ(empty, -1);
     EXPECT_FALSE(exists(kWork + "/dst"));
-    EXPECT_TRUE(Calls().empty());
 }
 
 TEST_F(CopyDirTest, DestinationInsideTheSourceIsRefusedAlsoThroughALinkOrASecondMount)
@@ -250,7 +199,6 @@ TEST_F(CopyDirTest, DestinationInsideTheSourceIsRefusedAlsoThroughALinkOrASecond
         EXPECT_EQ(CopyDir((kWork + "/src/").c_str(), (kWork + "/bind/sub/copy").c_str()), -1);
         EXPECT_FALSE(exists(kWork + "/src/sub/copy"));
     }
-    EXPECT_TRUE(Calls().empty());
     // Beside the source is fine.
     EXPECT_EQ(CopyDir((kWork + "/src/sub/").c_str(), (kWork + "/src/sub2").c_str()), 0);
 }
@@ -264,18 +212,16 @@ TEST_F(CopyDirTest, DestinationPathThatDoesNotFitStopsTheWalkInsteadOfBeingCut)
     LogCapture log;
     EXPECT_EQ(CopyDir((kWork + "/src/").c_str(), dst.c_str()), ENAMETOOLONG);
     EXPECT_TRUE(log.has("destination path for"));
-    EXPECT_TRUE(Calls().empty());
 }
 
-TEST_F(CopyDirTest, FailedFileStopsTheWalkAndKeepsWhatWasCopied)
+TEST_F(CopyDirTest, FileThatDoesNotFitStopsTheWalkWithENOSPCAndIsRemoved)
 {
-    make_dirs(kWork + "/src");
-    for (int i = 0; i < 6; ++i)
-        write_file(kWork + "/src/f" + std::to_string(i), "x");
-    CpExits(4);
-    EXPECT_EQ(CopyDir((kWork + "/src/").c_str(), (kWork + "/dst/").c_str()), 4);
-    EXPECT_EQ(Calls().size(), 1u);  // nothing behind the first failure is tried
-    EXPECT_TRUE(exists(kWork + "/dst"));
+    REQUIRE_MOUNT(kWork + "/full", "64k");
+    make_dirs(kWork + "/src/sub");
+    write_file(kWork + "/src/sub/big", std::string(200000, 'b'));
+    EXPECT_EQ(CopyDir((kWork + "/src/").c_str(), (kWork + "/full/dst/").c_str()), ENOSPC);
+    EXPECT_TRUE(exists(kWork + "/full/dst/sub"));
+    EXPECT_FALSE(exists(kWork + "/full/dst/sub/big"));
 }
 
 struct Visit {

@@ -1,8 +1,7 @@
 // What the copy and move tests share: a work folder in the private /tmp, a
-// cp first on PATH that notes each source it is given (the word before the
-// last) and can be held or made to fail before it runs the real cp, small
-// tmpfs mounts as other file systems, and waiting for the end of a copy
-// thread.
+// FIFO whose bytes the test gives out to hold a copy in the middle of a
+// file, small tmpfs mounts as other file systems, and waiting for the end of
+// a copy thread.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -10,6 +9,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <fcntl.h>
 #include <fstream>
 #include <iterator>
 #include <sstream>
@@ -29,7 +29,6 @@ namespace copy_test {
 using Bytes = std::vector<unsigned char>;
 
 const std::string kWork = "/tmp/cpw";
-const char kFakeDir[] = "/tmp/cpfake";
 
 inline void write_file(const std::string& path, const std::string& text, mode_t mode = 0644)
 {
@@ -89,29 +88,15 @@ protected:
         if (!g_isolated)
             GTEST_SKIP() << "SKIPPED: needs a private /tmp (and root or a user namespace for the mounts)";
         ASSERT_TRUE(eventually([] { return !copy_running() && copy_threads_alive() == 0; }));
-        ASSERT_EQ(system(("rm -rf " + kWork + " " + kFakeDir + " && mkdir -p " + kWork + " " + kFakeDir).c_str()),
-                  0);
-        write_file(std::string(kFakeDir) + "/cp",
-                   "#!/bin/sh\n"
-                   "eval \"src=\\${$(($# - 1))}\"\n"
-                   "echo \"$src\" >> /tmp/cpfake/calls\n"
-                   "i=0\n"
-                   "while [ -e /tmp/cpfake/hold ] && [ $i -lt 1500 ]; do sleep 0.02; i=$((i+1)); done\n"
-                   "[ -e /tmp/cpfake/rc ] && exit $(cat /tmp/cpfake/rc)\n"
-                   "exec /bin/cp \"$@\"\n",
-                   0755);
-        oldPath = getenv("PATH");
-        setenv("PATH", (std::string(kFakeDir) + ":" + oldPath).c_str(), 1);
+        ASSERT_EQ(system(("rm -rf " + kWork + " && mkdir -p " + kWork).c_str()), 0);
     }
     void TearDown() override
     {
-        Release();
+        CloseFeed();
         eventually([] { return !copy_running() && copy_threads_alive() == 0; });
         for (auto it = mounts.rbegin(); it != mounts.rend(); ++it)
             umount2(it->c_str(), MNT_DETACH);
         mounts.clear();
-        if (!oldPath.empty())
-            setenv("PATH", oldPath.c_str(), 1);
     }
     // A tmpfs of size bytes on dir, another file system than /tmp. false
     // when it cannot be mounted (the test then skips).
@@ -123,17 +108,20 @@ protected:
         mounts.push_back(dir);
         return true;
     }
-    static void Hold() { write_file(std::string(kFakeDir) + "/hold", ""); }
-    static void Release() { unlink((std::string(kFakeDir) + "/hold").c_str()); }
-    static void CpExits(int rc) { write_file(std::string(kFakeDir) + "/rc", std::to_string(rc)); }
-    // The sources cp was given, one a line.
-    static std::vector<std::string> Calls()
+    // A FIFO at path with its write end held by the test: a copy of it
+    // waits for each Feed and sees the end of the file at CloseFeed.
+    void OpenFeed(const std::string& path)
     {
-        std::istringstream in(read_file(std::string(kFakeDir) + "/calls"));
-        std::vector<std::string> out;
-        for (std::string line; std::getline(in, line);)
-            out.push_back(line);
-        return out;
+        ASSERT_EQ(mkfifo(path.c_str(), 0644), 0);
+        feed = open(path.c_str(), O_RDWR | O_CLOEXEC);
+        ASSERT_GE(feed, 0);
+    }
+    void Feed(const std::string& bytes) { ASSERT_EQ(write(feed, bytes.data(), bytes.size()), ssize_t(bytes.size())); }
+    void CloseFeed()
+    {
+        if (feed >= 0)
+            close(feed);
+        feed = -1;
     }
     // Waits until count copy events have come and the copy thread is gone.
     static bool WaitCopyEnd(EventCapture& events, size_t count = 1)
@@ -148,7 +136,7 @@ protected:
         theStorageManagerService.Copy(req.data(), static_cast<int>(req.size()));
     }
 
-    std::string oldPath;
+    int feed = -1;
     std::vector<std::string> mounts;
 };
 
