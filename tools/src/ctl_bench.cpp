@@ -95,7 +95,7 @@ int run_cancel(const CtlContext& ctx, int argc, char** argv)
     if (rc != kExitOk)
         return rc;
     if (device_context(ctx, call).json)
-        fprintf(ctx.out, "{\"cancel\":true}\n");
+        print_json(ctx.out, Json{{"cancel", true}});
     else
         fprintf(ctx.out, "cancel requested\n");
     return kExitOk;

@@ -49,7 +49,7 @@ struct RunPrinter {
         ++seen;
         if (ctx.json) {
             Decoded d = decode_event(event.id, event.data.data(), event.data.size());
-            fprintf(ctx.out, "{\"%s\":%s}\n", kind.verb, fields_json(d).c_str());
+            print_json(ctx.out, Json{{kind.verb, fields_json(d)}});
         } else {
             fprintf(ctx.out, "%s\n", kind.item_text(event).c_str());
         }
@@ -62,8 +62,7 @@ struct RunPrinter {
         if (event.data.size() >= sizeof(count))
             memcpy(&count, event.data.data(), sizeof(count));
         if (ctx.json)
-            fprintf(ctx.out, "{\"device\":%s,\"%s\":%d}\n", json_string(device.data(), device.size()).c_str(),
-                    kind.verb, count);
+            print_json(ctx.out, Json{{"device", device}, {kind.verb, count}});
         else
             fprintf(ctx.out, "%s: %s %s\n", printable(device).c_str(), count_of(count, "volume").c_str(),
                     kind.verb);

@@ -8,7 +8,6 @@
 
 #include "ctl_pvr.h"
 #include "format_follow.h"
-#include "json_line.h"
 #include "lumctl/volume_table.h"
 
 namespace lumctl {
@@ -42,9 +41,8 @@ struct Marking {
     {
         std::string text = printable(disk) + (marked ? ": marked as the PVR disk" : ": not marked: ") +
                            (marked ? "" : std::string(verdict_name(verdict)) + " (" + std::to_string(verdict) + ")");
-        JsonLine json;
-        json.str("disk", disk).flag("marked", marked).num("verdict", verdict).str("name", verdict_name(verdict));
-        fprintf(ctx.out, "%s\n", ctx.json ? json.done().c_str() : text.c_str());
+        print_line(ctx, text,
+                   Json{{"disk", disk}, {"marked", marked}, {"verdict", verdict}, {"name", verdict_name(verdict)}});
         fflush(ctx.out);
     }
 };

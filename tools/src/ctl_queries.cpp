@@ -35,11 +35,6 @@ bool size_answer(const std::vector<uint8_t>& data, uint32_t* mb, std::string* na
     return true;
 }
 
-std::string json_text(const std::string& text)
-{
-    return json_string(text.data(), text.size());
-}
-
 std::string mb_text(long long mb, const char* what)
 {
     std::string human = mb >= 0 ? human_mb(static_cast<uint64_t>(mb)) + what + " " : "";
@@ -54,7 +49,7 @@ int print_size_as(const CtlContext& ctx, const std::vector<uint8_t>& data, const
     if (!size_answer(data, &mb, &name))
         return protocol_error(ctx, "malformed size answer");
     if (ctx.json)
-        fprintf(ctx.out, "{\"device\":%s,\"%s\":%u}\n", json_text(name).c_str(), key, mb);
+        print_json(ctx.out, Json{{"device", name}, {key, mb}});
     else
         fprintf(ctx.out, "%s: %s\n", printable(name).c_str(), mb_text(mb, what).c_str());
     return kExitOk;
@@ -77,7 +72,7 @@ int print_free(const CtlContext& ctx, const std::string& uuid, const std::vector
         return protocol_error(ctx, "malformed free-space answer");
     memcpy(&mb, data.data(), sizeof(mb));
     if (ctx.json)
-        fprintf(ctx.out, "{\"uuid\":%s,\"freeMB\":%d}\n", json_text(uuid).c_str(), mb);
+        print_json(ctx.out, Json{{"uuid", uuid}, {"freeMB", mb}});
     else
         fprintf(ctx.out, "%s: %s\n", printable(uuid).c_str(), mb_text(mb, " free").c_str());
     return kExitOk;
@@ -88,7 +83,7 @@ int print_uuid(const CtlContext& ctx, const std::string& path, const std::vector
     std::string uuid(data.begin(), data.end());
     uuid.resize(strnlen(uuid.c_str(), uuid.size()));
     if (ctx.json)
-        fprintf(ctx.out, "{\"path\":%s,\"uuid\":%s}\n", json_text(path).c_str(), json_text(uuid).c_str());
+        print_json(ctx.out, Json{{"path", path}, {"uuid", uuid}});
     else
         fprintf(ctx.out, "%s: %s\n", printable(path).c_str(), printable(uuid).c_str());
     return kExitOk;

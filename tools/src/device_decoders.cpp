@@ -20,32 +20,24 @@ std::string cut(const char* text, size_t size) { return std::string(text, strnle
 
 // Builds one JSON object and its one-line text from name/value pairs.
 struct Object {
-    std::string json = "{";
+    Json json = Json::object();
     std::string text;
     void str(const char* name, const std::string& value)
     {
-        sep();
-        json += json_string(name, strlen(name)) + ":" + json_string(value.data(), value.size());
+        json[name] = value;
         text += std::string(text.empty() ? "" : " ") + name + "=" + quoted(value.data(), value.size());
     }
     void num(const char* name, long long value)
     {
-        sep();
-        json += json_string(name, strlen(name)) + ":" + std::to_string(value);
+        json[name] = value;
         text += std::string(text.empty() ? "" : " ") + name + "=" + std::to_string(value);
     }
-    void sep()
-    {
-        if (json.size() > 1)
-            json += ",";
-    }
-    std::string done() const { return json + "}"; }
 };
 
 // Appends an object to a field holding a JSON array, text one line each.
 void append(Field* field, const Object& obj)
 {
-    field->json = field->json.empty() ? "[" + obj.done() + "]" : field->json.substr(0, field->json.size() - 1) + "," + obj.done() + "]";
+    field->json.push_back(obj.json);
     field->text += (field->text.empty() ? "" : "\n  ") + obj.text;
 }
 
@@ -144,7 +136,7 @@ size_t decode_uuid(const uint8_t* data, size_t len, Decoded* out)
 
 size_t decode_tagged_table(const uint8_t* data, size_t len, Decoded* out)
 {
-    Field devices{"devices", "", ""};
+    Field devices{"devices", "", Json::array()};
     size_t at = len > 0 ? 1 : 0;  // the leading zero byte
     auto one = [&devices](uint32_t tag, const uint8_t* v, size_t clen) {
         Object obj;
@@ -156,15 +148,13 @@ size_t decode_tagged_table(const uint8_t* data, size_t len, Decoded* out)
     };
     if (len > 0)
         at += walk_elements(data + at, len - at, one);
-    if (devices.json.empty())
-        devices.json = "[]";
     out->fields.push_back(devices);
     return at;
 }
 
 size_t decode_device_rows(const uint8_t* data, size_t len, Decoded* out)
 {
-    Field rows{"rows", "", ""};
+    Field rows{"rows", "", Json::array()};
     size_t at = 0;
     for (; at + sizeof(SConnectedDevice) <= len; at += sizeof(SConnectedDevice)) {
         SConnectedDevice row;
@@ -183,8 +173,6 @@ size_t decode_device_rows(const uint8_t* data, size_t len, Decoded* out)
         obj.num("devId", static_cast<long long>(row.devId));
         append(&rows, obj);
     }
-    if (rows.json.empty())
-        rows.json = "[]";
     out->fields.push_back(rows);
     return at;
 }
@@ -198,7 +186,7 @@ size_t decode_dev_info(const uint8_t* data, size_t len, Decoded* out)
     if (len > 1 && !decode_elements(data + 1, len - 1, &obj))
         return 1;
     if (len > 1)
-        out->fields.push_back(Field{"device", obj.text, obj.done()});
+        out->fields.push_back(Field{"device", obj.text, obj.json});
     return len;
 }
 

@@ -8,7 +8,6 @@
 #include <StorageFormatInfo.h>
 
 #include "ctl_device.h"
-#include "json_line.h"
 #include "lumctl/event_decoders.h"
 #include "lumctl/volume_table.h"
 
@@ -25,9 +24,11 @@ uint32_t be32(const uint8_t* p)
 }
 
 // {"step":step,...the event's fields}
-std::string step_json(const char* step, const CtlEvent& event)
+Json step_json(const char* step, const CtlEvent& event)
 {
-    return JsonLine().str("step", step).fields(decode_event(event.id, event.data.data(), event.data.size())).done();
+    Json json = {{"step", step}};
+    json.update(fields_json(decode_event(event.id, event.data.data(), event.data.size())));
+    return json;
 }
 
 bool before(Phase a, Phase b) { return static_cast<int>(a) < static_cast<int>(b); }
@@ -37,7 +38,7 @@ void enter(FormatFollower* f, Phase phase, const char* word)
     if (!before(f->phase, phase))
         return;
     f->phase = phase;
-    f->say(word, JsonLine().str("step", word).done());
+    f->say(word, Json{{"step", word}});
 }
 
 std::string path_text(const CtlEvent& event)
@@ -145,18 +146,17 @@ EventStep finish(FormatFollower* f, int32_t result, const std::string& reason)
 {
     f->phase = Phase::kEnded;
     f->ok = result == 0;
-    JsonLine json;
-    json.str("step", "result").str("volume", f->volume).flag("ok", f->ok).num("result", result);
+    Json json = {{"step", "result"}, {"volume", f->volume}, {"ok", f->ok}, {"result", result}};
     std::string text = f->ok ? "result: ok" : "result: failed";
     if (f->ok && f->size_mb >= 0) {
-        json.num("sizeMB", f->size_mb);
+        json["sizeMB"] = f->size_mb;
         text += ", " + human_mb(static_cast<uint64_t>(f->size_mb)) + " (" + std::to_string(f->size_mb) + " MB)";
     }
     if (!reason.empty()) {
-        json.str("reason", reason);
+        json["reason"] = reason;
         text += " (" + reason + ")";
     }
-    f->say(text, json.done());
+    f->say(text, json);
     return EventStep::kDone;
 }
 
@@ -226,10 +226,10 @@ std::string FormatFollower::waiting() const
            kPhaseNames[static_cast<int>(phase)] + ")";
 }
 
-void FormatFollower::say(const std::string& text, const std::string& json) const
+void FormatFollower::say(const std::string& text, const Json& json) const
 {
     if (ctx.json)
-        fprintf(ctx.out, "%s\n", json.c_str());
+        print_json(ctx.out, json);
     else if (!text.empty())
         fprintf(ctx.out, "%s\n", text.c_str());
     fflush(ctx.out);

@@ -4,15 +4,21 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
 #include <string>
 #include <vector>
 
+#include <nlohmann/json.hpp>
+
 namespace lumctl {
+
+// Members stay in the order they were added, which is the order printed.
+using Json = nlohmann::ordered_json;
 
 struct Field {
     std::string name;
     std::string text;  // for people
-    std::string json;  // a JSON value
+    Json json;         // the same value for programs
 };
 
 struct Decoded {
@@ -34,13 +40,19 @@ std::string hex_spaced(const uint8_t* data, size_t len, size_t max_bytes);
 std::string hex_dump(const uint8_t* data, size_t len);
 // "0102ff".
 std::string hex_compact(const uint8_t* data, size_t len);
-// A JSON string literal; bytes that are not valid UTF-8 become \\u00XX.
-std::string json_string(const char* text, size_t len);
 // A C-style quoted string: printable ASCII and valid UTF-8 as they are, the
 // rest as \\xNN.
 std::string quoted(const char* text, size_t len);
 
 // {"name":value,...}
-std::string fields_json(const Decoded& decoded);
+Json fields_json(const Decoded& decoded);
+
+// value on one line. A string member that is not valid UTF-8 is printed with
+// U+FFFD for each bad byte and gets a member NAMEHex beside it holding all of
+// its bytes in hex, so names from a volume come out whole and a valid name is
+// never confused with a damaged one.
+std::string json_line(Json value);
+// json_line(value) and a newline on out.
+void print_json(FILE* out, const Json& value);
 
 }  // namespace lumctl
