@@ -99,9 +99,10 @@ int print_devinfo(const CtlContext& ctx, const std::string& name, const std::vec
                 printable(name).c_str());
         return kExitNo;
     }
-    VolumeEntry entry;
-    if (!parse_volume_elements(data.data() + 1, data.size() - 1, &entry))
+    // A status byte alone is an empty list; otherwise the list is "device".
+    if (data.size() > 1 && decoded.fields.size() < 2)
         return protocol_error(ctx, "devinfo " + name + ": malformed device information");
+    VolumeEntry entry = volume_entry(data.size() > 1 ? decoded.fields[1].json : Json::object());
     return ctx.json ? kExitOk : print_devinfo_text(ctx, name, entry);
 }
 

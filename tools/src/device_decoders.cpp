@@ -18,22 +18,6 @@ uint32_t be32(const uint8_t* p)
 
 std::string cut(const char* text, size_t size) { return std::string(text, strnlen(text, size)); }
 
-// Builds one JSON object and its one-line text from name/value pairs.
-struct Object {
-    Json json = Json::object();
-    std::string text;
-    void str(const char* name, const std::string& value)
-    {
-        json[name] = value;
-        text += std::string(text.empty() ? "" : " ") + name + "=" + quoted(value.data(), value.size());
-    }
-    void num(const char* name, long long value)
-    {
-        json[name] = value;
-        text += std::string(text.empty() ? "" : " ") + name + "=" + std::to_string(value);
-    }
-};
-
 // Appends an object to a field holding a JSON array, text one line each.
 void append(Field* field, const Object& obj)
 {
@@ -44,8 +28,20 @@ void append(Field* field, const Object& obj)
 const char* const kTagNames[] = {nullptr, nullptr, "node", "conn", "mountPoint", "label", "fsType", nullptr,
                                  "vendor", "model", "serial", "devId", "sizeMB", "usedMB"};
 
-// The children of one element list into obj; false when an element runs past
-// the end.
+}  // namespace
+
+void Object::str(const char* name, const std::string& value)
+{
+    json[name] = value;
+    text += std::string(text.empty() ? "" : " ") + name + "=" + quoted(value.data(), value.size());
+}
+
+void Object::num(const char* name, long long value)
+{
+    json[name] = value;
+    text += std::string(text.empty() ? "" : " ") + name + "=" + std::to_string(value);
+}
+
 bool decode_elements(const uint8_t* p, size_t len, Object* obj)
 {
     auto one = [obj](uint32_t tag, const uint8_t* v, size_t clen) {
@@ -60,8 +56,6 @@ bool decode_elements(const uint8_t* p, size_t len, Object* obj)
     };
     return walk_elements(p, len, one) == len;
 }
-
-}  // namespace
 
 size_t walk_elements(const uint8_t* p, size_t len, const ElementFn& fn)
 {
