@@ -155,6 +155,15 @@ void add_string(Decoded* out, const char* name, const char* text, size_t len)
     out->fields.push_back(Field{name, quoted(text, len), std::string(text, len)});
 }
 
+size_t add_int32(Decoded* out, const char* name, const uint8_t* data, size_t len)
+{
+    int32_t value = 0;
+    if (!read_record(data, len, &value))
+        return 0;
+    add_int(out, name, value);
+    return sizeof(value);
+}
+
 void add_bytes(Decoded* out, const char* name, const uint8_t* data, size_t len)
 {
     std::string text = std::to_string(len) + " bytes";

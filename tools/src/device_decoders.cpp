@@ -9,13 +9,6 @@ namespace lumctl {
 
 namespace {
 
-uint32_t be16(const uint8_t* p) { return static_cast<uint32_t>(p[0]) << 8 | p[1]; }
-uint32_t be32(const uint8_t* p)
-{
-    return static_cast<uint32_t>(p[0]) << 24 | static_cast<uint32_t>(p[1]) << 16 |
-           static_cast<uint32_t>(p[2]) << 8 | p[3];
-}
-
 std::string cut(const char* text, size_t size) { return std::string(text, strnlen(text, size)); }
 
 // Appends an object to a field holding a JSON array, text one line each.
@@ -72,13 +65,12 @@ size_t walk_elements(const uint8_t* p, size_t len, const ElementFn& fn)
 size_t decode_hot_plug_info(const uint8_t* data, size_t len, Decoded* out)
 {
     SStorageHotPlugInfo info;
-    if (len < sizeof(info))
+    if (!read_record(data, len, &info))
         return 0;
-    memcpy(&info, data, sizeof(info));
-    add_string(out, "mountPoint", info.mountPoint, strnlen(info.mountPoint, sizeof(info.mountPoint)));
-    add_string(out, "label", info.label, strnlen(info.label, sizeof(info.label)));
+    add_chars(out, "mountPoint", info.mountPoint);
+    add_chars(out, "label", info.label);
     add_uint(out, "labelLen", info.u16LabelLen);
-    add_string(out, "fsType", info.fsType, strnlen(info.fsType, sizeof(info.fsType)));
+    add_chars(out, "fsType", info.fsType);
     return sizeof(info);
 }
 
@@ -94,12 +86,7 @@ size_t decode_mount_point(const uint8_t* data, size_t len, Decoded* out)
 
 size_t decode_count(const uint8_t* data, size_t len, Decoded* out)
 {
-    int32_t count;
-    if (len < sizeof(count))
-        return 0;
-    memcpy(&count, data, sizeof(count));
-    add_int(out, "count", count);
-    return sizeof(count);
+    return add_int32(out, "count", data, len);
 }
 
 size_t decode_size_reply(const uint8_t* data, size_t len, Decoded* out)
@@ -114,12 +101,7 @@ size_t decode_size_reply(const uint8_t* data, size_t len, Decoded* out)
 
 size_t decode_free_mb(const uint8_t* data, size_t len, Decoded* out)
 {
-    int32_t free;
-    if (len < sizeof(free))
-        return 0;
-    memcpy(&free, data, sizeof(free));
-    add_int(out, "freeMB", free);
-    return sizeof(free);
+    return add_int32(out, "freeMB", data, len);
 }
 
 size_t decode_uuid(const uint8_t* data, size_t len, Decoded* out)

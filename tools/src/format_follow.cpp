@@ -17,12 +17,6 @@ namespace {
 
 using Phase = FormatPhase;
 
-uint32_t be32(const uint8_t* p)
-{
-    return static_cast<uint32_t>(p[0]) << 24 | static_cast<uint32_t>(p[1]) << 16 |
-           static_cast<uint32_t>(p[2]) << 8 | p[3];
-}
-
 // {"step":step,...the event's fields}
 Json step_json(const char* step, const CtlEvent& event)
 {

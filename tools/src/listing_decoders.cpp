@@ -17,9 +17,7 @@ constexpr size_t kFileInfoBytes = 10;
 constexpr size_t kTagInfoBytes = 18;
 constexpr int64_t kMjdOfEpoch = 40587;  // 1970-01-01
 
-uint32_t be16(const uint8_t* p) { return static_cast<uint32_t>(p[0]) << 8 | p[1]; }
 uint32_t be24(const uint8_t* p) { return be16(p) << 8 | p[2]; }
-uint32_t be32(const uint8_t* p) { return be16(p) << 16 | be16(p + 2); }
 
 // The six strings of a record, in their order on the wire.
 std::string ListingRecord::*const kStrings[] = {&ListingRecord::name,  &ListingRecord::title,

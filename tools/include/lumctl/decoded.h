@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -33,6 +34,30 @@ void add_bool(Decoded* out, const char* name, int32_t raw);
 void add_string(Decoded* out, const char* name, const char* text, size_t len);
 // Bytes: the text shows up to 64 of them, the JSON value has them all as hex.
 void add_bytes(Decoded* out, const char* name, const uint8_t* data, size_t len);
+// A fixed char array of a record, up to its first NUL or its end.
+template <size_t N>
+void add_chars(Decoded* out, const char* name, const char (&text)[N])
+{
+    add_string(out, name, text, strnlen(text, N));
+}
+// One host-order int32 named name; returns the bytes decoded (0 when fewer
+// than 4 are there).
+size_t add_int32(Decoded* out, const char* name, const uint8_t* data, size_t len);
+
+// Big-endian numbers of the payloads.
+inline uint32_t be16(const uint8_t* p) { return static_cast<uint32_t>(p[0]) << 8 | p[1]; }
+inline uint32_t be32(const uint8_t* p) { return be16(p) << 16 | be16(p + 2); }
+
+// Copies a record of fixed size from the start of a payload; false when the
+// payload is shorter.
+template <typename T>
+bool read_record(const uint8_t* data, size_t len, T* record)
+{
+    if (len < sizeof(T))
+        return false;
+    memcpy(record, data, sizeof(T));
+    return true;
+}
 
 // "01 02 ff", at most max_bytes of them, then " ... (N bytes)".
 std::string hex_spaced(const uint8_t* data, size_t len, size_t max_bytes);
