@@ -96,20 +96,19 @@ EventStep on_pvr_change(FormatFollower* f, const CtlEvent& event)
     return EventStep::kMore;
 }
 
-// retVal, the device with its NUL, then (retVal 0) the size in MB, big-endian.
+// retVal, the device, and with retVal 0 the size in MB, as the event's
+// decoder reads them; an event it cannot read names no volume.
 EventStep on_partition(FormatFollower* f, const CtlEvent& event)
 {
-    const std::vector<uint8_t>& d = event.data;
-    if (f->phase == Phase::kEnded || d.size() < 2 || memchr(d.data() + 1, 0, d.size() - 1) == nullptr)
-        return EventStep::kMore;
-    size_t name_len = strlen(reinterpret_cast<const char*>(d.data() + 1));
-    if (std::string(reinterpret_cast<const char*>(d.data() + 1), name_len) != f->volume)
+    const Json fields = fields_json(decode_event(event.id, event.data.data(), event.data.size()));
+    if (f->phase == Phase::kEnded || !fields.contains("device") || fields["device"] != f->volume)
         return EventStep::kMore;
     f->have_partition = true;
-    f->ret_val = d[0];
-    size_t at = 1 + name_len + 1;
-    f->size_mb = d[0] == 0 && d.size() >= at + 4 ? static_cast<long long>(be32(d.data() + at)) : -1;
-    f->say("", step_json("partition", event));
+    f->ret_val = fields["retVal"];
+    f->size_mb = fields.value("sizeMB", -1LL);
+    Json line = {{"step", "partition"}};
+    line.update(fields);
+    f->say("", line);
     return EventStep::kMore;
 }
 
@@ -156,21 +155,18 @@ EventStep finish(FormatFollower* f, int32_t result, const std::string& reason)
 
 EventStep on_format(FormatFollower* f, const CtlEvent& event)
 {
-    SStorageFormatInfo info;
-    if (f->phase == Phase::kEnded || event.data.size() < sizeof(info))
+    const Json fields = fields_json(decode_event(event.id, event.data.data(), event.data.size()));
+    if (f->phase == Phase::kEnded || !fields.contains("devName") || fields["devName"] != f->volume)
         return EventStep::kMore;
-    memcpy(&info, event.data.data(), sizeof(info));
-    if (std::string(info.devName, strnlen(info.devName, sizeof(info.devName))) != f->volume)
-        return EventStep::kMore;
-    int32_t result = 0;
-    memcpy(&result, &info.result, sizeof(result));
-    if (info.result == STORAGE_FORMAT_RESULT_TIMEOUT) {
+    const int32_t result = fields["result"];
+    const auto code = static_cast<unsigned int>(result);
+    if (code == STORAGE_FORMAT_RESULT_TIMEOUT) {
         f->say("watchdog expired, still formatting", step_json("watchdog", event));
         return EventStep::kMore;
     }
     // Busy answers the request only before its format showed any step; later
     // it is another client's request for the same volume.
-    if (info.result == STORAGE_FORMAT_RESULT_BUSY)
+    if (code == STORAGE_FORMAT_RESULT_BUSY)
         return f->busy_counts && f->phase == Phase::kWaiting ? finish(f, result, "another format is running")
                                                              : EventStep::kMore;
     return finish(f, result, failure_reason(f, result));
