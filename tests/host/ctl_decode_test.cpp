@@ -190,8 +190,6 @@ std::string capture(bool json, Fn fn)
 
 TEST(CtlOutput, JsonIsValidForEveryReplyAndEvent)
 {
-    EXPECT_FALSE(nlohmann::json::accept("{\"a\":}"));
-    EXPECT_FALSE(nlohmann::json::accept("\"\xff\""));
     size_t count = 0;
     const lumctl::CmdRow* rows = lumctl::cmd_rows(&count);
     for (const ReplyCase& c : reply_cases()) {
