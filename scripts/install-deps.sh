@@ -27,6 +27,7 @@ PACKAGES=(
   clang-14 libclang-rt-14-dev
   libgtest-dev libgmock-dev
   libtagc0-dev
+  nlohmann-json3-dev
   util-linux mount fdisk e2fsprogs dosfstools ntfs-3g fusefat exfatprogs
   iproute2 procps psmisc kmod
   iozone3

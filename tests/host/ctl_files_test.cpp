@@ -10,7 +10,7 @@
 
 #include "ctl_run.h"
 #include "fake_files.h"
-#include "json_check.h"
+#include <nlohmann/json.hpp>
 #include "test_support.h"
 
 namespace {

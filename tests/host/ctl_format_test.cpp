@@ -4,6 +4,8 @@
 // other clients' events.
 #include <gtest/gtest.h>
 
+#include <nlohmann/json.hpp>
+
 #include "ctl_run.h"
 #include "fake_devices.h"
 #include "fake_pvr.h"
@@ -27,13 +29,13 @@ protected:
 };
 
 // The "step" values of JSON lines, in order.
+// The "step" of each JSON line ("?" for a line without one or no JSON).
 std::vector<std::string> steps_of(const std::string& out)
 {
     std::vector<std::string> steps;
-    const std::string key = "{\"step\":\"";
-    for (size_t at = out.find(key); at != std::string::npos; at = out.find(key, at + 1)) {
-        size_t start = at + key.size();
-        steps.push_back(out.substr(start, out.find('"', start) - start));
+    for (size_t start = 0, nl = out.find('\n'); nl != std::string::npos; start = nl + 1, nl = out.find('\n', start)) {
+        const nlohmann::json line = nlohmann::json::parse(out.substr(start, nl - start), nullptr, false);
+        steps.push_back(line.is_object() ? line.value("step", "?") : "?");
     }
     return steps;
 }

@@ -8,7 +8,6 @@
 #include <StorageEvents.h>
 
 #include "fake_bytes.h"
-#include "json_check.h"
 #include "lumctl/event_decoders.h"
 #include "lumctl/listing.h"
 
@@ -92,8 +91,7 @@ TEST(CtlListing, RecordsDecodeFieldByFieldFromHandBuiltBytes)
     lumctl::Decoded d = lumctl::decode_event(LUM_TV_EVT_STORAGE_READ_DIRS, kBlock.data(), kBlock.size());
     EXPECT_TRUE(d.complete);
     EXPECT_TRUE(d.rest.empty());
-    const std::string json = lumctl::fields_json(d);
-    EXPECT_TRUE(hosttest::json_valid(json)) << json;
+    const std::string json = lumctl::json_line((lumctl::fields_json(d)));
     EXPECT_EQ(0u, json.find("{\"offset\":2,\"total\":7,\"records\":[{\"protected\":true,\"sizeKiB\":1,\"mjd\":60447,"
                             "\"date\":\"2024-05-17\",\"time\":\"13:45\",\"name\":\"a.mp3\",\"title\":\"T\","
                             "\"artist\":\"\",\"album\":\"\",\"genre\":\"\",\"link\":\"\",\"year\":2024,\"track\":3,"
@@ -125,7 +123,6 @@ TEST(CtlListing, DamagedBlocksEndTheWalkCleanly)
         EXPECT_EQ(boundary ? len : len < song_end ? 4 : song_end, block.used);
         EXPECT_EQ(boundary, d.complete);
         EXPECT_EQ(len - block.used, d.rest.size());
-        EXPECT_TRUE(hosttest::json_valid(lumctl::fields_json(d)));
     }
 
     struct Case {
@@ -182,7 +179,7 @@ TEST(CtlListing, CoverAnswerIsStatusPathAndSpareBytes)
     const Bytes answer = {0x00, '/', 't', 'm', 'p', '/', 's', 'h', 'a', 'r', 'e', '/', 'a', '.', 'm', 'p', '3', '.', 0x00,
                           0x00, 0x00, 0x00};
     lumctl::Decoded d = lumctl::decode_event(LUM_TV_EVT_STORAGE_EXTRACT_COVER, answer.data(), answer.size());
-    EXPECT_EQ("{\"status\":0,\"path\":\"/tmp/share/a.mp3.\"}", lumctl::fields_json(d));
+    EXPECT_EQ("{\"status\":0,\"path\":\"/tmp/share/a.mp3.\"}", lumctl::json_line(lumctl::fields_json(d)));
     EXPECT_TRUE(d.complete);
     EXPECT_TRUE(d.rest.empty());
     Bytes longer = join({answer, {0x42}});

@@ -7,7 +7,7 @@
 #include "ctl_run.h"
 #include "fake_bytes.h"
 #include "fake_listing.h"
-#include "json_check.h"
+#include <nlohmann/json.hpp>
 #include "lumctl/ctl_args.h"
 #include "test_support.h"
 

@@ -5,7 +5,8 @@
 #include <cstdio>
 #include <cstdlib>
 
-#include "json_check.h"
+#include <nlohmann/json.hpp>
+
 #include "lumctl/ctl.h"
 
 namespace hosttest {
@@ -79,7 +80,7 @@ bool json_lines(const std::string& text)
 {
     size_t start = 0;
     for (size_t nl = text.find('\n'); nl != std::string::npos; nl = text.find('\n', start)) {
-        if (!json_valid(text.substr(start, nl - start)))
+        if (!nlohmann::json::accept(text.substr(start, nl - start)))
             return false;
         start = nl + 1;
     }

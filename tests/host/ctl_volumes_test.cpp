@@ -5,6 +5,7 @@
 
 #include <cstring>
 
+#include "lumctl/device_decoders.h"
 #include "lumctl/volume_table.h"
 
 namespace {
@@ -106,12 +107,13 @@ TEST(CtlVolumes, MalformedListsKeepTheEntriesBeforeTheFault)
     }
     // A device-information body: elements without a container.
     Bytes info = cat({elem(8, str("Samsung")), elem(11, be32(0x04E86860))});
-    VolumeEntry e;
-    ASSERT_TRUE(lumctl::parse_volume_elements(info.data(), info.size(), &e));
+    lumctl::Object obj;
+    ASSERT_TRUE(lumctl::decode_elements(info.data(), info.size(), &obj));
+    VolumeEntry e = lumctl::volume_entry(obj.json);
     EXPECT_EQ("Samsung", e.vendor);
     EXPECT_EQ(0x04E86860u, e.dev_id);
     info.pop_back();
-    EXPECT_FALSE(lumctl::parse_volume_elements(info.data(), info.size(), &e));
+    EXPECT_FALSE(lumctl::decode_elements(info.data(), info.size(), &obj));
 }
 
 TEST(CtlVolumes, TypesConnectionsAndHumanSizes)

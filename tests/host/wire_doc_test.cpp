@@ -219,7 +219,7 @@ TEST(WireDoc, EveryExampleMatchesWhatTheClientBuildsAndDecodes)
         }
         EXPECT_TRUE(decoded.complete);
         EXPECT_TRUE(decoded.rest.empty()) << decoded.rest.size() << " bytes left";
-        EXPECT_EQ(ex.json, lumctl::fields_json(decoded));
+        EXPECT_EQ(ex.json, lumctl::json_line(lumctl::fields_json(decoded)));
     }
     // Every family has its examples.
     EXPECT_GE(requests, 9u);

@@ -6,6 +6,7 @@
 #include <StorageEvents.h>
 
 #include "ctl_device.h"
+#include "lumctl/event_decoders.h"
 #include "lumctl/volume_table.h"
 
 namespace lumctl {
@@ -17,25 +18,6 @@ namespace {
 constexpr double kBenchTimeoutSeconds = 1860;
 constexpr uint8_t kBenchRunning = 8;
 
-struct BenchEvent {
-    uint8_t status = 0;
-    uint8_t progress = 0;
-    uint32_t speed = 0;
-    uint32_t processes = 0;
-};
-
-bool parse_bench(const std::vector<uint8_t>& d, BenchEvent* e)
-{
-    if (d.size() < 10)
-        return false;
-    e->status = d[0];
-    e->progress = d[1];
-    e->speed = static_cast<uint32_t>(d[2]) << 24 | static_cast<uint32_t>(d[3]) << 16 |
-               static_cast<uint32_t>(d[4]) << 8 | d[5];
-    e->processes = static_cast<uint32_t>(d[6]) << 24 | static_cast<uint32_t>(d[7]) << 16 |
-                   static_cast<uint32_t>(d[8]) << 8 | d[9];
-    return true;
-}
 
 // iozone's kB/s (of 1024 bytes) as MB/s or GB/s.
 std::string rate_text(uint32_t kib_per_s)
@@ -49,20 +31,22 @@ std::string bar(unsigned progress)
     return "[" + std::string(filled, '#') + std::string(20 - filled, ' ') + "] " + std::to_string(progress) + "%";
 }
 
-void print_event(const CtlContext& ctx, const BenchEvent& e)
+// e: the fields of the benchmark event's decoder (status, progress, speed,
+// processes), which are also its JSON.
+void print_event(const CtlContext& ctx, const Json& e)
 {
+    const unsigned status = e["status"], speed = e["speed"], processes = e["processes"];
     if (ctx.json) {
-        fprintf(ctx.out, "{\"status\":%u,\"progress\":%u,\"speed\":%u,\"processes\":%u}\n", e.status, e.progress,
-                e.speed, e.processes);
-    } else if (e.status == kBenchRunning) {
-        fprintf(ctx.out, "%s\n", bar(e.progress).c_str());
-    } else if (e.status == 0) {
-        fprintf(ctx.out, "result: %u kB/s per process (%s), %u processes\n", e.speed, rate_text(e.speed).c_str(),
-                e.processes);
-    } else if (e.status == 1) {
+        print_json(ctx.out, e);
+    } else if (status == kBenchRunning) {
+        fprintf(ctx.out, "%s\n", bar(e["progress"]).c_str());
+    } else if (status == 0) {
+        fprintf(ctx.out, "result: %u kB/s per process (%s), %u processes\n", speed, rate_text(speed).c_str(),
+                processes);
+    } else if (status == 1) {
         fprintf(ctx.out, "result: cancelled or not started (status 1)\n");
     } else {
-        fprintf(ctx.out, "result: failed (status %u)\n", e.status);
+        fprintf(ctx.out, "result: failed (status %u)\n", status);
     }
     fflush(ctx.out);
 }
@@ -73,13 +57,15 @@ struct BenchFollower {
     bool ok = false;
     EventStep take(const CtlEvent& event)
     {
-        BenchEvent e;
-        if (event.id != LUM_TV_EVT_STORAGE_DEV_BENCHMARK || !parse_bench(event.data, &e))
+        if (event.id != LUM_TV_EVT_STORAGE_DEV_BENCHMARK)
             return EventStep::kMore;
+        const Json e = fields_json(decode_event(event.id, event.data.data(), event.data.size()));
+        if (e.empty())
+            return EventStep::kMore;  // shorter than a benchmark event
         print_event(ctx, e);
-        if (e.status == kBenchRunning)
+        if (e["status"] == kBenchRunning)
             return EventStep::kMore;
-        ok = e.status == 0;
+        ok = e["status"] == 0;
         return EventStep::kDone;
     }
 };
@@ -95,7 +81,7 @@ int run_cancel(const CtlContext& ctx, int argc, char** argv)
     if (rc != kExitOk)
         return rc;
     if (device_context(ctx, call).json)
-        fprintf(ctx.out, "{\"cancel\":true}\n");
+        print_json(ctx.out, Json{{"cancel", true}});
     else
         fprintf(ctx.out, "cancel requested\n");
     return kExitOk;

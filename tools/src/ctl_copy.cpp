@@ -53,7 +53,7 @@ int cancel(const CtlContext& ctx, int argc, char** argv)
     if (!reply_bool(reply, &queued))
         return protocol_error(ctx, "cp --cancel: the reply holds no bool");
     if (device_context(ctx, call).json)
-        fprintf(ctx.out, "{\"cancel\":true,\"queued\":%s}\n", queued ? "true" : "false");
+        print_json(ctx.out, Json{{"cancel", true}, {"queued", queued}});
     else if (queued)
         fprintf(ctx.out, "cancel sent (a running tree copy stops before its next entry)\n");
     return queued ? kExitOk : protocol_error(ctx, "cp --cancel: the service did not queue the cancel");
@@ -77,7 +77,7 @@ int direct_copy(const CtlContext& ctx, DeviceCall* call, const std::string& src,
         return protocol_error(ctx, "cp --direct: the reply holds no bool");
     const CtlContext local = device_context(ctx, *call);
     if (local.json)
-        fprintf(ctx.out, "%s\n", JsonLine().str("source", src).str("destination", dst).flag("ok", ok).done().c_str());
+        print_json(ctx.out, Json{{"source", src}, {"destination", dst}, {"ok", ok}});
     else
         fprintf(ctx.out, "%s: %s\n", printable(subject(*call)).c_str(),
                 ok ? "done" : "failed (the reply gives no reason)");
@@ -118,7 +118,7 @@ int run_cp(const CtlContext& ctx, int argc, char** argv)
         return direct_copy(ctx, &op.call, paths[0], paths[1], f.tree);
     op.event = LUM_TV_EVT_STORAGE_COPY;
     op.space_notices = true;
-    op.names.str("source", paths[0]).str("destination", paths[1]).flag("recording", f.recording);
+    op.names = {{"source", paths[0]}, {"destination", paths[1]}, {"recording", f.recording}};
     std::string error;
     if (build_copy(paths[0], paths[1], f.recording ? kCopyRecording : kCopyPlain, &op.request, &error) != 0)
         return usage_error(ctx, "cp: " + error);

@@ -7,7 +7,6 @@
 #include <StorageEvents.h>
 
 #include "ctl_device.h"
-#include "json_line.h"
 #include "lumctl/listing.h"
 #include "lumctl/volume_table.h"
 
@@ -26,10 +25,11 @@ bool names_file(const std::string& path, const std::string& file)
 int print_cover(const CtlContext& ctx, const DeviceCall& call, const CoverAnswer& answer)
 {
     const std::string& file = call.args.operands[1];
-    JsonLine json;
-    json.str("folder", call.args.operands[0]).str("file", file).num("status", answer.status).str("path", answer.path);
     if (ctx.json)
-        fprintf(ctx.out, "%s\n", json.done().c_str());
+        print_json(ctx.out, Json{{"folder", call.args.operands[0]},
+                                 {"file", file},
+                                 {"status", answer.status},
+                                 {"path", answer.path}});
     else
         fprintf(ctx.out, "cover of %s: %s (status %u%s)\n", printable(file).c_str(), printable(answer.path).c_str(),
                 answer.status, answer.status == 0 ? "" : ", failed");

@@ -3,7 +3,6 @@
 #include <cstring>
 
 #include "ctl_pvr.h"
-#include "json_line.h"
 #include "lumctl/file_requests.h"
 
 namespace lumctl {
@@ -63,7 +62,7 @@ int print_plain(const CtlContext& ctx, const std::string& command, const CtlRepl
     if (ReplyParcel(reply).parcel.readInt32(&result) != android::OK)
         return protocol_error(ctx, "exec: the reply holds no result");
     if (ctx.json)
-        fprintf(ctx.out, "%s\n", JsonLine().str("shell", command).num("result", result).done().c_str());
+        print_json(ctx.out, Json{{"shell", command}, {"result", result}});
     else
         fprintf(ctx.out, "%s\n", result_text(result).c_str());
     return result == 0 ? kExitOk : kExitFailed;
@@ -79,9 +78,7 @@ int print_captured(const CtlContext& ctx, const std::string& command, const CtlR
         return protocol_error(ctx, "exec --capture: the reply ends early");
     const bool cut = count >= static_cast<int32_t>(kCaptureMax);
     if (ctx.json)
-        fprintf(
-            ctx.out, "%s\n",
-            JsonLine().str("shell", command).num("count", count).str("output", output).flag("cut", cut).done().c_str());
+        print_json(ctx.out, Json{{"shell", command}, {"count", count}, {"output", output}, {"cut", cut}});
     else
         fputs(output, ctx.out);
     if (count < 0)

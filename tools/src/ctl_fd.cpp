@@ -8,7 +8,6 @@
 #include <functional>
 
 #include "ctl_pvr.h"
-#include "json_line.h"
 #include "lumctl/decoded.h"
 #include "lumctl/file_requests.h"
 #include "lumctl/volume_table.h"
@@ -48,7 +47,7 @@ int fd_args(const CtlContext& ctx, DeviceCall* call, const char* what, size_t le
 // Sends the request and reads the int32 result and, for a negative one, the
 // errno behind it. A negative result is reported (with json, when JSON is
 // asked for) and returns kExitFailed.
-int errno_call(const CtlContext& ctx, const DeviceCall& call, const Bytes& request, JsonLine json, int32_t* value,
+int errno_call(const CtlContext& ctx, const DeviceCall& call, const Bytes& request, Json json, int32_t* value,
                CtlReply* reply)
 {
     int rc = direct_request(ctx, call, request, reply);
@@ -60,8 +59,11 @@ int errno_call(const CtlContext& ctx, const DeviceCall& call, const Bytes& reque
         return protocol_error(ctx, subject(call) + ": the reply ends early");
     if (*value >= 0)
         return kExitOk;
-    if (device_context(ctx, call).json)
-        fprintf(ctx.out, "%s\n", json.num("result", *value).num("errno", err).done().c_str());
+    if (device_context(ctx, call).json) {
+        json["result"] = *value;
+        json["errno"] = err;
+        print_json(ctx.out, json);
+    }
     return protocol_error(ctx, subject(call) + ": " + strerror(err) + " (errno " + std::to_string(err) + ")");
 }
 
@@ -78,7 +80,7 @@ int field_request(const CtlContext& ctx, const DeviceCall& call, const std::vect
 
 // errno_call, then on success json with key = the result, or the text of
 // the result.
-int errno_run(const CtlContext& ctx, const DeviceCall& call, const Bytes& request, JsonLine json, const char* key,
+int errno_run(const CtlContext& ctx, const DeviceCall& call, const Bytes& request, Json json, const char* key,
               const std::function<std::string(int32_t)>& text)
 {
     int32_t value = 0;
@@ -86,8 +88,8 @@ int errno_run(const CtlContext& ctx, const DeviceCall& call, const Bytes& reques
     int rc = errno_call(ctx, call, request, json, &value, &reply);
     if (rc != kExitOk)
         return rc;
-    fprintf(ctx.out, "%s\n",
-            device_context(ctx, call).json ? json.num(key, value).done().c_str() : text(value).c_str());
+    json[key] = value;
+    fprintf(ctx.out, "%s\n", device_context(ctx, call).json ? json_line(json).c_str() : text(value).c_str());
     return kExitOk;
 }
 
@@ -106,8 +108,7 @@ int fd_open(const CtlContext& ctx, int argc, char** argv)
     Bytes request;
     if ((rc = field_request(ctx, call, {ops[0], std::to_string(flags), std::to_string(mode)}, &request)) != kExitOk)
         return rc;
-    JsonLine json;
-    json.str("path", ops[0]).num("flags", flags).num("mode", mode);
+    Json json = {{"path", ops[0]}, {"flags", flags}, {"mode", mode}};
     return errno_run(ctx, call, request, json, "fd", [](int32_t fd) {
         return "fd " + std::to_string(fd) + " (it stays open in the daemon until fd close " + std::to_string(fd) + ")";
     });
@@ -121,8 +122,7 @@ int fd_close(const CtlContext& ctx, int argc, char** argv)
     Bytes request;
     if (rc != kExitOk || (rc = field_request(ctx, call, {std::to_string(fd)}, &request)) != kExitOk)
         return rc;
-    JsonLine json;
-    json.num("fd", fd);
+    Json json = {{"fd", fd}};
     return errno_run(ctx, call, request, json, "result", [fd](int32_t) { return "closed fd " + std::to_string(fd); });
 }
 
@@ -141,8 +141,7 @@ int fd_read(const CtlContext& ctx, int argc, char** argv)
     Bytes request;
     if ((rc = field_request(ctx, call, {std::to_string(fd), std::to_string(bytes)}, &request)) != kExitOk)
         return rc;
-    JsonLine json;
-    json.num("fd", fd);
+    Json json = {{"fd", fd}};
     int32_t count = 0, length = 0;
     CtlReply reply;
     if ((rc = errno_call(ctx, call, request, json, &count, &reply)) != kExitOk)
@@ -154,10 +153,11 @@ int fd_read(const CtlContext& ctx, int argc, char** argv)
         (count > 0 && (data = in.parcel.readInplace(static_cast<size_t>(count))) == nullptr))
         return protocol_error(ctx, "fd read: the reply ends early or its counts differ");
     const uint8_t* p = static_cast<const uint8_t*>(data);
-    if (device_context(ctx, call).json)
-        fprintf(ctx.out, "%s\n",
-                json.num("count", count).str("hex", hex_compact(p, static_cast<size_t>(count))).done().c_str());
-    else if (count > 0)
+    if (device_context(ctx, call).json) {
+        json["count"] = count;
+        json["hex"] = hex_compact(p, static_cast<size_t>(count));
+        print_json(ctx.out, json);
+    } else if (count > 0)
         fwrite(p, 1, static_cast<size_t>(count), ctx.out);
     return kExitOk;
 }
@@ -174,8 +174,7 @@ int fd_write(const CtlContext& ctx, int argc, char** argv)
     const std::string source = call.args.operands.size() > 1 ? call.args.operands[1] : "-";
     if (read_data(source, ctx.in, &data, &error) != 0 || build_fd_write(fd, data, &request, &error) != 0)
         return usage_error(ctx, "fd write: " + error);
-    JsonLine json;
-    json.num("fd", fd).num("bytes", static_cast<long long>(data.size()));
+    Json json = {{"fd", fd}, {"bytes", data.size()}};
     const size_t size = data.size();
     return errno_run(ctx, call, request, json, "result", [fd, size](int32_t written) {
         return "wrote " + std::to_string(written) + " of " + std::to_string(size) + " bytes to fd " +
@@ -195,9 +194,8 @@ int fd_sync(const CtlContext& ctx, int argc, char** argv)
     if (ReplyParcel(reply).parcel.readInt32(&ok) != android::OK)
         return protocol_error(ctx, "fd sync: the reply holds no bool");
     const std::string text = (ok != 0 ? "synced the file system of fd " : "sync failed for fd ") + std::to_string(fd);
-    fprintf(
-        ctx.out, "%s\n",
-        device_context(ctx, call).json ? JsonLine().num("fd", fd).flag("ok", ok != 0).done().c_str() : text.c_str());
+    const Json json = {{"fd", fd}, {"ok", ok != 0}};
+    fprintf(ctx.out, "%s\n", device_context(ctx, call).json ? json_line(json).c_str() : text.c_str());
     return ok != 0 ? kExitOk : kExitFailed;
 }
 
@@ -227,8 +225,7 @@ int run_chmod(const CtlContext& ctx, int argc, char** argv)
         return rc;
     char octal[8];
     snprintf(octal, sizeof(octal), "%04o", static_cast<unsigned>(mode));
-    JsonLine json;
-    json.str("path", path).str("mode", octal);
+    Json json = {{"path", path}, {"mode", octal}};
     return errno_run(ctx, call, request, json, "result", [&octal, &path](int32_t) {
         return "chmod " + std::string(octal) + " " + printable(path) + ": done";
     });

@@ -38,7 +38,7 @@ int one_path(const CtlContext& ctx, FileOp* op, int argc, char** argv,
     if (rc != kExitOk)
         return rc;
     const std::string path = op->call.args.operands[0];
-    op->names.str("path", path);
+    op->names = {{"path", path}};
     std::string error;
     return send_op(ctx, op, build(path, &op->request, &error), error);
 }
@@ -67,7 +67,7 @@ int run_two_paths(const CtlContext& ctx, const char* sub, int32_t word, int32_t 
         return rc;
     const std::string src = op.call.args.operands[0];
     const std::string dst = op.call.args.operands[1];
-    op.names.str("source", src).str("destination", dst).flag("recording", seen[0]);
+    op.names = {{"source", src}, {"destination", dst}, {"recording", seen[0]}};
     std::string error;
     return send_op(ctx, &op, build_packed_paths(word, src, dst, seen[0], &op.request, &error), error);
 }
@@ -113,9 +113,9 @@ int run_rm(const CtlContext& ctx, int argc, char** argv)
     if (rc != kExitOk)
         return rc;
     const std::string path = op.call.args.operands[0];
-    op.names.str("path", path);
+    op.names = {{"path", path}};
     if (!tree)
-        op.names.flag("recording", recording);
+        op.names["recording"] = recording;
     std::string error;
     int built = tree ? build_delete_dir(path, kDeleteTree, &op.request, &error)
                      : build_delete_file(path, recording, &op.request, &error);
@@ -162,7 +162,7 @@ int run_write(const CtlContext& ctx, int argc, char** argv)
     std::string error;
     if (read_data(source, ctx.in, &data, &error) != 0)
         return usage_error(ctx, "write: " + error);
-    op.names.str("path", path).num("bytes", static_cast<long long>(data.size()));
+    op.names = {{"path", path}, {"bytes", data.size()}};
     return send_op(ctx, &op, build_write_file(path, data, &op.request, &error), error);
 }
 

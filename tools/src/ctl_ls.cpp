@@ -13,7 +13,6 @@
 #include <StorageEvents.h>
 
 #include "ctl_device.h"
-#include "json_line.h"
 #include "lumctl/event_decoders.h"
 #include "lumctl/listing.h"
 #include "lumctl/volume_table.h"
@@ -131,7 +130,7 @@ struct Lister {
     void print_block(const ListingBlock& block, BlockRole role) const
     {
         if (ctx.json) {
-            fprintf(ctx.out, "%s\n", listing_block_json(block).c_str());
+            print_json(ctx.out, listing_block_json(block));
         } else if (role == BlockRole::kFirst) {
             fprintf(ctx.out, "%s: %s\n", printable(path).c_str(), entries(block.total).c_str());
         }
@@ -144,22 +143,25 @@ struct Lister {
     // block: the summary and the exit code.
     int finish() const
     {
-        JsonLine json;
-        json.str("path", path);
+        Json json = {{"path", path}};
         if (listing.failed || !damage.empty()) {
             if (!damage.empty())
-                json.str("damage", damage);
+                json["damage"] = damage;
+            json["failed"] = true;
             if (ctx.json)
-                fprintf(ctx.out, "%s\n", json.flag("failed", true).done().c_str());
+                print_json(ctx.out, json);
             return protocol_error(ctx, "ls " + path + ": " +
                                            (damage.empty() ? "the service could not list it (is it an absolute "
                                                              "path of a directory or playlist?)"
                                                            : damage));
         }
-        long long shown = listing.received;
-        json.num("total", listing.total).num("shown", shown).num("notShown", listing.not_shown());
+        json["total"] = listing.total;
+        json["shown"] = listing.received;
+        json["notShown"] = listing.not_shown();
+        json["failed"] = false;
+        json["elapsedUs"] = elapsed_us;
         if (ctx.json)
-            fprintf(ctx.out, "%s\n", json.flag("failed", false).num("elapsedUs", elapsed_us).done().c_str());
+            print_json(ctx.out, json);
         else if (listing.not_shown() > 0)
             fprintf(ctx.out, "(%s not shown: neither file, link nor directory)\n",
                     entries(listing.not_shown()).c_str());

@@ -140,19 +140,17 @@ int run_list(const CtlContext& ctx, int, char**)
 {
     size_t count = 0;
     const CmdRow* rows = cmd_rows(&count);
-    if (ctx.json)
-        fputc('[', ctx.out);
+    Json table = Json::array();
     for (size_t i = 0; i < count; ++i) {
         const CmdRow& r = rows[i];
         if (ctx.json)
-            fprintf(ctx.out, "%s{\"name\":\"%s\",\"code\":%d,\"request\":\"%s\",\"reply\":\"%s\"}",
-                    i > 0 ? "," : "", r.name, r.value, r.request, r.reply);
+            table.push_back({{"name", r.name}, {"code", r.value}, {"request", r.request}, {"reply", r.reply}});
         else
             fprintf(ctx.out, "%-34s %5d  %-4s %s\n", r.name, r.value, r.request[0] ? r.request : "-",
                     r.reply[0] ? r.reply : "-");
     }
     if (ctx.json)
-        fputs("]\n", ctx.out);
+        print_json(ctx.out, table);
     return kExitOk;
 }
 

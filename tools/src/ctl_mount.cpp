@@ -2,7 +2,6 @@
 // announces as it comes, then the count of the run's end event.
 #include <cstring>
 
-#include <StorageDevice.h>
 #include <StorageEvents.h>
 
 #include "ctl_device.h"
@@ -49,7 +48,7 @@ struct RunPrinter {
         ++seen;
         if (ctx.json) {
             Decoded d = decode_event(event.id, event.data.data(), event.data.size());
-            fprintf(ctx.out, "{\"%s\":%s}\n", kind.verb, fields_json(d).c_str());
+            print_json(ctx.out, Json{{kind.verb, fields_json(d)}});
         } else {
             fprintf(ctx.out, "%s\n", kind.item_text(event).c_str());
         }
@@ -58,12 +57,11 @@ struct RunPrinter {
 
     void end(const CtlEvent& event)
     {
-        int32_t count = static_cast<int32_t>(seen);
-        if (event.data.size() >= sizeof(count))
-            memcpy(&count, event.data.data(), sizeof(count));
+        // A short end event counts the volumes seen.
+        const Json fields = fields_json(decode_event(event.id, event.data.data(), event.data.size()));
+        const int32_t count = fields.value("count", static_cast<int32_t>(seen));
         if (ctx.json)
-            fprintf(ctx.out, "{\"device\":%s,\"%s\":%d}\n", json_string(device.data(), device.size()).c_str(),
-                    kind.verb, count);
+            print_json(ctx.out, Json{{"device", device}, {kind.verb, count}});
         else
             fprintf(ctx.out, "%s: %s %s\n", printable(device).c_str(), count_of(count, "volume").c_str(),
                     kind.verb);
@@ -105,15 +103,12 @@ int run_device_run(const CtlContext& ctx, const char* sub, int argc, char** argv
 
 std::string mounted_text(const CtlEvent& event)
 {
-    SStorageHotPlugInfo info;
-    if (event.data.size() < sizeof(info))
+    const Json info = fields_json(decode_event(LUM_TV_EVT_STORAGE_DEV_MOUNT, event.data.data(), event.data.size()));
+    if (info.empty())
         return "(short mount event of " + std::to_string(event.data.size()) + " bytes)";
-    memcpy(&info, event.data.data(), sizeof(info));
-    std::string fs(info.fsType, strnlen(info.fsType, sizeof(info.fsType)));
-    std::string label(info.label, strnlen(info.label, sizeof(info.label)));
-    std::string mount_point(info.mountPoint, strnlen(info.mountPoint, sizeof(info.mountPoint)));
-    std::string detail = fs + (label.empty() ? "" : ", label " + label);
-    return "mounted " + printable(mount_point) + (detail.empty() ? "" : " (" + printable(detail) + ")");
+    const std::string& label = info["label"].get_ref<const std::string&>();
+    std::string detail = info["fsType"].get<std::string>() + (label.empty() ? "" : ", label " + label);
+    return "mounted " + printable(info["mountPoint"]) + (detail.empty() ? "" : " (" + printable(detail) + ")");
 }
 
 std::string unmounted_text(const CtlEvent& event)

@@ -1,5 +1,4 @@
 // Text and JSON output of replies and events.
-#include <cstring>
 #include <string>
 
 #include "lumctl/ctl.h"
@@ -12,25 +11,25 @@ namespace {
 
 constexpr size_t kTextRestBytes = 256;
 
-std::string json_name(const char* name)
+Json json_name(const char* name)
 {
-    return name != nullptr ? json_string(name, strlen(name)) : "null";
+    return name != nullptr ? Json(name) : Json(nullptr);
 }
 
-std::string json_tail(const Decoded& decoded)
+// The decoded payload under key, then whether it was whole and what was left.
+void add_decoded(Json* line, const char* key, const Decoded& decoded)
 {
-    return std::string(",\"complete\":") + (decoded.complete ? "true" : "false") + ",\"rest\":\"" +
-           hex_compact(decoded.rest.data(), decoded.rest.size()) + "\"}";
+    (*line)[key] = fields_json(decoded);
+    (*line)["complete"] = decoded.complete;
+    (*line)["rest"] = hex_compact(decoded.rest.data(), decoded.rest.size());
 }
 
 void print_reply_json(const CtlContext& ctx, const CmdRow* row, int32_t word, const CtlReply& reply,
                       const Decoded& decoded)
 {
-    std::string line = "{\"command\":" + json_name(row != nullptr ? row->name : nullptr) +
-                       ",\"code\":" + std::to_string(word) + ",\"result\":" +
-                       std::to_string(reply.result) + ",\"reply\":" + fields_json(decoded) +
-                       json_tail(decoded);
-    fprintf(ctx.out, "%s\n", line.c_str());
+    Json line = {{"command", json_name(row != nullptr ? row->name : nullptr)}, {"code", word}, {"result", reply.result}};
+    add_decoded(&line, "reply", decoded);
+    print_json(ctx.out, line);
 }
 
 void print_reply_text(const CtlContext& ctx, const CmdRow* row, int32_t word, const CtlReply& reply,
@@ -61,11 +60,16 @@ void print_reply(const CtlContext& ctx, const CmdRow* row, int32_t word, const C
         print_reply_text(ctx, row, word, reply, decoded);
 }
 
+void print_line(const CtlContext& ctx, const std::string& text, const Json& json)
+{
+    fprintf(ctx.out, "%s\n", ctx.json ? json_line(json).c_str() : text.c_str());
+}
+
 void print_event(const CtlContext& ctx, const CtlEvent& event)
 {
     if (event.dropped) {
         if (ctx.json)
-            fprintf(ctx.out, "{\"dropped\":%u}\n", event.count);
+            print_json(ctx.out, Json{{"dropped", event.count}});
         else
             fprintf(ctx.out, "(%u events dropped)\n", event.count);
         fflush(ctx.out);
@@ -75,10 +79,11 @@ void print_event(const CtlContext& ctx, const CtlEvent& event)
     Decoded decoded = decode_event(event.id, event.data.data(), event.data.size());
     std::string line;
     if (ctx.json) {
-        std::string hex = ctx.hex ? ",\"hex\":\"" + hex_compact(event.data.data(), event.data.size()) + "\"" : "";
-        line = "{\"event\":" + json_name(name) + ",\"id\":" + std::to_string(event.id) +
-               ",\"len\":" + std::to_string(event.data.size()) + hex + ",\"data\":" + fields_json(decoded) +
-               json_tail(decoded);
+        Json obj = {{"event", json_name(name)}, {"id", event.id}, {"len", event.data.size()}};
+        if (ctx.hex)
+            obj["hex"] = hex_compact(event.data.data(), event.data.size());
+        add_decoded(&obj, "data", decoded);
+        line = json_line(obj);
     } else {
         line = (name != nullptr ? std::string(name) : "event") + " (" + std::to_string(event.id) + "):";
         for (const Field& f : decoded.fields)

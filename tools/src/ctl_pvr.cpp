@@ -3,18 +3,12 @@
 #include <cstring>
 
 #include "ctl_pvr.h"
-#include "json_line.h"
 #include "lumctl/pvr_decoders.h"
 #include "lumctl/volume_table.h"
 
 namespace lumctl {
 
 namespace {
-
-void print_line(const CtlContext& ctx, const std::string& text, const JsonLine& json)
-{
-    fprintf(ctx.out, "%s\n", ctx.json ? json.done().c_str() : text.c_str());
-}
 
 int malformed(const CtlContext& ctx, const DeviceCall& call)
 {
@@ -52,7 +46,7 @@ int pvr_state(const CtlContext& ctx, int argc, char** argv)
         return rc;
     std::string text = state == 0 ? "no PVR partition"
                                   : "PVR partition: " + (path.empty() ? "(mount path not known)" : printable(path));
-    print_line(device_context(ctx, call), text, JsonLine().flag("pvr", state != 0).str("mountPath", path));
+    print_line(device_context(ctx, call), text, Json{{"pvr", state != 0}, {"mountPath", path}});
     return state != 0 ? kExitOk : kExitNo;
 }
 
@@ -65,11 +59,11 @@ int pvr_path(const CtlContext& ctx, int argc, char** argv)
         return rc;
     CtlContext local = device_context(ctx, call);
     if (local.json)
-        print_line(local, "", JsonLine().str("mountPath", path));
+        print_json(local.out, Json{{"mountPath", path}});
     else if (path.empty())
         fprintf(ctx.err, "lumstoragectl: pvr path: no PVR mount path\n");
     else
-        print_line(local, printable(path), JsonLine());
+        fprintf(local.out, "%s\n", printable(path).c_str());
     return path.empty() ? kExitNo : kExitOk;
 }
 
@@ -87,7 +81,7 @@ int pvr_available(const CtlContext& ctx, int argc, char** argv)
     const char* name = verdict_name(verdict);
     print_line(device_context(ctx, call),
                printable(disk) + ": verdict " + std::to_string(verdict) + ", " + name,
-               JsonLine().str("disk", disk).num("verdict", verdict).str("name", name).flag("usable", verdict == 0));
+               Json{{"disk", disk}, {"verdict", verdict}, {"name", name}, {"usable", verdict == 0}});
     return verdict == 0 ? kExitOk : kExitNo;
 }
 
@@ -105,7 +99,7 @@ int pvr_total(const CtlContext& ctx, int argc, char** argv)
     // The service answers 0 for a disk it cannot size.
     std::string size = mb > 0 ? human_mb(static_cast<uint64_t>(mb)) + " " : "no size known ";
     print_line(device_context(ctx, call), printable(disk) + ": " + size + "(" + std::to_string(mb) + " MB)",
-               JsonLine().str("disk", disk).num("totalMB", mb));
+               Json{{"disk", disk}, {"totalMB", mb}});
     return mb > 0 ? kExitOk : kExitNo;
 }
 

@@ -30,7 +30,7 @@ int run_pvr_guide(const CtlContext& ctx, int argc, char** argv)
     memcpy(guide.get(), bytes, sizeof(*guide));
     CtlContext local = device_context(ctx, call);
     if (local.json)
-        fprintf(local.out, "%s\n", guide_json(*guide).c_str());
+        print_json(local.out, guide_json(*guide));
     else
         fputs(guide_text(*guide).c_str(), local.out);
     return kExitOk;

@@ -6,7 +6,6 @@
 #include <cstdlib>
 
 #include "ctl_pvr.h"
-#include "json_line.h"
 #include "lumctl/volume_table.h"
 
 namespace lumctl {
@@ -59,16 +58,15 @@ std::string limit_text(uint32_t mb)
 // The outcome of a set: taken, already held, or ignored (exit kExitNo).
 int report_set(const CtlContext& ctx, uint32_t before, uint32_t asked, uint32_t after)
 {
-    JsonLine json;
-    json.num("limitMB", after).num("previousMB", before).num("requestedMB", asked).flag("changed", after != before);
+    Json json = {{"limitMB", after}, {"previousMB", before}, {"requestedMB", asked}, {"changed", after != before}};
     std::string text = "PVR size limit: " + limit_text(after);
     if (after == asked)
         text += after == before ? ", unchanged: it was set already" : ", was " + limit_text(before);
     else
         text += ", unchanged: " + std::to_string(asked) + " MB ignored, " + ignored_because(asked);
     if (after != asked)
-        json.str("ignored", ignored_because(asked));
-    fprintf(ctx.out, "%s\n", ctx.json ? json.done().c_str() : text.c_str());
+        json["ignored"] = ignored_because(asked);
+    print_line(ctx, text, json);
     return after == asked ? kExitOk : kExitNo;
 }
 
@@ -89,7 +87,7 @@ int run_pvr_limit(const CtlContext& ctx, int argc, char** argv)
         return rc;
     if (call.args.operands.empty()) {
         std::string text = "PVR size limit: " + limit_text(before);
-        fprintf(local.out, "%s\n", local.json ? JsonLine().num("limitMB", before).done().c_str() : text.c_str());
+        print_line(local, text, Json{{"limitMB", before}});
         return kExitOk;
     }
     CtlReply reply;

@@ -1,14 +1,13 @@
 // pvr mark DISK [--format]: asks the service to make DISK the PVR disk and
 // waits for the marking's verdict. With --format the service formats the
 // disk first; its steps are printed as they come.
-#include <cstring>
 
 #include <StorageEvents.h>
 #include <StoragePvr.h>
 
 #include "ctl_pvr.h"
 #include "format_follow.h"
-#include "json_line.h"
+#include "lumctl/event_decoders.h"
 #include "lumctl/volume_table.h"
 
 namespace lumctl {
@@ -25,16 +24,13 @@ struct Marking {
     // (another client's marking) is skipped.
     EventStep take(const CtlEvent& event)
     {
-        SStorageMarkPvrInfo info;
-        if (event.data.size() < sizeof(info))
-            return EventStep::kMore;
-        memcpy(&info, event.data.data(), sizeof(info));
-        std::string id(info.partition_id, strnlen(info.partition_id, sizeof(info.partition_id)));
-        if (id != disk.substr(0, sizeof(info.partition_id) - 1))
+        const Json info = fields_json(decode_event(event.id, event.data.data(), event.data.size()));
+        if (!info.contains("partitionId") ||
+            info["partitionId"] != disk.substr(0, sizeof(SStorageMarkPvrInfo::partition_id) - 1))
             return EventStep::kMore;
         done = true;
-        verdict = info.pvr_flag;
-        print(info.is_pvr_partition != 0);
+        verdict = info["pvrFlag"];
+        print(info["isPvrPartition"]);
         return EventStep::kDone;
     }
 
@@ -42,9 +38,8 @@ struct Marking {
     {
         std::string text = printable(disk) + (marked ? ": marked as the PVR disk" : ": not marked: ") +
                            (marked ? "" : std::string(verdict_name(verdict)) + " (" + std::to_string(verdict) + ")");
-        JsonLine json;
-        json.str("disk", disk).flag("marked", marked).num("verdict", verdict).str("name", verdict_name(verdict));
-        fprintf(ctx.out, "%s\n", ctx.json ? json.done().c_str() : text.c_str());
+        print_line(ctx, text,
+                   Json{{"disk", disk}, {"marked", marked}, {"verdict", verdict}, {"name", verdict_name(verdict)}});
         fflush(ctx.out);
     }
 };

@@ -7,37 +7,16 @@
 #include <StorageEvents.h>
 
 #include "ctl_device.h"
+#include "lumctl/event_decoders.h"
 #include "lumctl/volume_table.h"
 
 namespace lumctl {
 
 namespace {
 
-uint32_t be32(const uint8_t* p)
-{
-    return static_cast<uint32_t>(p[0]) << 24 | static_cast<uint32_t>(p[1]) << 16 |
-           static_cast<uint32_t>(p[2]) << 8 | p[3];
-}
-
 std::string without_dev(const std::string& name)
 {
     return name.compare(0, 5, "/dev/") == 0 ? name.substr(5) : name;
-}
-
-// u32 big-endian megabytes, then the device name with its NUL; false when
-// the payload is shorter.
-bool size_answer(const std::vector<uint8_t>& data, uint32_t* mb, std::string* name)
-{
-    if (data.size() < 5 || memchr(data.data() + 4, 0, data.size() - 4) == nullptr)
-        return false;
-    *mb = be32(data.data());
-    *name = reinterpret_cast<const char*>(data.data() + 4);
-    return true;
-}
-
-std::string json_text(const std::string& text)
-{
-    return json_string(text.data(), text.size());
 }
 
 std::string mb_text(long long mb, const char* what)
@@ -46,61 +25,43 @@ std::string mb_text(long long mb, const char* what)
     return human + "(" + std::to_string(mb) + " MB)";
 }
 
-// Printers: the operand asked for, the answer's bytes.
-int print_size_as(const CtlContext& ctx, const std::vector<uint8_t>& data, const char* key, const char* what)
+// Printers: the operand asked for, the answer's fields as the event decoder
+// gives them (none when the payload is too short).
+int print_size_as(const CtlContext& ctx, const Json& answer, const char* key, const char* what)
 {
-    uint32_t mb = 0;
-    std::string name;
-    if (!size_answer(data, &mb, &name))
+    if (!answer.contains("sizeMB"))
         return protocol_error(ctx, "malformed size answer");
-    if (ctx.json)
-        fprintf(ctx.out, "{\"device\":%s,\"%s\":%u}\n", json_text(name).c_str(), key, mb);
-    else
-        fprintf(ctx.out, "%s: %s\n", printable(name).c_str(), mb_text(mb, what).c_str());
+    const uint32_t mb = answer["sizeMB"];
+    const std::string& name = answer["device"].get_ref<const std::string&>();
+    print_line(ctx, printable(name) + ": " + mb_text(mb, what), Json{{"device", name}, {key, mb}});
     return kExitOk;
 }
 
-int print_size(const CtlContext& ctx, const std::string&, const std::vector<uint8_t>& data)
+int print_size(const CtlContext& ctx, const std::string&, const Json& answer)
 {
-    return print_size_as(ctx, data, "sizeMB", "");
+    return print_size_as(ctx, answer, "sizeMB", "");
 }
 
-int print_used(const CtlContext& ctx, const std::string&, const std::vector<uint8_t>& data)
+int print_used(const CtlContext& ctx, const std::string&, const Json& answer)
 {
-    return print_size_as(ctx, data, "usedMB", " used");
+    return print_size_as(ctx, answer, "usedMB", " used");
 }
 
-int print_free(const CtlContext& ctx, const std::string& uuid, const std::vector<uint8_t>& data)
+int print_free(const CtlContext& ctx, const std::string& uuid, const Json& answer)
 {
-    int32_t mb = 0;
-    if (data.size() < sizeof(mb))
+    if (!answer.contains("freeMB"))
         return protocol_error(ctx, "malformed free-space answer");
-    memcpy(&mb, data.data(), sizeof(mb));
-    if (ctx.json)
-        fprintf(ctx.out, "{\"uuid\":%s,\"freeMB\":%d}\n", json_text(uuid).c_str(), mb);
-    else
-        fprintf(ctx.out, "%s: %s\n", printable(uuid).c_str(), mb_text(mb, " free").c_str());
+    const int32_t mb = answer["freeMB"];
+    print_line(ctx, printable(uuid) + ": " + mb_text(mb, " free"), Json{{"uuid", uuid}, {"freeMB", mb}});
     return kExitOk;
 }
 
-int print_uuid(const CtlContext& ctx, const std::string& path, const std::vector<uint8_t>& data)
+int print_uuid(const CtlContext& ctx, const std::string& path, const Json& answer)
 {
-    std::string uuid(data.begin(), data.end());
+    std::string uuid = answer.value("uuid", std::string());
     uuid.resize(strnlen(uuid.c_str(), uuid.size()));
-    if (ctx.json)
-        fprintf(ctx.out, "{\"path\":%s,\"uuid\":%s}\n", json_text(path).c_str(), json_text(uuid).c_str());
-    else
-        fprintf(ctx.out, "%s: %s\n", printable(path).c_str(), printable(uuid).c_str());
+    print_line(ctx, printable(path) + ": " + printable(uuid), Json{{"path", path}, {"uuid", uuid}});
     return kExitOk;
-}
-
-// An answer of the size events is for operand when it names the same device,
-// with or without /dev/.
-bool names_operand(const std::vector<uint8_t>& data, const std::string& operand)
-{
-    uint32_t mb = 0;
-    std::string name;
-    return size_answer(data, &mb, &name) && without_dev(name) == without_dev(operand);
 }
 
 struct QueryKind {
@@ -111,7 +72,7 @@ struct QueryKind {
     int32_t event_id;
     bool by_name;         // the answer names its device
     const char* missing;  // why the answer may never come
-    int (*print)(const CtlContext& ctx, const std::string& operand, const std::vector<uint8_t>& data);
+    int (*print)(const CtlContext& ctx, const std::string& operand, const Json& answer);
 };
 
 const QueryKind kQueries[] = {
@@ -145,11 +106,12 @@ int run_query(const CtlContext& ctx, const char* sub, int argc, char** argv)
     std::vector<std::string> fields = {operand};
     if (kind.extra != nullptr)
         fields.push_back(kind.extra);
-    std::vector<uint8_t> answer;
+    Json answer;
     auto take = [&answer, &kind, &operand](const CtlEvent& e) {
-        if (kind.by_name && !names_operand(e.data, operand))
+        Json fields = fields_json(decode_event(e.id, e.data.data(), e.data.size()));
+        if (kind.by_name && without_dev(fields.value("device", std::string())) != without_dev(operand))
             return EventStep::kMore;
-        answer = e.data;
+        answer = std::move(fields);
         return EventStep::kDone;
     };
     EventQuery query;

@@ -36,11 +36,11 @@ EventStep take_volumes(VolumeEvents* got, const CtlEvent& event)
 using DecodeFn = size_t (*)(const uint8_t* data, size_t len, Decoded* out);
 
 // The one field a list decoder gives, as JSON.
-std::string decoded_json(DecodeFn decode, const std::vector<uint8_t>& data)
+Json decoded_json(DecodeFn decode, const std::vector<uint8_t>& data)
 {
     Decoded d;
     decode(data.data(), data.size(), &d);
-    return d.fields.empty() ? "[]" : d.fields[0].json;
+    return d.fields.empty() ? Json::array() : d.fields[0].json;
 }
 
 // The list carries labels as the volumes store them (GBK on FAT); the rows
@@ -65,8 +65,8 @@ int print_volumes(const CtlContext& ctx, const VolumeEvents& got)
     bool whole = parse_volume_table(got.volumes.data(), got.volumes.size(), &entries);
     apply_row_labels(got.rows, &entries);
     if (ctx.json)
-        fprintf(ctx.out, "{\"devices\":%s,\"rows\":%s}\n", decoded_json(decode_tagged_table, got.volumes).c_str(),
-                decoded_json(decode_device_rows, got.rows).c_str());
+        print_json(ctx.out, Json{{"devices", decoded_json(decode_tagged_table, got.volumes)},
+                                 {"rows", decoded_json(decode_device_rows, got.rows)}});
     else
         fputs(render_volume_table(entries).c_str(), ctx.out);
     if (whole)
@@ -89,17 +89,20 @@ int print_devinfo(const CtlContext& ctx, const std::string& name, const std::vec
         return protocol_error(ctx, "devinfo " + name + ": empty device information event");
     Decoded decoded;
     decode_dev_info(data.data(), data.size(), &decoded);
-    if (ctx.json)
-        fprintf(ctx.out, "{\"name\":%s,%s\n", json_string(name.data(), name.size()).c_str(),
-                fields_json(decoded).substr(1).c_str());
+    if (ctx.json) {
+        Json json = {{"name", name}};
+        json.update(fields_json(decoded));
+        print_json(ctx.out, json);
+    }
     if (data[0] != 0) {
         fprintf(ctx.err, "lumstoragectl: no device information for %s (is it a device of lumstoragectl volumes?)\n",
                 printable(name).c_str());
         return kExitNo;
     }
-    VolumeEntry entry;
-    if (!parse_volume_elements(data.data() + 1, data.size() - 1, &entry))
+    // A status byte alone is an empty list; otherwise the list is "device".
+    if (data.size() > 1 && decoded.fields.size() < 2)
         return protocol_error(ctx, "devinfo " + name + ": malformed device information");
+    VolumeEntry entry = volume_entry(data.size() > 1 ? decoded.fields[1].json : Json::object());
     return ctx.json ? kExitOk : print_devinfo_text(ctx, name, entry);
 }
 

@@ -9,43 +9,6 @@ namespace {
 
 constexpr size_t kTextBytes = 64;
 
-// Length of the valid UTF-8 sequence at s (of n bytes), or 0.
-size_t utf8_length(const unsigned char* s, size_t n)
-{
-    size_t len = s[0] < 0x80 ? 1 : (s[0] & 0xe0) == 0xc0 ? 2 : (s[0] & 0xf0) == 0xe0 ? 3
-                                   : (s[0] & 0xf8) == 0xf0 ? 4 : 0;
-    if (len == 0 || len > n || (len == 2 && s[0] < 0xc2) || (len == 4 && s[0] > 0xf4))
-        return 0;
-    for (size_t i = 1; i < len; ++i) {
-        if ((s[i] & 0xc0) != 0x80)
-            return 0;
-    }
-    if ((len == 3 && s[0] == 0xe0 && s[1] < 0xa0) || (len == 3 && s[0] == 0xed && s[1] >= 0xa0) ||
-        (len == 4 && s[0] == 0xf0 && s[1] < 0x90) || (len == 4 && s[0] == 0xf4 && s[1] >= 0x90))
-        return 0;
-    return len;
-}
-
-void append_json_char(unsigned char ch, std::string* out)
-{
-    static const char kEscapes[][3] = {{'"', '"', 0}, {'\\', '\\', 0}, {'\n', 'n', 0},
-                                       {'\r', 'r', 0}, {'\t', 't', 0}};
-    for (const auto& esc : kEscapes) {
-        if (ch == static_cast<unsigned char>(esc[0])) {
-            *out += '\\';
-            *out += esc[1];
-            return;
-        }
-    }
-    if (ch < 0x20 || ch >= 0x7f) {
-        char buf[8];
-        snprintf(buf, sizeof(buf), "\\u%04x", ch);
-        *out += buf;
-        return;
-    }
-    *out += static_cast<char>(ch);
-}
-
 }  // namespace
 
 std::string hex_spaced(const uint8_t* data, size_t len, size_t max_bytes)
@@ -86,23 +49,6 @@ std::string hex_compact(const uint8_t* data, size_t len)
     return out;
 }
 
-std::string json_string(const char* text, size_t len)
-{
-    std::string out = "\"";
-    const unsigned char* s = reinterpret_cast<const unsigned char*>(text);
-    for (size_t i = 0; i < len;) {
-        size_t n = s[i] >= 0x80 ? utf8_length(s + i, len - i) : 0;
-        if (n > 0) {
-            out.append(text + i, n);
-            i += n;
-        } else {
-            append_json_char(s[i], &out);
-            ++i;
-        }
-    }
-    return out + "\"";
-}
-
 namespace {
 
 // Length of a well-formed UTF-8 sequence of two to four bytes at text[i], or
@@ -123,6 +69,41 @@ size_t utf8_sequence(const unsigned char* text, size_t i, size_t len)
     if (cp < kMin[n] || cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF))
         return 0;
     return n;
+}
+
+bool valid_utf8(const std::string& text)
+{
+    const auto* bytes = reinterpret_cast<const unsigned char*>(text.data());
+    for (size_t i = 0; i < text.size(); ++i) {
+        size_t seq = bytes[i] >= 0x80 ? utf8_sequence(bytes, i, text.size()) : 1;
+        if (seq == 0)
+            return false;
+        i += seq - 1;
+    }
+    return true;
+}
+
+// Adds NAMEHex behind each string member that is not valid UTF-8, at any depth.
+void add_hex_twins(Json* value)
+{
+    if (value->is_array()) {
+        for (Json& item : *value)
+            add_hex_twins(&item);
+    }
+    if (!value->is_object())
+        return;
+    Json out = Json::object();
+    for (auto it = value->begin(); it != value->end(); ++it) {
+        add_hex_twins(&it.value());
+        const std::string* text = it.value().get_ptr<const std::string*>();
+        if (text != nullptr && !valid_utf8(*text)) {
+            out[it.key()] = it.value();
+            out[it.key() + "Hex"] = hex_compact(reinterpret_cast<const uint8_t*>(text->data()), text->size());
+        } else {
+            out[it.key()] = std::move(it.value());
+        }
+    }
+    *value = std::move(out);
 }
 
 }  // namespace
@@ -151,12 +132,12 @@ std::string quoted(const char* text, size_t len)
 
 void add_int(Decoded* out, const char* name, long long value)
 {
-    out->fields.push_back(Field{name, std::to_string(value), std::to_string(value)});
+    out->fields.push_back(Field{name, std::to_string(value), value});
 }
 
 void add_uint(Decoded* out, const char* name, unsigned long long value)
 {
-    out->fields.push_back(Field{name, std::to_string(value), std::to_string(value)});
+    out->fields.push_back(Field{name, std::to_string(value), value});
 }
 
 // Any non-zero int32 reads as true, as Parcel::readBool does; an odd value
@@ -166,12 +147,21 @@ void add_bool(Decoded* out, const char* name, int32_t raw)
     std::string text = raw != 0 ? "true" : "false";
     if (raw != 0 && raw != 1)
         text += " (" + std::to_string(raw) + ")";
-    out->fields.push_back(Field{name, text, raw != 0 ? "true" : "false"});
+    out->fields.push_back(Field{name, text, raw != 0});
 }
 
 void add_string(Decoded* out, const char* name, const char* text, size_t len)
 {
-    out->fields.push_back(Field{name, quoted(text, len), json_string(text, len)});
+    out->fields.push_back(Field{name, quoted(text, len), std::string(text, len)});
+}
+
+size_t add_int32(Decoded* out, const char* name, const uint8_t* data, size_t len)
+{
+    int32_t value = 0;
+    if (!read_record(data, len, &value))
+        return 0;
+    add_int(out, name, value);
+    return sizeof(value);
 }
 
 void add_bytes(Decoded* out, const char* name, const uint8_t* data, size_t len)
@@ -179,19 +169,27 @@ void add_bytes(Decoded* out, const char* name, const uint8_t* data, size_t len)
     std::string text = std::to_string(len) + " bytes";
     if (len > 0)
         text += ": " + hex_spaced(data, len, kTextBytes);
-    out->fields.push_back(Field{name, text, "\"" + hex_compact(data, len) + "\""});
+    out->fields.push_back(Field{name, text, hex_compact(data, len)});
 }
 
-std::string fields_json(const Decoded& decoded)
+Json fields_json(const Decoded& decoded)
 {
-    std::string out = "{";
-    for (size_t i = 0; i < decoded.fields.size(); ++i) {
-        if (i > 0)
-            out += ",";
-        const Field& f = decoded.fields[i];
-        out += json_string(f.name.data(), f.name.size()) + ":" + f.json;
-    }
-    return out + "}";
+    Json out = Json::object();
+    for (const Field& f : decoded.fields)
+        out[f.name] = f.json;
+    return out;
+}
+
+std::string json_line(Json value)
+{
+    add_hex_twins(&value);
+    // The replace handler cannot fail: dump() never throws here.
+    return value.dump(-1, ' ', false, Json::error_handler_t::replace);
+}
+
+void print_json(FILE* out, const Json& value)
+{
+    fprintf(out, "%s\n", json_line(value).c_str());
 }
 
 }  // namespace lumctl

@@ -9,51 +9,32 @@ namespace lumctl {
 
 namespace {
 
-uint32_t be16(const uint8_t* p) { return static_cast<uint32_t>(p[0]) << 8 | p[1]; }
-uint32_t be32(const uint8_t* p)
-{
-    return static_cast<uint32_t>(p[0]) << 24 | static_cast<uint32_t>(p[1]) << 16 |
-           static_cast<uint32_t>(p[2]) << 8 | p[3];
-}
-
 std::string cut(const char* text, size_t size) { return std::string(text, strnlen(text, size)); }
-
-// Builds one JSON object and its one-line text from name/value pairs.
-struct Object {
-    std::string json = "{";
-    std::string text;
-    void str(const char* name, const std::string& value)
-    {
-        sep();
-        json += json_string(name, strlen(name)) + ":" + json_string(value.data(), value.size());
-        text += std::string(text.empty() ? "" : " ") + name + "=" + quoted(value.data(), value.size());
-    }
-    void num(const char* name, long long value)
-    {
-        sep();
-        json += json_string(name, strlen(name)) + ":" + std::to_string(value);
-        text += std::string(text.empty() ? "" : " ") + name + "=" + std::to_string(value);
-    }
-    void sep()
-    {
-        if (json.size() > 1)
-            json += ",";
-    }
-    std::string done() const { return json + "}"; }
-};
 
 // Appends an object to a field holding a JSON array, text one line each.
 void append(Field* field, const Object& obj)
 {
-    field->json = field->json.empty() ? "[" + obj.done() + "]" : field->json.substr(0, field->json.size() - 1) + "," + obj.done() + "]";
+    field->json.push_back(obj.json);
     field->text += (field->text.empty() ? "" : "\n  ") + obj.text;
 }
 
 const char* const kTagNames[] = {nullptr, nullptr, "node", "conn", "mountPoint", "label", "fsType", nullptr,
                                  "vendor", "model", "serial", "devId", "sizeMB", "usedMB"};
 
-// The children of one element list into obj; false when an element runs past
-// the end.
+}  // namespace
+
+void Object::str(const char* name, const std::string& value)
+{
+    json[name] = value;
+    text += std::string(text.empty() ? "" : " ") + name + "=" + quoted(value.data(), value.size());
+}
+
+void Object::num(const char* name, long long value)
+{
+    json[name] = value;
+    text += std::string(text.empty() ? "" : " ") + name + "=" + std::to_string(value);
+}
+
 bool decode_elements(const uint8_t* p, size_t len, Object* obj)
 {
     auto one = [obj](uint32_t tag, const uint8_t* v, size_t clen) {
@@ -68,8 +49,6 @@ bool decode_elements(const uint8_t* p, size_t len, Object* obj)
     };
     return walk_elements(p, len, one) == len;
 }
-
-}  // namespace
 
 size_t walk_elements(const uint8_t* p, size_t len, const ElementFn& fn)
 {
@@ -86,13 +65,12 @@ size_t walk_elements(const uint8_t* p, size_t len, const ElementFn& fn)
 size_t decode_hot_plug_info(const uint8_t* data, size_t len, Decoded* out)
 {
     SStorageHotPlugInfo info;
-    if (len < sizeof(info))
+    if (!read_record(data, len, &info))
         return 0;
-    memcpy(&info, data, sizeof(info));
-    add_string(out, "mountPoint", info.mountPoint, strnlen(info.mountPoint, sizeof(info.mountPoint)));
-    add_string(out, "label", info.label, strnlen(info.label, sizeof(info.label)));
+    add_chars(out, "mountPoint", info.mountPoint);
+    add_chars(out, "label", info.label);
     add_uint(out, "labelLen", info.u16LabelLen);
-    add_string(out, "fsType", info.fsType, strnlen(info.fsType, sizeof(info.fsType)));
+    add_chars(out, "fsType", info.fsType);
     return sizeof(info);
 }
 
@@ -108,12 +86,7 @@ size_t decode_mount_point(const uint8_t* data, size_t len, Decoded* out)
 
 size_t decode_count(const uint8_t* data, size_t len, Decoded* out)
 {
-    int32_t count;
-    if (len < sizeof(count))
-        return 0;
-    memcpy(&count, data, sizeof(count));
-    add_int(out, "count", count);
-    return sizeof(count);
+    return add_int32(out, "count", data, len);
 }
 
 size_t decode_size_reply(const uint8_t* data, size_t len, Decoded* out)
@@ -128,12 +101,7 @@ size_t decode_size_reply(const uint8_t* data, size_t len, Decoded* out)
 
 size_t decode_free_mb(const uint8_t* data, size_t len, Decoded* out)
 {
-    int32_t free;
-    if (len < sizeof(free))
-        return 0;
-    memcpy(&free, data, sizeof(free));
-    add_int(out, "freeMB", free);
-    return sizeof(free);
+    return add_int32(out, "freeMB", data, len);
 }
 
 size_t decode_uuid(const uint8_t* data, size_t len, Decoded* out)
@@ -144,7 +112,7 @@ size_t decode_uuid(const uint8_t* data, size_t len, Decoded* out)
 
 size_t decode_tagged_table(const uint8_t* data, size_t len, Decoded* out)
 {
-    Field devices{"devices", "", ""};
+    Field devices{"devices", "", Json::array()};
     size_t at = len > 0 ? 1 : 0;  // the leading zero byte
     auto one = [&devices](uint32_t tag, const uint8_t* v, size_t clen) {
         Object obj;
@@ -156,15 +124,13 @@ size_t decode_tagged_table(const uint8_t* data, size_t len, Decoded* out)
     };
     if (len > 0)
         at += walk_elements(data + at, len - at, one);
-    if (devices.json.empty())
-        devices.json = "[]";
     out->fields.push_back(devices);
     return at;
 }
 
 size_t decode_device_rows(const uint8_t* data, size_t len, Decoded* out)
 {
-    Field rows{"rows", "", ""};
+    Field rows{"rows", "", Json::array()};
     size_t at = 0;
     for (; at + sizeof(SConnectedDevice) <= len; at += sizeof(SConnectedDevice)) {
         SConnectedDevice row;
@@ -183,8 +149,6 @@ size_t decode_device_rows(const uint8_t* data, size_t len, Decoded* out)
         obj.num("devId", static_cast<long long>(row.devId));
         append(&rows, obj);
     }
-    if (rows.json.empty())
-        rows.json = "[]";
     out->fields.push_back(rows);
     return at;
 }
@@ -198,7 +162,7 @@ size_t decode_dev_info(const uint8_t* data, size_t len, Decoded* out)
     if (len > 1 && !decode_elements(data + 1, len - 1, &obj))
         return 1;
     if (len > 1)
-        out->fields.push_back(Field{"device", obj.text, obj.done()});
+        out->fields.push_back(Field{"device", obj.text, obj.json});
     return len;
 }
 

@@ -42,10 +42,9 @@ const ResultName kFormatResults[] = {
 size_t decode_format_info(const uint8_t* data, size_t len, Decoded* out)
 {
     SStorageFormatInfo info;
-    if (len < sizeof(info))
+    if (!read_record(data, len, &info))
         return 0;
-    memcpy(&info, data, sizeof(info));
-    add_string(out, "devName", info.devName, strnlen(info.devName, sizeof(info.devName)));
+    add_chars(out, "devName", info.devName);
     int32_t result = 0;
     memcpy(&result, &info.result, sizeof(result));
     add_int(out, "result", result);
@@ -72,9 +71,7 @@ size_t decode_set_all_partition(const uint8_t* data, size_t len, Decoded* out)
         return 0;
     const char* const names[] = {"sizeMB", "part2MB", "part3MB", "part4MB"};
     for (const char* name : names) {
-        const uint8_t* p = data + used;
-        add_uint(out, name, static_cast<uint32_t>(p[0]) << 24 | static_cast<uint32_t>(p[1]) << 16 |
-                                static_cast<uint32_t>(p[2]) << 8 | p[3]);
+        add_uint(out, name, be32(data + used));
         used += 4;
     }
     return used;

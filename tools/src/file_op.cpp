@@ -83,12 +83,14 @@ struct Follower {
     int finish() const
     {
         const char* word = result_word(op.event, result);
-        JsonLine json = op.names;
-        json.num("result", result).str("name", word).flag("ok", result == 0);
+        Json json = op.names;
+        json["result"] = result;
+        json["name"] = word;
+        json["ok"] = result == 0;
         if (op.space_notices)
-            json.flag("outOfSpace", out_of_space);
+            json["outOfSpace"] = out_of_space;
         if (ctx.json)
-            fprintf(ctx.out, "%s\n", json.done().c_str());
+            print_json(ctx.out, json);
         else
             fprintf(ctx.out, "%s: %s (result %u)\n", printable(subject(op.call)).c_str(), word, result);
         if (result == 0)

@@ -7,7 +7,6 @@
 #include <vector>
 
 #include "ctl_device.h"
-#include "json_line.h"
 
 namespace lumctl {
 
@@ -24,7 +23,7 @@ struct FileOp {
     bool direct = false;           // run on the caller's thread: the event comes before the reply, also
                                    // after a reply of false
     std::vector<uint8_t> request;  // the request Parcel
-    JsonLine names;                // the operands as JSON fields ("path", or "source" and "destination")
+    Json names;                    // the operands as JSON fields ("path", or "source" and "destination")
     bool space_notices = false;    // LUM_TV_EVT_STORAGE_OUT_OF_SPACE may come before the result
 };
 

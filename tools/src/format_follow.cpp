@@ -8,7 +8,6 @@
 #include <StorageFormatInfo.h>
 
 #include "ctl_device.h"
-#include "json_line.h"
 #include "lumctl/event_decoders.h"
 #include "lumctl/volume_table.h"
 
@@ -18,16 +17,12 @@ namespace {
 
 using Phase = FormatPhase;
 
-uint32_t be32(const uint8_t* p)
-{
-    return static_cast<uint32_t>(p[0]) << 24 | static_cast<uint32_t>(p[1]) << 16 |
-           static_cast<uint32_t>(p[2]) << 8 | p[3];
-}
-
 // {"step":step,...the event's fields}
-std::string step_json(const char* step, const CtlEvent& event)
+Json step_json(const char* step, const CtlEvent& event)
 {
-    return JsonLine().str("step", step).fields(decode_event(event.id, event.data.data(), event.data.size())).done();
+    Json json = {{"step", step}};
+    json.update(fields_json(decode_event(event.id, event.data.data(), event.data.size())));
+    return json;
 }
 
 bool before(Phase a, Phase b) { return static_cast<int>(a) < static_cast<int>(b); }
@@ -37,7 +32,7 @@ void enter(FormatFollower* f, Phase phase, const char* word)
     if (!before(f->phase, phase))
         return;
     f->phase = phase;
-    f->say(word, JsonLine().str("step", word).done());
+    f->say(word, Json{{"step", word}});
 }
 
 std::string path_text(const CtlEvent& event)
@@ -101,20 +96,19 @@ EventStep on_pvr_change(FormatFollower* f, const CtlEvent& event)
     return EventStep::kMore;
 }
 
-// retVal, the device with its NUL, then (retVal 0) the size in MB, big-endian.
+// retVal, the device, and with retVal 0 the size in MB, as the event's
+// decoder reads them; an event it cannot read names no volume.
 EventStep on_partition(FormatFollower* f, const CtlEvent& event)
 {
-    const std::vector<uint8_t>& d = event.data;
-    if (f->phase == Phase::kEnded || d.size() < 2 || memchr(d.data() + 1, 0, d.size() - 1) == nullptr)
-        return EventStep::kMore;
-    size_t name_len = strlen(reinterpret_cast<const char*>(d.data() + 1));
-    if (std::string(reinterpret_cast<const char*>(d.data() + 1), name_len) != f->volume)
+    const Json fields = fields_json(decode_event(event.id, event.data.data(), event.data.size()));
+    if (f->phase == Phase::kEnded || !fields.contains("device") || fields["device"] != f->volume)
         return EventStep::kMore;
     f->have_partition = true;
-    f->ret_val = d[0];
-    size_t at = 1 + name_len + 1;
-    f->size_mb = d[0] == 0 && d.size() >= at + 4 ? static_cast<long long>(be32(d.data() + at)) : -1;
-    f->say("", step_json("partition", event));
+    f->ret_val = fields["retVal"];
+    f->size_mb = fields.value("sizeMB", -1LL);
+    Json line = {{"step", "partition"}};
+    line.update(fields);
+    f->say("", line);
     return EventStep::kMore;
 }
 
@@ -145,38 +139,34 @@ EventStep finish(FormatFollower* f, int32_t result, const std::string& reason)
 {
     f->phase = Phase::kEnded;
     f->ok = result == 0;
-    JsonLine json;
-    json.str("step", "result").str("volume", f->volume).flag("ok", f->ok).num("result", result);
+    Json json = {{"step", "result"}, {"volume", f->volume}, {"ok", f->ok}, {"result", result}};
     std::string text = f->ok ? "result: ok" : "result: failed";
     if (f->ok && f->size_mb >= 0) {
-        json.num("sizeMB", f->size_mb);
+        json["sizeMB"] = f->size_mb;
         text += ", " + human_mb(static_cast<uint64_t>(f->size_mb)) + " (" + std::to_string(f->size_mb) + " MB)";
     }
     if (!reason.empty()) {
-        json.str("reason", reason);
+        json["reason"] = reason;
         text += " (" + reason + ")";
     }
-    f->say(text, json.done());
+    f->say(text, json);
     return EventStep::kDone;
 }
 
 EventStep on_format(FormatFollower* f, const CtlEvent& event)
 {
-    SStorageFormatInfo info;
-    if (f->phase == Phase::kEnded || event.data.size() < sizeof(info))
+    const Json fields = fields_json(decode_event(event.id, event.data.data(), event.data.size()));
+    if (f->phase == Phase::kEnded || !fields.contains("devName") || fields["devName"] != f->volume)
         return EventStep::kMore;
-    memcpy(&info, event.data.data(), sizeof(info));
-    if (std::string(info.devName, strnlen(info.devName, sizeof(info.devName))) != f->volume)
-        return EventStep::kMore;
-    int32_t result = 0;
-    memcpy(&result, &info.result, sizeof(result));
-    if (info.result == STORAGE_FORMAT_RESULT_TIMEOUT) {
+    const int32_t result = fields["result"];
+    const auto code = static_cast<unsigned int>(result);
+    if (code == STORAGE_FORMAT_RESULT_TIMEOUT) {
         f->say("watchdog expired, still formatting", step_json("watchdog", event));
         return EventStep::kMore;
     }
     // Busy answers the request only before its format showed any step; later
     // it is another client's request for the same volume.
-    if (info.result == STORAGE_FORMAT_RESULT_BUSY)
+    if (code == STORAGE_FORMAT_RESULT_BUSY)
         return f->busy_counts && f->phase == Phase::kWaiting ? finish(f, result, "another format is running")
                                                              : EventStep::kMore;
     return finish(f, result, failure_reason(f, result));
@@ -226,10 +216,10 @@ std::string FormatFollower::waiting() const
            kPhaseNames[static_cast<int>(phase)] + ")";
 }
 
-void FormatFollower::say(const std::string& text, const std::string& json) const
+void FormatFollower::say(const std::string& text, const Json& json) const
 {
     if (ctx.json)
-        fprintf(ctx.out, "%s\n", json.c_str());
+        print_json(ctx.out, json);
     else if (!text.empty())
         fprintf(ctx.out, "%s\n", text.c_str());
     fflush(ctx.out);

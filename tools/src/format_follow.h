@@ -39,7 +39,7 @@ struct FormatFollower {
     // What is still awaited, for a time-out message.
     std::string waiting() const;
     // Prints one step: text (none when empty) or the JSON object.
-    void say(const std::string& text, const std::string& json) const;
+    void say(const std::string& text, const Json& json) const;
 };
 
 }  // namespace lumctl

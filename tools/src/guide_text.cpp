@@ -4,7 +4,6 @@
 
 #include <cstring>
 
-#include "json_line.h"
 #include "lumctl/volume_table.h"
 
 namespace lumctl {
@@ -78,18 +77,16 @@ std::string partition_line(const SConnectedDevice& row)
     return line + "\n";
 }
 
-std::string partition_json(const SConnectedDevice& row)
+Json partition_json(const SConnectedDevice& row)
 {
     std::string dev = cut(row.devName, sizeof(row.devName));
-    return JsonLine()
-        .str("name", dev.compare(0, 5, "/dev/") == 0 ? dev.substr(5) : dev)
-        .str("devName", dev)
-        .str("fsType", cut(row.fsType, sizeof(row.fsType)))
-        .num("sizeMB", static_cast<long long>(row.devSize))
-        .num("usedMB", static_cast<long long>(row.devUsedSize))
-        .str("mountPoint", cut(row.mountPoint, sizeof(row.mountPoint)))
-        .str("label", cut(row.volumeName, sizeof(row.volumeName)))
-        .done();
+    return {{"name", dev.compare(0, 5, "/dev/") == 0 ? dev.substr(5) : dev},
+            {"devName", dev},
+            {"fsType", cut(row.fsType, sizeof(row.fsType))},
+            {"sizeMB", row.devSize},
+            {"usedMB", row.devUsedSize},
+            {"mountPoint", cut(row.mountPoint, sizeof(row.mountPoint))},
+            {"label", cut(row.volumeName, sizeof(row.volumeName))}};
 }
 
 }  // namespace
@@ -116,19 +113,17 @@ std::string guide_text(const SStoragePvrDevGuideInfo& guide)
     return out + "connected devices: " + std::to_string(guide.s32ConnectedDevNum) + "\n";
 }
 
-std::string guide_json(const SStoragePvrDevGuideInfo& guide)
+Json guide_json(const SStoragePvrDevGuideInfo& guide)
 {
-    std::string rows = "[";
+    Json rows = Json::array();
     for (int i = 0; i < row_count(guide); ++i)
-        rows += (i > 0 ? "," : "") + partition_json(guide.astPartition[i]);
-    return JsonLine()
-        .flag("show", guide.bShow != 0)
-        .num("event", guide.enEvt)
-        .str("asks", guide_request(guide))
-        .num("partitionNum", guide.s32PartitionNum)
-        .raw("partitions", rows + "]")
-        .num("connectedDevNum", guide.s32ConnectedDevNum)
-        .done();
+        rows.push_back(partition_json(guide.astPartition[i]));
+    return {{"show", guide.bShow != 0},
+            {"event", guide.enEvt},
+            {"asks", guide_request(guide)},
+            {"partitionNum", guide.s32PartitionNum},
+            {"partitions", rows},
+            {"connectedDevNum", guide.s32ConnectedDevNum}};
 }
 
 }  // namespace lumctl

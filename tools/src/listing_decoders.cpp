@@ -6,7 +6,6 @@
 #include <cstdio>
 #include <cstring>
 
-#include "json_line.h"
 #include "lumctl/volume_table.h"
 
 namespace lumctl {
@@ -18,9 +17,7 @@ constexpr size_t kFileInfoBytes = 10;
 constexpr size_t kTagInfoBytes = 18;
 constexpr int64_t kMjdOfEpoch = 40587;  // 1970-01-01
 
-uint32_t be16(const uint8_t* p) { return static_cast<uint32_t>(p[0]) << 8 | p[1]; }
 uint32_t be24(const uint8_t* p) { return be16(p) << 8 | p[2]; }
-uint32_t be32(const uint8_t* p) { return be16(p) << 16 | be16(p + 2); }
 
 // The six strings of a record, in their order on the wire.
 std::string ListingRecord::*const kStrings[] = {&ListingRecord::name,  &ListingRecord::title,
@@ -139,15 +136,11 @@ std::string records_text(const std::vector<ListingRecord>& records)
     return out;
 }
 
-std::string records_json(const std::vector<ListingRecord>& records)
+Json records_json(const std::vector<ListingRecord>& records)
 {
-    std::string out = "[";
-    for (const ListingRecord& r : records) {
-        if (out.size() > 1)
-            out += ',';
-        out += record_json(r);
-    }
-    out += ']';
+    Json out = Json::array();
+    for (const ListingRecord& r : records)
+        out.push_back(record_json(r));
     return out;
 }
 
@@ -202,24 +195,26 @@ std::string record_line(const ListingRecord& r, bool human)
     return head + printable(r.name) + tags_text(r);
 }
 
-std::string record_json(const ListingRecord& r)
+Json record_json(const ListingRecord& r)
 {
-    JsonLine json;
-    json.flag("protected", r.is_protected).num("sizeKiB", r.size_kib).num("mjd", r.mjd);
-    json.str("date", mjd_date(r.mjd)).str("time", time_text(r));
+    Json json = {{"protected", r.is_protected}, {"sizeKiB", r.size_kib}, {"mjd", r.mjd},
+                 {"date", mjd_date(r.mjd)},     {"time", time_text(r)}};
     for (size_t i = 0; i < 6; ++i)
-        json.str(kStringNames[i], r.*kStrings[i]);
-    json.num("year", r.year).num("track", r.track).num("duration", r.duration).num("bitrate", r.bitrate);
-    return json.flag("tagRead", r.tag_read).done();
+        json[kStringNames[i]] = r.*kStrings[i];
+    json["year"] = r.year;
+    json["track"] = r.track;
+    json["duration"] = r.duration;
+    json["bitrate"] = r.bitrate;
+    json["tagRead"] = r.tag_read;
+    return json;
 }
 
-std::string listing_block_json(const ListingBlock& block)
+Json listing_block_json(const ListingBlock& block)
 {
-    JsonLine json;
-    json.num("offset", block.offset).num("total", block.total).raw("records", records_json(block.records));
+    Json json = {{"offset", block.offset}, {"total", block.total}, {"records", records_json(block.records)}};
     if (!block.damage.empty())
-        json.str("damage", block.damage);
-    return json.done();
+        json["damage"] = block.damage;
+    return json;
 }
 
 size_t decode_listing_block(const uint8_t* data, size_t len, Decoded* out)

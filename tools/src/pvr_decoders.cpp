@@ -54,13 +54,12 @@ size_t decode_path_text(const uint8_t* data, size_t len, Decoded* out)
 size_t decode_mark_info(const uint8_t* data, size_t len, Decoded* out)
 {
     SStorageMarkPvrInfo info;
-    if (len < sizeof(info))
+    if (!read_record(data, len, &info))
         return 0;
-    memcpy(&info, data, sizeof(info));
     add_bool(out, "isPvrPartition", info.is_pvr_partition);
     add_int(out, "pvrFlag", info.pvr_flag);
     out->fields.back().text += std::string(" (") + name_of(kVerdicts, info.pvr_flag) + ")";
-    add_string(out, "partitionId", info.partition_id, strnlen(info.partition_id, sizeof(info.partition_id)));
+    add_chars(out, "partitionId", info.partition_id);
     return sizeof(info);
 }
 

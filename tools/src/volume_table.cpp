@@ -9,51 +9,6 @@ namespace lumctl {
 
 namespace {
 
-uint32_t be32(const uint8_t* p)
-{
-    return static_cast<uint32_t>(p[0]) << 24 | static_cast<uint32_t>(p[1]) << 16 |
-           static_cast<uint32_t>(p[2]) << 8 | p[3];
-}
-
-// Strings count their NUL in the element's length; a missing NUL is fine.
-std::string text_of(const uint8_t* v, size_t len)
-{
-    const char* s = reinterpret_cast<const char*>(v);
-    return std::string(s, strnlen(s, len));
-}
-
-void set_node(VolumeEntry* e, const uint8_t* v, size_t n) { e->node = text_of(v, n); }
-void set_conn(VolumeEntry* e, const uint8_t* v, size_t n) { e->conn = n >= 1 ? v[0] : 0; }
-void set_mount(VolumeEntry* e, const uint8_t* v, size_t n) { e->mount_point = text_of(v, n); }
-void set_label(VolumeEntry* e, const uint8_t* v, size_t n) { e->label = text_of(v, n); }
-void set_fs(VolumeEntry* e, const uint8_t* v, size_t n) { e->fs_type = text_of(v, n); }
-void set_vendor(VolumeEntry* e, const uint8_t* v, size_t n) { e->vendor = trim_blanks(text_of(v, n)); }
-void set_model(VolumeEntry* e, const uint8_t* v, size_t n) { e->model = trim_blanks(text_of(v, n)); }
-void set_serial(VolumeEntry* e, const uint8_t* v, size_t n) { e->serial = trim_blanks(text_of(v, n)); }
-void set_id(VolumeEntry* e, const uint8_t* v, size_t n) { e->dev_id = n == 4 ? be32(v) : 0; }
-
-void set_size(VolumeEntry* e, const uint8_t* v, size_t n)
-{
-    e->has_size = n == 4;
-    e->size_mb = n == 4 ? be32(v) : 0;
-}
-
-void set_used(VolumeEntry* e, const uint8_t* v, size_t n)
-{
-    e->has_used = n == 4;
-    e->used_mb = n == 4 ? be32(v) : 0;
-}
-
-struct TagRow {
-    uint32_t tag;
-    void (*set)(VolumeEntry* entry, const uint8_t* value, size_t len);
-};
-
-const TagRow kTags[] = {
-    {2, set_node},   {3, set_conn},   {4, set_mount},   {5, set_label}, {6, set_fs},    {8, set_vendor},
-    {9, set_model},  {10, set_serial}, {11, set_id},    {12, set_size}, {13, set_used},
-};
-
 // By connection type value; 7 is an MTP/PTP device.
 const char* const kConnLabels[] = {"-",       "HDDEdwa", "HDDAsdd", "USBAsdd",
                                    "HDD Int", "USB Int", "USB Ext", "PTP"};
@@ -61,31 +16,33 @@ constexpr int kConnPtp = 7;
 
 }  // namespace
 
-bool parse_volume_elements(const uint8_t* p, size_t len, VolumeEntry* entry)
+VolumeEntry volume_entry(const Json& elements)
 {
-    auto one = [entry](uint32_t tag, const uint8_t* v, size_t n) {
-        for (const TagRow& row : kTags) {
-            if (row.tag == tag)
-                row.set(entry, v, n);
-        }
-        return true;
-    };
-    return walk_elements(p, len, one) == len;
+    VolumeEntry e;
+    auto text = [&elements](const char* name) { return elements.value(name, std::string()); };
+    e.node = text("node");
+    e.conn = elements.value("conn", 0);
+    e.mount_point = text("mountPoint");
+    e.label = text("label");
+    e.fs_type = text("fsType");
+    e.vendor = trim_blanks(text("vendor"));
+    e.model = trim_blanks(text("model"));
+    e.serial = trim_blanks(text("serial"));
+    e.dev_id = elements.value("devId", 0u);
+    e.has_size = elements.contains("sizeMB");
+    e.size_mb = elements.value("sizeMB", 0u);
+    e.has_used = elements.contains("usedMB");
+    e.used_mb = elements.value("usedMB", 0u);
+    return e;
 }
 
 bool parse_volume_table(const uint8_t* data, size_t len, std::vector<VolumeEntry>* out)
 {
-    if (len == 0)
-        return true;
-    auto one = [out](uint32_t tag, const uint8_t* v, size_t n) {
-        VolumeEntry entry;
-        if (tag == 1 && !parse_volume_elements(v, n, &entry))
-            return false;
-        if (tag == 1)
-            out->push_back(entry);
-        return true;
-    };
-    return 1 + walk_elements(data + 1, len - 1, one) == len;
+    Decoded decoded;
+    size_t used = decode_tagged_table(data, len, &decoded);
+    for (const Json& elements : decoded.fields.front().json)
+        out->push_back(volume_entry(elements));
+    return used == len;
 }
 
 namespace {

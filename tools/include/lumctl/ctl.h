@@ -91,6 +91,8 @@ int run_fd(const CtlContext& ctx, int argc, char** argv);
 // JSON object. row may be null (a raw word with no row).
 void print_reply(const CtlContext& ctx, const CmdRow* row, int32_t word, const CtlReply& reply);
 void print_event(const CtlContext& ctx, const CtlEvent& event);
+// One line of a subcommand's answer: json with --json, text otherwise.
+void print_line(const CtlContext& ctx, const std::string& text, const Json& json);
 
 // Sends request on a new connection and prints the reply.
 int transact_and_print(const CtlContext& ctx, const CmdRow* row, int32_t word,

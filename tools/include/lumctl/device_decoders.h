@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <string>
 
 #include "lumctl/decoded.h"
 
@@ -19,6 +20,19 @@ using ElementFn = std::function<bool(uint32_t tag, const uint8_t* value, size_t 
 // p[0..len) until fn returns false, an element runs past the end or fewer
 // than 4 bytes are left. Returns the bytes of the elements fn took.
 size_t walk_elements(const uint8_t* p, size_t len, const ElementFn& fn);
+
+// One JSON object and its one-line text ("name=value ..."), built together.
+struct Object {
+    Json json = Json::object();
+    std::string text;
+    void str(const char* name, const std::string& value);
+    void num(const char* name, long long value);
+};
+
+// The children of one element list into obj, the known tags by name (node,
+// conn, mountPoint, label, fsType, vendor, model, serial, devId, sizeMB,
+// usedMB), strings up to their NUL; false when an element runs past the end.
+bool decode_elements(const uint8_t* p, size_t len, Object* obj);
 
 size_t decode_hot_plug_info(const uint8_t* data, size_t len, Decoded* out);
 size_t decode_mount_point(const uint8_t* data, size_t len, Decoded* out);

@@ -7,6 +7,8 @@
 
 #include <StoragePvr.h>
 
+#include "lumctl/decoded.h"
+
 namespace lumctl {
 
 // What the record asks of the user interface: "offer to format sdb1", "let
@@ -24,6 +26,6 @@ std::string guide_text(const SStoragePvrDevGuideInfo& guide);
 
 // One JSON object: show, event, asks, partitionNum, partitions (name,
 // devName, fsType, sizeMB, usedMB, mountPoint, label), connectedDevNum.
-std::string guide_json(const SStoragePvrDevGuideInfo& guide);
+Json guide_json(const SStoragePvrDevGuideInfo& guide);
 
 }  // namespace lumctl

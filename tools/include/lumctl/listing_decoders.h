@@ -55,11 +55,11 @@ std::string mjd_date(uint32_t mjd);
 //   r     1 2024-05-17 13:45 a.mp3  title "T", year 2024, track 3, 3:35, 192 kbit/s
 std::string record_line(const ListingRecord& record, bool human);
 // Every field as one JSON object.
-std::string record_json(const ListingRecord& record);
+Json record_json(const ListingRecord& record);
 
 // A parsed block as one JSON object, the form `watch --json` gives it:
 // {"offset":N,"total":N,"records":[...]} and "damage" for a damaged block.
-std::string listing_block_json(const ListingBlock& block);
+Json listing_block_json(const ListingBlock& block);
 
 // Event decoders (rows of the event table): offset, total and the records;
 // status and the cover's link path.

@@ -7,6 +7,8 @@
 #include <string>
 #include <vector>
 
+#include "lumctl/decoded.h"
+
 namespace lumctl {
 
 struct VolumeEntry {
@@ -18,13 +20,14 @@ struct VolumeEntry {
     bool has_size = false, has_used = false;
 };
 
-// Fills entry from a list of elements (the children of one device entry, or
-// the body of a GET_DEV_INFO event). False when an element runs past the end.
-bool parse_volume_elements(const uint8_t* p, size_t len, VolumeEntry* entry);
+// The entry of a decoded element list (decode_elements: the children of one
+// device entry, or the body of a GET_DEV_INFO event), vendor, model and
+// serial without their padding blanks.
+VolumeEntry volume_entry(const Json& elements);
 
-// Parses the event payload: a leading zero byte, then device-entry elements
-// (tag 1) holding the children. False when it is malformed; the entries
-// before the fault are kept.
+// Parses the event payload through decode_tagged_table: a leading zero byte,
+// then device-entry elements (tag 1) holding the children. False when it is
+// malformed; the entries before the fault are kept.
 bool parse_volume_table(const uint8_t* data, size_t len, std::vector<VolumeEntry>* out);
 
 // "48M", "1.9G", "3.6T": megabytes (2^20 bytes) in the largest unit (M, G,
