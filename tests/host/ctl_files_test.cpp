@@ -287,11 +287,11 @@ TEST_F(CtlFiles, LimitsAndMistakesAreRefusedBeforeSending)
         {{"rm", ""}, "not an absolute path"},
         {{"rm", "--recording", "/a/b.idx"}, "NAME.ts"},
         {{"cp", "--recording", "/a/b", "/c/b"}, "NAME.ts"},
-        {{"rm", "-r", "--recording", "/a/b.ts"}, "give one of them"},
-        {{"cp", "-r", "--recording", "/a/", "/b/"}, "give one of them"},
+        {{"rm", "-r", "--recording", "/a/b.ts"}, "excludes"},
+        {{"cp", "-r", "--recording", "/a/", "/b/"}, "excludes"},
         {{"cp", "/a/", "/b/"}, "a directory takes cp -r"},
-        {{"cp", "--cancel", "-r"}, "--cancel takes no other option"},
-        {{"cp", "/a"}, "takes SRC DST"},
+        {{"cp", "--cancel", "-r"}, "excludes --cancel"},
+        {{"cp", "/a"}, "requires DST"},
         {{"exec", "--capture"}, "exec takes a COMMAND"},
         {{"exec", "--bogus", "x"}, "put -- before"},
         {{"write", "/a/f", "/nonexistent/file"}, "/nonexistent/file: No such file"},
@@ -299,7 +299,7 @@ TEST_F(CtlFiles, LimitsAndMistakesAreRefusedBeforeSending)
         {{"fd", "open", "/a", "O_BOGUS", "0"}, "FLAGS are names"},
         {{"fd", "read", "x", "1"}, "FD is a number"},
         {{"fd", "read", "7", "-1"}, "BYTES is a number"},
-        {{"fd", "seek", "7"}, "unknown word 'seek'"},
+        {{"fd", "seek", "7"}, "word is missing or unknown: open, close"},
     };
     for (const Case& c : refused) {
         CtlRun r = run(c.words);

@@ -125,16 +125,4 @@ int run_file_op(const CtlContext& ctx, const FileOp& op)
     return rc != kExitOk ? rc : follower.finish();
 }
 
-std::vector<char*> take_flags(int argc, char** argv, const std::vector<const char*>& flags, std::vector<bool>* seen)
-{
-    std::vector<char*> rest(argv, argv + argc);
-    seen->assign(flags.size(), false);
-    for (size_t i = 0; i < flags.size(); ++i) {
-        bool here = false;
-        rest = without_flag(static_cast<int>(rest.size()), rest.data(), flags[i], &here);
-        (*seen)[i] = here;
-    }
-    return rest;
-}
-
 }  // namespace lumctl

@@ -34,8 +34,4 @@ struct FileOp {
 // error.
 int run_file_op(const CtlContext& ctx, const FileOp& op);
 
-// Strips each flag of flags from argv; seen[i] tells whether flags[i] was
-// there. The rest is left for device_args.
-std::vector<char*> take_flags(int argc, char** argv, const std::vector<const char*>& flags, std::vector<bool>* seen);
-
 }  // namespace lumctl
