@@ -182,20 +182,6 @@ TEST_F(CtlHelp, NoDaemonExitsOneAndSaysHowToStartOne)
     }
 }
 
-TEST(CtlConnectError, EachCauseSaysWhatToDo)
-{
-    EXPECT_EQ("cannot connect to /s (Permission denied): lumstoraged lets in root, its own user and the members of "
-              "its --group",
-              lumctl::connect_error("/s", EACCES));
-    EXPECT_TRUE(has(lumctl::connect_error("/s", ECONNREFUSED), "is lumstoraged running?"));
-    EXPECT_EQ("cannot connect to /x: a socket path has 1 to 107 bytes", lumctl::connect_error("/x", ENAMETOOLONG));
-    EXPECT_EQ("cannot connect to /s (Too many open files)", lumctl::connect_error("/s", EMFILE));
-    // A path that is too long is said before anything is tried.
-    CtlRun r = ctl("/" + std::string(200, 'a'), {"volumes"});
-    EXPECT_EQ(1, r.code);
-    EXPECT_TRUE(has(r.err, "a socket path has 1 to 107 bytes")) << r.err;
-}
-
 // Against the fake service: one outcome of each kind, with its code.
 class CtlOutcomes : public ::testing::Test {
 protected:

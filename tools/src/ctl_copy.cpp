@@ -96,6 +96,8 @@ int run_cp(const CtlContext& ctx, const DeviceArgs& args)
         return direct_copy(ctx, &op.call, paths[0], paths[1], args.tree);
     op.event = LUM_TV_EVT_STORAGE_COPY;
     op.space_notices = true;
+    op.progress = true;
+    op.shape = args.tree ? CopyShape::kTree : args.recording ? CopyShape::kRecording : CopyShape::kFile;
     op.names.str("source", paths[0]).str("destination", paths[1]).flag("recording", args.recording);
     std::string error;
     if (build_copy(paths[0], paths[1], args.recording ? kCopyRecording : kCopyPlain, &op.request, &error) != 0)

@@ -53,6 +53,9 @@ int run_two_paths(const CtlContext& ctx, const char* sub, int32_t word, int32_t 
     const std::string src = op.call.args.operands[0];
     const std::string dst = op.call.args.operands[1];
     op.names.str("source", src).str("destination", dst).flag("recording", args.recording);
+    // A move to another volume copies first.
+    op.progress = word == STROAGE_LUM_MOVE && across_volumes(src, dst);
+    op.shape = args.recording ? CopyShape::kRecording : CopyShape::kFile;
     std::string error;
     return send_op(ctx, &op, build_packed_paths(word, src, dst, args.recording, &op.request, &error), error);
 }

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "ctl_device.h"
+#include "lumctl/copy_progress.h"
 #include "json_line.h"
 
 namespace lumctl {
@@ -26,6 +27,8 @@ struct FileOp {
     std::vector<uint8_t> request;  // the request Parcel
     JsonLine names;                // the operands as JSON fields ("path", or "source" and "destination")
     bool space_notices = false;    // LUM_TV_EVT_STORAGE_OUT_OF_SPACE may come before the result
+    bool progress = false;         // a terminal is shown how far the copy of the operands SRC DST is
+    CopyShape shape = CopyShape::kFile;
 };
 
 // Sends op's request and follows it to its result: prints the result line
