@@ -123,8 +123,9 @@ void add_options(CLI::App* sub, const SubRow& row, DeviceArgs* args)
     CLI::Option* tree = (row.options & kTree) ? sub->add_flag("-r", args->tree) : nullptr;
     if (tree != nullptr && recording != nullptr)
         tree->excludes(recording);
-    if (row.options & kDirect)
-        sub->add_flag("--direct", args->direct)->excludes(recording);
+    CLI::Option* direct = (row.options & kDirect) ? sub->add_flag("--direct", args->direct) : nullptr;
+    if (direct != nullptr && recording != nullptr)
+        direct->excludes(recording);
     if (row.options & kCapture)
         sub->add_flag("--capture", args->capture);
     if (row.options & kHex)
@@ -142,7 +143,8 @@ void add_options(CLI::App* sub, const SubRow& row, DeviceArgs* args)
 }
 
 // One positional per name of row.operands, each adding its word to
-// args->operands. In a group (required false) the group's rules stand for "required".
+// args->operands. In a group (required false) the group's rules say which
+// are needed.
 std::vector<CLI::Option*> add_operand_names(CLI::App* holder, const SubRow& row, DeviceArgs* args, bool required)
 {
     std::vector<CLI::Option*> added;
