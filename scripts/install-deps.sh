@@ -26,6 +26,8 @@ PACKAGES=(
   # the fuzz targets (fuzz/run.sh): clang and its libFuzzer
   clang-14 libclang-rt-14-dev
   libgtest-dev libgmock-dev
+  # lumstoragectl's command line
+  libcli11-dev
   libtagc0-dev
   nlohmann-json3-dev
   util-linux mount fdisk e2fsprogs dosfstools ntfs-3g fusefat exfatprogs

@@ -227,7 +227,7 @@ TEST(CtlOutput, JsonIsValidForEveryReplyAndEvent)
         json = capture(true, [&](const lumctl::CtlContext& ctx) { lumctl::print_event(ctx, ev); });
         EXPECT_TRUE(nlohmann::json::accept(json)) << json;
     }
-    json = capture(true, [&](const lumctl::CtlContext& ctx) { lumctl::run_list(ctx, 0, nullptr); });
+    json = capture(true, [&](const lumctl::CtlContext& ctx) { lumctl::run_list(ctx, {}); });
     EXPECT_TRUE(nlohmann::json::accept(json));
 }
 

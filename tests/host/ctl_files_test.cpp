@@ -6,11 +6,16 @@
 // negative ones, and raw bytes out.
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <fstream>
+#include <map>
 
 #include "ctl_run.h"
 #include "fake_files.h"
 #include <nlohmann/json.hpp>
+#include "lumctl/copy_progress.h"
 #include "test_support.h"
 
 namespace {
@@ -245,6 +250,42 @@ TEST_F(CtlFiles, CopyReportsOutOfSpaceBeforeItsResult)
     EXPECT_EQ("cp --direct /a/x /b/y: failed (the reply gives no reason)\n", r.out);
 }
 
+// The copy's progress line from given figures, the rule that keeps it off
+// pipes and JSON, and the files it watches: a tree's under the destination,
+// a recording's companions beside it.
+TEST(CopyProgress, LineFiguresAndWatchedFiles)
+{
+    const std::pair<lumctl::ProgressFigures, const char*> lines[] = {
+        {{0, 50331648, 0, 1, 0}, "0B of 48.0M  0%  0 of 1 file"},
+        {{12582912, 50331648, 3, 10, 0.4}, "12.0M of 48.0M  25%  3 of 10 files"},
+        {{12582912, 50331648, 3, 10, 3}, "12.0M of 48.0M  25%  3 of 10 files  4.0M/s  0:09 left"},
+        {{4096, 4096, 1, 1, 1}, "4.0K of 4.0K  100%  1 of 1 file  4.0K/s  0:00 left"},
+        {{1 << 20, 4000ull << 20, 0, 2, 1}, "1.0M of 3.9G  0%  0 of 2 files  1.0M/s  1:06:39 left"},
+    };
+    for (const auto& c : lines)
+        EXPECT_EQ(c.second, lumctl::progress_line(c.first));
+    EXPECT_TRUE(lumctl::shows_progress(false, true));
+    EXPECT_FALSE(lumctl::shows_progress(true, true));
+    EXPECT_FALSE(lumctl::shows_progress(false, false));
+
+    hosttest::TempDir dir;
+    const std::string src = dir.path + "/src";
+    ASSERT_EQ(0, mkdir(src.c_str(), 0755));
+    ASSERT_EQ(0, mkdir((src + "/sub").c_str(), 0755));
+    std::ofstream(src + "/sub/a.ts") << "12345";
+    std::ofstream(src + "/sub/a.ts.idx") << "12";
+    ASSERT_EQ(0, symlink("sub/a.ts", (src + "/link").c_str()));
+    lumctl::CopyPlan tree = lumctl::plan_copy(lumctl::CopyShape::kTree, src + "/", "/dst/");
+    std::map<std::string, std::string> places(tree.files.begin(), tree.files.end());
+    EXPECT_EQ((std::map<std::string, std::string>{{src + "/sub/a.ts", "/dst/sub/a.ts"},
+                                                   {src + "/sub/a.ts.idx", "/dst/sub/a.ts.idx"}}),
+              places);
+    lumctl::CopyPlan rec = lumctl::plan_copy(lumctl::CopyShape::kRecording, src + "/sub/a.ts", "/d/b.ts");
+    ASSERT_EQ(2u, rec.files.size());
+    EXPECT_EQ("/d/b.ts.idx", rec.files[1].second);
+    EXPECT_EQ((std::vector<uint64_t>{5, 2}), rec.sizes);
+}
+
 TEST_F(CtlFiles, RefusedOrUnansweredRequestsExit1)
 {
     CtlRun r = run({"protect", fakesvc::kRefusedPath});
@@ -287,11 +328,11 @@ TEST_F(CtlFiles, LimitsAndMistakesAreRefusedBeforeSending)
         {{"rm", ""}, "not an absolute path"},
         {{"rm", "--recording", "/a/b.idx"}, "NAME.ts"},
         {{"cp", "--recording", "/a/b", "/c/b"}, "NAME.ts"},
-        {{"rm", "-r", "--recording", "/a/b.ts"}, "give one of them"},
-        {{"cp", "-r", "--recording", "/a/", "/b/"}, "give one of them"},
+        {{"rm", "-r", "--recording", "/a/b.ts"}, "excludes"},
+        {{"cp", "-r", "--recording", "/a/", "/b/"}, "excludes"},
         {{"cp", "/a/", "/b/"}, "a directory takes cp -r"},
-        {{"cp", "--cancel", "-r"}, "--cancel takes no other option"},
-        {{"cp", "/a"}, "takes SRC DST"},
+        {{"cp", "--cancel", "-r"}, "excludes --cancel"},
+        {{"cp", "/a"}, "requires DST"},
         {{"exec", "--capture"}, "exec takes a COMMAND"},
         {{"exec", "--bogus", "x"}, "put -- before"},
         {{"write", "/a/f", "/nonexistent/file"}, "/nonexistent/file: No such file"},
@@ -299,7 +340,7 @@ TEST_F(CtlFiles, LimitsAndMistakesAreRefusedBeforeSending)
         {{"fd", "open", "/a", "O_BOGUS", "0"}, "FLAGS are names"},
         {{"fd", "read", "x", "1"}, "FD is a number"},
         {{"fd", "read", "7", "-1"}, "BYTES is a number"},
-        {{"fd", "seek", "7"}, "unknown word 'seek'"},
+        {{"fd", "seek", "7"}, "word is missing or unknown: open, close"},
     };
     for (const Case& c : refused) {
         CtlRun r = run(c.words);

@@ -34,11 +34,18 @@ expect_offered() {
   [ -z "$missing" ] || fail "completing '$*' does not offer:$missing"
 }
 
-subcommands=$(table_words ctl_main.cpp kSubcommands | grep -v '^-')
-[ -n "$subcommands" ] || fail "no subcommands read from tools/src/ctl_main.cpp"
+# The names of the command line's rows under parent $1 (nullptr: the
+# subcommands).
+row_names() {
+  awk 'index($0, "kRows[] = {") { on = 1; next } on && /^};/ { exit } on' "$source_dir/tools/src/ctl_cli.cpp" |
+    grep -o "{$1, \"[^\"]*\"" | sed 's/.*, "//; s/"$//'
+}
+
+subcommands=$(row_names nullptr)
+[ -n "$subcommands" ] || fail "no subcommands read from tools/src/ctl_cli.cpp"
 expect_offered "$subcommands" ""
-expect_offered "$(table_words ctl_pvr.cpp kPvrWords)" pvr ""
-expect_offered "$(table_words ctl_fd.cpp kFdWords)" --json fd ""
+expect_offered "$(row_names '"pvr"')" pvr ""
+expect_offered "$(row_names '"fd"')" --json fd ""
 expect_offered "$(table_words file_requests.cpp kOpenFlags | sed 's/^/O_RDWR|O_/')" fd open /tmp "O_RDWR|"
 expect_offered "dev-mount" dev-mou
 expect_offered "STORAGE_DEV_MOUNT STORAGE_DEV_UMOUNT" --socket /x STORAGE_DEV_

@@ -70,14 +70,12 @@ struct BenchFollower {
     }
 };
 
-int run_cancel(const CtlContext& ctx, int argc, char** argv)
+int run_cancel(const CtlContext& ctx, const DeviceArgs& args)
 {
     DeviceCall call{"bench", "STORAGE_DEV_CANCEL_BENCHMARK", {}};
-    int rc = device_args(ctx, &call, "", 0, kQueryTimeoutSeconds, argc, argv);
-    if (rc != kExitOk)
-        return rc;
+    device_args(ctx, &call, args, kQueryTimeoutSeconds);
     CtlReply reply;
-    rc = direct_run(ctx, call, {}, &reply);
+    int rc = direct_run(ctx, call, {}, &reply);
     if (rc != kExitOk)
         return rc;
     if (device_context(ctx, call).json)
@@ -89,23 +87,19 @@ int run_cancel(const CtlContext& ctx, int argc, char** argv)
 
 }  // namespace
 
-int run_bench(const CtlContext& ctx, int argc, char** argv)
+int run_bench(const CtlContext& ctx, const DeviceArgs& args)
 {
-    bool cancel = false;
-    std::vector<char*> rest = without_flag(argc, argv, "--cancel", &cancel);
-    if (cancel)
-        return run_cancel(ctx, static_cast<int>(rest.size()), rest.data());
+    if (args.cancel)
+        return run_cancel(ctx, args);
     DeviceCall call{"bench", "STORAGE_DEV_BENCHMARK", {}};
-    int rc = device_args(ctx, &call, "MOUNT_PATH", 1, kBenchTimeoutSeconds, argc, argv);
-    if (rc != kExitOk)
-        return rc;
+    device_args(ctx, &call, args, kBenchTimeoutSeconds);
     BenchFollower follower{device_context(ctx, call)};
     EventQuery query;
     std::string error;
     if (device_query(call, {call.args.operands[0]}, {LUM_TV_EVT_STORAGE_DEV_BENCHMARK},
                      [&follower](const CtlEvent& e) { return follower.take(e); }, &query, &error) != 0)
         return usage_error(ctx, error);
-    rc = device_run(ctx, call, query, [] { return std::string("the benchmark's end"); });
+    int rc = device_run(ctx, call, query, [] { return std::string("the benchmark's end"); });
     if (rc != kExitOk)
         return rc;
     return follower.ok ? kExitOk : kExitFailed;

@@ -13,13 +13,6 @@ namespace lumctl {
 
 namespace {
 
-struct CpFlags {
-    bool tree = false;
-    bool recording = false;
-    bool direct = false;
-    bool cancel = false;
-};
-
 // The copy engine joins a tree's entries to both roots as they are, so both
 // end in "/".
 std::string with_slash(const std::string& path)
@@ -38,17 +31,18 @@ bool reply_bool(const CtlReply& reply, bool* value)
 }
 
 // Sends the cancel and returns: no event answers it.
-int cancel(const CtlContext& ctx, int argc, char** argv)
+int cancel(const CtlContext& ctx, const DeviceArgs& args)
 {
     DeviceCall call{"cp --cancel", "STORAGE_COPY", {}};
-    int rc = device_args(ctx, &call, "", 0, kQueryTimeoutSeconds, argc, argv);
+    device_args(ctx, &call, args, kQueryTimeoutSeconds);
     Bytes request;
     std::string error;
-    if (rc != kExitOk || (rc = build_copy_cancel(&request, &error)) != 0)
-        return rc != kExitOk ? rc : usage_error(ctx, error);
+    if (build_copy_cancel(&request, &error) != 0)
+        return usage_error(ctx, error);
     CtlReply reply;
     bool queued = false;
-    if ((rc = direct_request(ctx, call, request, &reply)) != kExitOk)
+    int rc = direct_request(ctx, call, request, &reply);
+    if (rc != kExitOk)
         return rc;
     if (!reply_bool(reply, &queued))
         return protocol_error(ctx, "cp --cancel: the reply holds no bool");
@@ -84,43 +78,29 @@ int direct_copy(const CtlContext& ctx, DeviceCall* call, const std::string& src,
     return ok ? kExitOk : kExitFailed;
 }
 
-int check_flags(const CtlContext& ctx, const CpFlags& f, const std::string& src)
-{
-    if (f.tree && f.recording)
-        return usage_error(ctx, "cp: -r copies a tree, --recording a recording's files: give one of them");
-    if (f.direct && f.recording)
-        return usage_error(ctx, "cp: --direct copies no companions: leave out --recording or --direct");
-    if (!f.tree && !src.empty() && src.back() == '/')
-        return usage_error(ctx, "cp: '" + src + "' ends in '/': a directory takes cp -r");
-    return kExitOk;
-}
-
 }  // namespace
 
-int run_cp(const CtlContext& ctx, int argc, char** argv)
+int run_cp(const CtlContext& ctx, const DeviceArgs& args)
 {
-    std::vector<bool> seen;
-    std::vector<char*> rest = take_flags(argc, argv, {"-r", "--recording", "--direct", "--cancel"}, &seen);
-    const CpFlags f{seen[0], seen[1], seen[2], seen[3]};
-    if (f.cancel && (f.tree || f.recording || f.direct))
-        return usage_error(ctx, "cp: --cancel takes no other option");
-    if (f.cancel)
-        return cancel(ctx, static_cast<int>(rest.size()), rest.data());
+    if (args.cancel)
+        return cancel(ctx, args);
     FileOp op;
     op.call = {"cp", "STORAGE_COPY", {}, "no copy will run"};
-    int rc = device_args(ctx, &op.call, "SRC DST", 2, kCopyTimeoutSeconds, static_cast<int>(rest.size()), rest.data());
+    device_args(ctx, &op.call, args, kCopyTimeoutSeconds);
     std::vector<std::string>& paths = op.call.args.operands;
-    if (rc != kExitOk || (rc = check_flags(ctx, f, paths[0])) != kExitOk)
-        return rc;
-    if (f.tree)
+    if (!args.tree && !paths[0].empty() && paths[0].back() == '/')
+        return usage_error(ctx, "cp: '" + paths[0] + "' ends in '/': a directory takes cp -r");
+    if (args.tree)
         paths = {with_slash(paths[0]), with_slash(paths[1])};
-    if (f.direct)
-        return direct_copy(ctx, &op.call, paths[0], paths[1], f.tree);
+    if (args.direct)
+        return direct_copy(ctx, &op.call, paths[0], paths[1], args.tree);
     op.event = LUM_TV_EVT_STORAGE_COPY;
     op.space_notices = true;
-    op.names = {{"source", paths[0]}, {"destination", paths[1]}, {"recording", f.recording}};
+    op.progress = true;
+    op.shape = args.tree ? CopyShape::kTree : args.recording ? CopyShape::kRecording : CopyShape::kFile;
+    op.names = {{"source", paths[0]}, {"destination", paths[1]}, {"recording", args.recording}};
     std::string error;
-    if (build_copy(paths[0], paths[1], f.recording ? kCopyRecording : kCopyPlain, &op.request, &error) != 0)
+    if (build_copy(paths[0], paths[1], args.recording ? kCopyRecording : kCopyPlain, &op.request, &error) != 0)
         return usage_error(ctx, "cp: " + error);
     return run_file_op(ctx, op);
 }

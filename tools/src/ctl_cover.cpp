@@ -38,12 +38,10 @@ int print_cover(const CtlContext& ctx, const DeviceCall& call, const CoverAnswer
 
 }  // namespace
 
-int run_cover(const CtlContext& ctx, int argc, char** argv)
+int run_cover(const CtlContext& ctx, const DeviceArgs& args)
 {
     DeviceCall call{"cover", "STORAGE_EXTRACT_COVER", {}, "no cover answer will come"};
-    int rc = device_args(ctx, &call, "FOLDER FILE", 2, kQueryTimeoutSeconds, argc, argv);
-    if (rc != kExitOk)
-        return rc;
+    device_args(ctx, &call, args, kQueryTimeoutSeconds);
     for (const std::string& text : call.args.operands) {
         if (text.size() > kServiceTextMax)
             return usage_error(ctx, "cover: '" + text + "' is too long: the service takes at most " +
@@ -62,7 +60,7 @@ int run_cover(const CtlContext& ctx, int argc, char** argv)
     std::string error;
     if (device_query(call, call.args.operands, {LUM_TV_EVT_STORAGE_EXTRACT_COVER}, take, &query, &error) != 0)
         return usage_error(ctx, error);
-    rc = device_run(ctx, call, query, [] { return std::string("the cover answer"); });
+    int rc = device_run(ctx, call, query, [] { return std::string("the cover answer"); });
     return rc != kExitOk ? rc : print_cover(device_context(ctx, call), call, answer);
 }
 

@@ -2,7 +2,6 @@
 #include "ctl_device.h"
 
 #include <cmath>
-#include <cstring>
 #include <unistd.h>
 
 #include "lumctl/request_build.h"
@@ -54,18 +53,12 @@ std::string subject(const DeviceCall& call)
     return out;
 }
 
-int device_args(const CtlContext& ctx, DeviceCall* call, const char* what, size_t want,
-                double timeout, int argc, char** argv)
+void device_args(const CtlContext& ctx, DeviceCall* call, const DeviceArgs& args, double timeout)
 {
-    return device_args_between(ctx, call, what, want, want, timeout, argc, argv);
-}
-
-int device_args_between(const CtlContext& ctx, DeviceCall* call, const char* what, size_t least, size_t most,
-                        double timeout, int argc, char** argv)
-{
-    call->args.json = ctx.json;
-    call->args.timeout = timeout;
-    return parse_device_args_between(ctx, call->sub, what, least, most, argc, argv, &call->args);
+    call->args = args;
+    call->args.json = args.json || ctx.json;
+    if (args.timeout < 0)
+        call->args.timeout = timeout;
 }
 
 int device_query(const DeviceCall& call, const std::vector<std::string>& fields,
@@ -142,16 +135,13 @@ int direct_request(const CtlContext& ctx, const DeviceCall& call, const std::vec
     return rc == 1 && reply->result == 0 ? kExitOk : protocol_error(ctx, subject(call) + ": " + error);
 }
 
-int run_word(const CtlContext& ctx, const char* sub, const WordRow* rows, size_t count, int argc, char** argv)
+int run_word(const CtlContext& ctx, const WordRow* rows, size_t count, const DeviceArgs& args)
 {
-    std::string words;
     for (size_t i = 0; i < count; ++i) {
-        if (argc > 0 && strcmp(argv[0], rows[i].word) == 0)
-            return rows[i].run(ctx, argc - 1, argv + 1);
-        words += (i > 0 ? ", " : "") + std::string(rows[i].word);
+        if (args.word == rows[i].word)
+            return rows[i].run(ctx, args);
     }
-    std::string what = argc > 0 ? std::string("unknown word '") + argv[0] + "'" : "a word is missing";
-    return usage_error(ctx, std::string(sub) + ": " + what + " (" + words + ")");
+    return usage_error(ctx, "no word '" + args.word + "'");
 }
 
 CtlContext device_context(const CtlContext& ctx, const DeviceCall& call)

@@ -28,13 +28,9 @@ struct DeviceCall {
     const char* refused = nullptr;  // said after a refusal ("no listing will come"), or null
 };
 
-// Parses the subcommand's words: want operands named what, --json (the
-// global one counts too) and --timeout (default timeout seconds).
-int device_args(const CtlContext& ctx, DeviceCall* call, const char* what, size_t want,
-                double timeout, int argc, char** argv);
-// The same with least to most operands.
-int device_args_between(const CtlContext& ctx, DeviceCall* call, const char* what, size_t least, size_t most,
-                        double timeout, int argc, char** argv);
+// Takes the subcommand's words into call: its --json or the global one, its
+// --timeout or the default timeout seconds.
+void device_args(const CtlContext& ctx, DeviceCall* call, const DeviceArgs& args, double timeout);
 
 // The query of call: its command with fields (one per request letter), the
 // awaited ids and the handler. Returns 0, or -1 with a message in error.
@@ -70,11 +66,10 @@ int direct_request(const CtlContext& ctx, const DeviceCall& call, const std::vec
 // A word of a subcommand with words of its own (pvr state, fd open).
 struct WordRow {
     const char* word;
-    int (*run)(const CtlContext& ctx, int argc, char** argv);
+    int (*run)(const CtlContext& ctx, const DeviceArgs& args);
 };
-// Runs the row of argv[0] with the words behind it; a usage error naming
-// the words of rows when there is none.
-int run_word(const CtlContext& ctx, const char* sub, const WordRow* rows, size_t count, int argc, char** argv);
+// Runs the row of args.word; the parser took only words of the table.
+int run_word(const CtlContext& ctx, const WordRow* rows, size_t count, const DeviceArgs& args);
 
 // "rm /a/b": the subcommand and its operands, for messages.
 std::string subject(const DeviceCall& call);

@@ -1,7 +1,5 @@
 // exec [--capture] COMMAND...: runs a shell command in the service's
 // process and prints its result, or with --capture its output.
-#include <cstring>
-
 #include "ctl_pvr.h"
 #include "lumctl/file_requests.h"
 
@@ -11,40 +9,15 @@ namespace {
 
 constexpr double kExecTimeoutSeconds = 600;  // the reply comes when the command ended
 
-struct ExecArgs {
-    bool capture = false;
-    std::string command;  // the words joined by blanks
-};
-
-// Options stand before the command; "--" or the first other word starts
-// it, so the command's own options stay its own.
-int exec_args(const CtlContext& ctx, int argc, char** argv, DeviceCall* call, ExecArgs* args)
+// The command's words joined by blanks; the parser left them as they
+// came, behind a "--" that ended exec's options.
+std::string command_of(const DeviceArgs& args)
 {
-    call->args.json = ctx.json;
-    call->args.timeout = kExecTimeoutSeconds;
-    int i = 0;
-    for (; i < argc && strncmp(argv[i], "--", 2) == 0; ++i) {
-        double v = 0;
-        if (strcmp(argv[i], "--") == 0) {
-            ++i;
-            break;
-        } else if (strcmp(argv[i], "--capture") == 0) {
-            args->capture = true;
-        } else if (strcmp(argv[i], "--json") == 0) {
-            call->args.json = true;
-        } else if (strcmp(argv[i], "--timeout") == 0 && i + 1 < argc && parse_non_negative(argv[i + 1], &v) && v > 0) {
-            call->args.timeout = v;
-            ++i;
-        } else {
-            return usage_error(ctx, std::string("exec: bad option or value at '") + argv[i] +
-                                        "' (put -- before a command that starts with --)");
-        }
-    }
-    for (int k = i; k < argc; ++k)
-        args->command += (k > i ? " " : "") + std::string(argv[k]);
-    if (args->command.empty())
-        return usage_error(ctx, "exec takes a COMMAND");
-    return kExitOk;
+    std::string command;
+    const std::vector<std::string>& words = args.operands;
+    for (size_t i = !words.empty() && words[0] == "--" ? 1 : 0; i < words.size(); ++i)
+        command += (command.empty() ? "" : " ") + words[i];
+    return command;
 }
 
 std::string result_text(int32_t result)
@@ -92,24 +65,25 @@ int print_captured(const CtlContext& ctx, const std::string& command, const CtlR
 
 }  // namespace
 
-int run_exec(const CtlContext& ctx, int argc, char** argv)
+int run_exec(const CtlContext& ctx, const DeviceArgs& args)
 {
     DeviceCall call{"exec", "STORAGE_LUM_EXE_SYS_CMD", {}};
-    ExecArgs args;
-    int rc = exec_args(ctx, argc, argv, &call, &args);
-    if (rc != kExitOk)
-        return rc;
+    device_args(ctx, &call, args, kExecTimeoutSeconds);
+    const std::string command = command_of(args);
+    if (command.empty())
+        return usage_error(ctx, "exec takes a COMMAND");
     Bytes request;
     std::string error;
-    if (build_exec(args.command, args.capture, &request, &error) != 0)
+    if (build_exec(command, args.capture, &request, &error) != 0)
         return usage_error(ctx, "exec: " + error);
     if (args.capture)
         call.command = "STORAGE_LUM_EXE_SYS_CMD_RET";
     CtlReply reply;
-    if ((rc = direct_request(ctx, call, request, &reply)) != kExitOk)
+    int rc = direct_request(ctx, call, request, &reply);
+    if (rc != kExitOk)
         return rc;
     const CtlContext local = device_context(ctx, call);
-    return args.capture ? print_captured(local, args.command, reply) : print_plain(local, args.command, reply);
+    return args.capture ? print_captured(local, command, reply) : print_plain(local, command, reply);
 }
 
 }  // namespace lumctl

@@ -32,16 +32,15 @@ bool parse_count(const std::string& text, long long high, long long* out)
 }
 
 // The words of an fd subcommand and its descriptor (the first operand).
-int fd_args(const CtlContext& ctx, DeviceCall* call, const char* what, size_t least, size_t most, int argc, char** argv,
-            int32_t* fd)
+int fd_args(const CtlContext& ctx, DeviceCall* call, const DeviceArgs& args, int32_t* fd)
 {
-    int rc = device_args_between(ctx, call, what, least, most, kQueryTimeoutSeconds, argc, argv);
+    device_args(ctx, call, args, kQueryTimeoutSeconds);
     long long value = 0;
-    if (rc == kExitOk && !parse_count(call->args.operands[0], INT32_MAX, &value))
+    if (!parse_count(call->args.operands[0], INT32_MAX, &value))
         return usage_error(
             ctx, std::string(call->sub) + ": FD is a number 0..2147483647, not '" + call->args.operands[0] + "'");
     *fd = static_cast<int32_t>(value);
-    return rc;
+    return kExitOk;
 }
 
 // Sends the request and reads the int32 result and, for a negative one, the
@@ -93,12 +92,10 @@ int errno_run(const CtlContext& ctx, const DeviceCall& call, const Bytes& reques
     return kExitOk;
 }
 
-int fd_open(const CtlContext& ctx, int argc, char** argv)
+int fd_open(const CtlContext& ctx, const DeviceArgs& args)
 {
     DeviceCall call{"fd open", "STROAGE_LUM_OPEN", {}};
-    int rc = device_args(ctx, &call, "PATH FLAGS MODE", 3, kQueryTimeoutSeconds, argc, argv);
-    if (rc != kExitOk)
-        return rc;
+    device_args(ctx, &call, args, kQueryTimeoutSeconds);
     const std::vector<std::string>& ops = call.args.operands;
     int32_t flags = 0, mode = 0;
     if (!parse_open_flags(ops[1], &flags))
@@ -106,7 +103,8 @@ int fd_open(const CtlContext& ctx, int argc, char** argv)
     if (!parse_mode(ops[2], &mode))
         return usage_error(ctx, "fd open: MODE is octal 0 to 7777, not '" + ops[2] + "'");
     Bytes request;
-    if ((rc = field_request(ctx, call, {ops[0], std::to_string(flags), std::to_string(mode)}, &request)) != kExitOk)
+    int rc = field_request(ctx, call, {ops[0], std::to_string(flags), std::to_string(mode)}, &request);
+    if (rc != kExitOk)
         return rc;
     Json json = {{"path", ops[0]}, {"flags", flags}, {"mode", mode}};
     return errno_run(ctx, call, request, json, "fd", [](int32_t fd) {
@@ -114,11 +112,11 @@ int fd_open(const CtlContext& ctx, int argc, char** argv)
     });
 }
 
-int fd_close(const CtlContext& ctx, int argc, char** argv)
+int fd_close(const CtlContext& ctx, const DeviceArgs& args)
 {
     DeviceCall call{"fd close", "STROAGE_LUM_CLOSE", {}};
     int32_t fd = 0;
-    int rc = fd_args(ctx, &call, "FD", 1, 1, argc, argv, &fd);
+    int rc = fd_args(ctx, &call, args, &fd);
     Bytes request;
     if (rc != kExitOk || (rc = field_request(ctx, call, {std::to_string(fd)}, &request)) != kExitOk)
         return rc;
@@ -127,12 +125,12 @@ int fd_close(const CtlContext& ctx, int argc, char** argv)
 }
 
 // The bytes go to standard output as they are; with --json as hex.
-int fd_read(const CtlContext& ctx, int argc, char** argv)
+int fd_read(const CtlContext& ctx, const DeviceArgs& args)
 {
     DeviceCall call{"fd read", "STROAGE_LUM_READ", {}};
     int32_t fd = 0;
     long long bytes = 0;
-    int rc = fd_args(ctx, &call, "FD BYTES", 2, 2, argc, argv, &fd);
+    int rc = fd_args(ctx, &call, args, &fd);
     if (rc != kExitOk)
         return rc;
     if (!parse_count(call.args.operands[1], kReadMax, &bytes))
@@ -162,11 +160,11 @@ int fd_read(const CtlContext& ctx, int argc, char** argv)
     return kExitOk;
 }
 
-int fd_write(const CtlContext& ctx, int argc, char** argv)
+int fd_write(const CtlContext& ctx, const DeviceArgs& args)
 {
     DeviceCall call{"fd write", "STROAGE_LUM_WRITE", {}};
     int32_t fd = 0;
-    int rc = fd_args(ctx, &call, "FD [FILE|-]", 1, 2, argc, argv, &fd);
+    int rc = fd_args(ctx, &call, args, &fd);
     if (rc != kExitOk)
         return rc;
     Bytes data, request;
@@ -182,11 +180,11 @@ int fd_write(const CtlContext& ctx, int argc, char** argv)
     });
 }
 
-int fd_sync(const CtlContext& ctx, int argc, char** argv)
+int fd_sync(const CtlContext& ctx, const DeviceArgs& args)
 {
     DeviceCall call{"fd sync", "STORAGE_LUM_SYNC", {}};
     int32_t fd = 0;
-    int rc = fd_args(ctx, &call, "FD", 1, 1, argc, argv, &fd);
+    int rc = fd_args(ctx, &call, args, &fd);
     CtlReply reply;
     if (rc != kExitOk || (rc = direct_run(ctx, call, {std::to_string(fd)}, &reply)) != kExitOk)
         return rc;
@@ -205,23 +203,22 @@ const WordRow kFdWords[] = {
 
 }  // namespace
 
-int run_fd(const CtlContext& ctx, int argc, char** argv)
+int run_fd(const CtlContext& ctx, const DeviceArgs& args)
 {
-    return run_word(ctx, "fd", kFdWords, sizeof(kFdWords) / sizeof(kFdWords[0]), argc, argv);
+    return run_word(ctx, kFdWords, sizeof(kFdWords) / sizeof(kFdWords[0]), args);
 }
 
-int run_chmod(const CtlContext& ctx, int argc, char** argv)
+int run_chmod(const CtlContext& ctx, const DeviceArgs& args)
 {
     DeviceCall call{"chmod", "STORAGE_LUM_CHMOD", {}};
-    int rc = device_args(ctx, &call, "PATH MODE", 2, kQueryTimeoutSeconds, argc, argv);
-    if (rc != kExitOk)
-        return rc;
+    device_args(ctx, &call, args, kQueryTimeoutSeconds);
     int32_t mode = 0;
     const std::string path = call.args.operands[0];
     if (!parse_mode(call.args.operands[1], &mode))
         return usage_error(ctx, "chmod: MODE is octal 0 to 7777, not '" + call.args.operands[1] + "'");
     Bytes request;
-    if ((rc = field_request(ctx, call, {path, std::to_string(mode)}, &request)) != kExitOk)
+    int rc = field_request(ctx, call, {path, std::to_string(mode)}, &request);
+    if (rc != kExitOk)
         return rc;
     char octal[8];
     snprintf(octal, sizeof(octal), "%04o", static_cast<unsigned>(mode));

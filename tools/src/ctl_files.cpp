@@ -12,15 +12,6 @@ namespace lumctl {
 
 namespace {
 
-// The words of a file subcommand: flags (each may be given anywhere), then
-// least to most operands named what, --json and --timeout.
-int parse_op(const CtlContext& ctx, FileOp* op, const char* what, size_t least, size_t most, double timeout,
-             const std::vector<const char*>& flags, std::vector<bool>* seen, int argc, char** argv)
-{
-    std::vector<char*> rest = take_flags(argc, argv, flags, seen);
-    return device_args_between(ctx, &op->call, what, least, most, timeout, static_cast<int>(rest.size()), rest.data());
-}
-
 // Sends op once its request was built (built 0), or reports why it was not.
 int send_op(const CtlContext& ctx, FileOp* op, int built, const std::string& error)
 {
@@ -30,88 +21,78 @@ int send_op(const CtlContext& ctx, FileOp* op, int built, const std::string& err
 }
 
 // A subcommand on one path with no flags.
-int one_path(const CtlContext& ctx, FileOp* op, int argc, char** argv,
+int one_path(const CtlContext& ctx, FileOp* op, const DeviceArgs& args,
              const std::function<int(const std::string& path, Bytes* out, std::string* error)>& build)
 {
-    std::vector<bool> seen;
-    int rc = parse_op(ctx, op, "PATH", 1, 1, kFileTimeoutSeconds, {}, &seen, argc, argv);
-    if (rc != kExitOk)
-        return rc;
+    device_args(ctx, &op->call, args, kFileTimeoutSeconds);
     const std::string path = op->call.args.operands[0];
     op->names = {{"path", path}};
     std::string error;
     return send_op(ctx, op, build(path, &op->request, &error), error);
 }
 
-int run_protection(const CtlContext& ctx, const char* sub, bool protect, int argc, char** argv)
+int run_protection(const CtlContext& ctx, const char* sub, bool protect, const DeviceArgs& args)
 {
     FileOp op;
     op.call = {sub, "STORAGE_SET_PROTECTED", {}, "no result will come"};
     op.event = LUM_TV_EVT_STORAGE_SET_PROTECTED;
-    return one_path(ctx, &op, argc, argv, [protect](const std::string& path, Bytes* out, std::string* error) {
+    return one_path(ctx, &op, args, [protect](const std::string& path, Bytes* out, std::string* error) {
         return build_set_protected(path, protect, out, error);
     });
 }
 
 // mv and rename: SRC DST [--recording], on the caller's thread.
-int run_two_paths(const CtlContext& ctx, const char* sub, int32_t word, int32_t event, double timeout, int argc,
-                  char** argv)
+int run_two_paths(const CtlContext& ctx, const char* sub, int32_t word, int32_t event, double timeout,
+                  const DeviceArgs& args)
 {
     FileOp op;
     op.call = {sub, "", {}, nullptr};
     op.event = event;
     op.direct = true;
-    std::vector<bool> seen;
-    int rc = parse_op(ctx, &op, "SRC DST", 2, 2, timeout, {"--recording"}, &seen, argc, argv);
-    if (rc != kExitOk)
-        return rc;
+    device_args(ctx, &op.call, args, timeout);
     const std::string src = op.call.args.operands[0];
     const std::string dst = op.call.args.operands[1];
-    op.names = {{"source", src}, {"destination", dst}, {"recording", seen[0]}};
+    op.names = {{"source", src}, {"destination", dst}, {"recording", args.recording}};
+    // A move to another volume copies first.
+    op.progress = word == STROAGE_LUM_MOVE && across_volumes(src, dst);
+    op.shape = args.recording ? CopyShape::kRecording : CopyShape::kFile;
     std::string error;
-    return send_op(ctx, &op, build_packed_paths(word, src, dst, seen[0], &op.request, &error), error);
+    return send_op(ctx, &op, build_packed_paths(word, src, dst, args.recording, &op.request, &error), error);
 }
 
 }  // namespace
 
-int run_mkdir(const CtlContext& ctx, int argc, char** argv)
+int run_mkdir(const CtlContext& ctx, const DeviceArgs& args)
 {
     FileOp op;
     op.call = {"mkdir", "STORAGE_CREATE_DIR", {}, nullptr};
     op.event = LUM_TV_EVT_STORAGE_CREATE_DIR;
     op.direct = true;
-    return one_path(ctx, &op, argc, argv, build_create_dir);
+    return one_path(ctx, &op, args, build_create_dir);
 }
 
-int run_rmdir(const CtlContext& ctx, int argc, char** argv)
+int run_rmdir(const CtlContext& ctx, const DeviceArgs& args)
 {
     FileOp op;
     op.call = {"rmdir", "STORAGE_DELETE_DIR", {}, nullptr};
     op.event = LUM_TV_EVT_STORAGE_DELETE_DIR;
     op.direct = true;
-    return one_path(ctx, &op, argc, argv, [](const std::string& path, Bytes* out, std::string* error) {
+    return one_path(ctx, &op, args, [](const std::string& path, Bytes* out, std::string* error) {
         return build_delete_dir(path, kDeleteEmptyDir, out, error);
     });
 }
 
 // rm PATH: a file; rm --recording PATH.ts: with its companions; rm -r PATH:
 // a tree.
-int run_rm(const CtlContext& ctx, int argc, char** argv)
+int run_rm(const CtlContext& ctx, const DeviceArgs& args)
 {
-    std::vector<bool> seen;
-    std::vector<char*> rest = take_flags(argc, argv, {"-r", "--recording"}, &seen);
-    const bool tree = seen[0];
-    const bool recording = seen[1];
-    if (tree && recording)
-        return usage_error(ctx, "rm: -r removes a tree, --recording a recording's files: give one of them");
+    const bool tree = args.tree;
+    const bool recording = args.recording;
     FileOp op;
     op.call = {"rm", tree ? "STORAGE_DELETE_DIR" : "STORAGE_DELETE_FILE", {}, nullptr};
     op.event = tree ? LUM_TV_EVT_STORAGE_DELETE_DIR : LUM_TV_EVT_STORAGE_DELETE_FILE;
     op.direct = true;
-    int rc = device_args(ctx, &op.call, "PATH", 1, tree ? kTreeTimeoutSeconds : kFileTimeoutSeconds,
-                         static_cast<int>(rest.size()), rest.data());
-    if (rc != kExitOk)
-        return rc;
+    device_args(ctx, &op.call, args, tree ? kTreeTimeoutSeconds : kFileTimeoutSeconds);
     const std::string path = op.call.args.operands[0];
     op.names = {{"path", path}};
     if (!tree)
@@ -122,40 +103,36 @@ int run_rm(const CtlContext& ctx, int argc, char** argv)
     return send_op(ctx, &op, built, error);
 }
 
-int run_protect(const CtlContext& ctx, int argc, char** argv)
+int run_protect(const CtlContext& ctx, const DeviceArgs& args)
 {
-    return run_protection(ctx, "protect", true, argc, argv);
+    return run_protection(ctx, "protect", true, args);
 }
 
-int run_unprotect(const CtlContext& ctx, int argc, char** argv)
+int run_unprotect(const CtlContext& ctx, const DeviceArgs& args)
 {
-    return run_protection(ctx, "unprotect", false, argc, argv);
+    return run_protection(ctx, "unprotect", false, args);
 }
 
-int run_mv(const CtlContext& ctx, int argc, char** argv)
+int run_mv(const CtlContext& ctx, const DeviceArgs& args)
 {
     // A move to another volume copies, on the caller's thread, before the
     // reply comes.
-    return run_two_paths(ctx, "mv", STROAGE_LUM_MOVE, LUM_TV_EVT_STORAGE_MOVE_FILE, kCopyTimeoutSeconds, argc, argv);
+    return run_two_paths(ctx, "mv", STROAGE_LUM_MOVE, LUM_TV_EVT_STORAGE_MOVE_FILE, kCopyTimeoutSeconds, args);
 }
 
-int run_rename(const CtlContext& ctx, int argc, char** argv)
+int run_rename(const CtlContext& ctx, const DeviceArgs& args)
 {
-    return run_two_paths(ctx, "rename", STORAGE_RENAME_FILE, LUM_TV_EVT_STORAGE_RENAME_FILE, kFileTimeoutSeconds, argc,
-                         argv);
+    return run_two_paths(ctx, "rename", STORAGE_RENAME_FILE, LUM_TV_EVT_STORAGE_RENAME_FILE, kFileTimeoutSeconds, args);
 }
 
 // write PATH [FILE|-]: the data of FILE, or of standard input.
-int run_write(const CtlContext& ctx, int argc, char** argv)
+int run_write(const CtlContext& ctx, const DeviceArgs& args)
 {
     FileOp op;
     op.call = {"write", "STORAGE_WRITE_FILE", {}, nullptr};
     op.event = LUM_TV_EVT_STORAGE_WRITE_FILE;
     op.direct = true;
-    std::vector<bool> seen;
-    int rc = parse_op(ctx, &op, "PATH [FILE|-]", 1, 2, kFileTimeoutSeconds, {}, &seen, argc, argv);
-    if (rc != kExitOk)
-        return rc;
+    device_args(ctx, &op.call, args, kFileTimeoutSeconds);
     const std::string path = op.call.args.operands[0];
     const std::string source = op.call.args.operands.size() > 1 ? op.call.args.operands[1] : "-";
     Bytes data;

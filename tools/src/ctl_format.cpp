@@ -7,12 +7,10 @@
 
 namespace lumctl {
 
-int run_format(const CtlContext& ctx, int argc, char** argv)
+int run_format(const CtlContext& ctx, const DeviceArgs& args)
 {
     DeviceCall call{"format", "STORAGE_DEV_FORMAT", {}};
-    int rc = device_args(ctx, &call, "VOLUME", 1, kFormatTimeoutSeconds, argc, argv);
-    if (rc != kExitOk)
-        return rc;
+    device_args(ctx, &call, args, kFormatTimeoutSeconds);
     const std::string volume = call.args.operands[0];
     // The service drops a longer name without any event: the wait would only
     // end in the time-out.
@@ -25,7 +23,7 @@ int run_format(const CtlContext& ctx, int argc, char** argv)
     if (device_query(call, {volume}, FormatFollower::event_ids(),
                      [&follower](const CtlEvent& e) { return follower.take(e); }, &query, &error) != 0)
         return usage_error(ctx, error);
-    rc = device_run(ctx, call, query, [&follower] { return follower.waiting(); });
+    int rc = device_run(ctx, call, query, [&follower] { return follower.waiting(); });
     if (rc != kExitOk)
         return rc;
     return follower.ok ? kExitOk : kExitFailed;

@@ -332,11 +332,9 @@ int print_help(const CtlContext& ctx, const char* word)
                                 "' (lumstoragectl help lists the subcommands, lumstoragectl list the commands)");
 }
 
-int run_help(const CtlContext& ctx, int argc, char** argv)
+int run_help(const CtlContext& ctx, const DeviceArgs& args)
 {
-    if (argc > 1)
-        return usage_error(ctx, "help takes at most one word");
-    return print_help(ctx, argc == 1 ? argv[0] : nullptr);
+    return print_help(ctx, args.operands.empty() ? nullptr : args.operands[0].c_str());
 }
 
 }  // namespace lumctl

@@ -6,8 +6,6 @@
 // block even after a complete or failed listing: left behind, it would
 // reach the next ls as a failure before that one's listing began.
 #include <chrono>
-#include <cstdlib>
-#include <cstring>
 #include <unistd.h>
 
 #include <StorageEvents.h>
@@ -32,40 +30,17 @@ struct LsOptions {
     bool human = false;
 };
 
-// A decimal number 0..max; false for anything else.
-bool parse_small(const char* text, unsigned max, unsigned* out)
+// The listing's flags byte and id from --filter, --no-tags and --id (the
+// parser checked their ranges); without --id the process id names it.
+LsOptions ls_options(const DeviceArgs& args)
 {
-    size_t n = strlen(text);
-    if (n == 0 || n > 6 || strspn(text, "0123456789") != n)
-        return false;
-    unsigned long value = strtoul(text, nullptr, 10);
-    if (value > max)
-        return false;
-    *out = static_cast<unsigned>(value);
-    return true;
-}
-
-// Takes --filter N, --no-tags, --id N and -h out of the words; the rest is
-// left for the options every device subcommand has.
-int ls_options(const CtlContext& ctx, int argc, char** argv, std::vector<char*>* rest, LsOptions* opts)
-{
-    bool no_tags = false;
-    std::vector<char*> words = without_flag(argc, argv, "--no-tags", &no_tags);
-    *rest = without_flag(static_cast<int>(words.size()), words.data(), "-h", &opts->human);
-    const char* filter = nullptr;
-    const char* id = nullptr;
-    if (!take_option(rest, "--filter", &filter) || !take_option(rest, "--id", &id))
-        return usage_error(ctx, "ls: --filter and --id take a value");
-    unsigned index = kNoTagsFilter;
-    if (filter != nullptr && !parse_small(filter, kListingFilters - 1, &index))
-        return usage_error(ctx, std::string("ls: --filter takes 0 to 7, not '") + filter + "'");
-    if (filter != nullptr || no_tags)
-        opts->flags = static_cast<int>(index) | (no_tags ? kListingNoTags : 0);
-    unsigned value = static_cast<unsigned>(getpid()) & 0xFFFF;
-    if (id != nullptr && !parse_small(id, 0xFFFF, &value))
-        return usage_error(ctx, std::string("ls: --id takes 0 to 65535, not '") + id + "'");
-    opts->id = static_cast<uint16_t>(value);
-    return kExitOk;
+    LsOptions opts;
+    opts.human = args.human;
+    int index = args.filter >= 0 ? args.filter : kNoTagsFilter;
+    if (args.filter >= 0 || args.no_tags)
+        opts.flags = index | (args.no_tags ? kListingNoTags : 0);
+    opts.id = static_cast<uint16_t>(args.id >= 0 ? args.id : getpid() & 0xFFFF);
+    return opts;
 }
 
 std::string entries(long long n)
@@ -179,17 +154,11 @@ struct Lister {
 
 }  // namespace
 
-int run_ls(const CtlContext& ctx, int argc, char** argv)
+int run_ls(const CtlContext& ctx, const DeviceArgs& args)
 {
-    LsOptions opts;
-    std::vector<char*> rest;
-    int rc = ls_options(ctx, argc, argv, &rest, &opts);
-    if (rc != kExitOk)
-        return rc;
+    const LsOptions opts = ls_options(args);
     DeviceCall call{"ls", "STORAGE_READ_DIRS", {}, "no listing will come"};
-    rc = device_args(ctx, &call, "PATH", 1, kListingTimeoutSeconds, static_cast<int>(rest.size()), rest.data());
-    if (rc != kExitOk)
-        return rc;
+    device_args(ctx, &call, args, kListingTimeoutSeconds);
     Lister lister{device_context(ctx, call), call.args.operands[0], opts.human, {}, {}, false, false,
                   std::chrono::steady_clock::now(), -1};
     EventQuery query;
@@ -209,7 +178,7 @@ int run_ls(const CtlContext& ctx, int argc, char** argv)
     // Only the end marker's block is missing (lost, or behind other work).
     if (out.status == QueryStatus::kTimeout && lister.result_known())
         out.status = QueryStatus::kDone;
-    rc = device_report(ctx, call, out, [&lister] { return lister.waiting(); });
+    int rc = device_report(ctx, call, out, [&lister] { return lister.waiting(); });
     return rc != kExitOk ? rc : lister.finish();
 }
 

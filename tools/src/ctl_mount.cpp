@@ -79,13 +79,11 @@ struct RunPrinter {
     }
 };
 
-int run_device_run(const CtlContext& ctx, const char* sub, int argc, char** argv)
+int run_device_run(const CtlContext& ctx, const char* sub, const DeviceArgs& args)
 {
     const RunKind& kind = run_kind(sub);
     DeviceCall call{kind.sub, kind.command, {}};
-    int rc = device_args(ctx, &call, "DEVICE", 1, kRunTimeoutSeconds, argc, argv);
-    if (rc != kExitOk)
-        return rc;
+    device_args(ctx, &call, args, kRunTimeoutSeconds);
     CtlContext local = device_context(ctx, call);
     RunPrinter printer{local, kind, call.args.operands[0]};
     EventQuery query;
@@ -119,14 +117,14 @@ std::string unmounted_text(const CtlEvent& event)
     return "unmounted " + printable(std::string(text, strnlen(text, event.data.size())));
 }
 
-int run_mount(const CtlContext& ctx, int argc, char** argv)
+int run_mount(const CtlContext& ctx, const DeviceArgs& args)
 {
-    return run_device_run(ctx, "mount", argc, argv);
+    return run_device_run(ctx, "mount", args);
 }
 
-int run_umount(const CtlContext& ctx, int argc, char** argv)
+int run_umount(const CtlContext& ctx, const DeviceArgs& args)
 {
-    return run_device_run(ctx, "umount", argc, argv);
+    return run_device_run(ctx, "umount", args);
 }
 
 }  // namespace lumctl

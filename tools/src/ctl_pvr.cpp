@@ -31,12 +31,13 @@ int read_path(const CtlContext& ctx, const DeviceCall& call, std::string* path)
     return kExitOk;
 }
 
-int pvr_state(const CtlContext& ctx, int argc, char** argv)
+int pvr_state(const CtlContext& ctx, const DeviceArgs& args)
 {
     DeviceCall call{"pvr state", "STORAGE_PVR_DEV_STATE", {}};
-    int rc = device_args(ctx, &call, "", 0, kQueryTimeoutSeconds, argc, argv);
+    device_args(ctx, &call, args, kQueryTimeoutSeconds);
     CtlReply reply;
-    if (rc != kExitOk || (rc = direct_run(ctx, call, {}, &reply)) != kExitOk)
+    int rc = direct_run(ctx, call, {}, &reply);
+    if (rc != kExitOk)
         return rc;
     int32_t state = 0;
     if (ReplyParcel(reply).parcel.readInt32(&state) != android::OK)
@@ -50,12 +51,13 @@ int pvr_state(const CtlContext& ctx, int argc, char** argv)
     return state != 0 ? kExitOk : kExitNo;
 }
 
-int pvr_path(const CtlContext& ctx, int argc, char** argv)
+int pvr_path(const CtlContext& ctx, const DeviceArgs& args)
 {
     DeviceCall call{"pvr path", "STORAGE_PVR_MOUNT_PATH", {}};
-    int rc = device_args(ctx, &call, "", 0, kQueryTimeoutSeconds, argc, argv);
+    device_args(ctx, &call, args, kQueryTimeoutSeconds);
     std::string path;
-    if (rc != kExitOk || (rc = read_path(ctx, call, &path)) != kExitOk)
+    int rc = read_path(ctx, call, &path);
+    if (rc != kExitOk)
         return rc;
     CtlContext local = device_context(ctx, call);
     if (local.json)
@@ -67,12 +69,13 @@ int pvr_path(const CtlContext& ctx, int argc, char** argv)
     return path.empty() ? kExitNo : kExitOk;
 }
 
-int pvr_available(const CtlContext& ctx, int argc, char** argv)
+int pvr_available(const CtlContext& ctx, const DeviceArgs& args)
 {
     DeviceCall call{"pvr available", "STORAGE_PVR_DEV_AVAILABLE", {}};
-    int rc = device_args(ctx, &call, "DISK", 1, kQueryTimeoutSeconds, argc, argv);
+    device_args(ctx, &call, args, kQueryTimeoutSeconds);
     CtlReply reply;
-    if (rc != kExitOk || (rc = direct_run(ctx, call, call.args.operands, &reply)) != kExitOk)
+    int rc = direct_run(ctx, call, call.args.operands, &reply);
+    if (rc != kExitOk)
         return rc;
     int32_t verdict = 0;
     if (ReplyParcel(reply).parcel.readInt32(&verdict) != android::OK)
@@ -85,12 +88,13 @@ int pvr_available(const CtlContext& ctx, int argc, char** argv)
     return verdict == 0 ? kExitOk : kExitNo;
 }
 
-int pvr_total(const CtlContext& ctx, int argc, char** argv)
+int pvr_total(const CtlContext& ctx, const DeviceArgs& args)
 {
     DeviceCall call{"pvr total", "STORAGE_PVR_DISK_TOTAL", {}};
-    int rc = device_args(ctx, &call, "DISK", 1, kQueryTimeoutSeconds, argc, argv);
+    device_args(ctx, &call, args, kQueryTimeoutSeconds);
     CtlReply reply;
-    if (rc != kExitOk || (rc = direct_run(ctx, call, call.args.operands, &reply)) != kExitOk)
+    int rc = direct_run(ctx, call, call.args.operands, &reply);
+    if (rc != kExitOk)
         return rc;
     int64_t mb = 0;
     if (ReplyParcel(reply).parcel.readInt64(&mb) != android::OK)
@@ -116,9 +120,9 @@ const char* verdict_name(int32_t verdict)
     return name != nullptr ? name : "unknown";
 }
 
-int run_pvr(const CtlContext& ctx, int argc, char** argv)
+int run_pvr(const CtlContext& ctx, const DeviceArgs& args)
 {
-    return run_word(ctx, "pvr", kPvrWords, sizeof(kPvrWords) / sizeof(kPvrWords[0]), argc, argv);
+    return run_word(ctx, kPvrWords, sizeof(kPvrWords) / sizeof(kPvrWords[0]), args);
 }
 
 }  // namespace lumctl

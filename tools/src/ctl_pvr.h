@@ -1,4 +1,4 @@
-// The words of pvr: each one's runner, argv starting behind the word.
+// The words of pvr: each one's runner.
 #pragma once
 
 #include <binder/Parcel.h>
@@ -7,9 +7,9 @@
 
 namespace lumctl {
 
-int run_pvr_mark(const CtlContext& ctx, int argc, char** argv);
-int run_pvr_guide(const CtlContext& ctx, int argc, char** argv);
-int run_pvr_limit(const CtlContext& ctx, int argc, char** argv);
+int run_pvr_mark(const CtlContext& ctx, const DeviceArgs& args);
+int run_pvr_guide(const CtlContext& ctx, const DeviceArgs& args);
+int run_pvr_limit(const CtlContext& ctx, const DeviceArgs& args);
 
 // The reply's Parcel, to be read from its start.
 struct ReplyParcel {

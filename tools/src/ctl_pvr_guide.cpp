@@ -7,12 +7,13 @@
 
 namespace lumctl {
 
-int run_pvr_guide(const CtlContext& ctx, int argc, char** argv)
+int run_pvr_guide(const CtlContext& ctx, const DeviceArgs& args)
 {
     DeviceCall call{"pvr guide", "STORAGE_PVR_GET_DEV_GUIDE_INFO", {}};
-    int rc = device_args(ctx, &call, "", 0, kQueryTimeoutSeconds, argc, argv);
+    device_args(ctx, &call, args, kQueryTimeoutSeconds);
     CtlReply reply;
-    if (rc != kExitOk || (rc = direct_run(ctx, call, {}, &reply)) != kExitOk)
+    int rc = direct_run(ctx, call, {}, &reply);
+    if (rc != kExitOk)
         return rc;
     // int32 result, then the record's bytes.
     ReplyParcel in(reply);

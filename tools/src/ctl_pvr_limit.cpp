@@ -72,12 +72,11 @@ int report_set(const CtlContext& ctx, uint32_t before, uint32_t asked, uint32_t 
 
 }  // namespace
 
-int run_pvr_limit(const CtlContext& ctx, int argc, char** argv)
+int run_pvr_limit(const CtlContext& ctx, const DeviceArgs& args)
 {
     DeviceCall call{"pvr limit", "STORAGE_SET_PVR_DEV_SIZE_LIMIT", {}};
-    int rc = device_args_between(ctx, &call, "MB", 0, 1, kQueryTimeoutSeconds, argc, argv);
-    if (rc != kExitOk)
-        return rc;
+    device_args(ctx, &call, args, kQueryTimeoutSeconds);
+    int rc = kExitOk;
     uint32_t asked = 0;
     if (!call.args.operands.empty() && !parse_mb(call.args.operands[0], &asked))
         return usage_error(ctx, "pvr limit: MB is a whole number of megabytes, not '" + call.args.operands[0] + "'");

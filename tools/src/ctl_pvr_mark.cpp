@@ -46,15 +46,11 @@ struct Marking {
 
 }  // namespace
 
-int run_pvr_mark(const CtlContext& ctx, int argc, char** argv)
+int run_pvr_mark(const CtlContext& ctx, const DeviceArgs& args)
 {
-    bool with_format = false;
-    std::vector<char*> rest = without_flag(argc, argv, "--format", &with_format);
+    const bool with_format = args.format;
     DeviceCall call{"pvr mark", "STORAGE_PVR_MARK_DEV", {}};
-    int rc = device_args(ctx, &call, "DISK", 1, with_format ? kFormatTimeoutSeconds : kRunTimeoutSeconds,
-                         static_cast<int>(rest.size()), rest.data());
-    if (rc != kExitOk)
-        return rc;
+    device_args(ctx, &call, args, with_format ? kFormatTimeoutSeconds : kRunTimeoutSeconds);
     const std::string disk = call.args.operands[0];
     CtlContext local = device_context(ctx, call);
     FormatFollower follower{local, disk, false};
@@ -72,7 +68,7 @@ int run_pvr_mark(const CtlContext& ctx, int argc, char** argv)
     std::string error;
     if (device_query(call, {disk, with_format ? "true" : "false"}, ids, take, &query, &error) != 0)
         return usage_error(ctx, error);
-    rc = device_run(ctx, call, query, [&follower, with_format] {
+    int rc = device_run(ctx, call, query, [&follower, with_format] {
         bool formatting = with_format && follower.phase != FormatPhase::kEnded;
         return formatting ? follower.waiting() : std::string("the marking's verdict");
     });

@@ -67,7 +67,6 @@ int print_uuid(const CtlContext& ctx, const std::string& path, const Json& answe
 struct QueryKind {
     const char* sub;
     const char* command;
-    const char* what;     // the operand in the usage
     const char* extra;    // a second request field, or null
     int32_t event_id;
     bool by_name;         // the answer names its device
@@ -76,13 +75,13 @@ struct QueryKind {
 };
 
 const QueryKind kQueries[] = {
-    {"size", "STORAGE_GET_DEVICE_SIZE", "DEVICE", "0", LUM_TV_EVT_STORAGE_HDD_GET_SIZE, true,
+    {"size", "STORAGE_GET_DEVICE_SIZE", "0", LUM_TV_EVT_STORAGE_HDD_GET_SIZE, true,
      "is it a device the service knows?", print_size},
-    {"used", "STORAGE_GET_PARTITION_USE", "DEVICE", "0", LUM_TV_EVT_STORAGE_HDD_GET_PARTITION_USE, true,
+    {"used", "STORAGE_GET_PARTITION_USE", "0", LUM_TV_EVT_STORAGE_HDD_GET_PARTITION_USE, true,
      "is it a device the service knows?", print_used},
-    {"free", "STORAGE_GET_ALLOCATE_BYTES", "UUID", nullptr, LUM_TV_EVT_STORAGE_GET_ALLOCATE_BYTES, false,
+    {"free", "STORAGE_GET_ALLOCATE_BYTES", nullptr, LUM_TV_EVT_STORAGE_GET_ALLOCATE_BYTES, false,
      "the service sends none for an unknown uuid", print_free},
-    {"uuid", "STORAGE_GET_UUID_FOR_PATH", "PATH", nullptr, LUM_TV_EVT_STORAGE_GET_UUID_FOR_PATH, false,
+    {"uuid", "STORAGE_GET_UUID_FOR_PATH", nullptr, LUM_TV_EVT_STORAGE_GET_UUID_FOR_PATH, false,
      "the service sends none for a path on no known volume", print_uuid},
 };
 
@@ -95,13 +94,11 @@ const QueryKind& query_kind(const char* sub)
     return kQueries[0];
 }
 
-int run_query(const CtlContext& ctx, const char* sub, int argc, char** argv)
+int run_query(const CtlContext& ctx, const char* sub, const DeviceArgs& args)
 {
     const QueryKind& kind = query_kind(sub);
     DeviceCall call{kind.sub, kind.command, {}};
-    int rc = device_args(ctx, &call, kind.what, 1, kQueryTimeoutSeconds, argc, argv);
-    if (rc != kExitOk)
-        return rc;
+    device_args(ctx, &call, args, kQueryTimeoutSeconds);
     const std::string operand = call.args.operands[0];
     std::vector<std::string> fields = {operand};
     if (kind.extra != nullptr)
@@ -118,7 +115,7 @@ int run_query(const CtlContext& ctx, const char* sub, int argc, char** argv)
     std::string error;
     if (device_query(call, fields, {kind.event_id}, take, &query, &error) != 0)
         return usage_error(ctx, error);
-    rc = device_run(ctx, call, query, [&kind] {
+    int rc = device_run(ctx, call, query, [&kind] {
         return std::string("the answer (") + kind.missing + ")";
     });
     return rc != kExitOk ? rc : kind.print(device_context(ctx, call), operand, answer);
@@ -126,9 +123,9 @@ int run_query(const CtlContext& ctx, const char* sub, int argc, char** argv)
 
 }  // namespace
 
-int run_size(const CtlContext& ctx, int argc, char** argv) { return run_query(ctx, "size", argc, argv); }
-int run_used(const CtlContext& ctx, int argc, char** argv) { return run_query(ctx, "used", argc, argv); }
-int run_free(const CtlContext& ctx, int argc, char** argv) { return run_query(ctx, "free", argc, argv); }
-int run_uuid(const CtlContext& ctx, int argc, char** argv) { return run_query(ctx, "uuid", argc, argv); }
+int run_size(const CtlContext& ctx, const DeviceArgs& args) { return run_query(ctx, "size", args); }
+int run_used(const CtlContext& ctx, const DeviceArgs& args) { return run_query(ctx, "used", args); }
+int run_free(const CtlContext& ctx, const DeviceArgs& args) { return run_query(ctx, "free", args); }
+int run_uuid(const CtlContext& ctx, const DeviceArgs& args) { return run_query(ctx, "uuid", args); }
 
 }  // namespace lumctl

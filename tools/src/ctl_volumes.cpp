@@ -108,12 +108,10 @@ int print_devinfo(const CtlContext& ctx, const std::string& name, const std::vec
 
 }  // namespace
 
-int run_volumes(const CtlContext& ctx, int argc, char** argv)
+int run_volumes(const CtlContext& ctx, const DeviceArgs& args)
 {
     DeviceCall call{"volumes", "STORAGE_GET_STORAGE_VOLUMES", {}};
-    int rc = device_args(ctx, &call, "", 0, kQueryTimeoutSeconds, argc, argv);
-    if (rc != kExitOk)
-        return rc;
+    device_args(ctx, &call, args, kQueryTimeoutSeconds);
     VolumeEvents got;
     EventQuery query;
     std::string error;
@@ -121,16 +119,14 @@ int run_volumes(const CtlContext& ctx, int argc, char** argv)
     if (device_query(call, {}, {LUM_TV_EVT_STORAGE_GET_STORAGE_VOLUMES, LUM_TV_EVT_STORAGE_GET_DEV_TABLE}, take,
                      &query, &error) != 0)
         return usage_error(ctx, error);
-    rc = device_run(ctx, call, query, [] { return std::string("the volume list and the device table"); });
+    int rc = device_run(ctx, call, query, [] { return std::string("the volume list and the device table"); });
     return rc != kExitOk ? rc : print_volumes(device_context(ctx, call), got);
 }
 
-int run_devinfo(const CtlContext& ctx, int argc, char** argv)
+int run_devinfo(const CtlContext& ctx, const DeviceArgs& args)
 {
     DeviceCall call{"devinfo", "STORAGE_GET_STORAGE_VOLUME", {}};
-    int rc = device_args(ctx, &call, "DEVICE", 1, kQueryTimeoutSeconds, argc, argv);
-    if (rc != kExitOk)
-        return rc;
+    device_args(ctx, &call, args, kQueryTimeoutSeconds);
     std::vector<uint8_t> data;
     auto take = [&data](const CtlEvent& e) {
         data = e.data;
@@ -140,7 +136,7 @@ int run_devinfo(const CtlContext& ctx, int argc, char** argv)
     std::string error;
     if (device_query(call, call.args.operands, {LUM_TV_EVT_STORAGE_GET_DEV_INFO}, take, &query, &error) != 0)
         return usage_error(ctx, error);
-    rc = device_run(ctx, call, query, [] { return std::string("the device information"); });
+    int rc = device_run(ctx, call, query, [] { return std::string("the device information"); });
     return rc != kExitOk ? rc : print_devinfo(device_context(ctx, call), call.args.operands[0], data);
 }
 

@@ -1,7 +1,5 @@
 // watch: subscribe and print every event until --count events came or
 // --timeout seconds passed; --hex adds each payload's bytes.
-#include <cmath>
-#include <cstring>
 #include <unistd.h>
 
 #include "lumctl/ctl.h"
@@ -11,36 +9,8 @@ namespace lumctl {
 
 namespace {
 
-struct WatchOptions {
-    bool json = false;
-    bool hex = false;
-    long count = -1;       // below 0: no limit
-    double timeout = -1;   // seconds; below 0: no limit
-};
-
-int parse_watch(const CtlContext& ctx, int argc, char** argv, WatchOptions* opts)
-{
-    for (int i = 0; i < argc; ++i) {
-        double v = 0;
-        if (strcmp(argv[i], "--json") == 0) {
-            opts->json = true;
-        } else if (strcmp(argv[i], "--hex") == 0) {
-            opts->hex = true;
-        } else if (strcmp(argv[i], "--count") == 0 && i + 1 < argc && parse_non_negative(argv[i + 1], &v) &&
-                   v >= 1 && v == std::floor(v)) {
-            opts->count = static_cast<long>(v);
-            ++i;
-        } else if (strcmp(argv[i], "--timeout") == 0 && i + 1 < argc && parse_non_negative(argv[i + 1], &v)) {
-            opts->timeout = v;
-            ++i;
-        } else {
-            return usage_error(ctx, std::string("watch: bad option or value at '") + argv[i] + "'");
-        }
-    }
-    return kExitOk;
-}
-
-int watch_loop(const CtlContext& ctx, int fd, const WatchOptions& opts)
+// --count and --timeout below 0: no limit.
+int watch_loop(const CtlContext& ctx, int fd, const DeviceArgs& opts)
 {
     double deadline = opts.timeout >= 0 ? now_seconds() + opts.timeout : -1;
     long seen = 0;
@@ -64,16 +34,11 @@ int watch_loop(const CtlContext& ctx, int fd, const WatchOptions& opts)
 
 }  // namespace
 
-int run_watch(const CtlContext& ctx, int argc, char** argv)
+int run_watch(const CtlContext& ctx, const DeviceArgs& args)
 {
-    WatchOptions opts;
-    opts.json = ctx.json;
-    int rc = parse_watch(ctx, argc, argv, &opts);
-    if (rc != kExitOk)
-        return rc;
     CtlContext local = ctx;
-    local.json = opts.json;
-    local.hex = opts.hex;
+    local.json = ctx.json || args.json;
+    local.hex = args.hex;
     int fd = ctl_connect(ctx.socket_path);
     if (fd < 0)
         return protocol_error(ctx, connect_error(ctx.socket_path, -fd));
@@ -82,7 +47,7 @@ int run_watch(const CtlContext& ctx, int argc, char** argv)
         close(fd);
         return protocol_error(ctx, error);
     }
-    rc = watch_loop(local, fd, opts);
+    int rc = watch_loop(local, fd, args);
     close(fd);
     return rc;
 }

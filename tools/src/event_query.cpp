@@ -122,7 +122,13 @@ QueryOutcome event_query_on(int fd, const EventQuery& query)
     bool refused = false;  // refused, and on_refused waits for what comes behind
     for (;;) {
         CtlIncoming in;
-        int rc = ctl_next_incoming(fd, time_left_ms(deadline), &in, &out.error);
+        int wait = time_left_ms(deadline);
+        bool tick = query.on_tick && query.tick_ms > 0 && (wait < 0 || wait > query.tick_ms);
+        int rc = ctl_next_incoming(fd, tick ? query.tick_ms : wait, &in, &out.error);
+        if (rc == 0 && tick) {
+            query.on_tick();
+            continue;
+        }
         if (rc <= 0 && refused)
             return finish(&out, QueryStatus::kRefused);
         if (rc <= 0)

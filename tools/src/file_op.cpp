@@ -6,6 +6,9 @@
 // after it.
 #include "file_op.h"
 
+#include <memory>
+#include <unistd.h>
+
 #include <StorageEvents.h>
 
 #include "lumctl/event_decoders.h"
@@ -18,6 +21,7 @@ namespace {
 
 // The event was sent before the reply; the daemon delivers both at once.
 constexpr int kEventAfterReplyMs = 5000;
+constexpr int kProgressTickMs = 500;
 
 struct Hint {
     int32_t event;
@@ -118,25 +122,22 @@ int run_file_op(const CtlContext& ctx, const FileOp& op)
         query.accepts = [&follower](const CtlReply& reply) { return follower.accepts(reply); };
         query.after_reply_ms = kEventAfterReplyMs;
     }
+    std::unique_ptr<ProgressBar> bar;
+    if (op.progress && shows_progress(follower.ctx.json, isatty(fileno(ctx.out)) != 0)) {
+        const std::vector<std::string>& paths = op.call.args.operands;
+        bar = std::make_unique<ProgressBar>(ctx.out, plan_copy(op.shape, paths[0], paths[1]));
+        query.on_tick = [&bar] { bar->tick(); };
+        query.tick_ms = kProgressTickMs;
+    }
     QueryOutcome out = event_query(ctx.socket_path, query);
+    if (bar)
+        bar->clear();
     if (out.status == QueryStatus::kTimeout && follower.replied)
         return protocol_error(ctx, subject(op.call) + ": the service replied " +
                                        (follower.reply_value ? "true" : "false") + " but sent no " +
                                        event_name(op.event) + " (is the command served?)");
     int rc = device_report(ctx, op.call, out, [&op] { return std::string(event_name(op.event)); });
     return rc != kExitOk ? rc : follower.finish();
-}
-
-std::vector<char*> take_flags(int argc, char** argv, const std::vector<const char*>& flags, std::vector<bool>* seen)
-{
-    std::vector<char*> rest(argv, argv + argc);
-    seen->assign(flags.size(), false);
-    for (size_t i = 0; i < flags.size(); ++i) {
-        bool here = false;
-        rest = without_flag(static_cast<int>(rest.size()), rest.data(), flags[i], &here);
-        (*seen)[i] = here;
-    }
-    return rest;
 }
 
 }  // namespace lumctl

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "ctl_device.h"
+#include "lumctl/copy_progress.h"
 
 namespace lumctl {
 
@@ -25,6 +26,8 @@ struct FileOp {
     std::vector<uint8_t> request;  // the request Parcel
     Json names;                    // the operands as JSON fields ("path", or "source" and "destination")
     bool space_notices = false;    // LUM_TV_EVT_STORAGE_OUT_OF_SPACE may come before the result
+    bool progress = false;         // a terminal is shown how far the copy of the operands SRC DST is
+    CopyShape shape = CopyShape::kFile;
 };
 
 // Sends op's request and follows it to its result: prints the result line
@@ -32,9 +35,5 @@ struct FileOp {
 // result 0, kExitFailed for another result, a refusal, a time-out or an
 // error.
 int run_file_op(const CtlContext& ctx, const FileOp& op);
-
-// Strips each flag of flags from argv; seen[i] tells whether flags[i] was
-// there. The rest is left for device_args.
-std::vector<char*> take_flags(int argc, char** argv, const std::vector<const char*>& flags, std::vector<bool>* seen);
 
 }  // namespace lumctl

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "lumctl/cmd_table.h"
+#include "lumctl/ctl_args.h"
 #include "lumctl/ctl_client.h"
 #include "lumctl/decoded.h"
 
@@ -39,53 +40,59 @@ int ctl_main(int argc, char** argv, FILE* out, FILE* err);
 // The same with in as standard input.
 int ctl_main(int argc, char** argv, FILE* in, FILE* out, FILE* err);
 
-// The subcommands' words, in the order of the dispatch table.
+// The subcommands' words, in the order of the overview.
 std::vector<std::string> subcommand_names();
+// The options of a subcommand and of its words, as the parser knows them
+// (--help aside).
+std::vector<std::string> subcommand_options(const std::string& name);
+// Reads the command line into ctx and runs what it asks for (ctl_cli.cpp).
+int run_command_line(CtlContext* ctx, int argc, char** argv);
 
-// Subcommands; args start behind the subcommand's own word.
-int run_list(const CtlContext& ctx, int argc, char** argv);
-int run_watch(const CtlContext& ctx, int argc, char** argv);
-int run_raw(const CtlContext& ctx, int argc, char** argv);
-int run_command(const CtlContext& ctx, const CmdRow& row, int argc, char** argv);
+// Subcommands, with their words as the command line parser read them;
+// run_command sends a command of the table with its fields.
+int run_list(const CtlContext& ctx, const DeviceArgs& args);
+int run_watch(const CtlContext& ctx, const DeviceArgs& args);
+int run_raw(const CtlContext& ctx, const DeviceArgs& args);
+int run_command(const CtlContext& ctx, const CmdRow& row, const std::vector<std::string>& fields);
 
 // Device subcommands: send a request the service answers by event, wait for
 // the event(s) and print them (ctl_volumes.cpp, ctl_mount.cpp,
 // ctl_queries.cpp). Exit 1 when the request is refused or times out.
-int run_volumes(const CtlContext& ctx, int argc, char** argv);
-int run_devinfo(const CtlContext& ctx, int argc, char** argv);
-int run_mount(const CtlContext& ctx, int argc, char** argv);
-int run_umount(const CtlContext& ctx, int argc, char** argv);
-int run_size(const CtlContext& ctx, int argc, char** argv);
-int run_used(const CtlContext& ctx, int argc, char** argv);
-int run_free(const CtlContext& ctx, int argc, char** argv);
-int run_uuid(const CtlContext& ctx, int argc, char** argv);
+int run_volumes(const CtlContext& ctx, const DeviceArgs& args);
+int run_devinfo(const CtlContext& ctx, const DeviceArgs& args);
+int run_mount(const CtlContext& ctx, const DeviceArgs& args);
+int run_umount(const CtlContext& ctx, const DeviceArgs& args);
+int run_size(const CtlContext& ctx, const DeviceArgs& args);
+int run_used(const CtlContext& ctx, const DeviceArgs& args);
+int run_free(const CtlContext& ctx, const DeviceArgs& args);
+int run_uuid(const CtlContext& ctx, const DeviceArgs& args);
 
 // pvr WORD ...: the PVR queries, marking, guide and size limit (ctl_pvr*.cpp);
 // format VOLUME: a format followed to its result (ctl_format.cpp).
-int run_pvr(const CtlContext& ctx, int argc, char** argv);
-int run_format(const CtlContext& ctx, int argc, char** argv);
-int run_bench(const CtlContext& ctx, int argc, char** argv);
+int run_pvr(const CtlContext& ctx, const DeviceArgs& args);
+int run_format(const CtlContext& ctx, const DeviceArgs& args);
+int run_bench(const CtlContext& ctx, const DeviceArgs& args);
 
 // ls PATH: a directory listing, assembled from its blocks (ctl_ls.cpp);
 // cover FOLDER FILE: the link to a media file's cover (ctl_cover.cpp).
-int run_ls(const CtlContext& ctx, int argc, char** argv);
-int run_cover(const CtlContext& ctx, int argc, char** argv);
+int run_ls(const CtlContext& ctx, const DeviceArgs& args);
+int run_cover(const CtlContext& ctx, const DeviceArgs& args);
 
 // File subcommands: one request, one result byte by event (ctl_files.cpp,
 // ctl_copy.cpp); exec, chmod and fd answer by their reply alone
 // (ctl_exec.cpp, ctl_fd.cpp). A failed result exits 1.
-int run_mkdir(const CtlContext& ctx, int argc, char** argv);
-int run_rm(const CtlContext& ctx, int argc, char** argv);
-int run_rmdir(const CtlContext& ctx, int argc, char** argv);
-int run_protect(const CtlContext& ctx, int argc, char** argv);
-int run_unprotect(const CtlContext& ctx, int argc, char** argv);
-int run_mv(const CtlContext& ctx, int argc, char** argv);
-int run_rename(const CtlContext& ctx, int argc, char** argv);
-int run_write(const CtlContext& ctx, int argc, char** argv);
-int run_cp(const CtlContext& ctx, int argc, char** argv);
-int run_exec(const CtlContext& ctx, int argc, char** argv);
-int run_chmod(const CtlContext& ctx, int argc, char** argv);
-int run_fd(const CtlContext& ctx, int argc, char** argv);
+int run_mkdir(const CtlContext& ctx, const DeviceArgs& args);
+int run_rm(const CtlContext& ctx, const DeviceArgs& args);
+int run_rmdir(const CtlContext& ctx, const DeviceArgs& args);
+int run_protect(const CtlContext& ctx, const DeviceArgs& args);
+int run_unprotect(const CtlContext& ctx, const DeviceArgs& args);
+int run_mv(const CtlContext& ctx, const DeviceArgs& args);
+int run_rename(const CtlContext& ctx, const DeviceArgs& args);
+int run_write(const CtlContext& ctx, const DeviceArgs& args);
+int run_cp(const CtlContext& ctx, const DeviceArgs& args);
+int run_exec(const CtlContext& ctx, const DeviceArgs& args);
+int run_chmod(const CtlContext& ctx, const DeviceArgs& args);
+int run_fd(const CtlContext& ctx, const DeviceArgs& args);
 
 // Renderings, one line per event; a reply is several lines of text or one
 // JSON object. row may be null (a raw word with no row).

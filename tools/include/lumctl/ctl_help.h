@@ -4,6 +4,7 @@
 namespace lumctl {
 
 struct CtlContext;
+struct DeviceArgs;
 
 // Whether the subcommand has a help page.
 bool has_help(const char* subcommand);
@@ -13,6 +14,6 @@ bool has_help(const char* subcommand);
 int print_help(const CtlContext& ctx, const char* word);
 
 // help [WORD].
-int run_help(const CtlContext& ctx, int argc, char** argv);
+int run_help(const CtlContext& ctx, const DeviceArgs& args);
 
 }  // namespace lumctl

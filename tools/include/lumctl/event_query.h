@@ -43,6 +43,9 @@ struct EventQuery {
     // 0 or more: once the reply accepted the request, the wait ends at most
     // this many milliseconds after it (the events were sent before it).
     int after_reply_ms = -1;
+    // Optional: called every tick_ms while nothing arrives (a progress line).
+    std::function<void()> on_tick;
+    int tick_ms = 0;
 };
 
 enum class QueryStatus {
