@@ -4,6 +4,7 @@
 // it at the end.
 #include "Benchmark.h"
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -77,6 +78,14 @@ void send_benchmark_event(StorageManagerService& service, unsigned char status, 
     service.NotifyToStorageManager(LUM_TV_EVT_STORAGE_DEV_BENCHMARK, buf, static_cast<int>(len));
 }
 
+// The figure is an unsigned long, as on the television, where strtoul
+// saturates it at 4294967295; a 64-bit build reads a ten-digit figure above
+// that whole. The event's four bytes carry the television's number on both.
+uint32_t speed_on_wire(unsigned long figure)
+{
+    return static_cast<uint32_t>(std::min<unsigned long long>(figure, UINT32_MAX));
+}
+
 bool stop_requested()
 {
     std::lock_guard<std::mutex> hold(g_benchmark_lock);
@@ -147,7 +156,7 @@ void* benchmark_thread(void* arg)
         // Checked again under the lock: a cancel that came in the meantime
         // has sent its own end, and joins this thread.
         if (!g_benchmark_stop) {
-            send_benchmark_event(service, static_cast<unsigned char>(status), 100, static_cast<uint32_t>(writeSpeed),
+            send_benchmark_event(service, static_cast<unsigned char>(status), 100, speed_on_wire(writeSpeed),
                                  processes);
             reset_state_locked();
             // Nobody joins a thread that ended by itself.
