@@ -131,7 +131,7 @@ wire_across() {
   }
   check "guide record" 0 '"partitionNum":0,.*"connectedDevNum":0' --json pvr guide
   check "PVR mark record" 3 '^sdz: not marked: [a-z ]+ \([1-5]\)$' pvr mark sdz
-  check "format record" 1 '^result: failed' --timeout 120 format sdz9
+  check "format record" 1 '^result: failed \(tool failed\)$' format sdz9 --timeout 120
   check "device table" 0 '"rows":\[\]\}$' --json volumes
   kill $pid 2>/dev/null || true
   wait $pid 2>/dev/null || true
