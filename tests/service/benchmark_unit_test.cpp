@@ -160,9 +160,6 @@ TEST(BenchmarkFigure, ResultCodes)
     // Exactly ten characters fit.
     EXPECT_EQ(parse_benchmark_figure("mixed workload Avg throughput per process =1234567890.5", &figure), 0);
     EXPECT_EQ(figure, 1234567890ul);
-    // strtoul saturates at the width of unsigned long: 32 bits on the television.
-    EXPECT_EQ(parse_benchmark_figure("mixed workload Avg throughput per process =9999999999.5", &figure), 0);
-    EXPECT_EQ(figure, sizeof(long) == 4 ? 4294967295ul : static_cast<unsigned long>(9999999999ull));
 
     EXPECT_EQ(parse_benchmark_figure("initial writers\nAvg throughput per process = 5.0\n", &figure), 18);
     // The average before the mixed workload does not count.
@@ -173,6 +170,9 @@ TEST(BenchmarkFigure, ResultCodes)
     EXPECT_EQ(parse_benchmark_figure("mixed workload Avg throughput per process = 1234567890.5", &figure), 21)
         << "eleven characters with the blank";
     EXPECT_EQ(figure, 1234567890ul) << "a failure leaves the figure alone";
+    // strtoul saturates at the width of unsigned long: 32 bits on the television.
+    EXPECT_EQ(parse_benchmark_figure("mixed workload Avg throughput per process =9999999999.5", &figure), 0);
+    EXPECT_EQ(figure, sizeof(long) == 4 ? 4294967295ul : static_cast<unsigned long>(9999999999ull));
 }
 
 TEST(BenchmarkFigure, OnlyTheFirst1999BytesOfTheFileCount)
@@ -318,7 +318,7 @@ TEST_F(BenchmarkRun, RunThatEndsBeforeTheFirstTickSendsStatusEightThenTheEnd)
         std::string output;
         Bytes end;
     } rows[] = {{kOutput, kFinal904493},
-                {"mixed workload\nAvg throughput per process = 9999999999.00 kB/sec\n", {0, 100, 0xff, 0xff, 0xff, 0xff, 0, 0, 0, 2}}};
+                {"mixed workload\nAvg throughput per process =9999999999.00 kB/sec\n", {0, 100, 0xff, 0xff, 0xff, 0xff, 0, 0, 0, 2}}};
     for (const auto& row : rows) {
         EventCapture events;
         write_file("/tmp/fake/iozone.out", row.output);
