@@ -26,12 +26,25 @@ typedef struct {
     LUM_BOOL pvrDirFound;       // always LUM_FALSE
 } SConnectedDevice;
 
+// The records below reach clients as memory images, so their layout is part
+// of the wire: every field's offset is fixed here, the same on the
+// television's 32-bit ARM (EABI) and on x86-64. Both align uint64_t on 8
+// bytes and make int and enums 4 bytes; an ABI that does otherwise (i386
+// aligns uint64_t on 4) stops the build here instead of sending other bytes.
+static_assert(offsetof(SConnectedDevice, devName) == 0, "SConnectedDevice layout");
+static_assert(offsetof(SConnectedDevice, mountPoint) == 30, "SConnectedDevice layout");
+static_assert(offsetof(SConnectedDevice, fsType) == 130, "SConnectedDevice layout");
 static_assert(offsetof(SConnectedDevice, devConnectionType) == 150, "SConnectedDevice layout");
+static_assert(offsetof(SConnectedDevice, devVendor) == 151, "SConnectedDevice layout");
+static_assert(offsetof(SConnectedDevice, devModel) == 407, "SConnectedDevice layout");
 static_assert(offsetof(SConnectedDevice, devSerialNr) == 663, "SConnectedDevice layout");
-static_assert(offsetof(SConnectedDevice, devId) == 920, "SConnectedDevice layout");
+static_assert(offsetof(SConnectedDevice, devId) == 920, "SConnectedDevice layout: devId aligned on 8");
+static_assert(offsetof(SConnectedDevice, devSize) == 928, "SConnectedDevice layout");
+static_assert(offsetof(SConnectedDevice, devUsedSize) == 936, "SConnectedDevice layout");
 static_assert(offsetof(SConnectedDevice, volumeName) == 944, "SConnectedDevice layout");
 static_assert(offsetof(SConnectedDevice, pvrDirFound) == 976, "SConnectedDevice layout");
-static_assert(sizeof(SConnectedDevice) == 984, "SConnectedDevice is 984 bytes");
+static_assert(sizeof(SConnectedDevice) == 984, "SConnectedDevice is 984 bytes, 4 of them tail padding");
+static_assert(alignof(SConnectedDevice) == 8, "SConnectedDevice rows in an array are 8-aligned");
 
 // Payload of LUM_TV_EVT_STORAGE_DEV_MOUNT: one volume just mounted. 154 bytes.
 #pragma pack(push, 1)
@@ -43,6 +56,8 @@ typedef struct {
 } SStorageHotPlugInfo;
 #pragma pack(pop)
 
-static_assert(sizeof(SStorageHotPlugInfo) == 154, "SStorageHotPlugInfo is 154 bytes");
+static_assert(sizeof(SStorageHotPlugInfo) == 154, "SStorageHotPlugInfo is 154 bytes, packed");
+static_assert(offsetof(SStorageHotPlugInfo, u16LabelLen) == 0, "SStorageHotPlugInfo layout");
+static_assert(offsetof(SStorageHotPlugInfo, mountPoint) == 2, "SStorageHotPlugInfo layout");
 static_assert(offsetof(SStorageHotPlugInfo, label) == 102, "SStorageHotPlugInfo layout");
 static_assert(offsetof(SStorageHotPlugInfo, fsType) == 134, "SStorageHotPlugInfo layout");

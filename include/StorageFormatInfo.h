@@ -16,4 +16,7 @@ typedef struct {
 #define STORAGE_FORMAT_RESULT_TIMEOUT ((unsigned int)-3)
 
 static_assert(sizeof(SStorageFormatInfo) == 36, "SStorageFormatInfo is 36 bytes");
+static_assert(offsetof(SStorageFormatInfo, devName) == 0, "SStorageFormatInfo layout");
+static_assert(offsetof(SStorageFormatInfo, reserved) == 30, "SStorageFormatInfo layout");
 static_assert(offsetof(SStorageFormatInfo, result) == 32, "result at offset 32");
+static_assert(sizeof(unsigned int) == 4, "result is 4 bytes on every ABI built for");

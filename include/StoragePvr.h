@@ -23,7 +23,11 @@ typedef struct {
     char partition_id[32];      // the disk id, cut at 31 characters
 } SStorageMarkPvrInfo;
 
+static_assert(sizeof(EStoragePvrFlag) == 4, "enums are 4 bytes (no -fshort-enums)");
 static_assert(sizeof(SStorageMarkPvrInfo) == 40, "SStorageMarkPvrInfo is 40 bytes");
+static_assert(offsetof(SStorageMarkPvrInfo, is_pvr_partition) == 0, "SStorageMarkPvrInfo layout");
+static_assert(offsetof(SStorageMarkPvrInfo, pvr_flag) == 4, "SStorageMarkPvrInfo layout");
+static_assert(offsetof(SStorageMarkPvrInfo, partition_id) == 8, "SStorageMarkPvrInfo layout");
 
 // What the user interface is asked to do after a plug-in or plug-out.
 typedef enum {
@@ -48,7 +52,11 @@ typedef struct {
     SConnectedDevice astConnectedDev[STORAGE_GUIDE_ROWS];
 } SStoragePvrDevGuideInfo;
 
-static_assert(offsetof(SStoragePvrDevGuideInfo, astPartition) == 16, "guide layout");
+static_assert(sizeof(E_PLUGIN_EVENT) == 4, "enums are 4 bytes (no -fshort-enums)");
+static_assert(offsetof(SStoragePvrDevGuideInfo, bShow) == 0, "guide layout");
+static_assert(offsetof(SStoragePvrDevGuideInfo, enEvt) == 4, "guide layout");
+static_assert(offsetof(SStoragePvrDevGuideInfo, s32PartitionNum) == 8, "guide layout");
+static_assert(offsetof(SStoragePvrDevGuideInfo, astPartition) == 16, "guide layout: rows aligned on 8, 4 bytes of padding before");
 static_assert(offsetof(SStoragePvrDevGuideInfo, s32ConnectedDevNum) == 31504, "guide layout");
 static_assert(offsetof(SStoragePvrDevGuideInfo, astConnectedDev) == 31512, "guide layout");
 static_assert(sizeof(SStoragePvrDevGuideInfo) == 63000, "SStoragePvrDevGuideInfo is 63000 bytes");

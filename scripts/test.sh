@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Builds everything and runs every test: the plain build, the whole suite
-# under AddressSanitizer + UBSan, the unit suites under ThreadSanitizer, and
-# a short smoke of the fuzz targets.
+# under AddressSanitizer + UBSan, the unit suites under ThreadSanitizer, the
+# television's 32-bit ARM build with its suites under qemu-arm, and a short
+# smoke of the fuzz targets.
 # Run as root on Debian 12; installs what it needs first. Tests that need the
 # simulated television skip, with a reason, when not run as root.
 set -euo pipefail
@@ -35,6 +36,15 @@ ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:ha
 # slow there; the unit suites cover the threads.
 CTEST_ARGS="-LE rig" TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 \
   run_suite build-tsan "ThreadSanitizer" Debug -DLUM_TSAN=ON -DLUM_BUILD_BENCH=OFF
+# The television's ABI (armhf): the cross build, its suites under qemu-arm,
+# and the armhf daemon answering the plain build's client. It installs the
+# cross compiler and qemu and registers qemu-arm with binfmt_misc, which only
+# a root run may.
+if [ "$(id -u)" -eq 0 ]; then
+  LUM_HOST_BUILD=build bash scripts/test-armhf.sh
+else
+  echo "test.sh: not root: skipping the armhf build" >&2
+fi
 # A fuzz smoke: the clang tree builds and no target finds anything on its
 # seeds within 5 s (about 1.5 minutes with the build on two CPUs). It needs
 # clang-14, which only a root run installs. Longer runs: fuzz/run.sh.

@@ -4,8 +4,8 @@
 // it at the end.
 #include "Benchmark.h"
 
-#include <atomic>
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <csignal>
 #include <condition_variable>
@@ -94,6 +94,14 @@ void send_benchmark_event(StorageManagerService& service, unsigned char status, 
     service.NotifyToStorageManager(LUM_TV_EVT_STORAGE_DEV_BENCHMARK, buf, static_cast<int>(len));
 }
 
+// The figure is an unsigned long, as on the television, where strtoul
+// saturates it at 4294967295; a 64-bit build reads a ten-digit figure above
+// that whole. The event's four bytes carry the television's number on both.
+uint32_t speed_on_wire(unsigned long figure)
+{
+    return static_cast<uint32_t>(std::min<unsigned long long>(figure, UINT32_MAX));
+}
+
 // True when a cancel took the benchmark of generation gen over, or it is
 // long gone. Called with g_benchmark_lock held.
 bool stopped_locked(unsigned gen)
@@ -172,7 +180,7 @@ void* benchmark_thread(void* arg)
         // Checked again under the lock: a cancel that came in the meantime
         // has sent its own end, and joins this thread.
         if (!stopped_locked(gen)) {
-            send_benchmark_event(service, static_cast<unsigned char>(status), 100, static_cast<uint32_t>(writeSpeed),
+            send_benchmark_event(service, static_cast<unsigned char>(status), 100, speed_on_wire(writeSpeed),
                                  processes);
             reset_state_locked();
             // Nobody joins a thread that ended by itself.

@@ -3,6 +3,7 @@
 // thread.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
 #define STORAGE_ACTION_TEXT_LEN 100
@@ -15,3 +16,10 @@ typedef struct {
     unsigned char buf1[STORAGE_ACTION_TEXT_LEN];  // first text, NUL-terminated
     unsigned char buf2[STORAGE_ACTION_TEXT_LEN];  // second text, NUL-terminated
 } StorageManagerAction_t;
+
+// The same layout on every ABI built for: the fields are fixed-width.
+static_assert(offsetof(StorageManagerAction_t, intValue1) == 4, "StorageManagerAction_t layout");
+static_assert(offsetof(StorageManagerAction_t, ushortValue1) == 8, "StorageManagerAction_t layout");
+static_assert(offsetof(StorageManagerAction_t, buf1) == 10, "StorageManagerAction_t layout");
+static_assert(offsetof(StorageManagerAction_t, buf2) == 110, "StorageManagerAction_t layout");
+static_assert(sizeof(StorageManagerAction_t) == 212, "StorageManagerAction_t is 212 bytes");

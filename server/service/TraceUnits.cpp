@@ -77,5 +77,7 @@ const char* traceUnitsStringArray[TRACE_UNIT_COUNT] = {
     "TRACE_MAX_NR_OF_TRACE_UNITS",
 };
 
+// A byte size, so it follows the pointer size: 72 * 4 = 288 on the
+// television's 32-bit ARM, 72 * 8 = 576 on x86-64.
 const int traceUnitsStringArraySize = sizeof(traceUnitsStringArray);
 const int* traceUnitsStringArraySizePtr = &traceUnitsStringArraySize;

@@ -173,6 +173,9 @@ TEST(BenchmarkFigure, ResultCodes)
     EXPECT_EQ(parse_benchmark_figure("mixed workload Avg throughput per process = 1234567890.5", &figure), 21)
         << "eleven characters with the blank";
     EXPECT_EQ(figure, 1234567890ul) << "a failure leaves the figure alone";
+    // strtoul saturates at the width of unsigned long: 32 bits on the television.
+    EXPECT_EQ(parse_benchmark_figure("mixed workload Avg throughput per process =9999999999.5", &figure), 0);
+    EXPECT_EQ(figure, sizeof(long) == 4 ? 4294967295ul : static_cast<unsigned long>(9999999999ull));
 }
 
 TEST(BenchmarkFigure, OnlyTheFirst1999BytesOfTheFileCount)
@@ -320,10 +323,20 @@ TEST_F(BenchmarkRun, TicksReportOneStageEachThenTheThreadReportsTheFigure)
 
 TEST_F(BenchmarkRun, RunThatEndsBeforeTheFirstTickSendsStatusEightThenTheEnd)
 {
-    EventCapture events;
-    dispatch(SIG_ID_STORAGE_BENCHMARK, "/mnt/pvr/shared/sdq1");
-    ASSERT_TRUE(WaitEnd(events));
-    EXPECT_EQ(benchmark_payloads(events.events()), (std::vector<Bytes>{kMid100, kFinal904493}));
+    // A figure beyond 32 bits is sent as the television's saturated one on
+    // every ABI.
+    const struct {
+        std::string output;
+        Bytes end;
+    } rows[] = {{kOutput, kFinal904493},
+                {"mixed workload\nAvg throughput per process =9999999999.00 kB/sec\n", {0, 100, 0xff, 0xff, 0xff, 0xff, 0, 0, 0, 2}}};
+    for (const auto& row : rows) {
+        EventCapture events;
+        write_file("/tmp/fake/iozone.out", row.output);
+        dispatch(SIG_ID_STORAGE_BENCHMARK, "/mnt/pvr/shared/sdq1");
+        ASSERT_TRUE(WaitEnd(events));
+        EXPECT_EQ(benchmark_payloads(events.events()), (std::vector<Bytes>{kMid100, row.end}));
+    }
 }
 
 TEST_F(BenchmarkRun, PathOffTheTreeTakesThreeProcessesAndAFailingToolGivesItsCode)

@@ -347,7 +347,7 @@ TEST_F(DevTableBuild, OneDiskWithTwoPartitions)
     EXPECT_EQ(got[2].id, LUM_TV_EVT_STORAGE_GET_STORAGE_VOLUMES);
     EXPECT_EQ(got[2].data, want);
     EXPECT_EQ(got[3].id, LUM_TV_EVT_STORAGE_GET_DEV_TABLE);
-    ASSERT_EQ(got[3].data.size(), 3 * sizeof(SConnectedDevice));
+    ASSERT_EQ(got[3].data.size(), 3 * 984u);
     const SConnectedDevice* rows = s.m_ConnectedDevice;
     std::lock_guard<std::mutex> hold(s.m_DevTableLock);
     EXPECT_TRUE(std::all_of(s.m_DevTabBuf + want.size(), s.m_DevTabBuf + STORAGE_DEV_TAB_BUF_SIZE,
@@ -503,6 +503,6 @@ TEST_F(DevTableBuild, PublicationBesideReadersOnOtherThreads)
     ASSERT_EQ(got.size() % 2, 0u);
     for (size_t i = 0; i < got.size(); i += 2) {
         EXPECT_TRUE(got[i].data.empty() ? got[i + 1].data.empty() : got[i].data == want);
-        EXPECT_EQ(got[i + 1].data.size(), got[i].data.empty() ? 0u : 3 * sizeof(SConnectedDevice));
+        EXPECT_EQ(got[i + 1].data.size(), got[i].data.empty() ? 0u : 3 * 984u);
     }
 }

@@ -7,6 +7,7 @@
 
 #include "SignalNo.h"
 #include "StorageManagerService.h"
+#include "TraceUnits.h"
 #include "test_support.h"
 
 namespace {
@@ -100,10 +101,11 @@ TEST(SignalNames, BoundsAndStorageBlock)
     EXPECT_STREQ(GetSignalIdNamePtr(static_cast<SignalIds>(576)), "SIG_ID_GENERAL_SPARE_9");
 }
 
-TEST(Records, WireLayouts)
+// The framework takes the trace table's size in bytes and divides it by the
+// size of a pointer: 288 on the television's 32-bit ARM, 576 on x86-64.
+TEST(TraceUnits, SeventyTwoNamesWhoseByteSizeFollowsThePointerSize)
 {
-    EXPECT_EQ(offsetof(StorageManagerAction_t, intValue1), 4u);
-    EXPECT_EQ(offsetof(StorageManagerAction_t, ushortValue1), 8u);
-    EXPECT_EQ(offsetof(StorageManagerAction_t, buf1), 10u);
-    EXPECT_EQ(offsetof(StorageManagerAction_t, buf2), 110u);
+    EXPECT_EQ(*traceUnitsStringArraySizePtr, sizeof(void*) == 4 ? 288 : 576);
+    EXPECT_STREQ(traceUnitsStringArray[65], "TRACE_MAX_NR_OF_GENERAL_TRACE_UNITS");
+    EXPECT_STREQ(traceUnitsStringArray[71], "TRACE_MAX_NR_OF_TRACE_UNITS");
 }

@@ -64,6 +64,20 @@ std::vector<Event> EventCapture::events()
     return m_events;
 }
 
+bool stack_limit_applies()
+{
+    struct rlimit old;
+    if (getrlimit(RLIMIT_STACK, &old) != 0)
+        return false;
+    struct rlimit probe = old;
+    probe.rlim_cur = old.rlim_cur == 1 << 20 ? 2 << 20 : 1 << 20;
+    struct rlimit seen = {0, 0};
+    bool applies = setrlimit(RLIMIT_STACK, &probe) == 0 && getrlimit(RLIMIT_STACK, &seen) == 0 &&
+                   seen.rlim_cur == probe.rlim_cur;
+    setrlimit(RLIMIT_STACK, &old);
+    return applies;
+}
+
 int run_child(const char* name, std::string* out, bool noThreads)
 {
     int fds[2];
@@ -72,7 +86,9 @@ int run_child(const char* name, std::string* out, bool noThreads)
     pid_t pid = fork();
     if (pid == 0) {
         if (noThreads) {
-            struct rlimit huge = {1ull << 40, 1ull << 40};
+            const rlim_t tib = static_cast<rlim_t>(1ull << 40);
+            const rlim_t limit = tib != 0 ? tib : RLIM_INFINITY - 1;
+            struct rlimit huge = {limit, limit};
             setrlimit(RLIMIT_STACK, &huge);
         }
         dup2(fds[1], 1);

@@ -59,9 +59,13 @@ private:
 
 // Runs this test binary again with the arguments "--child NAME" and returns
 // its exit status (or -1); its standard output and error go to out. With
-// noThreads, the child starts with a 1 TiB stack limit, which glibc takes as
-// the default thread stack, so that no new thread can be created.
+// noThreads, the child starts with a stack limit no address space holds (1
+// TiB; 4 GiB less one byte on a 32-bit system), which glibc takes as the
+// default thread stack, so that no new thread can be created.
 int run_child(const char* name, std::string* out, bool noThreads = false);
+// False where a changed stack limit does not reach the process (qemu-user
+// keeps RLIMIT_STACK to itself): there run_child's noThreads cannot work.
+bool stack_limit_applies();
 
 // Waits for a condition that another thread of the service brings about; the
 // bound (60 s) only keeps a broken build from hanging.
