@@ -19,7 +19,7 @@
 
 // A command that another thread may stop: the process group of its shell
 // while it runs, 0 before and after.
-typedef struct {
+typedef struct SHELL_JOB {
     std::atomic<int> pgid{0};
 } SHELL_JOB;
 
