@@ -48,7 +48,7 @@ bool parent_dir(const char* path, char* out, size_t size)
 // few calls and small enough that a cancel is seen between two blocks within
 // a fraction of a second, even on a slow stick.
 #define COPY_KERNEL_BLOCK (8u << 20)
-#define COPY_BUFFER_BYTES (1u << 20)
+#define COPY_BUFFER_BYTES (128u << 10)
 
 // Errors of copy_file_range that say only that this pair of files cannot be
 // copied in the kernel: across file systems, FUSE volumes (the FAT adapter,

@@ -60,6 +60,9 @@ struct Lister {
     // what a client waits for a listing, without the start of this process.
     std::chrono::steady_clock::time_point started = std::chrono::steady_clock::now();
     long long elapsed_us = -1;
+    // With --json the blocks are printed once the wait is over, so that
+    // elapsed_us holds the service's time and not this process's rendering.
+    std::vector<ListingBlock> held;
 
     EventStep take(const CtlEvent& event)
     {
@@ -69,7 +72,9 @@ struct Lister {
         BlockRole role = listing.take(block);
         if (role == BlockRole::kSkipped)
             return EventStep::kMore;
-        if (role != BlockRole::kEndMark && !refused)
+        if (role != BlockRole::kEndMark && !refused && ctx.json)
+            held.push_back(std::move(block));
+        else if (role != BlockRole::kEndMark && !refused)
             print_block(block, role);
         if (!block.damage.empty())
             damage = "damaged block at offset " + std::to_string(block.offset) + ": " + block.damage;
@@ -104,14 +109,18 @@ struct Lister {
 
     void print_block(const ListingBlock& block, BlockRole role) const
     {
-        if (ctx.json) {
-            print_json(ctx.out, listing_block_json(block));
-        } else if (role == BlockRole::kFirst) {
+        if (role == BlockRole::kFirst)
             fprintf(ctx.out, "%s: %s\n", printable(path).c_str(), entries(block.total).c_str());
-        }
-        for (size_t i = 0; !ctx.json && i < block.records.size(); ++i)
-            fprintf(ctx.out, "%s\n", record_line(block.records[i], human).c_str());
+        for (const auto& record : block.records)
+            fprintf(ctx.out, "%s\n", record_line(record, human).c_str());
         fflush(ctx.out);
+    }
+
+    void print_held()
+    {
+        for (const ListingBlock& block : held)
+            print_json(ctx.out, listing_block_json(block));
+        held.clear();
     }
 
     // Once the wait ended with the listing's end, a failure or a damaged
@@ -160,7 +169,7 @@ int run_ls(const CtlContext& ctx, const DeviceArgs& args)
     DeviceCall call{"ls", "STORAGE_READ_DIRS", {}, "no listing will come"};
     device_args(ctx, &call, args, kListingTimeoutSeconds);
     Lister lister{device_context(ctx, call), call.args.operands[0], opts.human, {}, {}, false, false,
-                  std::chrono::steady_clock::now(), -1};
+                  std::chrono::steady_clock::now(), -1, {}};
     EventQuery query;
     std::vector<uint8_t> end_mark;
     std::string error;
@@ -178,6 +187,7 @@ int run_ls(const CtlContext& ctx, const DeviceArgs& args)
     // Only the end marker's block is missing (lost, or behind other work).
     if (out.status == QueryStatus::kTimeout && lister.result_known())
         out.status = QueryStatus::kDone;
+    lister.print_held();
     int rc = device_report(ctx, call, out, [&lister] { return lister.waiting(); });
     return rc != kExitOk ? rc : lister.finish();
 }
