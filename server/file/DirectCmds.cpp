@@ -83,18 +83,17 @@ int StorageManagerService::systemCmd(const char* pCmd, std::string& str)
         return -1;
     }
     SLOGD("[%s, %d] cmd: %s, length: %d\n", copy, static_cast<int>(strlen(copy)));
-    FILE* fp = popen(copy, "r");
-    if (fp == nullptr) {
+    // Through the shell layer rather than popen: the command is bounded in
+    // time like every other, and its shell leads a process group of its own.
+    char ram[SYSTEM_CMD_OUTPUT_MAX + 1] = {0};
+    int n = call_system_output(copy, ram, SYSTEM_CMD_OUTPUT_MAX);
+    free(copy);
+    if (n < 0) {
         SLOGE("[%s, %d] fp is NULL!\n");
-        free(copy);
         return -1;
     }
-    char ram[SYSTEM_CMD_OUTPUT_MAX + 1] = {0};
-    size_t n = fread(ram, 1, SYSTEM_CMD_OUTPUT_MAX, fp);
     str = ram;
-    free(copy);
-    pclose(fp);
-    return static_cast<int>(n);
+    return n;
 }
 
 int StorageManagerService::LumChmod(const char* pPath, mode_t mode, int len, int* pErr)

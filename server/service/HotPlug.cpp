@@ -11,11 +11,14 @@
 #include <norvfw/NorvMsg.h>
 
 #include "ServiceLog.h"
+#include "ShellProbe.h"
 #include "SignalNo.h"
 
 #define HLOGD(fmt, ...) SLOG_TAG(ANDROID_LOG_DEBUG, STORAGE_TAG_HOTPLUG, fmt, ##__VA_ARGS__)
 #define HLOGW(fmt, ...) SLOG_TAG(ANDROID_LOG_WARN, STORAGE_TAG_HOTPLUG, fmt, ##__VA_ARGS__)
 #define HLOGE(fmt, ...) SLOG_TAG(ANDROID_LOG_ERROR, STORAGE_TAG_HOTPLUG, fmt, ##__VA_ARGS__)
+
+#define HOTPLUG_PROBE_S 10  // the cold-plug probe's bound
 
 CHotPlug::CHotPlug()
 {
@@ -35,10 +38,10 @@ bool proc_devs_exist()
     char cmd[256];
     snprintf(cmd, sizeof(cmd), "grep ' sd[a-z][0-9]* ' /proc/diskstats | awk '{print $3}' > %s",
              HOTPLUG_PROC_DEV_FILE);
-    // The watcher's own probe, run with system(3) before the service thread
-    // exists; its status does not matter, the file tells.
-    int rc = system(cmd);
-    (void)rc;
+    // The watcher's own probe, run before the service thread exists; its
+    // status does not matter, the file tells. A grep of a proc file has no
+    // reason to take long: it is stopped after HOTPLUG_PROBE_S.
+    call_system_within(HOTPLUG_PROBE_S, "%s", cmd);
     FILE* file = fopen(HOTPLUG_PROC_DEV_FILE, "re");
     if (file == nullptr)
         return false;

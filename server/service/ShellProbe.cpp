@@ -2,10 +2,12 @@
 
 #include <cerrno>
 #include <cstdarg>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <csignal>
+#include <ctime>
 #include <fcntl.h>
 #include <poll.h>
 #include <spawn.h>
@@ -31,6 +33,20 @@ int trim_eol(char* line)
 }
 
 namespace {
+
+int64_t now_ms()
+{
+    struct timespec ts;
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return static_cast<int64_t>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
+}
+
+// Milliseconds from now until deadline_ms, 0 when it has passed.
+int ms_until(int64_t deadline_ms)
+{
+    int64_t left = deadline_ms - now_ms();
+    return left > 0 ? static_cast<int>(left) : 0;
+}
 
 // Waits up to ms milliseconds (-1: for ever) for the child pid to end,
 // without reaping it. true when it ended.
@@ -77,14 +93,11 @@ bool stop_overdue(pid_t pid, const char* line, int seconds)
     return false;
 }
 
-// Runs "/bin/sh -c line" and returns its wait status as system(3) does, -1
-// when the shell could not be started or had to be left behind. The shell
-// leads a process group of its own, whose id stands in *pgid (may be null)
-// while it runs, so that everything it started can be signalled at once. It
-// gets seconds to end before it is stopped.
+// Starts "/bin/sh -c line" leading a process group of its own, with its
+// standard output on out (-1: the service's). The pid, or -1 with errno.
 // posix_spawn starts it with vfork semantics, so a service with a large
 // address space does not pay for copying its page tables on every command.
-int run_shell(const char* line, std::atomic<int>* pgid, int seconds)
+pid_t spawn_shell(const char* line, int out)
 {
     char arg0[] = "sh";
     char arg1[] = "-c";
@@ -108,17 +121,22 @@ int run_shell(const char* line, std::atomic<int>* pgid, int seconds)
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+    if (out >= 0)
+        posix_spawn_file_actions_adddup2(&actions, out, STDOUT_FILENO);
     pid_t pid;
     int err = posix_spawn(&pid, "/bin/sh", &actions, &attr, argv, environ);
     posix_spawn_file_actions_destroy(&actions);
     posix_spawnattr_destroy(&attr);
-    if (err != 0) {
-        errno = err;
-        return -1;
-    }
-    if (pgid != nullptr)
-        pgid->store(pid);
-    bool ended = wait_exit(pid, seconds * 1000) || stop_overdue(pid, line, seconds);
+    errno = err;
+    return err == 0 ? pid : -1;
+}
+
+// Waits for the shell pid until deadline_ms on the monotonic clock, stops it
+// when it is late, and returns its wait status as system(3) does; -1 when it
+// had to be left behind. pgid (may be null) holds its group while it runs.
+int end_shell(pid_t pid, const char* line, std::atomic<int>* pgid, int64_t deadline_ms, int seconds)
+{
+    bool ended = wait_exit(pid, ms_until(deadline_ms)) || stop_overdue(pid, line, seconds);
     // The group's id is given up while the ended shell still holds it, so
     // that a late signal never reaches a group that reuses the number.
     if (pgid != nullptr)
@@ -131,6 +149,21 @@ int run_shell(const char* line, std::atomic<int>* pgid, int seconds)
             return -1;
     }
     return status;
+}
+
+// Runs "/bin/sh -c line" and returns its wait status as system(3) does, -1
+// when the shell could not be started or had to be left behind. The shell's
+// process group stands in *pgid (may be null) while it runs, so that
+// everything it started can be signalled at once. It gets seconds to end
+// before it is stopped.
+int run_shell(const char* line, std::atomic<int>* pgid, int seconds)
+{
+    pid_t pid = spawn_shell(line, -1);
+    if (pid < 0)
+        return -1;
+    if (pgid != nullptr)
+        pgid->store(pid);
+    return end_shell(pid, line, pgid, now_ms() + seconds * 1000LL, seconds);
 }
 
 // A unique temporary file from TEMP_FILE_TEMPLATE; name gets its path.
@@ -235,6 +268,43 @@ int call_system_job(SHELL_JOB* job, const char* format, ...)
     int rc = vcall_system(job != nullptr ? &job->pgid : nullptr, SHELL_WAIT_MAX_S, format, args);
     va_end(args);
     return rc;
+}
+
+int call_system_output(const char* line, char* buf, size_t size)
+{
+    if (line == nullptr || buf == nullptr)
+        return SHELL_ERR_BAD_ARGS;
+    int fds[2];
+    if (pipe2(fds, O_CLOEXEC) != 0)
+        return -errno;
+    pid_t pid = spawn_shell(line, fds[1]);
+    int err = errno;
+    close(fds[1]);
+    if (pid < 0) {
+        close(fds[0]);
+        return -err;
+    }
+    const int64_t deadline = now_ms() + SHELL_WAIT_MAX_S * 1000LL;
+    size_t got = 0;
+    struct pollfd p = {fds[0], POLLIN, 0};
+    while (got < size) {
+        int n = poll(&p, 1, ms_until(deadline));
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n <= 0)
+            break;  // the time is up: end_shell stops the command
+        ssize_t r = read(fds[0], buf + got, size - got);
+        if (r < 0 && errno == EINTR)
+            continue;
+        if (r <= 0)
+            break;
+        got += static_cast<size_t>(r);
+    }
+    // Output past size is not read: a command that goes on writing gets
+    // SIGPIPE, as it does when popen's stream is closed.
+    close(fds[0]);
+    end_shell(pid, line, nullptr, deadline, SHELL_WAIT_MAX_S);
+    return static_cast<int>(got);
 }
 
 bool shell_job_kill(SHELL_JOB* job, int sig)

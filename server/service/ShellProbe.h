@@ -4,6 +4,7 @@
 #pragma once
 
 #include <atomic>
+#include <cstddef>
 
 #define SHELL_LINE_MAX 512          // call_system's command line, terminator included
 #define SHELL_COMMAND_MAX 256       // commands whose output is read, and one output line
@@ -42,6 +43,14 @@ int call_system(const char* format, ...) __attribute__((format(printf, 1, 2)));
 
 // call_system that stops the command after seconds instead.
 int call_system_within(int seconds, const char* format, ...) __attribute__((format(printf, 2, 3)));
+
+// Runs line itself (no format, any length) as call_system does, with the
+// same bound, and reads at most size bytes of its standard output into buf
+// (not terminated); the rest of the output is not read. The exit status is
+// not looked at.
+// < 0: -22 for a null line or buf, -errno when no pipe or shell could be had.
+// >= 0: the bytes read.
+int call_system_output(const char* line, char* buf, size_t size);
 
 // call_system that notes the command's process group in job while it runs.
 int call_system_job(SHELL_JOB* job, const char* format, ...) __attribute__((format(printf, 2, 3)));
