@@ -48,6 +48,16 @@ Bytes format_event(const std::string& name, int32_t result)
         info[32 + k] = static_cast<uint8_t>(static_cast<uint32_t>(result) >> (8 * k));
     return event(cat({{0x1f, 0x00, 0x17, 0x00}, info}));
 }
+// LUM_TV_EVT_STORAGE_PVR_MARK, id 0x00170020: int32 marked, int32 verdict,
+// partition_id[32] (host order).
+Bytes mark_event(const std::string& disk, uint8_t marked, uint8_t verdict)
+{
+    Bytes info(40, 0);
+    info[0] = marked;
+    info[4] = verdict;
+    std::copy(disk.begin(), disk.end(), info.begin() + 8);
+    return event(cat({{0x20, 0x00, 0x17, 0x00}, info}));
+}
 const Bytes kTrue{0, 0, 0, 0, 1, 0, 0, 0};   // result 0, bool true
 const Bytes kFalse{0, 0, 0, 0, 0, 0, 0, 0};  // result 0, bool false
 
@@ -184,6 +194,10 @@ TEST(CtlWire, RequestBytesAndDecodedReplies)
          "{\"command\":\"STROAGE_LUM_READ\",\"code\":4152,\"result\":0,\"reply\":{\"count\":3,\"length\":3,"
          "\"data\":\"78797a\"},\"complete\":true,\"rest\":\"\"}\n"},
         // raw: every item type; x bytes go out exactly, without padding.
+        {{"pvr-mark-dev", "/dev/sdb1", "true"},
+         {0x21, 0x10, 0, 0, '/', 'd', 'e', 'v', '/', 's', 'd', 'b', '1', 0, 0, 0, 1, 0, 0, 0},
+         kTrue,
+         "STORAGE_PVR_MARK_DEV (4129): result 0\n  value: true\n"},
         {{"raw", "0x7000", "i:-2", "u:4294967295", "l:0x0102030405060708", "b:true", "c:A", "c:255", "s:ab",
           "x:0a:0b"},
          {0x00, 0x70, 0, 0, 0xfe, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 8, 7, 6, 5, 4, 3, 2, 1,
@@ -272,6 +286,9 @@ TEST(CtlWire, EventAnswersAndWhatOnlyAFaultyDaemonDoes)
         {"busy volume, another volume's result skipped", {"format", "sdb1"},
          {kSubscribed, cat({reply(kTrue), format_event("sdb10", 0), format_event("sdb1", -2)})}, false, 1,
          "result: failed (another format is running)\n", ""},
+        {"verdict for another disk skipped", {"pvr", "mark", "/dev/sdb1"},
+         {kSubscribed, cat({reply(kTrue), mark_event("/dev/sdc1", 1, 0), mark_event("/dev/sdb1", 0, 2)})}, false, 3,
+         "/dev/sdb1: not marked: format unusable (2)\n", ""},
         {"refused", {"size", "sdb"}, {kSubscribed, reply(kFalse)}, false, 1, "", "refused"},
         {"silent after the reply", {"size", "sdb", "--timeout", "0.3"}, {kSubscribed, reply(kTrue)}, false, 1, "",
          "size sdb: timed out after 0.3 s waiting for the answer (is it a device the service knows?)"},
