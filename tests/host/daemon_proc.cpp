@@ -13,14 +13,17 @@ namespace hosttest {
 Proc spawn(const std::vector<std::string>& args, bool ready_fd, void (*setup)())
 {
     int p[2];
+    int e[2];
     Proc proc;
-    if (pipe2(p, O_CLOEXEC) != 0)
+    if (pipe2(p, O_CLOEXEC) != 0 || pipe2(e, O_CLOEXEC) != 0)
         return proc;
     proc.pid = fork();
     if (proc.pid == 0) {
         if (setup != nullptr)
             setup();
         dup2(p[1], ready_fd ? 3 : 1);
+        if (!ready_fd)
+            dup2(e[1], 2);
         std::vector<char*> argv;
         for (const std::string& a : args)
             argv.push_back(const_cast<char*>(a.c_str()));
@@ -29,7 +32,12 @@ Proc spawn(const std::vector<std::string>& args, bool ready_fd, void (*setup)())
         _exit(127);
     }
     close(p[1]);
+    close(e[1]);
     proc.out = p[0];
+    if (ready_fd)
+        close(e[0]);
+    else
+        proc.err = e[0];
     return proc;
 }
 
@@ -63,8 +71,10 @@ RunResult run(const std::vector<std::string>& args)
 {
     Proc p = spawn(args, false);
     std::string out = drain(p.out, 20000);
+    std::string err = drain(p.err, 5000);
     close(p.out);
-    return RunResult{wait_exit(p.pid, 20000), out};
+    close(p.err);
+    return RunResult{wait_exit(p.pid, 20000), out, err};
 }
 
 bool Daemon::start(const char* bin, const std::string& socket, void (*setup)(), const std::vector<std::string>& more)

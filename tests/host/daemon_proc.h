@@ -11,6 +11,7 @@ namespace hosttest {
 struct Proc {
     pid_t pid = -1;
     int out = -1;  // the child's standard output (or its ready fd)
+    int err = -1;  // its standard error, when not started with a ready fd
 };
 
 // Starts args[0]; the child's stdout (or, with ready_fd, fd 3) goes to a
@@ -27,6 +28,7 @@ int wait_exit(pid_t pid, int timeout_ms);
 struct RunResult {
     int code;
     std::string out;
+    std::string err;
 };
 
 // Runs args to their end (20 s at most) and gives exit code and output.

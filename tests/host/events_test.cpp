@@ -11,16 +11,11 @@
 
 namespace {
 
+using hosttest::Fd;
 using hosttest::Frame;
 using lumproto::ReadStatus;
 
 constexpr int kEventId = 1507359;
-
-struct Fd {
-    int fd;
-    explicit Fd(int f) : fd(f) {}
-    ~Fd() { close(fd); }
-};
 
 int subscribe(const std::string& path)
 {

@@ -1,7 +1,5 @@
 #include "test_support.h"
 
-#include "lumctl/ctl_client.h"
-
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
@@ -66,8 +64,21 @@ int TestServer::start()
 
 int connect_to(const std::string& path)
 {
-    int fd = lumctl::ctl_connect(path);
-    return fd >= 0 ? fd : -1;
+    int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    snprintf(addr.sun_path, sizeof(addr.sun_path), "%s", path.c_str());
+    if (fd >= 0 && connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) == 0)
+        return fd;
+    if (fd >= 0)
+        close(fd);
+    return -1;
+}
+
+Fd::~Fd()
+{
+    if (fd >= 0)
+        close(fd);
 }
 
 bool send_bytes(int fd, const std::vector<uint8_t>& bytes)

@@ -33,6 +33,15 @@ struct TestServer {
 };
 
 int connect_to(const std::string& path);
+
+// Closes its descriptor when it goes.
+struct Fd {
+    int fd;
+    explicit Fd(int f) : fd(f) {}
+    ~Fd();
+    Fd(const Fd&) = delete;
+    Fd& operator=(const Fd&) = delete;
+};
 bool send_bytes(int fd, const std::vector<uint8_t>& bytes);
 
 // Header (built with the codec) and payload.

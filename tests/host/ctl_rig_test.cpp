@@ -1,0 +1,133 @@
+// lumstoragectl's text and JSON output against the real service on the
+// simulated television: one stick, every subcommand family run in both
+// forms, its exit code and facts of its output checked against what the
+// television's own tools say. Needs root (skipped loudly without).
+#include <gtest/gtest.h>
+
+#include "service_rig.h"
+
+namespace e2e {
+namespace {
+
+// vfat sdb1 (chosen as the PVR partition at its plug: timeshift on, a 10 MB
+// limit), ext4 sdb2.
+const char* kStick =
+    "disk stick size=128M table=msdos plugged=no vendor=SanDisk model=\"Cruzer Blade\" serial=4C530001\n"
+    "  part size=48M fs=vfat label=TSH\n"
+    "    file /readme.txt text=hello\n"
+    "  part fs=ext4 label=DATA\n";
+const char* kProperties = "mkdir -p /run/properties && printf 0 > /run/properties/persist.pvr.rec.enable && "
+                          "printf 1 > /run/properties/persist.pvr.tshift.enable && "
+                          "printf 10 > /run/properties/persist.pvr.device_size_limit";
+const std::string kFat = "/mnt/pvr/shared/sdb1";
+const std::string kExt = "/mnt/pvr/shared/sdb2";
+
+class CtlRig : public ServiceRig {
+protected:
+    struct Case {
+        std::vector<std::string> words;
+        int code;
+        std::vector<std::string> text;  // parts of the text output
+        std::vector<std::string> json;  // parts of the --json output
+        std::string input = {};         // standard input of the text run
+    };
+
+    // Each case runs as text, then (when it has JSON facts) with --json.
+    void Check(const std::vector<Case>& cases)
+    {
+        for (const Case& c : cases) {
+            std::string line;
+            for (const std::string& w : c.words)
+                line += w + " ";
+            SCOPED_TRACE(line);
+            std::vector<std::string> argv{LUMSTORAGECTL_BIN, "--socket", socket_};
+            argv.insert(argv.end(), c.words.begin(), c.words.end());
+            Result text = lumrig::Run(argv, c.input, 120);
+            EXPECT_EQ(c.code, text.status) << text.Describe();
+            for (const std::string& part : c.text)
+                EXPECT_TRUE(Has(text.out, part)) << part << "\n" << text.Describe();
+            if (c.json.empty())
+                continue;
+            Result json = Ctl(c.words);
+            EXPECT_EQ(c.code, json.status) << json.Describe();
+            for (const std::string& part : c.json)
+                EXPECT_TRUE(Has(json.out, part)) << part << "\n" << json.Describe();
+        }
+    }
+    std::string Sh(const std::string& line) const
+    {
+        std::string out = tv.Exec(line).out;
+        return out.empty() ? out : out.substr(0, out.find('\n'));
+    }
+};
+
+TEST_F(CtlRig, EverySubcommandFamilyInTextAndJson)
+{
+    StartService(kStick, {"stick"}, {}, kProperties);
+    if (HasFatalFailure())
+        return;
+    const std::string uuid = Sh("blkid -s UUID -o value /dev/sdb2");
+    const std::string used = Sh("df -Pm " + kFat + " | awk 'NR==2 {print $3}'");
+    // Free blocks, the reserved ones too.
+    const std::string free_mb = Sh("echo $(( $(stat -f -c '%f * %S' " + kExt + ") / 1048576 ))");
+    ASSERT_FALSE(uuid.empty());
+    Check({
+        {{"pvr-dev-state"}, 0, {"STORAGE_PVR_DEV_STATE (4125): result 0\n  value: true\n"},
+         {"{\"command\":\"STORAGE_PVR_DEV_STATE\",\"code\":4125,\"result\":0,\"reply\":{\"value\":true},"}},
+        {{"volumes"}, 0,
+         {"NAME", "sdb ", "├─sdb1", "└─sdb2", "vfat", "TSH", "ext4", "DATA", kFat, "SanDisk", "Cruzer Blade", "128M"},
+         {"\"devices\":[", "\"rows\":[", "\"node\":\"/dev/sdb2\",\"mountPoint\":\"" + kExt + "\""}},
+        {{"devinfo", "/dev/sdb"}, 0, {"vendor: SanDisk", "model: Cruzer Blade", "serial: 4C530001", "devId: 0x"},
+         {"\"serial\":\"4C530001\""}},
+        {{"devinfo", "/dev/sdz"}, 3, {}, {"\"status\":1"}},
+        {{"size", "/dev/sdb"}, 0, {"/dev/sdb: 128M (128 MB)\n"}, {"{\"device\":\"/dev/sdb\",\"sizeMB\":128}"}},
+        {{"used", "/dev/sdb1"}, 0, {"/dev/sdb1: " + used + "M used (" + used + " MB)\n"},
+         {"{\"device\":\"/dev/sdb1\",\"usedMB\":" + used + "}"}},
+        {{"uuid", kExt}, 0, {kExt + ": " + uuid + "\n"}, {"{\"path\":\"" + kExt + "\",\"uuid\":\"" + uuid + "\"}"}},
+        {{"free", uuid}, 0, {uuid + ": ", "free (" + free_mb + " MB)"},
+         {"{\"uuid\":\"" + uuid + "\",\"freeMB\":" + free_mb + "}"}},
+        {{"uuid", "/nowhere", "--timeout", "1"}, 1, {}, {}},
+        // PVR: the stick's vfat partition was chosen at its plug.
+        {{"pvr", "state"}, 0, {"PVR partition: " + kFat + "\n"}, {"{\"pvr\":true,\"mountPath\":\"" + kFat + "\"}"}},
+        {{"pvr", "path"}, 0, {kFat + "\n"}, {"{\"mountPath\":\"" + kFat + "\"}"}},
+        {{"pvr", "available", "/dev/sdb1"}, 0, {"/dev/sdb1: verdict 0, success\n"},
+         {"{\"disk\":\"/dev/sdb1\",\"verdict\":0,\"name\":\"success\",\"usable\":true}"}},
+        {{"pvr", "total", "/dev/sdb"}, 0, {"/dev/sdb: ", "(128 MB)"}, {"{\"disk\":\"/dev/sdb\",\"totalMB\":128}"}},
+        {{"pvr", "limit"}, 0, {"PVR size limit: 10M (10 MB)"}, {"{\"limitMB\":10}"}},
+        // With the PVR partition chosen there is nothing to ask.
+        {{"pvr", "guide"}, 0, {"show: no\nasks: nothing to do\npartitions: 0\nconnected devices: 3\n"},
+         {"{\"show\":false,\"event\":4,\"asks\":\"nothing to do\",\"partitionNum\":0,\"partitions\":[],"
+          "\"connectedDevNum\":3}"}},
+        // Files on the ext4 partition, each checked there by the shell.
+        {{"ls", kFat}, 0, {"readme.txt"}, {"\"name\":\"readme.txt\""}},
+        {{"mkdir", kExt + "/d"}, 0, {}, {}},
+        {{"write", kExt + "/d/f", "-"}, 0, {}, {}, "hello"},
+        {{"cp", kExt + "/d/f", kExt + "/d/g"}, 0, {}, {}},
+        {{"mv", kExt + "/d/g", kFat + "/g"}, 0, {}, {}},
+        {{"chmod", kExt + "/d/f", "0640"}, 0, {}, {}},
+        {{"exec", "--capture", "--", "cat", kExt + "/d/f", kFat + "/g"}, 0, {"hellohello"}, {}},
+        {{"rm", kExt + "/d/missing"}, 1, {}, {"\"result\":3"}},
+        {{"exec", "--", "false"}, 1, {}, {}},
+    });
+    EXPECT_EQ(Sh("stat -c %a " + kExt + "/d/f"), "640");
+    EXPECT_EQ(Sh("cat " + kFat + "/g"), "hello");
+    EXPECT_NE(tv.Exec("test -e " + kExt + "/d/g").status, 0) << "mv left its source";
+
+    // A run of the stick's volumes, then a format of its ext4 partition.
+    Check({
+        {{"umount", "/dev/sdb"}, 0, {"unmounted " + kFat + "\n", "unmounted " + kExt + "\n", "/dev/sdb: 2 volumes unmounted\n"},
+         {}},
+        {{"mount", "/dev/sdb"}, 0,
+         {"mounted " + kFat + " (vfat, label TSH)\n", "mounted " + kExt + " (ext4, label DATA)\n",
+          "/dev/sdb: 2 volumes mounted\n"},
+         {}},
+        // Without recording the service makes FAT32.
+        {{"format", "/dev/sdb2"}, 0,
+         {"unmounting\nunmounted " + kExt + "\nformatting\nmounting\nmounted " + kExt + " (vfat)\nresult: ok, "},
+         {}},
+    });
+    EXPECT_EQ(Sh("blkid -p -s TYPE -o value /dev/sdb2"), "vfat");
+}
+
+}  // namespace
+}  // namespace e2e
