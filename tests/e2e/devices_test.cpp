@@ -173,18 +173,20 @@ TEST_F(Devices, MtpPhoneIsMountedListedAndTakenDown)
     EXPECT_EQ(Mounts(tv), "");
 }
 
-// A phone whose storage the driver cannot give (its mount source is another
-// name) fails the MTP part of the run: the run counts 0 whatever came before
-// in it, leaves the failed one's directory and tries no later slot.
+// A phone the driver lists but whose storage it cannot give (its entries
+// made by hand, no storage behind them) fails the MTP part of the run: the
+// run counts 0 whatever came before in it, leaves the failed one's
+// directory and tries no later slot.
 TEST_F(Devices, MtpMountThatFailsEndsTheMtpPartOfTheRun)
 {
     for (bool bad_first : {false, true}) {
         SCOPED_TRACE(bad_first ? "bad phone in slot 0" : "bad phone in slot 1");
         StartService("disk stick size=8M table=msdos plugged=no\n  part fs=ext4\n");
-        std::vector<std::string> good{"--id", "VEN_1_PID_1_SER_GOOD"};
-        std::vector<std::string> bad{"--id", "VEN_2_PID_2_SER_BAD", "--mount", "elsewhere"};
-        ASSERT_TRUE(tv.Cmd("mtp-add", bad_first ? bad : good).ok());
-        ASSERT_TRUE(tv.Cmd("mtp-add", bad_first ? good : bad).ok());
+        const std::string bad = std::string("d=/proc/driver/mptp/") + (bad_first ? "0" : "1") +
+                                " && mkdir -p $d && echo VEN_2_PID_2_SER_BAD > $d/id && echo 0 > $d/mount";
+        ASSERT_TRUE(!bad_first || tv.Exec(bad).ok());
+        ASSERT_TRUE(tv.Cmd("mtp-add", {"--id", "VEN_1_PID_1_SER_GOOD"}).ok());
+        ASSERT_TRUE(bad_first || tv.Exec(bad).ok());
         ASSERT_TRUE(Ctl({"dev-mount", "VEN_1_PID_1_SER_GOOD"}).ok());
         ASSERT_TRUE(WaitFor("LUM_TV_EVT_STORAGE_DEV_MOUNT_END"));
         EXPECT_TRUE(Has(Events("LUM_TV_EVT_STORAGE_DEV_MOUNT_END")[0], "\"count\":0"));
