@@ -1,15 +1,13 @@
 // Faults on the simulated television: a stick pulled out in the middle of a
-// listing, a tree copy and a format; a burst of plug events; a
-// full command queue; the daemon killed while it sets properties. After each
-// fault the service still answers, the mount tree, its folder and the volume
-// list show exactly the sticks that are plugged, the files nobody was
-// writing keep their checksums, and every client has had its answer.
+// listing, a tree copy and a format; a burst of plug events; a full command
+// queue. After each fault the service still answers, the mount tree, its
+// folder and the volume list show exactly the sticks that are plugged, the
+// files nobody was writing keep their checksums, and every client has had
+// its answer.
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <csignal>
 #include <functional>
-#include <random>
 #include <set>
 #include <thread>
 
@@ -173,10 +171,6 @@ protected:
         std::string script = "i=0; until [ \"$(readlink /proc/$1/cwd)\" = \"$2\" ]; do i=$((i+1)); [ $i -lt $3 ] || "
                              "exit 1; sleep 0.02; done";
         return In({"sh", "-c", script, "sh", std::to_string(daemon[0]), dir, wait ? "3000" : "1"}).ok();
-    }
-    std::string Property(const std::string& key) const
-    {
-        return lumrig::ReadFile(tv.StateDir() + "/run/properties/" + key);
     }
 
     std::string sumsA_, sumsB_;
@@ -370,53 +364,6 @@ TEST_F(Faults, FullQueueRefusesTheExtraAtOnceRunsTheRestAndLosesNoPlug)
     ExpectVolumes({"sdb1", "sdc1"});
     EXPECT_EQ(TvPids("lumstoraged"), daemon);
     EXPECT_FALSE(Has(tv.Log("lumstoraged"), "double free"));
-}
-
-TEST_F(Faults, KilledWhileSettingTheSizeLimitLeavesWholePropertiesAndComesBack)
-{
-    // A recording television takes new limits.
-    StartService("disk a size=64M table=msdos plugged=no\n  part fs=ext4\n", {}, {},
-                 "mkdir -p /run/properties && printf 1 > /run/properties/persist.pvr.rec.enable && "
-                 "printf 2000 > /run/properties/persist.pvr.device_size_limit");
-    if (HasFatalFailure())
-        return;
-    std::mt19937 random(std::random_device{}());
-    int next = 2001;
-    std::string last = "2000";
-    for (int round = 0; round < 4; ++round) {
-        SCOPED_TRACE("round " + std::to_string(round));
-        std::vector<pid_t> daemon = TvPids("lumstoraged");
-        ASSERT_EQ(daemon.size(), 1u);
-        std::set<std::string> written{last};
-        std::vector<Result> answers;
-        std::atomic<bool> stop{false};
-        std::thread writer([&] {
-            while (!stop) {
-                written.insert(std::to_string(next));
-                answers.push_back(Ctl({"pvr", "limit", std::to_string(next++)}));
-            }
-        });
-        std::this_thread::sleep_for(std::chrono::milliseconds(100 + random() % 400));
-        kill(daemon[0], SIGKILL);
-        stop = true;
-        writer.join();
-        // Every client in flight heard of the end; none waited for its
-        // time-out.
-        for (const Result& r : answers)
-            EXPECT_TRUE(r.status == 0 || r.status == 1) << r.Describe();
-        EXPECT_EQ(Property("persist.pvr.rec.enable"), "1");
-        last = Property("persist.pvr.device_size_limit");
-        EXPECT_EQ(written.count(last), 1u) << "'" << last << "' was never set";
-
-        StartServiceOnly();
-        if (HasFatalFailure())
-            return;
-        Result limit = Ctl({"pvr", "limit"});
-        EXPECT_TRUE(Has(limit.out, "{\"limitMB\":" + last + "}")) << limit.Describe();
-    }
-    // The temporary files of killed writers go with the next write.
-    ASSERT_TRUE(Ctl({"pvr", "limit", std::to_string(next)}).ok());
-    EXPECT_EQ(tv.Exec("ls -A /run/properties").out, "persist.pvr.device_size_limit\npersist.pvr.rec.enable\n");
 }
 
 }  // namespace
