@@ -105,40 +105,6 @@ TEST_F(Benchmark, FullRunReportsStagesInOrderThenTheFigure)
                          "/mnt/pvr/shared/sdb1/iozone2.tmp > /tmp/iozone.txt\n"));
 }
 
-TEST_F(Benchmark, CancelInTheMiddleStopsTheToolAndRemovesItsFiles)
-{
-    StartBenchmarkRig();
-    if (HasFatalFailure())
-        return;
-    ASSERT_TRUE(Ctl({"dev-benchmark", kVolume}).ok());
-    // The first stage is seen once the tool runs and has begun writing.
-    ASSERT_TRUE(WaitFor("LUM_TV_EVT_STORAGE_DEV_BENCHMARK", 1, 120));
-    ASSERT_TRUE(Ctl({"dev-cancel-benchmark"}).ok());
-    ASSERT_TRUE(WaitForEnd());
-
-    auto events = BenchEvents();
-    const std::string& end = events.back();
-    ASSERT_TRUE(Has(end, "\"len\":10,\"data\":{\"status\":1,\"progress\":100,\"speed\":0,\"processes\":3}"))
-        << end << "\n(the run may have ended before the cancel arrived)";
-    for (size_t i = 0; i + 1 < events.size(); ++i)
-        EXPECT_TRUE(Running(events[i])) << events[i];
-    EXPECT_TRUE(NoIozoneLeft());
-    EXPECT_EQ(WorkFiles(), "");
-    std::string log = tv.Log("lumstoraged");
-    EXPECT_TRUE(Has(log, "run: killall iozone\n")) << log;
-    EXPECT_TRUE(Has(log, "run: rm -f /mnt/pvr/shared/sdb1/iozone*.tmp\n")) << log;
-
-    // A cancel without a benchmark sends nothing.
-    size_t before = BenchEvents().size();
-    size_t answers = Events("LUM_TV_EVT_STORAGE_GET_STORAGE_VOLUMES").size();
-    ASSERT_TRUE(Ctl({"dev-cancel-benchmark"}).ok());
-    // Signals are handled in order: the answer to this query comes after
-    // anything the cancel sent.
-    ASSERT_TRUE(Ctl({"get-storage-volumes"}).ok());
-    ASSERT_TRUE(WaitFor("LUM_TV_EVT_STORAGE_GET_STORAGE_VOLUMES", answers + 1));
-    EXPECT_EQ(BenchEvents().size(), before);
-}
-
 TEST_F(Benchmark, ToolDeafToTermIsKilledWhenItsDiskGoesAndTheNextDiskMounts)
 {
     // In iozone's place a tool that ignores TERM (the real one ends on it),

@@ -1,15 +1,13 @@
 // Faults on the simulated television: a stick pulled out in the middle of a
-// listing, a tree copy, a format and a benchmark; a burst of plug events; a
-// full command queue; the daemon killed while it sets properties. After each
-// fault the service still answers, the mount tree, its folder and the volume
-// list show exactly the sticks that are plugged, the files nobody was
-// writing keep their checksums, and every client has had its answer.
+// listing, a tree copy and a format; a burst of plug events; a full command
+// queue. After each fault the service still answers, the mount tree, its
+// folder and the volume list show exactly the sticks that are plugged, the
+// files nobody was writing keep their checksums, and every client has had
+// its answer.
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <csignal>
 #include <functional>
-#include <random>
 #include <set>
 #include <thread>
 
@@ -151,13 +149,12 @@ protected:
         }
         return false;
     }
-    // Waits until an event of that name holds `text` (and passes `also`).
-    bool WaitForText(const std::string& name, const std::string& text,
-                     std::function<bool(const std::string&)> also = nullptr, int timeout_s = 60) const
+    // Waits until an event of that name holds `text`.
+    bool WaitForText(const std::string& name, const std::string& text, int timeout_s = 60) const
     {
         for (int waited = 0; waited < timeout_s * 50; ++waited) {
             for (const std::string& line : Events(name)) {
-                if (Has(line, text) && (!also || also(line)))
+                if (Has(line, text))
                     return true;
             }
             std::this_thread::sleep_for(std::chrono::milliseconds(20));
@@ -174,20 +171,6 @@ protected:
         std::string script = "i=0; until [ \"$(readlink /proc/$1/cwd)\" = \"$2\" ]; do i=$((i+1)); [ $i -lt $3 ] || "
                              "exit 1; sleep 0.02; done";
         return In({"sh", "-c", script, "sh", std::to_string(daemon[0]), dir, wait ? "3000" : "1"}).ok();
-    }
-    // Waits at most 30 s until no iozone of this television runs.
-    bool NoIozoneLeft() const
-    {
-        for (int i = 0; i < 300; ++i) {
-            if (TvPids("iozone").empty())
-                return true;
-            std::this_thread::sleep_for(std::chrono::milliseconds(100));
-        }
-        return false;
-    }
-    std::string Property(const std::string& key) const
-    {
-        return lumrig::ReadFile(tv.StateDir() + "/run/properties/" + key);
     }
 
     std::string sumsA_, sumsB_;
@@ -310,44 +293,21 @@ TEST_F(Faults, PlugDuringAFormatLeavesTheVolumeBeingFormattedAlone)
     EXPECT_TRUE(Has(Sums(kA), "deep/two.bin")) << Sums(kA);
 }
 
-TEST_F(Faults, UnplugDuringABenchmarkEndsItWithoutATool)
-{
-    StartSticks({"LUM_LOG_LEVEL=v"});
-    if (HasFatalFailure())
-        return;
-    size_t downs = Events("LUM_TV_EVT_STORAGE_DEV_UMOUNT_END").size();
-    Client measuring([&] { return Ctl({"bench", kA, "--timeout", "120"}); });
-    // The first stage is seen once the tool runs and has begun writing.
-    ASSERT_TRUE(WaitFor("LUM_TV_EVT_STORAGE_DEV_BENCHMARK", 1, 120));
-    ASSERT_TRUE(tv.Unplug("a").ok());
-
-    const Result& measured = measuring.Wait();
-    EXPECT_TRUE(Has(measured.out, "\"status\":")) << "the benchmark had no end\n" << measured.Describe();
-    // The end (any status but 8): status 1 as the volume went, unless the
-    // tool met its end some other way first.
-    ASSERT_TRUE(WaitForText("LUM_TV_EVT_STORAGE_DEV_BENCHMARK", "\"status\":", [](const std::string& line) {
-        return !Has(line, "\"status\":8,");
-    })) << Events("LUM_TV_EVT_STORAGE_DEV_BENCHMARK").back();
-    EXPECT_TRUE(NoIozoneLeft());
-    ASSERT_TRUE(WaitFor("LUM_TV_EVT_STORAGE_DEV_UMOUNT_END", downs + 1));
-    ExpectVolumes({"sdc1"});
-    ExpectStickBack();
-    EXPECT_EQ(In({"sh", "-c", "ls \"$1\" | grep iozone || true", "sh", kA}).out, "") << "work files left behind";
-}
-
 TEST_F(Faults, BurstOfPlugEventsEndsWithTheStickMountedOnce)
 {
     StartSticks();
     if (HasFatalFailure())
         return;
-    for (int i = 0; i < 50; ++i) {
+    // Eight times out and in: sixteen events, faster than the runs they ask
+    // for.
+    for (int i = 0; i < 8; ++i) {
         ASSERT_TRUE(tv.Unplug("a").ok());
         ASSERT_TRUE(tv.Plug("a").ok());
     }
-    // The watcher has taken all 100 (and the two first plugs) before the
+    // The watcher has taken all 16 (and the two first plugs) before the
     // volume list is asked for: the list comes after the runs they need.
-    ASSERT_TRUE(WaitForLog("] remove@/devices/", 50));
-    ASSERT_TRUE(WaitForLog("] add@/devices/", 52));
+    ASSERT_TRUE(WaitForLog("] remove@/devices/", 8));
+    ASSERT_TRUE(WaitForLog("] add@/devices/", 10));
     ExpectVolumes({"sdb1", "sdc1"});
     EXPECT_EQ(Sums(kA), sumsA_);
     EXPECT_EQ(Sums(kB), sumsB_);
@@ -404,53 +364,6 @@ TEST_F(Faults, FullQueueRefusesTheExtraAtOnceRunsTheRestAndLosesNoPlug)
     ExpectVolumes({"sdb1", "sdc1"});
     EXPECT_EQ(TvPids("lumstoraged"), daemon);
     EXPECT_FALSE(Has(tv.Log("lumstoraged"), "double free"));
-}
-
-TEST_F(Faults, KilledWhileSettingTheSizeLimitLeavesWholePropertiesAndComesBack)
-{
-    // A recording television takes new limits.
-    StartService("disk a size=64M table=msdos plugged=no\n  part fs=ext4\n", {}, {},
-                 "mkdir -p /run/properties && printf 1 > /run/properties/persist.pvr.rec.enable && "
-                 "printf 2000 > /run/properties/persist.pvr.device_size_limit");
-    if (HasFatalFailure())
-        return;
-    std::mt19937 random(std::random_device{}());
-    int next = 2001;
-    std::string last = "2000";
-    for (int round = 0; round < 4; ++round) {
-        SCOPED_TRACE("round " + std::to_string(round));
-        std::vector<pid_t> daemon = TvPids("lumstoraged");
-        ASSERT_EQ(daemon.size(), 1u);
-        std::set<std::string> written{last};
-        std::vector<Result> answers;
-        std::atomic<bool> stop{false};
-        std::thread writer([&] {
-            while (!stop) {
-                written.insert(std::to_string(next));
-                answers.push_back(Ctl({"pvr", "limit", std::to_string(next++)}));
-            }
-        });
-        std::this_thread::sleep_for(std::chrono::milliseconds(100 + random() % 400));
-        kill(daemon[0], SIGKILL);
-        stop = true;
-        writer.join();
-        // Every client in flight heard of the end; none waited for its
-        // time-out.
-        for (const Result& r : answers)
-            EXPECT_TRUE(r.status == 0 || r.status == 1) << r.Describe();
-        EXPECT_EQ(Property("persist.pvr.rec.enable"), "1");
-        last = Property("persist.pvr.device_size_limit");
-        EXPECT_EQ(written.count(last), 1u) << "'" << last << "' was never set";
-
-        StartServiceOnly();
-        if (HasFatalFailure())
-            return;
-        Result limit = Ctl({"pvr", "limit"});
-        EXPECT_TRUE(Has(limit.out, "{\"limitMB\":" + last + "}")) << limit.Describe();
-    }
-    // The temporary files of killed writers go with the next write.
-    ASSERT_TRUE(Ctl({"pvr", "limit", std::to_string(next)}).ok());
-    EXPECT_EQ(tv.Exec("ls -A /run/properties").out, "persist.pvr.device_size_limit\npersist.pvr.rec.enable\n");
 }
 
 }  // namespace

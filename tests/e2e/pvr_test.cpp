@@ -157,5 +157,83 @@ TEST_F(Pvr, MarkingWithFormatOnADiskTooSmallFormatsFirstThenRefuses)
     EXPECT_TRUE(Has(Reply({"pvr-dev-state"}), "\"value\":false"));
 }
 
+// Three disks: two partitions on one (ext4, FAT), NTFS, and ext4 made read-only
+// once mounted. The size limit 0 keeps the automatic choice out of the way.
+const char* kThreeDisks =
+    "disk two size=64M table=msdos plugged=no\n  part size=32M fs=ext4 label=E\n  part fs=vfat label=F\n"
+    "disk nt size=32M table=msdos plugged=no\n  part fs=ntfs label=N\n"
+    "disk ro size=32M table=msdos plugged=no\n  part fs=ext4 label=R\n";
+
+TEST_F(Pvr, VerdictsMarkingAndAPlugOutThatIsNotThePvrDisk)
+{
+    ASSERT_TRUE(tv.Up(kThreeDisks).ok());
+    SetProperties("1", "0", "0");
+    StartServiceOnly();
+    const char* disks[] = {"two", "nt", "ro"};
+    for (size_t i = 0; i < 3; ++i) {
+        ASSERT_TRUE(tv.Plug(disks[i]).ok());
+        ASSERT_TRUE(WaitFor("LUM_TV_EVT_STORAGE_DEV_MOUNT_END", i + 1));
+    }
+    ASSERT_TRUE(tv.Exec("mount -o remount,ro /mnt/pvr/shared/sdd1").ok());
+
+    // The direct query. A disk counts only with exactly one mounted partition;
+    // the mount path passes the checks too, since df's line names it.
+    const struct {
+        const char* disk;
+        int verdict;
+    } kAvailable[] = {{"", 5}, {"/dev/sdb", 2}, {"/dev/sdb1", 0}, {"/dev/sdb2", 0}, {"/dev/sdc1", 2},
+                      {"/dev/sdd1", 0}, {"/mnt/pvr/shared/sdb1", 0}};
+    for (const auto& row : kAvailable) {
+        std::string reply = Reply({"pvr-dev-available", row.disk});
+        EXPECT_TRUE(Has(reply, "\"value\":" + std::to_string(row.verdict))) << row.disk << ": " << reply;
+    }
+    EXPECT_TRUE(Has(tv.Log("lumstoraged"), "The partition type is fuseblk, not usable!"));
+
+    // Marking, one verdict per row (-1: no event at all). The mount path has
+    // no line "PATH. on " in mount's listing; the read-only volume takes no
+    // identity file; the second good marking replaces the first.
+    const struct {
+        const char* disk;
+        int verdict;
+    } kMarks[] = {{"", -1}, {"/dev/sdc1", 2}, {"/mnt/pvr/shared/sdb1", 3}, {"/dev/sdd1", 4},
+                  {"/dev/sdb1", 0}, {"/dev/sdb2", 0}};
+    size_t marks = 0;
+    for (const auto& row : kMarks) {
+        ASSERT_TRUE(Ctl({"pvr-mark-dev", row.disk, "false"}).ok()) << row.disk;
+        if (row.verdict < 0)
+            continue;
+        ASSERT_TRUE(WaitFor("LUM_TV_EVT_STORAGE_PVR_MARK", ++marks)) << row.disk;
+        std::string mark = Events("LUM_TV_EVT_STORAGE_PVR_MARK").back();
+        EXPECT_TRUE(Has(mark, std::string("\"isPvrPartition\":") + (row.verdict == 0 ? "true" : "false") +
+                                  ",\"pvrFlag\":" + std::to_string(row.verdict) + ",\"partitionId\":\"" +
+                                  row.disk + "\""))
+            << mark;
+        if (std::string(row.disk) == "/dev/sdb1") {
+            EXPECT_TRUE(Events("LUM_TV_EVT_STORAGE_PVR_DEV_CHANGE").empty()) << "a first marking is no change";
+        }
+    }
+    auto changes = Events("LUM_TV_EVT_STORAGE_PVR_DEV_CHANGE");
+    ASSERT_EQ(changes.size(), 1u);
+    EXPECT_TRUE(Has(changes[0], "/mnt/pvr/shared/sdb2")) << changes[0];
+    int change = IndexOf("LUM_TV_EVT_STORAGE_PVR_DEV_CHANGE");
+    EXPECT_LT(change, IndexOf("LUM_TV_EVT_STORAGE_PVR_MARK", change));
+    EXPECT_TRUE(Has(Reply({"pvr-mount-path"}), "\"value\":\"/mnt/pvr/shared/sdb2\""));
+
+    // With a limit both processes act: the NTFS disk going is no PVR news,
+    // the disk of the chosen FAT partition going is; the read-only volume
+    // left cannot take over.
+    SetProperties("1", "1", "10");
+    ASSERT_TRUE(tv.Unplug("nt").ok());
+    ASSERT_TRUE(WaitFor("LUM_TV_EVT_STORAGE_DEV_UMOUNT_END", 1, 90));
+    EXPECT_TRUE(Events("LUM_TV_EVT_STORAGE_PVR_PLUG_OUT").empty());
+    EXPECT_TRUE(Has(Reply({"pvr-mount-path"}), "\"value\":\"/mnt/pvr/shared/sdb2\""));
+    ASSERT_TRUE(tv.Unplug("two").ok());
+    ASSERT_TRUE(WaitFor("LUM_TV_EVT_STORAGE_DEV_UMOUNT_END", 2, 90));
+    auto out = Events("LUM_TV_EVT_STORAGE_PVR_PLUG_OUT");
+    ASSERT_EQ(out.size(), 1u);
+    EXPECT_TRUE(Has(out[0], "/mnt/pvr/shared/sdb2")) << out[0];
+    EXPECT_TRUE(Has(Reply({"pvr-dev-state"}), "\"value\":false"));
+}
+
 }  // namespace
 }  // namespace e2e

@@ -77,59 +77,6 @@ protected:
 
 }  // namespace
 
-TEST(Nshell, ExecuteListsThreadsQueuesAndRejectsBadInput)
-{
-    InitThreadObjectNshell();
-    InitNorvMsgQueueNshell();
-    nshell.AddNshellInternalNshellCmds();
-    Recorder r;
-    std::string queue = QueueName("shell");
-    ASSERT_EQ(0, r.Init(queue.c_str(), 5, 0, false));
-    ASSERT_EQ(0, CNorvMsgQueue::Post(r.GetQueueHandle(), CNorvMsg(1)));  // waits: no thread yet
-    std::string out;
-    ASSERT_EQ(0, nshell.Execute("queues", &out));
-    int handle = -1;
-    int waiting = -1;
-    size_t at = out.find(queue + " ");
-    ASSERT_NE(std::string::npos, at) << out;
-    ASSERT_EQ(2, sscanf(out.c_str() + at + queue.size(), "%d %d", &handle, &waiting));
-    EXPECT_EQ(r.GetQueueHandle(), handle);
-    EXPECT_EQ(1, waiting);
-
-    ASSERT_EQ(0, r.StartThread("a_very_long_thread_name", 0, 0));
-    long tid = 0;
-    unsigned long processed = 0;
-    ASSERT_TRUE(WaitFor([&] {
-        out.clear();
-        nshell.Execute("  threads ", &out);
-        at = out.find("a_very_long_thr ");  // cut to what Linux keeps
-        return at != std::string::npos && sscanf(out.c_str() + at + 15, " queue %ld %lu", &tid, &processed) == 2 &&
-               processed == 1;
-    })) << out;
-    std::ifstream comm("/proc/self/task/" + std::to_string(tid) + "/comm");
-    std::string name;
-    std::getline(comm, name);
-    EXPECT_EQ("a_very_long_thr", name);
-
-    out.clear();
-    ASSERT_EQ(0, nshell.Execute("help", &out));
-    for (const char* cmd : {"help", "exit", "threads", "queues", "trace", "version"}) {
-        EXPECT_NE(std::string::npos, out.find(std::string(cmd) + " ")) << cmd;
-    }
-    out.clear();
-    std::string manyWords = "version";
-    for (int i = 0; i < 40; ++i) {
-        manyWords += " w";
-    }
-    EXPECT_EQ(0, nshell.Execute("   ", &out));
-    for (const std::string& bad : {std::string("nosuch arg"), std::string(600, 'x'), manyWords}) {
-        EXPECT_NE(0, nshell.Execute(bad.c_str(), &out));
-    }
-    EXPECT_NE(0, nshell.Execute(nullptr, &out));
-    EXPECT_EQ(3, std::count(out.begin(), out.end(), '\n')) << out;
-    EXPECT_EQ(0u, out.find("error: unknown command 'nosuch'"));
-}
-
 TEST_F(ShellSocket, RoundTripFollowsTheProtocol)
 {
     struct stat st;
