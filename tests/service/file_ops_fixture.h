@@ -29,7 +29,6 @@
 
 namespace file_ops_test {
 
-using Bytes = std::vector<unsigned char>;
 
 // Every companion suffix of a recording, in no particular order.
 const std::vector<std::string> kAllCompanions = {".desc", ".idx", ".idx.desc", ".xml", ".xml.sig"};

@@ -25,8 +25,6 @@
 
 namespace {
 
-using Bytes = std::vector<unsigned char>;
-
 // The 36 bytes of a format record: the name, zeros up to offset 32, and the
 // result's four bytes as given.
 Bytes format_record(const char* name, Bytes result)
@@ -52,16 +50,6 @@ bool little_endian_host()
 
 StorageManagerService& service() { return theStorageManagerService; }
 
-void dispatch(unsigned long signal, const char* text, int32_t value = 0)
-{
-    auto* record = static_cast<StorageManagerAction_t*>(calloc(1, sizeof(StorageManagerAction_t)));
-    memcpy(record->buf1, text, strlen(text));
-    record->intValue1 = value;
-    CNorvMsg msg(signal);
-    msg.SetSignalPtr(record, sizeof(*record));
-    service().ProcessNorvMsg(&msg);
-}
-
 std::vector<Event> only(const std::vector<Event>& all, std::initializer_list<int> ids)
 {
     std::vector<Event> out;
@@ -80,21 +68,6 @@ std::vector<int> ids_of(const std::vector<Event>& events)
     for (const Event& e : events)
         out.push_back(e.id);
     return out;
-}
-
-// The service's queue, which the watchdog is armed on; no service thread
-// reads it in these tests.
-void ensure_service_queue()
-{
-    if (service().GetQueueHandle() < 0) {
-        ASSERT_EQ(service().CThreadObjectWithQueue::Init(STORAGE_SERVICE_QUEUE_NAME, MAX_STORAGE_QUEUE_SIZE, 0, false), 0);
-    }
-}
-
-void ensure_timer_thread()
-{
-    if (!TimeOutServer::instance().IsRunning())
-        TimeOutServer::instance().StartThread("timeout_server", 0, 0);
 }
 
 void set_recording(bool on) { property_set("persist.pvr.rec.enable", on ? "1" : "0"); }

@@ -4,6 +4,7 @@
 // namespace.
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <sys/mount.h>
 
 #include "StorageManagerService.h"
@@ -62,4 +63,33 @@ TEST_F(MountRun, AVolumeOffLineForAFormatIsLeftAloneUntilTheFormatBringsItBack)
     EXPECT_EQ(2, service.BringOnline("/dev/sdc1"));
     EXPECT_NE(std::string::npos, Mounts().find("/dev/sdc1 /mnt/pvr/shared/sdc1\n")) << Mounts();
     EXPECT_TRUE(service.m_OfflineVolume.empty());
+}
+
+TEST_F(MountRun, OneStickRunsItsCommandLinesInOrder)
+{
+    write_fake_volume_tools();
+    write_fake_tool("mkdir", "PATH=${PATH#/tmp/fakebin:}\nexec mkdir \"$@\"\n");
+    output("blkid", "/dev/sdb1: LABEL=\"STICK\" UUID=\"1\" TYPE=\"ext4\"\n");
+    EXPECT_EQ(1, theStorageManagerService.MountUsbDevices(nullptr));
+    // Up to the type as mounted; the device table's commands follow.
+    const std::vector<std::string> want = {
+        "blkid -d",
+        "mount",
+        "readlink -f /sys/block/sdb/device",
+        "mkdir -p /mnt/pvr/shared/",
+        "mkdir -p /mnt/pvr/shared/sdb1",
+        "mount -t ext4 -w /dev/sdb1 /mnt/pvr/shared/sdb1",
+        "sync",
+        "blkid -d",
+        "mount",
+    };
+    std::vector<std::string> got;
+    std::string all = calls();
+    for (size_t at = 0, end; got.size() < want.size() && (end = all.find('\n', at)) != std::string::npos;
+         at = end + 1)
+    {
+        std::string line = all.substr(at + strlen("/tmp/fakebin/"), end - at - strlen("/tmp/fakebin/"));
+        got.push_back(line.substr(0, line.find_last_not_of(' ') + 1));
+    }
+    EXPECT_EQ(got, want) << all;
 }

@@ -15,6 +15,7 @@
 #include <chrono>
 #include <cstdio>
 #include <cstring>
+#include <dirent.h>
 #include <fstream>
 #include <lmdroid/log_hook.h>
 #include <lumemclient/EMALSink.h>
@@ -38,7 +39,6 @@
 #include "fake_tools.h"
 #include "file_ops_fixture.h"
 
-using file_ops_test::Bytes;
 using file_ops_test::Request;
 using file_ops_test::kTrue;
 using file_ops_test::le32;
@@ -172,7 +172,7 @@ void run_file_ops(const std::string& folder, CallerReport* r)
     check(r, Request(STORAGE_RENAME_FILE).s(d + "/a").s(d + "/b").b(false).invoke() == kTrue, "rename");
     check(r, Request(STORAGE_COPY_FILE).s(d + "/b").s(d + "/c").invoke() == kTrue, "copy file");
     check(r, Request(STROAGE_LUM_MOVE).s(d + "/c").s(d + "/m").b(false).invoke() == kTrue, "move");
-    check(r, copy_test::read_file(d + "/m") == "data", "moved copy's content");
+    check(r, read_file(d + "/m") == "data", "moved copy's content");
     check(r, Request(STORAGE_LUM_EXE_SYS_CMD).i(4).s("true").invoke() == le32({0}), "shell command");
     check(r, Request(STORAGE_DELETE_DIR).s(d).i(2).i(len).invoke() == kTrue, "delete " + d);
 }
@@ -374,6 +374,18 @@ private:
     int m_benchmarks = 0, m_formats = 0, m_tables = 0, m_devInfos = 0, m_uuids = 0, m_marks = 0;
 };
 
+// Descriptors the process holds: every operation gives its own back.
+size_t fd_count()
+{
+    size_t n = 0;
+    DIR* d = opendir("/proc/self/fd");
+    for (struct dirent* e; d != nullptr && (e = readdir(d)) != nullptr;)
+        n += e->d_name[0] != '.';
+    if (d != nullptr)
+        closedir(d);
+    return n;
+}
+
 }  // namespace
 
 // The child process: starts the service, runs the callers and the driver,
@@ -387,6 +399,7 @@ int child_stress()
     EventTally tally;
     if (StorageSystemInit() != 0)
         return 1;
+    const size_t fdsBefore = fd_count();
     std::atomic<bool> stop{false};
     std::vector<CallerReport> reports(kCallers);
     std::vector<std::thread> callers;
@@ -425,6 +438,10 @@ int child_stress()
             rc = 4;
         }
     }
+    if (fd_count() != fdsBefore) {
+        fprintf(stderr, "%zu descriptors left open by the run\n", fd_count() - fdsBefore);
+        rc = 5;
+    }
     printf("stress: %s; %d rounds of hub calls\n", driver.Summary().c_str(), iterations);
     return rc;
 }
@@ -446,15 +463,15 @@ protected:
                              .c_str()),
                   0);
         for (int i = 0; i < kCallers; ++i)
-            copy_test::make_dirs(kFiles + "/t" + std::to_string(i));
+            make_dirs(kFiles + "/t" + std::to_string(i));
         for (int i = 0; i < kListEntries - 1; ++i)
-            copy_test::write_file(kList + std::string(1, static_cast<char>('a' + i)) + ".mp3", "not really audio");
+            write_file(kList + std::string(1, static_cast<char>('a' + i)) + ".mp3", "not really audio");
         for (const char* f : {"one", "two", "sub/three"})
-            copy_test::write_file(kTree + f, f);
+            write_file(kTree + f, f);
         if (mount("lumstress", "/mnt", "tmpfs", 0, "mode=755") != 0)
             GTEST_SKIP() << "SKIPPED: no private /mnt";
         mnt = true;
-        copy_test::write_file(kScratch + "/partitions",
+        write_file(kScratch + "/partitions",
                               "major minor  #blocks  name\n\n   8  16  1024000 sdq\n   8  17  1024000 sdq1\n"
                               "   8  32  1024000 sdr\n   8  33  1024000 sdr1\n");
         ASSERT_EQ(mount((kScratch + "/partitions").c_str(), "/proc/partitions", nullptr, MS_BIND, nullptr), 0);
@@ -465,10 +482,10 @@ protected:
         output("df", "Filesystem 1048576-blocks Used Available Capacity Mounted on\n"
                      "/dev/sdq1 1000 10 990 1% /mnt/pvr/shared/sdq1\n"
                      "/dev/sdr1 1000 20 980 2% /mnt/pvr/shared/sdr1\n");
-        copy_test::write_file("/tmp/fake/iozone.out", "Run began:\ninitial writers\nmixed workload\n"
+        write_file("/tmp/fake/iozone.out", "Run began:\ninitial writers\nmixed workload\n"
                                                       "Avg throughput per process = 1234.5 kB/sec\n"
                                                       "iozone test complete.\n");
-        copy_test::write_file("/tmp/fake/iozone.hold", "");
+        write_file("/tmp/fake/iozone.hold", "");
         property_set("persist.pvr.rec.enable", "1");
         property_set("persist.pvr.tshift.enable", "1");
         property_set("persist.pvr.device_size_limit", "100");
