@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <fstream>
 #include <sys/mount.h>
 
 #include "StorageManagerService.h"
@@ -92,4 +93,25 @@ TEST_F(MountRun, OneStickRunsItsCommandLinesInOrder)
         got.push_back(line.substr(0, line.find_last_not_of(' ') + 1));
     }
     EXPECT_EQ(got, want) << all;
+}
+
+TEST_F(MountRun, UnmountThatFailsIsTriedTwice2sApartInEachOfTwoPasses)
+{
+    // blkid no longer lists sdb1: it has gone, and its umount keeps failing.
+    output("mount", "/dev/sdb1 on /mnt/pvr/shared/sdb1 type ext4 (rw)\n");
+    write_fake_tool("umount", "date +%s.%N >> /tmp/fake/umount.times\nexit 1\n");
+    remove("/tmp/fake/umount.times");
+    EXPECT_EQ(0, theStorageManagerService.UnmountUsbDevices(nullptr));
+    std::vector<double> at;
+    std::ifstream times("/tmp/fake/umount.times");
+    for (double t; times >> t;)
+        at.push_back(t);
+    ASSERT_EQ(at.size(), 4u) << "two tries in each of two passes";
+    // Two seconds after each try; five more before the second pass.
+    for (size_t gap : {1u, 3u}) {
+        EXPECT_GE(at[gap] - at[gap - 1], 1.9) << gap;
+        EXPECT_LT(at[gap] - at[gap - 1], 6.0) << gap;
+    }
+    EXPECT_GE(at[2] - at[1], 6.9);
+    EXPECT_NE(calls().find("umount -fl /mnt/pvr/shared/sdb1"), std::string::npos) << calls();
 }

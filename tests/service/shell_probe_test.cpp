@@ -68,25 +68,6 @@ TEST(CallSystem, CommandsReadNothingFromTheHostsInput)
     EXPECT_EQ(rc, 0);
 }
 
-TEST(CallSystem, RunsLinesUpTo510CharactersAndRefusesLonger)
-{
-    REQUIRE_ISOLATION();
-    // "touch /tmp/ran510 #" padded with a comment to the wanted length.
-    auto line_of = [](const char* marker, size_t len) {
-        std::string line = std::string("touch ") + marker + " #";
-        line.append(len - line.size(), 'x');
-        return line;
-    };
-    std::string ok = line_of("/tmp/ran510", 510);
-    std::string tooLong = line_of("/tmp/ran511", 511);
-    LogCapture log;
-    EXPECT_EQ(call_system("%s", ok.c_str()), 0);
-    EXPECT_TRUE(exists("/tmp/ran510"));
-    EXPECT_EQ(call_system("%s", tooLong.c_str()), -1);
-    EXPECT_FALSE(exists("/tmp/ran511"));
-    EXPECT_TRUE(log.has("buffer overflow"));
-}
-
 TEST(FileReaders, DifferOnMissingEmptyAndShortBuffers)
 {
     REQUIRE_ISOLATION();

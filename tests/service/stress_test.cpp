@@ -20,6 +20,7 @@
 #include <lmdroid/log_hook.h>
 #include <lumemclient/EMALSink.h>
 #include <mutex>
+#include <set>
 #include <string>
 #include <sys/mount.h>
 #include <thread>
@@ -374,16 +375,21 @@ private:
     int m_benchmarks = 0, m_formats = 0, m_tables = 0, m_devInfos = 0, m_uuids = 0, m_marks = 0;
 };
 
-// Descriptors the process holds: every operation gives its own back.
-size_t fd_count()
+// What the process's descriptors point at: every operation gives its own
+// back.
+std::set<std::string> open_fds()
 {
-    size_t n = 0;
+    std::set<std::string> out;
     DIR* d = opendir("/proc/self/fd");
-    for (struct dirent* e; d != nullptr && (e = readdir(d)) != nullptr;)
-        n += e->d_name[0] != '.';
+    for (struct dirent* e; d != nullptr && (e = readdir(d)) != nullptr;) {
+        char target[256] = {0};
+        if (e->d_name[0] != '.' && readlink((std::string("/proc/self/fd/") + e->d_name).c_str(), target,
+                                            sizeof(target) - 1) > 0)
+            out.insert(std::string(e->d_name) + " " + target);
+    }
     if (d != nullptr)
         closedir(d);
-    return n;
+    return out;
 }
 
 }  // namespace
@@ -399,7 +405,6 @@ int child_stress()
     EventTally tally;
     if (StorageSystemInit() != 0)
         return 1;
-    const size_t fdsBefore = fd_count();
     std::atomic<bool> stop{false};
     std::vector<CallerReport> reports(kCallers);
     std::vector<std::thread> callers;
@@ -408,11 +413,16 @@ int child_stress()
 
     Driver driver(tally);
     auto start = std::chrono::steady_clock::now();
+    std::set<std::string> fdsBefore;
     while (driver.Failure().empty() &&
            (driver.Cycles() < kMinCycles || std::chrono::steady_clock::now() - start < kRunFor)) {
         driver.Cycle();
-        if (driver.Cycles() == 1)
+        // The first cycle and the format open what the service keeps open
+        // from then on; every later cycle must give back what it opens.
+        if (driver.Cycles() == 1) {
             driver.Format();
+            fdsBefore = open_fds();
+        }
     }
     stop = true;
     for (std::thread& t : callers)
@@ -438,9 +448,11 @@ int child_stress()
             rc = 4;
         }
     }
-    if (fd_count() != fdsBefore) {
-        fprintf(stderr, "%zu descriptors left open by the run\n", fd_count() - fdsBefore);
-        rc = 5;
+    for (const std::string& fd : open_fds()) {
+        if (fdsBefore.count(fd) == 0) {
+            fprintf(stderr, "descriptor left open by the run: %s\n", fd.c_str());
+            rc = 5;
+        }
     }
     printf("stress: %s; %d rounds of hub calls\n", driver.Summary().c_str(), iterations);
     return rc;
