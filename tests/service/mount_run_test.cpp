@@ -4,6 +4,7 @@
 // namespace.
 #include <gtest/gtest.h>
 
+#include <cstdio>
 #include <cstring>
 #include <fstream>
 #include <sys/mount.h>
@@ -25,6 +26,9 @@ protected:
     }
     void TearDown() override
     {
+        // Fakes of these tests alone: later tests in this process find the real tools.
+        remove("/tmp/fakebin/mkdir");
+        remove("/tmp/fakebin/umount");
         if (mounted)
             umount2("/mnt", MNT_DETACH);
         FakeTools::TearDown();
