@@ -14,6 +14,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <dirent.h>
 #include <fstream>
@@ -383,7 +384,7 @@ std::set<std::string> open_fds()
     DIR* d = opendir("/proc/self/fd");
     for (struct dirent* e; d != nullptr && (e = readdir(d)) != nullptr;) {
         char target[256] = {0};
-        if (e->d_name[0] != '.' && readlink((std::string("/proc/self/fd/") + e->d_name).c_str(), target,
+        if (e->d_name[0] != '.' && atoi(e->d_name) != dirfd(d) && readlink((std::string("/proc/self/fd/") + e->d_name).c_str(), target,
                                             sizeof(target) - 1) > 0)
             out.insert(std::string(e->d_name) + " " + target);
     }
