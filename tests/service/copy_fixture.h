@@ -26,49 +26,7 @@
 
 namespace copy_test {
 
-using Bytes = std::vector<unsigned char>;
-
 const std::string kWork = "/tmp/cpw";
-
-inline void write_file(const std::string& path, const std::string& text, mode_t mode = 0644)
-{
-    std::ofstream(path, std::ios::binary | std::ios::trunc) << text;
-    chmod(path.c_str(), mode);
-}
-
-inline std::string read_file(const std::string& path)
-{
-    std::ifstream in(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), {});
-}
-
-inline bool exists(const std::string& path)
-{
-    struct stat st;
-    return lstat(path.c_str(), &st) == 0;
-}
-
-inline mode_t mode_of(const std::string& path)
-{
-    struct stat st;
-    return lstat(path.c_str(), &st) == 0 ? st.st_mode & 07777 : 0;
-}
-
-inline void make_dirs(const std::string& path)
-{
-    ASSERT_EQ(system(("mkdir -p '" + path + "'").c_str()), 0) << path;
-}
-
-// The payloads of one event id, in order.
-inline std::vector<Bytes> payloads(const std::vector<Event>& all, int id)
-{
-    std::vector<Bytes> out;
-    for (const Event& e : all) {
-        if (e.id == id)
-            out.push_back(e.data);
-    }
-    return out;
-}
 
 // A Copy request: src NUL dst NUL, then the type byte and further bytes.
 inline Bytes request(const std::string& src, const std::string& dst, const Bytes& tail = {})

@@ -171,12 +171,7 @@ TEST_F(CopyHub, BadRawBytesAreRefusedAndNothingIsPosted)
 
 TEST_F(CopyHub, CopyThroughTheServiceQueueEndsWithItsEvent)
 {
-    if (theStorageManagerService.GetQueueHandle() < 0) {
-        ASSERT_EQ(theStorageManagerService.CThreadObjectWithQueue::Init(STORAGE_SERVICE_QUEUE_NAME,
-                                                                        MAX_STORAGE_QUEUE_SIZE, 0, false),
-                  0);
-    }
-    theStorageManagerService.ClearQueue();
+    ensure_service_queue();
     write_file(kWork + "/a", "A");
     Bytes raw = request(kWork + "/a", kWork + "/b");
     EventCapture events;

@@ -28,28 +28,25 @@ Bytes cut_tail(int values, int extra = 0)
     return t;
 }
 
-TEST(CopyRequest, TypeByteDecidesAndIsOptional)
+TEST(CopyRequest, TypeByteDecidesIsOptionalAndASlashMakesATree)
 {
     COPY_THREAD_CONTEXT ctx;
-    struct Case {
+    const struct {
+        const char* src;
         Bytes tail;
         int type;
+    } rows[] = {
+        {"/a/x.ts", {}, 0},      {"/a/x.ts", {0}, 0},   {"/a/x.ts", {1}, 1},  {"/a/x.ts", {2}, 2},
+        {"/a/x.ts", {7}, 7},     {"/a/x.ts", {0xff}, 255},
+        {"/a/d/", {}, COPY_TYPE_TREE}, {"/a/d/", {0}, COPY_TYPE_TREE}, {"/a/d/", {1}, COPY_TYPE_TREE},
+        {"/a/d/", {3, 1}, COPY_TYPE_TREE},
     };
-    for (const Case& c : {Case{{}, 0}, Case{{0}, 0}, Case{{1}, 1}, Case{{2}, 2}, Case{{7}, 7}, Case{{0xff}, 255}}) {
-        ASSERT_EQ(parse(request("/a/x.ts", "/b/x.ts", c.tail), &ctx), 0);
-        EXPECT_EQ(ctx.type, c.type);
-        EXPECT_STREQ(ctx.src, "/a/x.ts");
-        EXPECT_STREQ(ctx.dst, "/b/x.ts");
+    for (const auto& row : rows) {
+        ASSERT_EQ(parse(request(row.src, "/b/x", row.tail), &ctx), 0) << row.src;
+        EXPECT_EQ(ctx.type, row.type) << row.src << " " << row.tail.size();
+        EXPECT_STREQ(ctx.src, row.src);
+        EXPECT_STREQ(ctx.dst, "/b/x");
         EXPECT_EQ(ctx.num_cuts, 0);
-    }
-}
-
-TEST(CopyRequest, SourceEndingInASlashIsATreeWhateverTheTypeByte)
-{
-    COPY_THREAD_CONTEXT ctx;
-    for (const Bytes& tail : {Bytes{}, Bytes{0}, Bytes{1}, Bytes{3, 1}}) {
-        ASSERT_EQ(parse(request("/a/d/", "/b/d/", tail), &ctx), 0);
-        EXPECT_EQ(ctx.type, COPY_TYPE_TREE);
     }
 }
 
@@ -184,27 +181,6 @@ TEST_F(CopyThread, OldClientsSourceAloneEndsWithoutACopy)
     EXPECT_EQ(CopyResults(events), std::vector<Bytes>{{255}});
 }
 
-TEST_F(CopyThread, SecondCopyWhileOneRunsIsAnsweredFiveAndTheFirstStillEnds)
-{
-    write_file(kWork + "/a", "A");
-    write_file(kWork + "/c", "C");
-    EventCapture events;
-    LogCapture log;
-    OpenFeed(kWork + "/fifo");
-    Copy(request(kWork + "/fifo", kWork + "/b"));
-    Feed("A");
-    ASSERT_TRUE(eventually([] { return read_file(kWork + "/b") == "A"; }));
-    Copy(request(kWork + "/c", kWork + "/d"));
-    EXPECT_EQ(CopyResults(events), std::vector<Bytes>{{5}});
-    EXPECT_TRUE(log.has("copy in progress (tid="));
-    EXPECT_TRUE(copy_running());
-    CloseFeed();
-    ASSERT_TRUE(WaitCopyEnd(events, 2));
-    EXPECT_EQ(CopyResults(events), (std::vector<Bytes>{{5}, {0}}));
-    EXPECT_EQ(read_file(kWork + "/b"), "A");
-    EXPECT_FALSE(exists(kWork + "/d"));
-}
-
 // Notes each copy result together with whether the copy thread still held
 // the busy flag when it was sent.
 struct BusyAtEvent {
@@ -253,19 +229,6 @@ TEST_F(CopyThread, CancelStopsAFileBetweenBlocksAndRemovesItsCopy)
     }
 }
 
-TEST_F(CopyThread, CancelWhileIdleHasNoEffectOnTheNextCopy)
-{
-    make_dirs(kWork + "/src");
-    write_file(kWork + "/src/f", "x");
-    EventCapture events;
-    Copy(request("", ""));
-    EXPECT_TRUE(events.events().empty());
-    Copy(request(kWork + "/src/", kWork + "/dst/"));
-    ASSERT_TRUE(WaitCopyEnd(events));
-    EXPECT_EQ(CopyResults(events), std::vector<Bytes>{{0}});
-    EXPECT_EQ(read_file(kWork + "/dst/f"), "x");
-}
-
 TEST_F(CopyThread, CancelReachesOnlyTheCopyThreadNotADirectCopy)
 {
     OpenFeed(kWork + "/fifo");
@@ -281,29 +244,6 @@ TEST_F(CopyThread, CancelReachesOnlyTheCopyThreadNotADirectCopy)
     EXPECT_EQ(direct.load(), 0);
     EXPECT_EQ(read_file(kWork + "/direct"), "xy");
     EXPECT_TRUE(events.events().empty());
-}
-
-TEST_F(CopyThread, FullDiskSendsOutOfSpaceThenOne)
-{
-    REQUIRE_MOUNT(kWork + "/full", "64k");
-    write_file(kWork + "/big", std::string(200000, 'b'));
-    make_dirs(kWork + "/tree");
-    write_file(kWork + "/tree/big", std::string(200000, 'b'));
-    for (const Bytes& req : {request(kWork + "/big", kWork + "/full/big"),
-                             request(kWork + "/tree/", kWork + "/full/tree/")}) {
-        system(("rm -rf " + kWork + "/full/*").c_str());
-        EventCapture events;
-        Copy(req);
-        ASSERT_TRUE(WaitCopyEnd(events));
-        std::vector<Event> all = events.events();
-        ASSERT_EQ(all.size(), 2u);
-        EXPECT_EQ(all[0].id, LUM_TV_EVT_STORAGE_OUT_OF_SPACE);
-        EXPECT_EQ(all[0].data, Bytes{0x11});
-        EXPECT_EQ(all[1].id, LUM_TV_EVT_STORAGE_COPY);
-        EXPECT_EQ(all[1].data, Bytes{1});
-        EXPECT_FALSE(exists(kWork + "/full/big"));
-        EXPECT_FALSE(exists(kWork + "/full/tree/big"));
-    }
 }
 
 TEST_F(CopyThread, TreeResultsAreTheLowByteOfCopyDir)

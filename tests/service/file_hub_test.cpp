@@ -6,22 +6,6 @@
 
 using namespace file_ops_test;
 
-namespace {
-
-// The service's queue, for the posted rows; no service thread reads it, so a
-// test runs what it posted by draining the queue itself.
-void ensure_service_queue()
-{
-    if (theStorageManagerService.GetQueueHandle() < 0) {
-        ASSERT_EQ(theStorageManagerService.CThreadObjectWithQueue::Init(STORAGE_SERVICE_QUEUE_NAME,
-                                                                        MAX_STORAGE_QUEUE_SIZE, 0, false),
-                  0);
-    }
-    theStorageManagerService.ClearQueue();
-}
-
-}  // namespace
-
 TEST_F(FileOps, HubDeleteFileTakesTheFlagFromAnOptionalWord)
 {
     std::string p = at("r.ts");

@@ -8,8 +8,6 @@
 #include <android/log.h>
 #include <cstdlib>
 #include <dirent.h>
-#include <fstream>
-#include <iterator>
 #include <set>
 #include <string>
 #include <sys/stat.h>
@@ -29,7 +27,6 @@
 
 namespace file_ops_test {
 
-using Bytes = std::vector<unsigned char>;
 
 // Every companion suffix of a recording, in no particular order.
 const std::vector<std::string> kAllCompanions = {".desc", ".idx", ".idx.desc", ".xml", ".xml.sig"};
@@ -116,29 +113,16 @@ protected:
 
     void put(const std::string& p, const std::string& text, mode_t mode = 0644) const
     {
-        std::ofstream(full(p), std::ios::binary) << text;
-        EXPECT_EQ(chmod(full(p).c_str(), mode), 0) << p;
+        ::write_file(full(p), text, mode);
     }
-    bool exists(const std::string& p) const
-    {
-        struct stat st;
-        return lstat(full(p).c_str(), &st) == 0;
-    }
+    bool exists(const std::string& p) const { return ::exists(full(p)); }
     bool is_dir(const std::string& p) const
     {
         struct stat st;
         return lstat(full(p).c_str(), &st) == 0 && S_ISDIR(st.st_mode);
     }
-    std::string content(const std::string& p) const
-    {
-        std::ifstream in(full(p), std::ios::binary);
-        return std::string(std::istreambuf_iterator<char>(in), {});
-    }
-    mode_t mode_of(const std::string& p) const
-    {
-        struct stat st;
-        return lstat(full(p).c_str(), &st) == 0 ? (st.st_mode & 07777) : 0;
-    }
+    std::string content(const std::string& p) const { return read_file(full(p)); }
+    mode_t mode_of(const std::string& p) const { return ::mode_of(full(p)); }
     std::set<std::string> entries(const std::string& p) const
     {
         std::set<std::string> out;

@@ -25,8 +25,6 @@
 
 namespace {
 
-using Bytes = std::vector<unsigned char>;
-
 // The 36 bytes of a format record: the name, zeros up to offset 32, and the
 // result's four bytes as given.
 Bytes format_record(const char* name, Bytes result)
@@ -52,16 +50,6 @@ bool little_endian_host()
 
 StorageManagerService& service() { return theStorageManagerService; }
 
-void dispatch(unsigned long signal, const char* text, int32_t value = 0)
-{
-    auto* record = static_cast<StorageManagerAction_t*>(calloc(1, sizeof(StorageManagerAction_t)));
-    memcpy(record->buf1, text, strlen(text));
-    record->intValue1 = value;
-    CNorvMsg msg(signal);
-    msg.SetSignalPtr(record, sizeof(*record));
-    service().ProcessNorvMsg(&msg);
-}
-
 std::vector<Event> only(const std::vector<Event>& all, std::initializer_list<int> ids)
 {
     std::vector<Event> out;
@@ -80,21 +68,6 @@ std::vector<int> ids_of(const std::vector<Event>& events)
     for (const Event& e : events)
         out.push_back(e.id);
     return out;
-}
-
-// The service's queue, which the watchdog is armed on; no service thread
-// reads it in these tests.
-void ensure_service_queue()
-{
-    if (service().GetQueueHandle() < 0) {
-        ASSERT_EQ(service().CThreadObjectWithQueue::Init(STORAGE_SERVICE_QUEUE_NAME, MAX_STORAGE_QUEUE_SIZE, 0, false), 0);
-    }
-}
-
-void ensure_timer_thread()
-{
-    if (!TimeOutServer::instance().IsRunning())
-        TimeOutServer::instance().StartThread("timeout_server", 0, 0);
 }
 
 void set_recording(bool on) { property_set("persist.pvr.rec.enable", on ? "1" : "0"); }
@@ -286,54 +259,6 @@ const std::initializer_list<int> kRunEvents = {
 
 }  // namespace
 
-TEST_F(FormatRun, SetAllPartitionsFormatsExt4WhenRecordingAndRepliesWithTheNewSize)
-{
-    set_recording(true);
-    EventCapture events;
-    LogCapture log;
-    dispatch(SIG_ID_STORAGE_SET_ALL_PARTITION, "/dev/sdq1", 7);
-
-    auto got = only(events.events(), kRunEvents);
-    ASSERT_EQ(ids_of(got), (std::vector<int>{LUM_TV_EVT_STORAGE_DEV_UMOUNT, LUM_TV_EVT_STORAGE_DEV_UMOUNT_END,
-                                             LUM_TV_EVT_STORAGE_DEV_MOUNT, LUM_TV_EVT_STORAGE_DEV_MOUNT_END,
-                                             LUM_TV_EVT_STORAGE_SET_ALL_PARTITION}))
-        << "no format record from the command itself";
-    // 0, "/dev/sdq1" with NUL, 1000 MB = 0x3e8 from df, three zero words.
-    const Bytes reply = {0x00, '/', 'd', 'e', 'v', '/', 's', 'd', 'q', '1', 0x00, 0x00, 0x00, 0x03, 0xe8,
-                         0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00};
-    EXPECT_EQ(got[4].data, reply);
-    EXPECT_TRUE(log.has("run: mkfs.ext4 -T largefile /dev/sdq1\n"));
-    EXPECT_TRUE(log.has("start format '/dev/sdq1' (ext2)\n"));
-    EXPECT_TRUE(log.has("new partition size=1000\n"));
-    std::string calls = this->calls();
-    size_t off = calls.find("/tmp/fakebin/umount -fl /mnt/pvr/shared/sdq1");
-    size_t tool = calls.find("/tmp/fakebin/mkfs.ext4 -T largefile /dev/sdq1");
-    size_t on = calls.find("/tmp/fakebin/mount -t ext4 -w");
-    ASSERT_NE(off, std::string::npos) << calls;
-    ASSERT_NE(tool, std::string::npos) << calls;
-    ASSERT_NE(on, std::string::npos) << calls;
-    EXPECT_LT(off, tool);
-    EXPECT_LT(tool, on);
-    EXPECT_EQ(calls.find("/tmp/fakebin/mkfs "), std::string::npos);
-    EXPECT_EQ(format_threads_alive(), 0);
-}
-
-TEST_F(FormatRun, FailingToolRepliesFiveWithoutSizesAndTheOldVolumeComesBack)
-{
-    set_recording(false);
-    std::ofstream("/tmp/fake/mkfs.rc") << "1";
-    EventCapture events;
-    LogCapture log;
-    EXPECT_FALSE(service().SetAllPartitions(reinterpret_cast<const unsigned char*>("/dev/sdq1"), 0));
-    auto got = only(events.events(), kRunEvents);
-    ASSERT_EQ(got.size(), 5u);
-    EXPECT_EQ(got[4].id, LUM_TV_EVT_STORAGE_SET_ALL_PARTITION);
-    EXPECT_EQ(got[4].data, (Bytes{0x05, '/', 'd', 'e', 'v', '/', 's', 'd', 'q', '1', 0x00}));
-    // The FAT tool's line, with its two blanks before the device.
-    EXPECT_TRUE(log.has("run: mkfs -V -t vfat -F 32  /dev/sdq1\n"));
-    EXPECT_EQ(mounted(), "/dev/sdq1 on /mnt/pvr/shared/sdq1 type ext4 (rw)\n");
-}
-
 TEST_F(FormatRun, FormatThreadRefusesASecondRequestAndReportsLast)
 {
     if (!little_endian_host())
@@ -410,24 +335,3 @@ TEST_F(FormatRun, NamesThatAreNoPlainPathRunNoToolAndFailAsATool)
     EXPECT_EQ(direct.events().size(), 1u);
 }
 
-TEST_F(FormatRun, EmptyVolumePassesTheBusyCheckAndLeavesTheFlagEmpty)
-{
-    if (!little_endian_host())
-        GTEST_SKIP() << "vectors are little-endian";
-    ensure_service_queue();
-    set_recording(false);
-    EventCapture events;
-    LogCapture log;
-    dispatch(SIG_ID_STORAGE_FORMAT, "");
-    EXPECT_EQ(format_running_volume(service()), "");
-    EXPECT_TRUE(log.has("Format: \n"));
-    ASSERT_TRUE(eventually([] { return format_threads_alive() == 0; }));
-    auto got = events.events();
-    ASSERT_EQ(got.size(), 2u);
-    EXPECT_EQ(got[0].id, LUM_TV_EVT_STORAGE_SET_ALL_PARTITION);
-    EXPECT_EQ(got[0].data, (Bytes{5, 0}));
-    EXPECT_EQ(got[1].id, LUM_TV_EVT_STORAGE_FORMAT);
-    EXPECT_EQ(got[1].data, format_record("", kFailed));
-    EXPECT_FALSE(service().TosvFormat.IsRunning()) << "the thread leaves its watchdog armed";
-    EXPECT_EQ(calls(), "/tmp/fakebin/df -Pm\n") << "an empty name took volumes off-line or ran a tool";
-}

@@ -1,9 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <random>
 #include <sys/stat.h>
-#include <thread>
 #include <vector>
 
 #include <binder/Parcel.h>
@@ -54,29 +52,6 @@ public:
     std::vector<unsigned long> signals;
     std::vector<StorageManagerAction_t> records;
 };
-
-// The service's queue, created once for the process; no service thread runs,
-// so each test drains what it posted itself.
-void ensure_service_queue()
-{
-    static bool created = theStorageManagerService.CThreadObjectWithQueue::Init("/MQ_STORAGE_SRV", MAX_STORAGE_QUEUE_SIZE, 0, false) == 0;
-    ASSERT_TRUE(created);
-    theStorageManagerService.ReadMsgsFromNonBlockingQueue();
-}
-
-bool acts_on_the_system(int32_t word)
-{
-    static const int32_t kActing[] = {
-        STORAGE_DELETE_DIR, STORAGE_DELETE_FILE, STORAGE_RENAME_FILE, STORAGE_CREATE_DIR, STORAGE_WRITE_FILE,
-        STORAGE_LUM_EXE_SYS_CMD, STORAGE_LUM_EXE_SYS_CMD_RET, STORAGE_LUM_CHMOD, STROAGE_LUM_OPEN,
-        STROAGE_LUM_CLOSE, STROAGE_LUM_READ, STROAGE_LUM_WRITE, STORAGE_LUM_SYNC,
-    };
-    for (int32_t code : kActing) {
-        if (code == word)
-            return true;
-    }
-    return false;
-}
 
 }  // namespace
 
@@ -361,47 +336,4 @@ TEST(PostRowWithoutQueue, RecordIsStillReleasedOnce)
     EXPECT_FALSE(post_cmd_row(row, request, record, &bFree, never));
     EXPECT_FALSE(bFree);
     EXPECT_EQ(NorvMsgFreedPayloads(), freed + 1);
-}
-
-TEST(Hub, MalformedRequestsNeverCrashOrLeak)
-{
-    std::mt19937 rng(20261123);
-    for (int round = 0; round < 3000; ++round) {
-        std::vector<uint8_t> junk(rng() % 64);
-        for (auto& b : junk)
-            b = static_cast<uint8_t>(rng());
-        if (junk.size() >= 4 && round % 2 == 0) {
-            // Mostly real command words, so the rows' readers see the junk.
-            int32_t word = 4097 + static_cast<int32_t>(rng() % 60);
-            // Rows that act on client paths, descriptors and commands would
-            // run junk in the shell or close the test's own descriptors:
-            // file_rows_fuzz_test.cpp bends their requests within bounds.
-            if (acts_on_the_system(word))
-                continue;
-            memcpy(junk.data(), &word, 4);
-        }
-        Parcel request, reply;
-        request.setData(junk.data(), junk.size());
-        int rc = StorageModuleHub::self()->invoke(request, &reply);
-        EXPECT_TRUE(rc == 0 || rc == -1);
-        // Posted records are released unprocessed: the runs they would start
-        // are other tests' matter.
-        theStorageManagerService.ClearQueue();
-    }
-}
-
-TEST(Hub, ManyCallersAtOnce)
-{
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 4; ++t) {
-        threads.emplace_back([] {
-            for (int i = 0; i < 200; ++i) {
-                Parcel reply;
-                invoke(i % 2 ? STORAGE_IS_ENCRYPTED : STORAGE_GET_PVR_DEV_SIZE_LIMIT, &reply);
-                EXPECT_EQ(reply.dataSize(), 4u);
-            }
-        });
-    }
-    for (auto& t : threads)
-        t.join();
 }

@@ -18,7 +18,6 @@
 
 namespace listing_test {
 
-using Bytes = std::vector<unsigned char>;
 
 // A listed directory lies five slashes deep, like a mount point of the tree,
 // so that the volume-type check finds its prefix in the fake mount output.

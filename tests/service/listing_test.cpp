@@ -189,39 +189,6 @@ TEST_F(Listing, LongListingsSplitAt49900BytesWithRunningOffsets)
     EXPECT_TRUE(std::is_sorted(got.begin(), got.end()));
 }
 
-TEST_F(Listing, TimesOfUtcVolumesGetTheLocalOffset)
-{
-    const char* oldTz = getenv("TZ");
-    setenv("TZ", "CST-8", 1);  // eight hours east of UTC, no tz database needed
-    tzset();
-    ASSERT_EQ(theRTC.GetLto(), 480);
-    touch_file(kDir + "f", 1, kWhen);
-    auto when = [&](const char* type) {
-        volume(type);
-        std::vector<Block> b = list(kDir);
-        return b.at(0).records.at(0).info_file;
-    };
-    const Bytes utc = {0, 0, 0, 0, 0, 0x00, 0xEC, 0x1F, 13, 45};
-    const Bytes shifted = {0, 0, 0, 0, 0, 0x00, 0xEC, 0x1F, 21, 45};
-    EXPECT_EQ(when("vfat"), utc);
-    EXPECT_EQ(when("mptpfs"), utc);
-    EXPECT_EQ(when("ext4"), shifted);
-    EXPECT_EQ(when("ext2"), shifted);
-    EXPECT_EQ(when("fuseblk"), shifted);
-    LogCapture log;
-    EXPECT_EQ(when("btrfs"), utc);
-    EXPECT_TRUE(log.has("unrecognized file system: 'btrfs'"));
-    // A day boundary: 20:00 UTC shown eight hours later is 04:00 the next day.
-    touch_file(kDir + "f", 1, kWhen + 6 * 3600 + 15 * 60);
-    EXPECT_EQ(when("ext4"), (Bytes{0, 0, 0, 0, 0, 0x00, 0xEC, 0x20, 4, 0}));
-    if (oldTz != nullptr)
-        setenv("TZ", oldTz, 1);
-    else
-        unsetenv("TZ");
-    tzset();
-    EXPECT_EQ(fs_uses_utc_for_timestamp("/tmp/short/"), 0);  // no mount point prefix
-}
-
 TEST(ListingPieces, TimesBeforeAndAfter1970AndPlaylistNames)
 {
     unsigned char info[10] = {0};

@@ -4,6 +4,9 @@
 // namespace.
 #include <gtest/gtest.h>
 
+#include <cstdio>
+#include <cstring>
+#include <fstream>
 #include <sys/mount.h>
 
 #include "StorageManagerService.h"
@@ -23,6 +26,9 @@ protected:
     }
     void TearDown() override
     {
+        // Fakes of these tests alone: later tests in this process find the real tools.
+        remove("/tmp/fakebin/mkdir");
+        remove("/tmp/fakebin/umount");
         if (mounted)
             umount2("/mnt", MNT_DETACH);
         FakeTools::TearDown();
@@ -62,4 +68,54 @@ TEST_F(MountRun, AVolumeOffLineForAFormatIsLeftAloneUntilTheFormatBringsItBack)
     EXPECT_EQ(2, service.BringOnline("/dev/sdc1"));
     EXPECT_NE(std::string::npos, Mounts().find("/dev/sdc1 /mnt/pvr/shared/sdc1\n")) << Mounts();
     EXPECT_TRUE(service.m_OfflineVolume.empty());
+}
+
+TEST_F(MountRun, OneStickRunsItsCommandLinesInOrder)
+{
+    write_fake_volume_tools();
+    write_fake_tool("mkdir", "PATH=${PATH#/tmp/fakebin:}\nexec mkdir \"$@\"\n");
+    output("blkid", "/dev/sdb1: LABEL=\"STICK\" UUID=\"1\" TYPE=\"ext4\"\n");
+    EXPECT_EQ(1, theStorageManagerService.MountUsbDevices(nullptr));
+    // Up to the type as mounted; the device table's commands follow.
+    const std::vector<std::string> want = {
+        "blkid -d",
+        "mount",
+        "readlink -f /sys/block/sdb/device",
+        "mkdir -p /mnt/pvr/shared/",
+        "mkdir -p /mnt/pvr/shared/sdb1",
+        "mount -t ext4 -w /dev/sdb1 /mnt/pvr/shared/sdb1",
+        "sync",
+        "blkid -d",
+        "mount",
+    };
+    std::vector<std::string> got;
+    std::string all = calls();
+    for (size_t at = 0, end; got.size() < want.size() && (end = all.find('\n', at)) != std::string::npos;
+         at = end + 1)
+    {
+        std::string line = all.substr(at + strlen("/tmp/fakebin/"), end - at - strlen("/tmp/fakebin/"));
+        got.push_back(line.substr(0, line.find_last_not_of(' ') + 1));
+    }
+    EXPECT_EQ(got, want) << all;
+}
+
+TEST_F(MountRun, UnmountThatFailsIsTriedTwice2sApartInEachOfTwoPasses)
+{
+    // blkid no longer lists sdb1: it has gone, and its umount keeps failing.
+    output("mount", "/dev/sdb1 on /mnt/pvr/shared/sdb1 type ext4 (rw)\n");
+    write_fake_tool("umount", "date +%s.%N >> /tmp/fake/umount.times\nexit 1\n");
+    remove("/tmp/fake/umount.times");
+    EXPECT_EQ(0, theStorageManagerService.UnmountUsbDevices(nullptr));
+    std::vector<double> at;
+    std::ifstream times("/tmp/fake/umount.times");
+    for (double t; times >> t;)
+        at.push_back(t);
+    ASSERT_EQ(at.size(), 4u) << "two tries in each of two passes";
+    // Two seconds after each try; five more before the second pass.
+    for (size_t gap : {1u, 3u}) {
+        EXPECT_GE(at[gap] - at[gap - 1], 1.9) << gap;
+        EXPECT_LT(at[gap] - at[gap - 1], 6.0) << gap;
+    }
+    EXPECT_GE(at[2] - at[1], 6.9);
+    EXPECT_NE(calls().find("umount -fl /mnt/pvr/shared/sdb1"), std::string::npos) << calls();
 }

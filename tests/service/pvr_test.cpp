@@ -184,8 +184,19 @@ TEST_F(Pvr, UnmountFallsBackOrLetsGo)
     set_props("1", "1", "100", "no");
     add_row("/dev/sdb1", "/tmp/pvr/c1", "ext4", 4000);
     add_row("/dev/sdc1", "/tmp/pvr/c2", "ext4", 4000);
+    add_row("/dev/sdd1", "/tmp/pvr/c3", "ext4", 4000);
     theStorageManagerService.MountPvrPartitionProcess();
     ASSERT_EQ(theStorageManagerService.GetPvrMountPath(), "/tmp/pvr/c1");
+
+    // Another disk than the chosen one goes: no event, the choice stays.
+    {
+        std::lock_guard<std::mutex> hold(theStorageManagerService.m_DevTableLock);
+        theStorageManagerService.m_DeviceCnt = 2;
+    }
+    EventCapture other;
+    theStorageManagerService.UnmountPvrPartitionProcess();
+    EXPECT_TRUE(other.events().empty());
+    EXPECT_EQ(theStorageManagerService.GetPvrMountPath(), "/tmp/pvr/c1");
 
     // c1 goes: plug-out with the old path, then the change to c2.
     {

@@ -14,11 +14,14 @@
 #include <atomic>
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <dirent.h>
 #include <fstream>
 #include <lmdroid/log_hook.h>
 #include <lumemclient/EMALSink.h>
 #include <mutex>
+#include <set>
 #include <string>
 #include <sys/mount.h>
 #include <thread>
@@ -38,7 +41,6 @@
 #include "fake_tools.h"
 #include "file_ops_fixture.h"
 
-using file_ops_test::Bytes;
 using file_ops_test::Request;
 using file_ops_test::kTrue;
 using file_ops_test::le32;
@@ -172,7 +174,7 @@ void run_file_ops(const std::string& folder, CallerReport* r)
     check(r, Request(STORAGE_RENAME_FILE).s(d + "/a").s(d + "/b").b(false).invoke() == kTrue, "rename");
     check(r, Request(STORAGE_COPY_FILE).s(d + "/b").s(d + "/c").invoke() == kTrue, "copy file");
     check(r, Request(STROAGE_LUM_MOVE).s(d + "/c").s(d + "/m").b(false).invoke() == kTrue, "move");
-    check(r, copy_test::read_file(d + "/m") == "data", "moved copy's content");
+    check(r, read_file(d + "/m") == "data", "moved copy's content");
     check(r, Request(STORAGE_LUM_EXE_SYS_CMD).i(4).s("true").invoke() == le32({0}), "shell command");
     check(r, Request(STORAGE_DELETE_DIR).s(d).i(2).i(len).invoke() == kTrue, "delete " + d);
 }
@@ -374,6 +376,23 @@ private:
     int m_benchmarks = 0, m_formats = 0, m_tables = 0, m_devInfos = 0, m_uuids = 0, m_marks = 0;
 };
 
+// What the process's descriptors point at: every operation gives its own
+// back.
+std::set<std::string> open_fds()
+{
+    std::set<std::string> out;
+    DIR* d = opendir("/proc/self/fd");
+    for (struct dirent* e; d != nullptr && (e = readdir(d)) != nullptr;) {
+        char target[256] = {0};
+        if (e->d_name[0] != '.' && atoi(e->d_name) != dirfd(d) && readlink((std::string("/proc/self/fd/") + e->d_name).c_str(), target,
+                                            sizeof(target) - 1) > 0)
+            out.insert(std::string(e->d_name) + " " + target);
+    }
+    if (d != nullptr)
+        closedir(d);
+    return out;
+}
+
 }  // namespace
 
 // The child process: starts the service, runs the callers and the driver,
@@ -395,11 +414,16 @@ int child_stress()
 
     Driver driver(tally);
     auto start = std::chrono::steady_clock::now();
+    std::set<std::string> fdsBefore;
     while (driver.Failure().empty() &&
            (driver.Cycles() < kMinCycles || std::chrono::steady_clock::now() - start < kRunFor)) {
         driver.Cycle();
-        if (driver.Cycles() == 1)
+        // The first cycle and the format open what the service keeps open
+        // from then on; every later cycle must give back what it opens.
+        if (driver.Cycles() == 1) {
             driver.Format();
+            fdsBefore = open_fds();
+        }
     }
     stop = true;
     for (std::thread& t : callers)
@@ -425,6 +449,12 @@ int child_stress()
             rc = 4;
         }
     }
+    for (const std::string& fd : open_fds()) {
+        if (fdsBefore.count(fd) == 0) {
+            fprintf(stderr, "descriptor left open by the run: %s\n", fd.c_str());
+            rc = 5;
+        }
+    }
     printf("stress: %s; %d rounds of hub calls\n", driver.Summary().c_str(), iterations);
     return rc;
 }
@@ -446,15 +476,15 @@ protected:
                              .c_str()),
                   0);
         for (int i = 0; i < kCallers; ++i)
-            copy_test::make_dirs(kFiles + "/t" + std::to_string(i));
+            make_dirs(kFiles + "/t" + std::to_string(i));
         for (int i = 0; i < kListEntries - 1; ++i)
-            copy_test::write_file(kList + std::string(1, static_cast<char>('a' + i)) + ".mp3", "not really audio");
+            write_file(kList + std::string(1, static_cast<char>('a' + i)) + ".mp3", "not really audio");
         for (const char* f : {"one", "two", "sub/three"})
-            copy_test::write_file(kTree + f, f);
+            write_file(kTree + f, f);
         if (mount("lumstress", "/mnt", "tmpfs", 0, "mode=755") != 0)
             GTEST_SKIP() << "SKIPPED: no private /mnt";
         mnt = true;
-        copy_test::write_file(kScratch + "/partitions",
+        write_file(kScratch + "/partitions",
                               "major minor  #blocks  name\n\n   8  16  1024000 sdq\n   8  17  1024000 sdq1\n"
                               "   8  32  1024000 sdr\n   8  33  1024000 sdr1\n");
         ASSERT_EQ(mount((kScratch + "/partitions").c_str(), "/proc/partitions", nullptr, MS_BIND, nullptr), 0);
@@ -465,10 +495,10 @@ protected:
         output("df", "Filesystem 1048576-blocks Used Available Capacity Mounted on\n"
                      "/dev/sdq1 1000 10 990 1% /mnt/pvr/shared/sdq1\n"
                      "/dev/sdr1 1000 20 980 2% /mnt/pvr/shared/sdr1\n");
-        copy_test::write_file("/tmp/fake/iozone.out", "Run began:\ninitial writers\nmixed workload\n"
+        write_file("/tmp/fake/iozone.out", "Run began:\ninitial writers\nmixed workload\n"
                                                       "Avg throughput per process = 1234.5 kB/sec\n"
                                                       "iozone test complete.\n");
-        copy_test::write_file("/tmp/fake/iozone.hold", "");
+        write_file("/tmp/fake/iozone.hold", "");
         property_set("persist.pvr.rec.enable", "1");
         property_set("persist.pvr.tshift.enable", "1");
         property_set("persist.pvr.device_size_limit", "100");

@@ -1,9 +1,15 @@
 #include "test_support.h"
 
+#include <gtest/gtest.h>
+
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <dirent.h>
 #include <fcntl.h>
+#include <fstream>
+#include <iterator>
 #include <sched.h>
 #include <sys/mount.h>
 #include <sys/resource.h>
@@ -13,6 +19,9 @@
 
 #include <lmdroid/log_hook.h>
 #include <lumemclient/EMALSink.h>
+#include <norvfw/TimeOut.h>
+
+#include "StorageManagerService.h"
 
 bool g_isolated = false;
 
@@ -111,4 +120,81 @@ int run_child(const char* name, std::string* out, bool noThreads)
     if (pid < 0 || waitpid(pid, &status, 0) < 0)
         return -1;
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+void write_file(const std::string& path, const std::string& text, mode_t mode)
+{
+    std::ofstream(path, std::ios::binary | std::ios::trunc) << text;
+    chmod(path.c_str(), mode);
+}
+
+std::string read_file(const std::string& path)
+{
+    std::ifstream in(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+bool exists(const std::string& path)
+{
+    struct stat st;
+    return lstat(path.c_str(), &st) == 0;
+}
+
+mode_t mode_of(const std::string& path)
+{
+    struct stat st;
+    return lstat(path.c_str(), &st) == 0 ? st.st_mode & 07777 : 0;
+}
+
+void make_dirs(const std::string& path)
+{
+    ASSERT_EQ(system(("mkdir -p '" + path + "'").c_str()), 0) << path;
+}
+
+size_t count_entries(const char* dir)
+{
+    size_t n = 0;
+    DIR* d = opendir(dir);
+    for (struct dirent* e; d != nullptr && (e = readdir(d)) != nullptr;)
+        n += strcmp(e->d_name, ".") != 0 && strcmp(e->d_name, "..") != 0;
+    if (d != nullptr)
+        closedir(d);
+    return n;
+}
+
+std::vector<Bytes> payloads(const std::vector<Event>& all, int id)
+{
+    std::vector<Bytes> out;
+    for (const Event& e : all) {
+        if (e.id == id)
+            out.push_back(e.data);
+    }
+    return out;
+}
+
+void dispatch(unsigned long signal, const char* text, int32_t value)
+{
+    CNorvMsg msg(signal);
+    if (text != nullptr) {
+        auto* record = static_cast<StorageManagerAction_t*>(calloc(1, sizeof(StorageManagerAction_t)));
+        memcpy(record->buf1, text, strlen(text));
+        record->intValue1 = value;
+        msg.SetSignalPtr(record, sizeof(*record));
+    }
+    theStorageManagerService.ProcessNorvMsg(&msg);
+}
+
+void ensure_service_queue()
+{
+    StorageManagerService& s = theStorageManagerService;
+    if (s.GetQueueHandle() < 0) {
+        ASSERT_EQ(s.CThreadObjectWithQueue::Init(STORAGE_SERVICE_QUEUE_NAME, MAX_STORAGE_QUEUE_SIZE, 0, false), 0);
+    }
+    s.ClearQueue();
+}
+
+void ensure_timer_thread()
+{
+    if (!TimeOutServer::instance().IsRunning())
+        TimeOutServer::instance().StartThread("timeout_server", 0, 0);
 }

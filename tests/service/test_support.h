@@ -1,9 +1,11 @@
-// What the service tests share: captured log lines and events, and the
-// private namespaces the process runs in.
+// What the service tests share: captured log lines and events, the private
+// namespaces the process runs in, files, and signals for the service.
 #pragma once
 
+#include <cstdint>
 #include <mutex>
 #include <string>
+#include <sys/types.h>
 #include <unistd.h>
 #include <vector>
 
@@ -79,3 +81,26 @@ bool eventually(F done)
     }
     return done();
 }
+
+using Bytes = std::vector<unsigned char>;
+
+void write_file(const std::string& path, const std::string& text, mode_t mode = 0644);
+std::string read_file(const std::string& path);
+bool exists(const std::string& path);  // lstat: a dangling link exists
+mode_t mode_of(const std::string& path);
+void make_dirs(const std::string& path);
+// Entries of dir but "." and "..".
+size_t count_entries(const char* dir);
+
+// The payloads of one event id, in order.
+std::vector<Bytes> payloads(const std::vector<Event>& all, int id);
+
+// Hands signal to the service's dispatcher as the service thread would, with
+// a fresh record whose buf1 holds text and intValue1 value; no record when
+// text is null.
+void dispatch(unsigned long signal, const char* text = nullptr, int32_t value = 0);
+// The service's queue, made once; no service thread reads it in the unit
+// tests, so a test takes what it posted itself. Emptied here.
+void ensure_service_queue();
+// The timer thread, started once.
+void ensure_timer_thread();

@@ -3,7 +3,11 @@
 
 #include <cstring>
 
+#include <binder/Parcel.h>
+
 #include "StorageManagerService.h"
+#include "StorageModuleCmd.h"
+#include "StorageModuleHub.h"
 #include "VolumeQuery.h"
 #include "fake_tools.h"
 #include "test_support.h"
@@ -117,4 +121,22 @@ TEST(Volumes, BeforeAnyRunBothEventsAreEmpty)
     EXPECT_TRUE(got[0].data.empty());
     EXPECT_EQ(got[1].id, LUM_TV_EVT_STORAGE_GET_DEV_TABLE);
     EXPECT_TRUE(got[1].data.empty());
+}
+
+// The disk's total by df, as a 64-bit number in the Parcel's order; 0 for an
+// empty or missing id.
+TEST_F(VolumeQuery, PvrDiskTotalRepliesEightBytes)
+{
+    auto total = [](const char* id) {
+        android::Parcel request, reply;
+        request.writeInt32(STORAGE_PVR_DISK_TOTAL);
+        if (id != nullptr)
+            request.writeCString(id);
+        request.setDataPosition(0);
+        EXPECT_EQ(StorageModuleHub::self()->invoke(request, &reply), 0);
+        return std::vector<unsigned char>(reply.data(), reply.data() + reply.dataSize());
+    };
+    EXPECT_EQ(total("/dev/sdb1"), (std::vector<unsigned char>{0xCF, 0x1D, 0, 0, 0, 0, 0, 0}));  // 7631
+    EXPECT_EQ(total(""), std::vector<unsigned char>(8, 0));
+    EXPECT_EQ(total(nullptr), std::vector<unsigned char>(8, 0));
 }
