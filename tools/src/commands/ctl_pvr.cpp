@@ -3,7 +3,7 @@
 #include <cstring>
 
 #include "ctl_pvr.h"
-#include "lumctl/pvr_decoders.h"
+#include "lumctl/device_decoders.h"
 #include "lumctl/volume_table.h"
 
 namespace lumctl {
@@ -117,12 +117,6 @@ const WordRow kPvrWords[] = {
 };
 
 }  // namespace
-
-const char* verdict_name(int32_t verdict)
-{
-    const char* name = pvr_verdict_name(verdict);
-    return name != nullptr ? name : "unknown";
-}
 
 int run_pvr(const CtlContext& ctx, const DeviceArgs& args)
 {
