@@ -31,18 +31,14 @@ typedef struct {
 // television's 32-bit ARM (EABI) and on x86-64. Both align uint64_t on 8
 // bytes and make int and enums 4 bytes; an ABI that does otherwise (i386
 // aligns uint64_t on 4) stops the build here instead of sending other bytes.
-static_assert(offsetof(SConnectedDevice, devName) == 0, "SConnectedDevice layout");
-static_assert(offsetof(SConnectedDevice, mountPoint) == 30, "SConnectedDevice layout");
-static_assert(offsetof(SConnectedDevice, fsType) == 130, "SConnectedDevice layout");
-static_assert(offsetof(SConnectedDevice, devConnectionType) == 150, "SConnectedDevice layout");
-static_assert(offsetof(SConnectedDevice, devVendor) == 151, "SConnectedDevice layout");
-static_assert(offsetof(SConnectedDevice, devModel) == 407, "SConnectedDevice layout");
-static_assert(offsetof(SConnectedDevice, devSerialNr) == 663, "SConnectedDevice layout");
-static_assert(offsetof(SConnectedDevice, devId) == 920, "SConnectedDevice layout: devId aligned on 8");
-static_assert(offsetof(SConnectedDevice, devSize) == 928, "SConnectedDevice layout");
-static_assert(offsetof(SConnectedDevice, devUsedSize) == 936, "SConnectedDevice layout");
-static_assert(offsetof(SConnectedDevice, volumeName) == 944, "SConnectedDevice layout");
-static_assert(offsetof(SConnectedDevice, pvrDirFound) == 976, "SConnectedDevice layout");
+// LUM_AT(T, field, n): field of record T starts at byte n.
+#define LUM_AT(T, field, n) static_assert(offsetof(T, field) == (n), #T " layout: " #field " at byte " #n)
+LUM_AT(SConnectedDevice, devName, 0); LUM_AT(SConnectedDevice, mountPoint, 30); LUM_AT(SConnectedDevice, fsType, 130);
+LUM_AT(SConnectedDevice, devConnectionType, 150); LUM_AT(SConnectedDevice, devVendor, 151);
+LUM_AT(SConnectedDevice, devModel, 407); LUM_AT(SConnectedDevice, devSerialNr, 663);
+LUM_AT(SConnectedDevice, devId, 920); /* aligned on 8 */ LUM_AT(SConnectedDevice, devSize, 928);
+LUM_AT(SConnectedDevice, devUsedSize, 936); LUM_AT(SConnectedDevice, volumeName, 944);
+LUM_AT(SConnectedDevice, pvrDirFound, 976);
 static_assert(sizeof(SConnectedDevice) == 984, "SConnectedDevice is 984 bytes, 4 of them tail padding");
 static_assert(alignof(SConnectedDevice) == 8, "SConnectedDevice rows in an array are 8-aligned");
 
@@ -57,7 +53,5 @@ typedef struct {
 #pragma pack(pop)
 
 static_assert(sizeof(SStorageHotPlugInfo) == 154, "SStorageHotPlugInfo is 154 bytes, packed");
-static_assert(offsetof(SStorageHotPlugInfo, u16LabelLen) == 0, "SStorageHotPlugInfo layout");
-static_assert(offsetof(SStorageHotPlugInfo, mountPoint) == 2, "SStorageHotPlugInfo layout");
-static_assert(offsetof(SStorageHotPlugInfo, label) == 102, "SStorageHotPlugInfo layout");
-static_assert(offsetof(SStorageHotPlugInfo, fsType) == 134, "SStorageHotPlugInfo layout");
+LUM_AT(SStorageHotPlugInfo, u16LabelLen, 0); LUM_AT(SStorageHotPlugInfo, mountPoint, 2);
+LUM_AT(SStorageHotPlugInfo, label, 102); LUM_AT(SStorageHotPlugInfo, fsType, 134);

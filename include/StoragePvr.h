@@ -25,9 +25,8 @@ typedef struct {
 
 static_assert(sizeof(EStoragePvrFlag) == 4, "enums are 4 bytes (no -fshort-enums)");
 static_assert(sizeof(SStorageMarkPvrInfo) == 40, "SStorageMarkPvrInfo is 40 bytes");
-static_assert(offsetof(SStorageMarkPvrInfo, is_pvr_partition) == 0, "SStorageMarkPvrInfo layout");
-static_assert(offsetof(SStorageMarkPvrInfo, pvr_flag) == 4, "SStorageMarkPvrInfo layout");
-static_assert(offsetof(SStorageMarkPvrInfo, partition_id) == 8, "SStorageMarkPvrInfo layout");
+LUM_AT(SStorageMarkPvrInfo, is_pvr_partition, 0); LUM_AT(SStorageMarkPvrInfo, pvr_flag, 4);
+LUM_AT(SStorageMarkPvrInfo, partition_id, 8);
 
 // What the user interface is asked to do after a plug-in or plug-out.
 typedef enum {
@@ -53,10 +52,8 @@ typedef struct {
 } SStoragePvrDevGuideInfo;
 
 static_assert(sizeof(E_PLUGIN_EVENT) == 4, "enums are 4 bytes (no -fshort-enums)");
-static_assert(offsetof(SStoragePvrDevGuideInfo, bShow) == 0, "guide layout");
-static_assert(offsetof(SStoragePvrDevGuideInfo, enEvt) == 4, "guide layout");
-static_assert(offsetof(SStoragePvrDevGuideInfo, s32PartitionNum) == 8, "guide layout");
-static_assert(offsetof(SStoragePvrDevGuideInfo, astPartition) == 16, "guide layout: rows aligned on 8, 4 bytes of padding before");
-static_assert(offsetof(SStoragePvrDevGuideInfo, s32ConnectedDevNum) == 31504, "guide layout");
-static_assert(offsetof(SStoragePvrDevGuideInfo, astConnectedDev) == 31512, "guide layout");
+LUM_AT(SStoragePvrDevGuideInfo, bShow, 0); LUM_AT(SStoragePvrDevGuideInfo, enEvt, 4);
+LUM_AT(SStoragePvrDevGuideInfo, s32PartitionNum, 8);
+LUM_AT(SStoragePvrDevGuideInfo, astPartition, 16);  // rows aligned on 8: 4 bytes of padding before
+LUM_AT(SStoragePvrDevGuideInfo, s32ConnectedDevNum, 31504); LUM_AT(SStoragePvrDevGuideInfo, astConnectedDev, 31512);
 static_assert(sizeof(SStoragePvrDevGuideInfo) == 63000, "SStoragePvrDevGuideInfo is 63000 bytes");

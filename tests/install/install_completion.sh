@@ -46,7 +46,7 @@ subcommands=$(row_names nullptr)
 expect_offered "$subcommands" ""
 expect_offered "$(row_names '"pvr"')" pvr ""
 expect_offered "$(row_names '"fd"')" --json fd ""
-expect_offered "$(table_words file_requests.cpp kOpenFlags | sed 's/^/O_RDWR|O_/')" fd open /tmp "O_RDWR|"
+expect_offered "$(table_words wire/file_requests.cpp kOpenFlags | sed 's/^/O_RDWR|O_/')" fd open /tmp "O_RDWR|"
 expect_offered "dev-mount" dev-mou
 expect_offered "STORAGE_DEV_MOUNT STORAGE_DEV_UMOUNT" --socket /x STORAGE_DEV_
 expect_offered "--no-tags" ls /mnt --no

@@ -1,5 +1,6 @@
-// Decoders of the device events: mount and unmount announcements, sizes,
-// UUIDs, the volume list in both forms and device information. Each returns
+// Decoders of the device and PVR events: mount and unmount announcements,
+// sizes, UUIDs, the volume list in both forms, device information, the PVR
+// partition's path, the marking's verdict and the guide record. Each returns
 // the bytes it decoded, or 0 when the payload is too short for its layout.
 #pragma once
 
@@ -43,5 +44,12 @@ size_t decode_uuid(const uint8_t* data, size_t len, Decoded* out);
 size_t decode_tagged_table(const uint8_t* data, size_t len, Decoded* out);
 size_t decode_device_rows(const uint8_t* data, size_t len, Decoded* out);
 size_t decode_dev_info(const uint8_t* data, size_t len, Decoded* out);
+
+// The name of an EStoragePvrFlag ("capacity smaller than the limit"), or
+// "unknown" for a number outside the enumeration.
+const char* verdict_name(int32_t verdict);
+size_t decode_path_text(const uint8_t* data, size_t len, Decoded* out);
+size_t decode_mark_info(const uint8_t* data, size_t len, Decoded* out);
+size_t decode_guide(const uint8_t* data, size_t len, Decoded* out);
 
 }  // namespace lumctl

@@ -1,5 +1,5 @@
-#include "lumctl/pvr_decoders.h"
-
+// Decoders of the PVR events: the chosen partition's path, the marking's
+// verdict and the guide record.
 #include <cstring>
 #include <string>
 
@@ -39,10 +39,10 @@ void add_rows(Decoded* out, const char* name, const SConnectedDevice* rows, int3
 
 }  // namespace
 
-const char* pvr_verdict_name(int32_t verdict)
+const char* verdict_name(int32_t verdict)
 {
     const size_t count = sizeof(kVerdicts) / sizeof(kVerdicts[0]);
-    return verdict >= 0 && static_cast<size_t>(verdict) < count ? kVerdicts[verdict] : nullptr;
+    return verdict >= 0 && static_cast<size_t>(verdict) < count ? kVerdicts[verdict] : "unknown";
 }
 
 size_t decode_path_text(const uint8_t* data, size_t len, Decoded* out)

@@ -4,6 +4,7 @@
 #include <binder/Parcel.h>
 
 #include "ctl_device.h"
+#include "lumctl/device_decoders.h"
 
 namespace lumctl {
 
@@ -20,9 +21,5 @@ struct ReplyParcel {
             parcel.setData(reply.bytes.data(), reply.bytes.size());
     }
 };
-
-// "capacity smaller than the limit", or "unknown" for a number the
-// enumeration lacks.
-const char* verdict_name(int32_t verdict);
 
 }  // namespace lumctl

@@ -3,11 +3,9 @@
 // payload is one result byte takes a row in file_results.cpp instead.
 #include "lumctl/event_decoders.h"
 
-#include "lumctl/bench_decoders.h"
 #include "lumctl/device_decoders.h"
 #include "lumctl/file_results.h"
 #include "lumctl/listing_decoders.h"
-#include "lumctl/pvr_decoders.h"
 
 #include <cstring>
 
@@ -75,6 +73,19 @@ size_t decode_set_all_partition(const uint8_t* data, size_t len, Decoded* out)
         used += 4;
     }
     return used;
+}
+
+// Status, progress, speed and processes (big-endian); the two zero bytes of
+// the 12-byte variant are left to the rest.
+size_t decode_benchmark(const uint8_t* data, size_t len, Decoded* out)
+{
+    if (len < 10)
+        return 0;
+    add_uint(out, "status", data[0]);
+    add_uint(out, "progress", data[1]);
+    add_uint(out, "speed", be32(data + 2));
+    add_uint(out, "processes", be32(data + 6));
+    return 10;
 }
 
 struct DecoderRow {

@@ -5,7 +5,7 @@
 #include <StorageEvents.h>
 #include <StorageModuleCmd.h>
 
-#include "file_op.h"
+#include "ctl_device.h"
 #include "lumctl/file_requests.h"
 
 namespace lumctl {

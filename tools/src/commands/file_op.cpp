@@ -4,7 +4,7 @@
 // when the reply is false (the event tells why), so for them a reply of
 // either value is awaited and the event is awaited only a short while
 // after it.
-#include "file_op.h"
+#include "ctl_device.h"
 
 #include <memory>
 #include <unistd.h>

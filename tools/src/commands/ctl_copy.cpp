@@ -5,7 +5,6 @@
 #include <StorageEvents.h>
 
 #include "ctl_pvr.h"
-#include "file_op.h"
 #include "lumctl/file_requests.h"
 #include "lumctl/volume_table.h"
 

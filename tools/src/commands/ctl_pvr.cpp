@@ -3,7 +3,7 @@
 #include <cstring>
 
 #include "ctl_pvr.h"
-#include "lumctl/pvr_decoders.h"
+#include "lumctl/device_decoders.h"
 #include "lumctl/volume_table.h"
 
 namespace lumctl {
@@ -31,19 +31,32 @@ int read_path(const CtlContext& ctx, const DeviceCall& call, std::string* path)
     return kExitOk;
 }
 
+// Runs call, with its operands as fields or none, within the query timeout
+// and reads the one number of its reply.
+template <typename T>
+int read_number(const CtlContext& ctx, DeviceCall* call, const DeviceArgs& args, bool with_operands, T* value)
+{
+    device_args(ctx, call, args, kQueryTimeoutSeconds);
+    CtlReply reply;
+    int rc = direct_run(ctx, *call, with_operands ? call->args.operands : std::vector<std::string>{}, &reply);
+    if (rc != kExitOk)
+        return rc;
+    ReplyParcel in(reply);
+    android::status_t read;
+    if constexpr (sizeof(T) == 8)
+        read = in.parcel.readInt64(value);
+    else
+        read = in.parcel.readInt32(value);
+    return read == android::OK ? kExitOk : malformed(ctx, *call);
+}
+
 int pvr_state(const CtlContext& ctx, const DeviceArgs& args)
 {
     DeviceCall call{"pvr state", "STORAGE_PVR_DEV_STATE", {}};
-    device_args(ctx, &call, args, kQueryTimeoutSeconds);
-    CtlReply reply;
-    int rc = direct_run(ctx, call, {}, &reply);
-    if (rc != kExitOk)
-        return rc;
     int32_t state = 0;
-    if (ReplyParcel(reply).parcel.readInt32(&state) != android::OK)
-        return malformed(ctx, call);
     std::string path;
-    if ((rc = read_path(ctx, call, &path)) != kExitOk)
+    int rc = read_number(ctx, &call, args, false, &state);
+    if (rc != kExitOk || (rc = read_path(ctx, call, &path)) != kExitOk)
         return rc;
     std::string text = state == 0 ? "no PVR partition"
                                   : "PVR partition: " + (path.empty() ? "(mount path not known)" : printable(path));
@@ -72,18 +85,13 @@ int pvr_path(const CtlContext& ctx, const DeviceArgs& args)
 int pvr_available(const CtlContext& ctx, const DeviceArgs& args)
 {
     DeviceCall call{"pvr available", "STORAGE_PVR_DEV_AVAILABLE", {}};
-    device_args(ctx, &call, args, kQueryTimeoutSeconds);
-    CtlReply reply;
-    int rc = direct_run(ctx, call, call.args.operands, &reply);
+    int32_t verdict = 0;
+    int rc = read_number(ctx, &call, args, true, &verdict);
     if (rc != kExitOk)
         return rc;
-    int32_t verdict = 0;
-    if (ReplyParcel(reply).parcel.readInt32(&verdict) != android::OK)
-        return malformed(ctx, call);
     const std::string& disk = call.args.operands[0];
     const char* name = verdict_name(verdict);
-    print_line(device_context(ctx, call),
-               printable(disk) + ": verdict " + std::to_string(verdict) + ", " + name,
+    print_line(device_context(ctx, call), printable(disk) + ": verdict " + std::to_string(verdict) + ", " + name,
                Json{{"disk", disk}, {"verdict", verdict}, {"name", name}, {"usable", verdict == 0}});
     return verdict == 0 ? kExitOk : kExitNo;
 }
@@ -91,14 +99,10 @@ int pvr_available(const CtlContext& ctx, const DeviceArgs& args)
 int pvr_total(const CtlContext& ctx, const DeviceArgs& args)
 {
     DeviceCall call{"pvr total", "STORAGE_PVR_DISK_TOTAL", {}};
-    device_args(ctx, &call, args, kQueryTimeoutSeconds);
-    CtlReply reply;
-    int rc = direct_run(ctx, call, call.args.operands, &reply);
+    int64_t mb = 0;
+    int rc = read_number(ctx, &call, args, true, &mb);
     if (rc != kExitOk)
         return rc;
-    int64_t mb = 0;
-    if (ReplyParcel(reply).parcel.readInt64(&mb) != android::OK)
-        return malformed(ctx, call);
     const std::string& disk = call.args.operands[0];
     // The service answers 0 for a disk it cannot size.
     std::string size = mb > 0 ? human_mb(static_cast<uint64_t>(mb)) + " " : "no size known ";
@@ -113,12 +117,6 @@ const WordRow kPvrWords[] = {
 };
 
 }  // namespace
-
-const char* verdict_name(int32_t verdict)
-{
-    const char* name = pvr_verdict_name(verdict);
-    return name != nullptr ? name : "unknown";
-}
 
 int run_pvr(const CtlContext& ctx, const DeviceArgs& args)
 {
