@@ -1,17 +1,9 @@
 // The hub on fuzzed requests: the first byte picks a command of the command
 // list (codes without a row included), the rest is the request Parcel behind
 // the command word, and StorageModuleHub::invoke reads it as a client's.
-//
-// Every row runs, the direct ones too, inside the sandbox (fuzz_sandbox.h):
-// shell lines reach a stub that does nothing, and only the scratch /tmp and
-// /mnt (and libFuzzer's own folders) can be written. Each run starts from
-// the same state:
-// - /tmp and /mnt are emptied;
-// - posted records never meet the service thread (none runs): the queue is
-//   emptied after the command, each record released by FreeSignal;
-// - one client file is open, /tmp/client, so the read, write, sync and close
-//   rows can find a known descriptor; every client descriptor is closed
-//   after the command.
+// Every row runs, inside the sandbox (README.md); each run starts from empty
+// /tmp and /mnt with one client file open, /tmp/client, and ends with the
+// queue emptied and every client descriptor closed.
 #include <binder/Parcel.h>
 
 #include <cstddef>

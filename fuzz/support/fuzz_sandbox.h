@@ -8,17 +8,8 @@
 // usual (LUM_LOG_LEVEL applies), to follow one input's run.
 void fuzz_quiet_log();
 
-// Enters the sandbox from LLVMFuzzerInitialize, before libFuzzer reads its
-// arguments; exits with a message when it cannot. Inside:
-// - the unit tests' service sandbox, in a user namespace even as root;
-// - /bin/sh is the stub lum_fuzz_sh: every shell line the service runs
-//   (call_system, popen, system) exits 0 with no output, whatever it says;
-// - /dev holds only null, zero, full, random and urandom;
-// - every mount is read-only except a fresh /tmp (64 MiB), a fresh /mnt
-//   (16 MiB, with /mnt/pvr/shared), and the folders libFuzzer writes to: the
-//   corpus folders named on the command line and the folder of
-//   -artifact_prefix (the current one without it). fuzz/run.sh points both
-//   at copies of its own.
+// Enters the sandbox of README.md from LLVMFuzzerInitialize, before libFuzzer
+// reads its arguments; exits with a message when it cannot.
 void fuzz_enter_sandbox(int argc, char** argv);
 
 // Puts /tmp and /mnt back as fuzz_enter_sandbox left them, so that every run

@@ -2,9 +2,8 @@
 // on an ext4 volume of a plugged stick, the progress and final events a
 // client sees, a cancel in the middle of a run, and a tool deaf to TERM
 // stopped by the unplugging of its disk.
-#include <gtest/gtest.h>
 
-#include "service_rig.h"
+#include "rig_fixture.h"
 
 namespace e2e {
 namespace {
@@ -41,24 +40,14 @@ protected:
     // Waits for an event that ends the benchmark (any status but 8).
     bool WaitForEnd(int timeout_s = 240) const
     {
-        for (int i = 0; i < timeout_s * 50; ++i) {
-            for (const std::string& line : BenchEvents()) {
+        return lumrig::Until([&] {
+            for (const std::string& line : BenchEvents())
                 if (!Running(line))
                     return true;
-            }
-            std::this_thread::sleep_for(std::chrono::milliseconds(20));
-        }
-        return false;
+            return false;
+        }, timeout_s);
     }
-    bool NoIozoneLeft() const
-    {
-        for (int i = 0; i < 500; ++i) {
-            if (TvPids("iozone").empty())
-                return true;
-            std::this_thread::sleep_for(std::chrono::milliseconds(20));
-        }
-        return false;
-    }
+    bool NoIozoneLeft() const { return lumrig::Until([&] { return TvPids("iozone").empty(); }, 10); }
     std::string WorkFiles() const { return tv.Exec(std::string("ls ") + kVolume + "/ | grep iozone || true").out; }
 };
 

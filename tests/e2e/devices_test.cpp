@@ -1,11 +1,8 @@
 // Plug-in, plug-out, mount and unmount requests, MTP devices and the device
 // table, end to end: the service inside the simulated television with real
 // disk images, blkid, mount, df, e2fsck, ntfs-3g.
-#include <gtest/gtest.h>
 
-#include <sstream>
-
-#include "service_rig.h"
+#include "rig_fixture.h"
 
 namespace e2e {
 namespace {
@@ -22,9 +19,7 @@ std::string Mounts(const lumrig::Tv& tv) { return tv.Exec("mount | grep /mnt/pvr
 
 TEST_F(Devices, FatAndExt4StickIsMountedAnnouncedAndListed)
 {
-    StartService(kStick);
-    ASSERT_TRUE(tv.Plug("stick").ok());
-    ASSERT_TRUE(WaitFor("LUM_TV_EVT_STORAGE_DEV_MOUNT_END"));
+    StartService(kStick, {"stick"});
     auto mounted = Events("LUM_TV_EVT_STORAGE_DEV_MOUNT");
     ASSERT_EQ(mounted.size(), 2u);
     std::string fat = Has(mounted[0], "sdb1") ? mounted[0] : mounted[1];
@@ -68,9 +63,7 @@ TEST_F(Devices, FatAndExt4StickIsMountedAnnouncedAndListed)
 
 TEST_F(Devices, NtfsIsFuseblkWhenMountedAndNtfsInTheTable)
 {
-    StartService("disk hdd size=96M table=gpt plugged=no\n  part fs=ntfs label=Movies\n");
-    ASSERT_TRUE(tv.Plug("hdd").ok());
-    ASSERT_TRUE(WaitFor("LUM_TV_EVT_STORAGE_DEV_MOUNT_END"));
+    StartService("disk hdd size=96M table=gpt plugged=no\n  part fs=ntfs label=Movies\n", {"hdd"});
     auto mounted = Events("LUM_TV_EVT_STORAGE_DEV_MOUNT");
     ASSERT_EQ(mounted.size(), 1u);
     EXPECT_TRUE(Has(mounted[0], "\"label\":\"Movies\",\"labelLen\":6,\"fsType\":\"fuseblk\"")) << mounted[0];
@@ -133,9 +126,7 @@ TEST_F(Devices, PlugOutTakesDownOnlyTheStickThatWent)
 
 TEST_F(Devices, UnmountRequestTakesDownAPresentDeviceWithItsSwapFileOff)
 {
-    StartService(kStick);
-    ASSERT_TRUE(tv.Plug("stick").ok());
-    ASSERT_TRUE(WaitFor("LUM_TV_EVT_STORAGE_DEV_MOUNT_END"));
+    StartService(kStick, {"stick"});
     ASSERT_TRUE(tv.Exec("touch /mnt/pvr/shared/sdb2/.swapfile").ok());
     Result r = Ctl({"dev-umount", "/dev/sdb"});
     EXPECT_TRUE(Has(r.out, "\"value\":true")) << r.out;
@@ -251,9 +242,7 @@ TEST_F(Devices, StaleMountDirectoriesGoAtStartAndUsedOnesStay)
 
 TEST_F(Devices, HostileLabelsAndRequestsRunNothing)
 {
-    StartService("disk stick size=64M table=msdos plugged=no\n  part fs=ext4 label='$(touch /tmp/pw)'\n");
-    ASSERT_TRUE(tv.Plug("stick").ok());
-    ASSERT_TRUE(WaitFor("LUM_TV_EVT_STORAGE_DEV_MOUNT_END"));
+    StartService("disk stick size=64M table=msdos plugged=no\n  part fs=ext4 label='$(touch /tmp/pw)'\n", {"stick"});
     EXPECT_TRUE(Has(Events("LUM_TV_EVT_STORAGE_DEV_MOUNT")[0], "\"label\":\"$(touch /tmp/pw)\""));
     Ctl({"get-uuid-for-path", "\"; touch /tmp/pw2; \""});
     Ctl({"partition-fs-type", "$(touch /tmp/pw3)"});

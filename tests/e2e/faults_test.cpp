@@ -4,14 +4,10 @@
 // folder and the volume list show exactly the sticks that are plugged, the
 // files nobody was writing keep their checksums, and every client has had
 // its answer.
-#include <gtest/gtest.h>
 
-#include <csignal>
 #include <functional>
-#include <set>
-#include <thread>
 
-#include "file_ops_rig.h"
+#include "rig_fixture.h"
 
 namespace e2e {
 namespace {
@@ -138,28 +134,23 @@ protected:
     // Waits until the service's log holds `text` `count` times.
     bool WaitForLog(const std::string& text, size_t count, int timeout_s = 60) const
     {
-        for (int waited = 0; waited < timeout_s * 10; ++waited) {
+        return lumrig::Until([&] {
             std::string log = tv.Log("lumstoraged");
             size_t n = 0;
             for (size_t at = log.find(text); at != std::string::npos; at = log.find(text, at + 1))
                 ++n;
-            if (n >= count)
-                return true;
-            std::this_thread::sleep_for(std::chrono::milliseconds(100));
-        }
-        return false;
+            return n >= count;
+        }, timeout_s, 100);
     }
     // Waits until an event of that name holds `text`.
     bool WaitForText(const std::string& name, const std::string& text, int timeout_s = 60) const
     {
-        for (int waited = 0; waited < timeout_s * 50; ++waited) {
-            for (const std::string& line : Events(name)) {
+        return lumrig::Until([&] {
+            for (const std::string& line : Events(name))
                 if (Has(line, text))
                     return true;
-            }
-            std::this_thread::sleep_for(std::chrono::milliseconds(20));
-        }
-        return false;
+            return false;
+        }, timeout_s);
     }
     // True when the daemon's working folder is dir: the listing, which
     // works there, is under way. With wait, waits for it at most 60 s.

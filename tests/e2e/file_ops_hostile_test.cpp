@@ -5,9 +5,8 @@
 // no name holds). Each operation must act on the named file alone: a canary
 // beside it survives, and a marker that the names would create, were any
 // of them run as shell code, never appears.
-#include <gtest/gtest.h>
 
-#include "file_ops_rig.h"
+#include "rig_fixture.h"
 
 namespace e2e {
 namespace {

@@ -3,11 +3,8 @@
 // inside and across volumes, and the command primitives, through
 // lumstoragectl against the service on the simulated television, with real
 // ext4, FAT and NTFS volumes on plugged sticks.
-#include <gtest/gtest.h>
 
-#include <thread>
-
-#include "file_ops_rig.h"
+#include "rig_fixture.h"
 
 namespace e2e {
 namespace {

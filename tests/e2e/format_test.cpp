@@ -3,9 +3,8 @@
 // events a client sees. The format tools are reached through wrappers first
 // on the service's PATH, which pass through to the real tool but can be held
 // (to keep a format running) or made to fail.
-#include <gtest/gtest.h>
 
-#include "service_rig.h"
+#include "rig_fixture.h"
 
 namespace e2e {
 namespace {

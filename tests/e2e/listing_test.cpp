@@ -1,13 +1,10 @@
 // Directory listings end to end: lumstoragectl ls against the service on the
 // simulated television, with real FAT and ext4 volumes, TagLib on a real MP3
 // and a playlist expanded into its entries.
-#include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <ctime>
-#include <unistd.h>
 
-#include "service_rig.h"
+#include "rig_fixture.h"
 
 namespace e2e {
 namespace {

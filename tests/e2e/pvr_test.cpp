@@ -1,8 +1,7 @@
 // The PVR partition chosen, remembered, lost and replaced, and the guide the
 // user interface gets, end to end on the simulated television.
-#include <gtest/gtest.h>
 
-#include "service_rig.h"
+#include "rig_fixture.h"
 
 namespace e2e {
 namespace {

@@ -4,7 +4,7 @@
 // television's own tools say. Needs root (skipped loudly without).
 #include <gtest/gtest.h>
 
-#include "service_rig.h"
+#include "rig_fixture.h"
 
 namespace e2e {
 namespace {
