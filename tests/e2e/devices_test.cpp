@@ -192,45 +192,6 @@ TEST_F(Devices, MtpMountThatFailsEndsTheMtpPartOfTheRun)
     }
 }
 
-// An umount that fails is tried once more 2 s later; a pass that took
-// nothing down comes once more after 5 s. The stand-in refuses the first N
-// calls the way a busy volume would (the service unmounts lazily, so an
-// open file alone never makes it fail) and notes when each call came.
-TEST_F(Devices, FailingUnmountIsTriedTwice2sApartAndThePassOnceMore)
-{
-    StartService("disk stick size=32M table=msdos plugged=no\n  part fs=ext4\n", {"stick"}, {HoldableEnv()},
-                 "mkdir -p /run/holdbin && cat > /run/holdbin/umount <<'EOF'\n#!/bin/sh\n"
-                 "date +%s.%N >> /run/umount.calls\nn=$(cat /run/umount.refuse 2>/dev/null || echo 0)\n"
-                 "if [ \"$n\" -gt 0 ]; then echo $((n-1)) > /run/umount.refuse; echo busy >&2; exit 32; fi\n"
-                 "PATH=" + std::string(kRigPath) + " exec umount \"$@\"\nEOF\nchmod 755 /run/holdbin/umount");
-    const struct {
-        int refused;
-        size_t calls;
-        double min_gap[3];  // seconds between call i and i+1
-        int count;
-    } kRows[] = {{1, 2, {2}, 1}, {9, 4, {2, 7, 2}, 0}};
-    for (size_t r = 0; r < 2; ++r) {
-        const auto& row = kRows[r];
-        SCOPED_TRACE("refused " + std::to_string(row.refused));
-        if (r > 0) {
-            ASSERT_TRUE(Ctl({"dev-mount", "/dev/sdb1"}).ok());
-            ASSERT_TRUE(WaitFor("LUM_TV_EVT_STORAGE_DEV_MOUNT_END", 2));
-        }
-        ASSERT_TRUE(tv.Exec("rm -f /run/umount.calls; echo " + std::to_string(row.refused) + " > /run/umount.refuse").ok());
-        ASSERT_TRUE(Ctl({"dev-umount", "/dev/sdb"}).ok());
-        ASSERT_TRUE(WaitFor("LUM_TV_EVT_STORAGE_DEV_UMOUNT_END", r + 1, 60));
-        EXPECT_TRUE(Has(Events("LUM_TV_EVT_STORAGE_DEV_UMOUNT_END")[r], "\"count\":" + std::to_string(row.count)));
-        std::vector<double> at;
-        std::istringstream calls(tv.Exec("cat /run/umount.calls").out);
-        for (double t; calls >> t;)
-            at.push_back(t);
-        ASSERT_EQ(at.size(), row.calls);
-        for (size_t i = 0; i + 1 < at.size(); ++i)
-            EXPECT_GE(at[i + 1] - at[i], row.min_gap[i] - 0.05) << "between calls " << i << " and " << i + 1;
-        EXPECT_EQ(Has(Mounts(tv), "/dev/sdb1 on"), row.count == 0) << Mounts(tv);
-    }
-}
-
 TEST_F(Devices, StaleMountDirectoriesGoAtStartAndUsedOnesStay)
 {
     StartService("disk stick size=64M table=msdos plugged=no\n  part fs=ext4\n", {}, {},
