@@ -160,6 +160,13 @@ inline Bytes le32(std::initializer_list<int32_t> values)
     return out;
 }
 
+// Big-endian, as the service's own tables carry numbers.
+inline Bytes be32(uint32_t v)
+{
+    return {static_cast<unsigned char>(v >> 24), static_cast<unsigned char>(v >> 16),
+            static_cast<unsigned char>(v >> 8), static_cast<unsigned char>(v)};
+}
+
 // The hub's bool replies.
 const Bytes kTrue = {1, 0, 0, 0};
 const Bytes kFalse = {0, 0, 0, 0};
