@@ -180,8 +180,7 @@ TEST_F(CopyDirTest, DestinationInsideTheSourceIsRefusedAlsoThroughALinkOrASecond
     EXPECT_EQ(CopyDir((kWork + "/src/").c_str(), (kWork + "/alias/copy").c_str()), -1);
     EXPECT_FALSE(exists(kWork + "/src/sub/copy"));
     make_dirs(kWork + "/bind");
-    if (mount((kWork + "/src").c_str(), (kWork + "/bind").c_str(), nullptr, MS_BIND, nullptr) == 0) {
-        mounts.push_back(kWork + "/bind");
+    if (mounts.bind(kWork + "/src", kWork + "/bind")) {
         EXPECT_EQ(CopyDir((kWork + "/src/").c_str(), (kWork + "/bind/sub/copy").c_str()), -1);
         EXPECT_FALSE(exists(kWork + "/src/sub/copy"));
     }

@@ -14,7 +14,6 @@
 #include <iterator>
 #include <sstream>
 #include <string>
-#include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <vector>
@@ -52,20 +51,9 @@ protected:
     {
         CloseFeed();
         eventually([] { return !copy_running() && copy_threads_alive() == 0; });
-        for (auto it = mounts.rbegin(); it != mounts.rend(); ++it)
-            umount2(it->c_str(), MNT_DETACH);
-        mounts.clear();
     }
-    // A tmpfs of size bytes on dir, another file system than /tmp. false
-    // when it cannot be mounted (the test then skips).
-    bool Mount(const std::string& dir, const std::string& size = "1m")
-    {
-        mkdir(dir.c_str(), 0755);
-        if (mount("lumcopy", dir.c_str(), "tmpfs", 0, ("size=" + size).c_str()) != 0)
-            return false;
-        mounts.push_back(dir);
-        return true;
-    }
+    // A tmpfs of size bytes on dir, another file system than /tmp.
+    bool Mount(const std::string& dir, const std::string& size = "1m") { return mounts.tmpfs(dir, "size=" + size); }
     // A FIFO at path with its write end held by the test: a copy of it
     // waits for each Feed and sees the end of the file at CloseFeed.
     void OpenFeed(const std::string& path)
@@ -95,7 +83,7 @@ protected:
     }
 
     int feed = -1;
-    std::vector<std::string> mounts;
+    Mounts mounts;
 };
 
 #define REQUIRE_MOUNT(dir, ...)                                                                \

@@ -3,8 +3,6 @@
 // rows STORAGE_COPY_FILE, STORAGE_COPY_DIRS and STROAGE_LUM_MOVE.
 #include <gtest/gtest.h>
 
-#include <functional>
-
 #include <binder/Parcel.h>
 
 #include "FileMove.h"
@@ -17,30 +15,6 @@ namespace copy_test {
 namespace {
 
 using android::Parcel;
-
-const Bytes kFalse = {0, 0, 0, 0};
-const Bytes kTrue = {1, 0, 0, 0};
-
-struct Posted {
-    unsigned long signal;
-    StorageManagerAction_t record;
-    Bytes tail;
-};
-
-// A queue that keeps what was posted, record and bytes behind it.
-class TailProbe : public CThreadObjectWithQueue {
-public:
-    void ProcessNorvMsg(CNorvMsg* msg) override
-    {
-        Posted p{msg->GetSignalName(), {}, {}};
-        const auto* bytes = static_cast<const unsigned char*>(msg->GetSignalPtr());
-        memcpy(&p.record, bytes, sizeof(p.record));
-        p.tail.assign(bytes + sizeof(p.record), bytes + msg->GetSignalSize());
-        posted.push_back(p);
-        msg->FreeSignal();
-    }
-    std::vector<Posted> posted;
-};
 
 // STORAGE_COPY's request: pPath, len, then the raw bytes if any.
 struct CopyRequest {
@@ -66,38 +40,8 @@ protected:
         row = find_cmd_row(STORAGE_COPY);
         ASSERT_NE(row, nullptr);
     }
-    bool Post(const CopyRequest& req, bool* bFreeOut = nullptr)
-    {
-        const Parcel& request = req.p;
-        auto* record = static_cast<StorageManagerAction_t*>(calloc(1, sizeof(StorageManagerAction_t)));
-        bool bFree = true;
-        bool ok = post_cmd_row(*row, request, record, &bFree, probe);
-        if (bFreeOut != nullptr)
-            *bFreeOut = bFree;
-        if (bFree)
-            free(record);
-        return ok;
-    }
-    static Bytes Invoke(int code, const std::function<void(Parcel*)>& fill)
-    {
-        Parcel request, reply;
-        request.writeInt32(code);
-        fill(&request);
-        request.setDataPosition(0);
-        EXPECT_EQ(StorageModuleHub::self()->invoke(request, &reply), 0);
-        return Bytes(reply.data(), reply.data() + reply.dataSize());
-    }
-    // The texts as cstrings, then the flag as a bool unless it is negative.
-    static Bytes Invoke(int code, const std::vector<std::string>& texts, int flag = -1)
-    {
-        return Invoke(code, [&](Parcel* p) {
-            for (const std::string& t : texts)
-                p->writeCString(t.c_str());
-            if (flag >= 0)
-                p->writeBool(flag != 0);
-        });
-    }
-    TailProbe probe;
+    bool Post(const CopyRequest& req, bool* recordLeft = nullptr) { return post_row(*row, req.p, probe, recordLeft); }
+    PostProbe probe;
     const SCmdRow* row = nullptr;
 };
 
@@ -175,13 +119,9 @@ TEST_F(CopyHub, CopyThroughTheServiceQueueEndsWithItsEvent)
     write_file(kWork + "/a", "A");
     Bytes raw = request(kWork + "/a", kWork + "/b");
     EventCapture events;
-    EXPECT_EQ(Invoke(STORAGE_COPY,
-                     [&](Parcel* p) {
-                         p->writeCString((kWork + "/a").c_str());
-                         p->writeInt32(static_cast<int32_t>(raw.size()));
-                         p->write(raw.data(), raw.size());
-                     }),
-              kTrue);
+    Request req(STORAGE_COPY);
+    req.s(kWork + "/a").i(static_cast<int32_t>(raw.size())).raw(std::string(raw.begin(), raw.end()));
+    EXPECT_EQ(req.invoke(), kTrue);
     EXPECT_EQ(theStorageManagerService.ReadMsgsFromNonBlockingQueue(), 1);
     ASSERT_TRUE(WaitCopyEnd(events));
     EXPECT_EQ(payloads(events.events(), LUM_TV_EVT_STORAGE_COPY), std::vector<Bytes>{{0}});
@@ -194,12 +134,12 @@ TEST_F(CopyHub, DirectCopyRowsReplyTrueOnlyForZeroAndSendNoEvent)
     make_dirs(kWork + "/t");
     write_file(kWork + "/t/f", "F");
     EventCapture events;
-    EXPECT_EQ(Invoke(STORAGE_COPY_FILE, {kWork + "/a", kWork + "/b"}), kTrue);
-    EXPECT_EQ(Invoke(STORAGE_COPY_FILE, {kWork + "/missing", kWork + "/c"}), kFalse);
-    EXPECT_EQ(Invoke(STORAGE_COPY_DIRS, {kWork + "/t/", kWork + "/u/"}), kTrue);
-    EXPECT_EQ(Invoke(STORAGE_COPY_DIRS, {kWork + "/t/", kWork + "/u/"}), kFalse);  // exists now
-    EXPECT_EQ(Invoke(STORAGE_COPY_FILE, {kWork + "/a"}), kFalse);
-    EXPECT_EQ(Invoke(STORAGE_COPY_DIRS, std::vector<std::string>{}), kFalse);
+    EXPECT_EQ(Request(STORAGE_COPY_FILE).s(kWork + "/a").s(kWork + "/b").invoke(), kTrue);
+    EXPECT_EQ(Request(STORAGE_COPY_FILE).s(kWork + "/missing").s(kWork + "/c").invoke(), kFalse);
+    EXPECT_EQ(Request(STORAGE_COPY_DIRS).s(kWork + "/t/").s(kWork + "/u/").invoke(), kTrue);
+    EXPECT_EQ(Request(STORAGE_COPY_DIRS).s(kWork + "/t/").s(kWork + "/u/").invoke(), kFalse);  // exists now
+    EXPECT_EQ(Request(STORAGE_COPY_FILE).s(kWork + "/a").invoke(), kFalse);
+    EXPECT_EQ(Request(STORAGE_COPY_DIRS).invoke(), kFalse);
     EXPECT_EQ(read_file(kWork + "/b"), "A");
     EXPECT_EQ(read_file(kWork + "/u/f"), "F");
     EXPECT_TRUE(events.events().empty());
@@ -209,17 +149,17 @@ TEST_F(CopyHub, MoveRowPacksThePathsAndRefusesWhatDoesNotFit)
 {
     write_file(kWork + "/a", "A");
     EventCapture events;
-    EXPECT_EQ(Invoke(STROAGE_LUM_MOVE, {kWork + "/a", kWork + "/b"}, 0), kTrue);
+    EXPECT_EQ(Request(STROAGE_LUM_MOVE).s(kWork + "/a").s(kWork + "/b").b(false).invoke(), kTrue);
     EXPECT_EQ(read_file(kWork + "/b"), "A");
     EXPECT_FALSE(exists(kWork + "/a"));
-    EXPECT_EQ(Invoke(STROAGE_LUM_MOVE, {kWork + "/a", kWork + "/c"}, 0), kFalse);  // no source any more
+    EXPECT_EQ(Request(STROAGE_LUM_MOVE).s(kWork + "/a").s(kWork + "/c").b(false).invoke(), kFalse);  // no source any more
     LogCapture log;
     // 254 + 256 + 3 = 513 bytes do not fit.
     std::string src = kWork + "/" + std::string(245, 's');
     std::string dst = kWork + "/" + std::string(247, 'd');
-    EXPECT_EQ(Invoke(STROAGE_LUM_MOVE, {src, dst}, 1), kFalse);
+    EXPECT_EQ(Request(STROAGE_LUM_MOVE).s(src).s(dst).b(true).invoke(), kFalse);
     EXPECT_TRUE(log.has("cmd 4154: paths of 254 and 256 bytes do not fit 512 bytes"));
-    EXPECT_EQ(Invoke(STROAGE_LUM_MOVE, {kWork + "/b"}), kFalse);
+    EXPECT_EQ(Request(STROAGE_LUM_MOVE).s(kWork + "/b").invoke(), kFalse);
     EXPECT_EQ(payloads(events.events(), LUM_TV_EVT_STORAGE_MOVE_FILE), (std::vector<Bytes>{{0}, {3}, {3}, {3}}));
     EXPECT_TRUE(log.has("cmd 4154: a text is missing"));
     EXPECT_TRUE(exists(kWork + "/b"));

@@ -140,45 +140,40 @@ TEST_F(CopyThread, RecordingCopiesItsCompanionsButNotTheSignature)
     }
 }
 
-TEST_F(CopyThread, RecordingWhoseMainFileFailsTriesNoCompanion)
+TEST_F(CopyThread, ResultBytesOfRefusedAndFailedCopies)
 {
-    write_file(kWork + "/rec.ts.xml", "x");
-    EventCapture events;
-    Copy(request(kWork + "/rec.ts", kWork + "/copy.ts", {1}));
-    ASSERT_TRUE(WaitCopyEnd(events));
-    EXPECT_EQ(CopyResults(events), std::vector<Bytes>{{1}});
-    EXPECT_FALSE(exists(kWork + "/copy.ts.xml"));
-}
-
-TEST_F(CopyThread, RefusalsAnswerOneWithOrWithoutAThread)
-{
-    write_file(kWork + "/a", "A");
+    const std::string a = kWork + "/a";
+    write_file(a, "A");
+    write_file(kWork + "/rec.ts.xml", "x");  // a recording's companion without its main file
+    make_dirs(kWork + "/src");
+    make_dirs(kWork + "/dst");
+    Bytes sourceAlone(a.begin(), a.end());  // an old client's: no absolute destination, nothing runs
+    sourceAlone.push_back(0);
+    const struct {
+        Bytes req;
+        bool thread;
+        unsigned char result;
+    } rows[] = {
+        {request(a, kWork + "/b", cut_tail(0, 3)), false, 1},
+        {request(a, kWork + "/b", cut_tail(1)), true, 1},  // type 3: valid, refused by the thread
+        {request(a, kWork + "/b", {9}), true, 1},
+        {request(kWork + "/rec.ts", kWork + "/copy.ts", {1}), true, 1},  // no companion is tried
+        {sourceAlone, true, 255},
+        {request(kWork + "/src/", kWork + "/dst/"), true, 255},  // a tree's is CopyDir's low byte
+        {request(kWork + "/src/", kWork + "/new/"), true, 0},
+    };
     LogCapture log;
-    EventCapture events;
-    Copy(request(kWork + "/a", kWork + "/b", cut_tail(0, 3)));  // refused by Copy
-    EXPECT_EQ(copy_threads_alive(), 0);
-    EXPECT_EQ(CopyResults(events), std::vector<Bytes>{{1}});
-    Copy(request(kWork + "/a", kWork + "/b", cut_tail(1)));  // valid, refused by the thread
-    ASSERT_TRUE(WaitCopyEnd(events, 2));
-    Copy(request(kWork + "/a", kWork + "/b", {9}));
-    ASSERT_TRUE(WaitCopyEnd(events, 3));
-    EXPECT_EQ(CopyResults(events), (std::vector<Bytes>{{1}, {1}, {1}}));
+    for (const auto& row : rows) {
+        EventCapture events;
+        Copy(row.req);
+        EXPECT_TRUE(row.thread || copy_threads_alive() == 0);
+        ASSERT_TRUE(WaitCopyEnd(events));
+        EXPECT_EQ(CopyResults(events), std::vector<Bytes>{{row.result}}) << &row - rows;
+    }
     EXPECT_TRUE(log.has("***E: type: 3"));
     EXPECT_TRUE(log.has("***E: type: 9"));
     EXPECT_FALSE(exists(kWork + "/b"));
-}
-
-// An old client's request carries the source alone: the empty destination is
-// no absolute path, so nothing runs and the copy ends as a failed command.
-TEST_F(CopyThread, OldClientsSourceAloneEndsWithoutACopy)
-{
-    write_file(kWork + "/a", "A");
-    std::string src = kWork + "/a";
-    EventCapture events;
-    const auto* text = reinterpret_cast<const unsigned char*>(src.c_str());
-    theStorageManagerService.Copy(text, static_cast<int>(src.size() + 1));
-    ASSERT_TRUE(WaitCopyEnd(events));
-    EXPECT_EQ(CopyResults(events), std::vector<Bytes>{{255}});
+    EXPECT_FALSE(exists(kWork + "/copy.ts.xml"));
 }
 
 // Notes each copy result together with whether the copy thread still held
@@ -244,18 +239,6 @@ TEST_F(CopyThread, CancelReachesOnlyTheCopyThreadNotADirectCopy)
     EXPECT_EQ(direct.load(), 0);
     EXPECT_EQ(read_file(kWork + "/direct"), "xy");
     EXPECT_TRUE(events.events().empty());
-}
-
-TEST_F(CopyThread, TreeResultsAreTheLowByteOfCopyDir)
-{
-    make_dirs(kWork + "/src");
-    make_dirs(kWork + "/dst");
-    EventCapture events;
-    Copy(request(kWork + "/src/", kWork + "/dst/"));  // exists: -1
-    ASSERT_TRUE(WaitCopyEnd(events));
-    Copy(request(kWork + "/src/", kWork + "/new/"));  // empty source
-    ASSERT_TRUE(WaitCopyEnd(events, 2));
-    EXPECT_EQ(payloads(events.events(), LUM_TV_EVT_STORAGE_COPY), (std::vector<Bytes>{{255}, {0}}));
 }
 
 std::vector<int> g_child_results;

@@ -42,11 +42,6 @@ Bytes str(const std::string& t)  // a string value with its NUL
     b.push_back(0);
     return b;
 }
-Bytes be32(uint32_t v)
-{
-    return {static_cast<unsigned char>(v >> 24), static_cast<unsigned char>(v >> 16),
-            static_cast<unsigned char>(v >> 8), static_cast<unsigned char>(v)};
-}
 Bytes cat(std::initializer_list<Bytes> parts)
 {
     Bytes b;

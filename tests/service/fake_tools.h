@@ -8,9 +8,11 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <iterator>
 #include <string>
+#include <vector>
 #include <sys/stat.h>
 
 #include "test_support.h"
@@ -96,11 +98,21 @@ protected:
     {
         std::ofstream(std::string("/tmp/fake/") + tool + ".out", std::ios::binary) << text;
     }
-    static std::string calls()
+    static std::string calls() { return read_file("/tmp/fake/calls"); }
+    // The calls so far, one command line each, without the fakes' folder.
+    static std::vector<std::string> call_lines()
     {
-        std::ifstream in("/tmp/fake/calls");
-        return std::string(std::istreambuf_iterator<char>(in), {});
+        std::vector<std::string> out;
+        std::string all = calls();
+        for (size_t at = 0, end; (end = all.find('\n', at)) != std::string::npos; at = end + 1) {
+            std::string line = all.substr(at, end - at);
+            if (line.rfind("/tmp/fakebin/", 0) == 0)
+                line.erase(0, strlen("/tmp/fakebin/"));
+            out.push_back(line.substr(0, line.find_last_not_of(' ') + 1));
+        }
+        return out;
     }
     std::string oldPath;
+    Mounts mounts;  // a private /mnt for the volumes the fakes mount, when a test needs one
 };
 

@@ -31,55 +31,6 @@ namespace file_ops_test {
 // Every companion suffix of a recording, in no particular order.
 const std::vector<std::string> kAllCompanions = {".desc", ".idx", ".idx.desc", ".xml", ".xml.sig"};
 
-// A request for the hub, built field by field.
-class Request {
-public:
-    explicit Request(int word) { p.writeInt32(word); }
-    Request& s(const std::string& text)
-    {
-        p.writeCString(text.c_str());
-        return *this;
-    }
-    Request& i(int32_t v)
-    {
-        p.writeInt32(v);
-        return *this;
-    }
-    Request& b(bool v)
-    {
-        p.writeBool(v);
-        return *this;
-    }
-    Request& raw(const std::string& bytes)
-    {
-        p.write(bytes.data(), bytes.size());
-        return *this;
-    }
-    // The reply's bytes; invoke's result must be 0.
-    Bytes invoke()
-    {
-        android::Parcel reply;
-        p.setDataPosition(0);
-        EXPECT_EQ(StorageModuleHub::self()->invoke(p, &reply), 0);
-        return Bytes(reply.data(), reply.data() + reply.dataSize());
-    }
-    android::Parcel p;
-};
-
-// Little-endian int32s, as a Parcel holds them.
-inline Bytes le32(std::initializer_list<int32_t> values)
-{
-    Bytes out;
-    for (int32_t v : values) {
-        for (int k = 0; k < 4; ++k)
-            out.push_back(static_cast<unsigned char>(static_cast<uint32_t>(v) >> (8 * k)));
-    }
-    return out;
-}
-
-const Bytes kTrue = {1, 0, 0, 0};
-const Bytes kFalse = {0, 0, 0, 0};
-
 class FileOps : public ::testing::Test {
 protected:
     void SetUp() override
@@ -123,18 +74,7 @@ protected:
     }
     std::string content(const std::string& p) const { return read_file(full(p)); }
     mode_t mode_of(const std::string& p) const { return ::mode_of(full(p)); }
-    std::set<std::string> entries(const std::string& p) const
-    {
-        std::set<std::string> out;
-        DIR* d = opendir(full(p).c_str());
-        for (struct dirent* e; d != nullptr && (e = readdir(d)) != nullptr;) {
-            if (strcmp(e->d_name, ".") != 0 && strcmp(e->d_name, "..") != 0)
-                out.insert(e->d_name);
-        }
-        if (d != nullptr)
-            closedir(d);
-        return out;
-    }
+    std::set<std::string> entries(const std::string& p) const { return list_dir(full(p)); }
     // A main file and all five companions, each holding its own name.
     void recording(const std::string& p) const
     {

@@ -3,35 +3,12 @@
 #include "file_ops_fixture.h"
 
 #include <cerrno>
-#include <sys/mount.h>
 
 using namespace file_ops_test;
 
 namespace {
 
 const Bytes kOk = {0};
-
-// A small file system of its own inside the scratch folder, for failures the
-// tools cannot be talked into otherwise. Needs the private mount namespace.
-class SmallVolume {
-public:
-    SmallVolume(const std::string& dir, const char* options) : m_dir(dir)
-    {
-        mkdir(dir.c_str(), 0755);
-        m_mounted = g_isolated && mount("tmpfs", dir.c_str(), "tmpfs", 0, options) == 0;
-    }
-    ~SmallVolume()
-    {
-        if (m_mounted)
-            umount2(m_dir.c_str(), MNT_DETACH);
-    }
-    bool mounted() const { return m_mounted; }
-    bool read_only() { return mount(nullptr, m_dir.c_str(), nullptr, MS_REMOUNT | MS_RDONLY, nullptr) == 0; }
-
-private:
-    std::string m_dir;
-    bool m_mounted;
-};
 
 }  // namespace
 
@@ -204,12 +181,11 @@ TEST_F(FileOps, WriteFileWithoutDataOrIntoAMissingFolder)
 
 TEST_F(FileOps, WriteFileOnAVolumeThatRefuses)
 {
-    SmallVolume ro(at("ro"), "size=64k");
-    SmallVolume full(at("full"), "size=8k");
-    if (!ro.mounted() || !full.mounted())
+    Mounts small;  // for failures the tools cannot be talked into otherwise
+    if (!small.tmpfs(at("ro"), "size=64k") || !small.tmpfs(at("full"), "size=8k"))
         GTEST_SKIP() << "SKIPPED: needs the private mount namespace to mount small tmpfs volumes";
     put("ro/p", "kept", 0444);
-    ASSERT_TRUE(ro.read_only());
+    ASSERT_TRUE(small.read_only(at("ro")));
     EXPECT_TRUE(write_file("ro/p", "new"));  // chmod fails: still protected
     EXPECT_TRUE(log.has("***E: the file is protected"));
     EXPECT_EQ(content("ro/p"), "kept");

@@ -219,9 +219,8 @@ protected:
         FakeTools::SetUp();
         if (IsSkipped())
             return;
-        if (mount("lumformat", "/mnt", "tmpfs", 0, "mode=755") != 0)
+        if (!mounts.tmpfs("/mnt", "mode=755"))
             GTEST_SKIP() << "SKIPPED: no private /mnt";
-        mnt = true;
         write_fake_volume_tools();
         output("mount", "/dev/sdq1 on /mnt/pvr/shared/sdq1 type ext4 (rw)\n");
         output("blkid", "/dev/sdq1: LABEL=\"OLD\" UUID=\"1111-2222\" TYPE=\"ext4\"\n");
@@ -240,16 +239,8 @@ protected:
             lmdroid_set_log_threshold(threshold);
         remove("/tmp/fake/hold");
         eventually([] { return format_threads_alive() == 0; });
-        if (mnt)
-            umount2("/mnt", MNT_DETACH);
         FakeTools::TearDown();
     }
-    static std::string mounted()
-    {
-        std::ifstream in("/tmp/fake/mount.out");
-        return std::string(std::istreambuf_iterator<char>(in), {});
-    }
-    bool mnt = false;
     int threshold = 0;
 };
 
@@ -300,7 +291,7 @@ TEST_F(FormatRun, FormatThreadRefusesASecondRequestAndReportsLast)
     EXPECT_TRUE(log.has("Format: /dev/sdq1\n"));
     EXPECT_TRUE(log.has("Formatting: /dev/sdq1 ....\n"));
     EXPECT_TRUE(log.has("Device/Partiton: /dev/sdq1, size: 995 MB.\n"));
-    EXPECT_EQ(mounted(), "/dev/sdq1 on /mnt/pvr/shared/sdq1 type ext4 (rw)\n");
+    EXPECT_EQ(read_file("/tmp/fake/mount.out"), "/dev/sdq1 on /mnt/pvr/shared/sdq1 type ext4 (rw)\n");
 }
 
 // Refused names, with the fake tools in place so that a refusal that lets a

@@ -23,9 +23,6 @@ std::vector<unsigned char> bytes_of(const Parcel& p)
     return std::vector<unsigned char>(p.data(), p.data() + p.dataSize());
 }
 
-const std::vector<unsigned char> kFalse = {0, 0, 0, 0};
-const std::vector<unsigned char> kTrue = {1, 0, 0, 0};
-
 int invoke(int word, Parcel* reply, void (*more)(Parcel*) = nullptr, size_t* endPos = nullptr)
 {
     Parcel request;
@@ -38,20 +35,6 @@ int invoke(int word, Parcel* reply, void (*more)(Parcel*) = nullptr, size_t* end
         *endPos = request.dataPosition();
     return rc;
 }
-
-// A queue the tests read the posted records from, without a thread.
-class ProbeQueue : public CThreadObjectWithQueue {
-public:
-    void ProcessNorvMsg(CNorvMsg* msg) override
-    {
-        signals.push_back(msg->GetSignalName());
-        if (msg->GetSignalPtr() != nullptr)
-            records.push_back(*static_cast<StorageManagerAction_t*>(msg->GetSignalPtr()));
-        msg->FreeSignal();
-    }
-    std::vector<unsigned long> signals;
-    std::vector<StorageManagerAction_t> records;
-};
 
 }  // namespace
 
@@ -95,32 +78,19 @@ TEST(Hub, ConstantRowsAnswerFalseAndReadNothingMore)
 TEST(Hub, SizeLimitIsWrittenOnlyWhenRecordingIsOnAndTheValueIsNewAndLargeEnough)
 {
     REQUIRE_ISOLATION();
-    auto set = [](uint32_t size) {
-        Parcel request, reply;
-        request.writeInt32(STORAGE_SET_PVR_DEV_SIZE_LIMIT);
-        request.writeUint32(size);
-        request.setDataPosition(0);
-        EXPECT_EQ(StorageModuleHub::self()->invoke(request, &reply), 0);
-        EXPECT_EQ(reply.dataSize(), 0u);
-    };
-    auto get = []() {
-        Parcel reply;
-        invoke(STORAGE_GET_PVR_DEV_SIZE_LIMIT, &reply);
-        reply.setDataPosition(0);
-        EXPECT_EQ(reply.dataSize(), 4u);
-        return reply.readUint32();
-    };
+    auto set = [](int32_t size) { EXPECT_EQ(Request(STORAGE_SET_PVR_DEV_SIZE_LIMIT).i(size).invoke(), Bytes{}); };
+    auto get = []() { return Request(STORAGE_GET_PVR_DEV_SIZE_LIMIT).invoke(); };
     property_set("persist.pvr.rec.enable", "0");
     property_set("persist.pvr.tshift.enable", "0");
     property_set("persist.pvr.device_size_limit", "0");
     set(4000);
-    EXPECT_EQ(get(), 0u);  // neither recording nor timeshift
+    EXPECT_EQ(get(), le32({0}));  // neither recording nor timeshift
 
     property_set("persist.pvr.tshift.enable", "1");
     set(1799);
-    EXPECT_EQ(get(), 0u);
+    EXPECT_EQ(get(), le32({0}));
     set(1800);
-    EXPECT_EQ(get(), 1800u);
+    EXPECT_EQ(get(), le32({1800}));
     char value[PROPERTY_VALUE_MAX];
     property_get("persist.pvr.device_size_limit", value, "");
     EXPECT_STREQ(value, "1800");
@@ -133,11 +103,10 @@ TEST(Hub, SizeLimitIsWrittenOnlyWhenRecordingIsOnAndTheValueIsNewAndLargeEnough)
     EXPECT_EQ(before.st_ino, after.st_ino);
 
     set(70000);
-    EXPECT_EQ(get(), 70000u);
+    EXPECT_EQ(get(), le32({70000}));
     // A request without the number reads 0 and changes nothing.
-    Parcel reply;
-    invoke(STORAGE_SET_PVR_DEV_SIZE_LIMIT, &reply);
-    EXPECT_EQ(get(), 70000u);
+    EXPECT_EQ(Request(STORAGE_SET_PVR_DEV_SIZE_LIMIT).invoke(), Bytes{});
+    EXPECT_EQ(get(), le32({70000}));
 }
 
 TEST(Hub, PostedRowsAnswerQueuedAndTheServiceFreesTheRecordOnce)
@@ -147,17 +116,15 @@ TEST(Hub, PostedRowsAnswerQueuedAndTheServiceFreesTheRecordOnce)
     theStorageManagerService.m_hddState = HddUnknown;
     unsigned long freed = NorvMsgFreedPayloads();
 
-    Parcel reply;
-    EXPECT_EQ(invoke(STORAGE_START_HDD, &reply), 0);
-    EXPECT_EQ(bytes_of(reply), kTrue);
+    EXPECT_EQ(Request(STORAGE_START_HDD).invoke(), kTrue);
     EXPECT_EQ(NorvMsgFreedPayloads(), freed);  // in the queue, nobody freed it
     EXPECT_EQ(theStorageManagerService.ReadMsgsFromNonBlockingQueue(), 1);
     EXPECT_EQ(NorvMsgFreedPayloads(), freed + 1);
     EXPECT_EQ(theStorageManagerService.m_hddState.load(), HddNoHdd);
 
-    Parcel reply2;
-    invoke(STORAGE_SHUTDOWN, &reply2, [](Parcel* p) { p->writeChar(1); });
-    EXPECT_EQ(bytes_of(reply2), kTrue);
+    Request shutdown(STORAGE_SHUTDOWN);
+    shutdown.p.writeChar(1);
+    EXPECT_EQ(shutdown.invoke(), kTrue);
     theStorageManagerService.ReadMsgsFromNonBlockingQueue();
     EXPECT_EQ(theStorageManagerService.m_hddState.load(), HddOff);
     EXPECT_EQ(NorvMsgFreedPayloads(), freed + 2);
@@ -168,14 +135,9 @@ TEST(Hub, AFullQueueAnswersFalseAtOnceAndLosesNothing)
     REQUIRE_ISOLATION();
     ensure_service_queue();
     unsigned long freed = NorvMsgFreedPayloads();
-    for (int i = 0; i < MAX_STORAGE_QUEUE_SIZE; ++i) {
-        Parcel reply;
-        invoke(STORAGE_START_HDD, &reply);
-        EXPECT_EQ(bytes_of(reply), kTrue) << i;
-    }
-    Parcel reply;
-    invoke(STORAGE_START_HDD, &reply);
-    EXPECT_EQ(bytes_of(reply), kFalse);
+    for (int i = 0; i < MAX_STORAGE_QUEUE_SIZE; ++i)
+        EXPECT_EQ(Request(STORAGE_START_HDD).invoke(), kTrue) << i;
+    EXPECT_EQ(Request(STORAGE_START_HDD).invoke(), kFalse);
     EXPECT_EQ(NorvMsgFreedPayloads(), freed + 1);  // the refused record
     EXPECT_EQ(theStorageManagerService.ReadMsgsFromNonBlockingQueue(), MAX_STORAGE_QUEUE_SIZE);
     EXPECT_EQ(NorvMsgFreedPayloads(), freed + 1 + MAX_STORAGE_QUEUE_SIZE);
@@ -190,22 +152,12 @@ protected:
         ASSERT_EQ(probe.Init("/lumtest_probe", 10, 0, false), 0);
     }
 
-    // Posts request through row with a fresh record, as the hub does; the
-    // record is freed here when the post leaves it to the caller, which
-    // recordLeft tells.
     bool Post(const SCmdRow& row, Parcel& request, bool* recordLeft = nullptr)
     {
-        auto* record = static_cast<StorageManagerAction_t*>(calloc(1, sizeof(StorageManagerAction_t)));
-        bool bFree = true;
-        bool posted = post_cmd_row(row, request, record, &bFree, probe);
-        if (bFree)
-            free(record);
-        if (recordLeft != nullptr)
-            *recordLeft = bFree;
-        return posted;
+        return post_row(row, request, probe, recordLeft);
     }
 
-    ProbeQueue probe;
+    PostProbe probe;
 };
 
 TEST_F(PostRow, FieldsLandInTheirPlaces)
@@ -224,8 +176,8 @@ TEST_F(PostRow, FieldsLandInTheirPlaces)
     EXPECT_TRUE(Post(row, request, &left));
     EXPECT_FALSE(left);
     ASSERT_EQ(probe.ReadMsgsFromNonBlockingQueue(), 1);
-    ASSERT_EQ(probe.records.size(), 1u);
-    const StorageManagerAction_t& r = probe.records[0];
+    ASSERT_EQ(probe.posted.size(), 1u);
+    const StorageManagerAction_t& r = probe.posted[0].record;
     EXPECT_EQ(std::string(reinterpret_cast<const char*>(r.buf1)), text99);
     EXPECT_EQ(r.buf1[99], 0);
     EXPECT_STREQ(reinterpret_cast<const char*>(r.buf2), "second");
@@ -233,7 +185,7 @@ TEST_F(PostRow, FieldsLandInTheirPlaces)
     EXPECT_TRUE(r.boolValue1);
     EXPECT_FALSE(r.boolValue2);
     EXPECT_EQ(r.ushortValue1, 0x6789);
-    EXPECT_EQ(probe.signals[0], static_cast<unsigned long>(SIG_ID_STORAGE_COPY));
+    EXPECT_EQ(probe.posted[0].signal, static_cast<unsigned long>(SIG_ID_STORAGE_COPY));
 }
 
 TEST_F(PostRow, TagsWrapAt16BitsAndCharsGoToTheFirstByte)
@@ -251,10 +203,10 @@ TEST_F(PostRow, TagsWrapAt16BitsAndCharsGoToTheFirstByte)
     EXPECT_TRUE(Post(tagRow, a));
     EXPECT_TRUE(Post(charRow, b));
     ASSERT_EQ(probe.ReadMsgsFromNonBlockingQueue(), 2);
-    EXPECT_EQ(probe.records[0].ushortValue1, 0);
-    EXPECT_EQ(probe.records[0].intValue1, 20);
-    EXPECT_EQ(probe.records[1].buf1[0], 1);
-    EXPECT_EQ(probe.records[1].buf1[1], 0);
+    EXPECT_EQ(probe.posted[0].record.ushortValue1, 0);
+    EXPECT_EQ(probe.posted[0].record.intValue1, 20);
+    EXPECT_EQ(probe.posted[1].record.buf1[0], 1);
+    EXPECT_EQ(probe.posted[1].record.buf1[1], 0);
 }
 
 TEST_F(PostRow, ListingFlagsTravelBehindThePathAndLenNeverReachesFurther)
@@ -282,7 +234,9 @@ TEST_F(PostRow, ListingFlagsTravelBehindThePathAndLenNeverReachesFurther)
     EXPECT_TRUE(post(path98 + "q", 100, nullptr));
 
     ASSERT_EQ(probe.ReadMsgsFromNonBlockingQueue(), 4);
-    const auto& r = probe.records;
+    std::vector<StorageManagerAction_t> r;
+    for (const Posted& p : probe.posted)
+        r.push_back(p.record);
     EXPECT_EQ(r[0].intValue1, 22);
     EXPECT_EQ(r[0].buf1[22], 0);
     EXPECT_EQ(r[0].ushortValue1, 7);
@@ -325,7 +279,7 @@ TEST_F(PostRow, MissingOrOversizedTextsPostNothingAndLeaveTheRecordToTheHub)
 
 TEST(PostRowWithoutQueue, RecordIsStillReleasedOnce)
 {
-    ProbeQueue never;  // Init never called
+    PostProbe never;  // Init never called
     const SCmdRow row = {7, CMD_ROAD_POST, SIG_ID_STORAGE_MOUNT, "1", 0, nullptr, nullptr};
     Parcel request;
     request.writeCString("/dev/sdb1");

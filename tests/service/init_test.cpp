@@ -7,8 +7,6 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
-#include <binder/Parcel.h>
-
 #include "StorageManagerService.h"
 #include "StorageModuleCmd.h"
 #include "StorageModuleHub.h"
@@ -17,15 +15,7 @@
 
 namespace {
 
-bool post_start_hdd()
-{
-    android::Parcel request, reply;
-    request.writeInt32(STORAGE_START_HDD);
-    request.setDataPosition(0);
-    StorageModuleHub::self()->invoke(request, &reply);
-    reply.setDataPosition(0);
-    return reply.readBool();
-}
+bool post_start_hdd() { return Request(STORAGE_START_HDD).invoke() == kTrue; }
 
 bool wait_for_state(HddState want)
 {

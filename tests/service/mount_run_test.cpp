@@ -7,7 +7,7 @@
 #include <cstdio>
 #include <cstring>
 #include <fstream>
-#include <sys/mount.h>
+#include <algorithm>
 
 #include "StorageManagerService.h"
 #include "fake_tools.h"
@@ -21,32 +21,26 @@ protected:
         FakeTools::SetUp();
         if (IsSkipped() || HasFatalFailure())
             return;
-        ASSERT_EQ(0, mount("lummnt", "/mnt", "tmpfs", 0, "mode=755"));
-        mounted = true;
+        ASSERT_TRUE(mounts.tmpfs("/mnt", "mode=755"));
     }
     void TearDown() override
     {
         // Fakes of these tests alone: later tests in this process find the real tools.
         remove("/tmp/fakebin/mkdir");
         remove("/tmp/fakebin/umount");
-        if (mounted)
-            umount2("/mnt", MNT_DETACH);
         FakeTools::TearDown();
     }
     // The mount commands of the calls so far, one "DEVICE DIR" a line.
-    static std::string Mounts()
+    static std::string MountLines()
     {
         std::string out;
-        std::string all = calls();
-        for (size_t at = 0, end; (end = all.find('\n', at)) != std::string::npos; at = end + 1) {
-            std::string line = all.substr(at, end - at);
+        for (const std::string& line : call_lines()) {
             size_t dev = line.find(" /dev/sd");
-            if (line.find("mount -t ") != std::string::npos && dev != std::string::npos)
+            if (line.rfind("mount -t ", 0) == 0 && dev != std::string::npos)
                 out += line.substr(dev + 1) + "\n";
         }
         return out;
     }
-    bool mounted = false;
 };
 
 }  // namespace
@@ -62,11 +56,11 @@ TEST_F(MountRun, AVolumeOffLineForAFormatIsLeftAloneUntilTheFormatBringsItBack)
     // A plug-in's run, and a client's request naming the volume.
     EXPECT_EQ(1, service.MountUsbDevices(nullptr));
     EXPECT_EQ(1, service.MountUsbDevices("sdc1"));
-    EXPECT_EQ(Mounts(), "/dev/sdb1 /mnt/pvr/shared/sdb1\n/dev/sdb1 /mnt/pvr/shared/sdb1\n");
+    EXPECT_EQ(MountLines(), "/dev/sdb1 /mnt/pvr/shared/sdb1\n/dev/sdb1 /mnt/pvr/shared/sdb1\n");
     // The format's own run brings it back (the fake mount lists nothing, so
     // sdb1 is mounted again too).
     EXPECT_EQ(2, service.BringOnline("/dev/sdc1"));
-    EXPECT_NE(std::string::npos, Mounts().find("/dev/sdc1 /mnt/pvr/shared/sdc1\n")) << Mounts();
+    EXPECT_NE(std::string::npos, MountLines().find("/dev/sdc1 /mnt/pvr/shared/sdc1\n")) << MountLines();
     EXPECT_TRUE(service.m_OfflineVolume.empty());
 }
 
@@ -88,15 +82,9 @@ TEST_F(MountRun, OneStickRunsItsCommandLinesInOrder)
         "blkid -d",
         "mount",
     };
-    std::vector<std::string> got;
-    std::string all = calls();
-    for (size_t at = 0, end; got.size() < want.size() && (end = all.find('\n', at)) != std::string::npos;
-         at = end + 1)
-    {
-        std::string line = all.substr(at + strlen("/tmp/fakebin/"), end - at - strlen("/tmp/fakebin/"));
-        got.push_back(line.substr(0, line.find_last_not_of(' ') + 1));
-    }
-    EXPECT_EQ(got, want) << all;
+    std::vector<std::string> got = call_lines();
+    got.resize(std::min(got.size(), want.size()));
+    EXPECT_EQ(got, want) << calls();
 }
 
 TEST_F(MountRun, UnmountThatFailsIsTriedTwice2sApartInEachOfTwoPasses)

@@ -8,11 +8,9 @@
 #include <cerrno>
 #include <cstdlib>
 #include <ctime>
-#include <dirent.h>
 #include <fstream>
 #include <iconv.h>
 #include <string>
-#include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <utility>
@@ -73,20 +71,7 @@ time_t local_new_year(int year, int hour, int minute)
     return mktime(&t);
 }
 
-std::vector<std::string> placeholders()
-{
-    std::vector<std::string> names;
-    DIR* dir = opendir(M3U_TEMP_DIR);
-    if (dir == nullptr)
-        return names;
-    while (struct dirent* d = readdir(dir)) {
-        std::string name(d->d_name);
-        if (name != "." && name != "..")
-            names.push_back(name);
-    }
-    closedir(dir);
-    return names;
-}
+std::set<std::string> placeholders() { return list_dir(M3U_TEMP_DIR); }
 
 class Playlist : public ::testing::Test {
 protected:
@@ -316,18 +301,14 @@ TEST_F(Playlist, NoRoomForAPlaceholderGivesFalse)
 {
     // A tmpfs of four inodes on /tmp/m3u/: its root and three placeholders.
     // rm -rf empties the mount point and mkdir -p finds it there.
-    ASSERT_TRUE(mkdir(M3U_TEMP_DIR, 0755) == 0 || errno == EEXIST);
-    if (mount("lumm3u", M3U_TEMP_DIR, "tmpfs", 0, "nr_inodes=4") != 0)
+    Mounts tiny;
+    if (!tiny.tmpfs(M3U_TEMP_DIR, "nr_inodes=4"))
         GTEST_SKIP() << "SKIPPED: no tmpfs could be mounted on " M3U_TEMP_DIR;
     LogCapture log;
-    std::string path = write("full.m3u", "a.mp3\nb.mp3\nc.mp3\nd.mp3\ne.mp3\n");
-    bool ok = expand(path);
-    std::vector<Entry> made = entries();
-    umount(M3U_TEMP_DIR);
-    EXPECT_FALSE(ok);
+    EXPECT_FALSE(expand(write("full.m3u", "a.mp3\nb.mp3\nc.mp3\nd.mp3\ne.mp3\n")));
     EXPECT_TRUE(log.has("CFilesystemDrv::ExtractPlaylistToTempDir(): OpenTempFile failed"));
     // What was made before stays.
-    EXPECT_EQ(made, (Entries{{dir + "a.mp3", "a.mp3", 0}, {dir + "b.mp3", "b.mp3", 0}, {dir + "c.mp3", "c.mp3", 0}}));
+    EXPECT_EQ(entries(), (Entries{{dir + "a.mp3", "a.mp3", 0}, {dir + "b.mp3", "b.mp3", 0}, {dir + "c.mp3", "c.mp3", 0}}));
 }
 
 }  // namespace

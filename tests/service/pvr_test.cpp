@@ -59,21 +59,12 @@ protected:
         if (mount[0] != '\0')
             mkdir(mount, 0755);
     }
-    static bool exists(const std::string& path)
-    {
-        struct stat st;
-        return stat(path.c_str(), &st) == 0;
-    }
     static int identity_files(const char* dir)
     {
-        std::string out;
-        FILE* p = popen((std::string("ls -a ") + dir + " | grep -c '\\.ide$'").c_str(), "r");
-        char buf[32] = {0};
-        if (p != nullptr) {
-            fgets(buf, sizeof(buf), p);
-            pclose(p);
-        }
-        return atoi(buf);
+        int n = 0;
+        for (const std::string& name : list_dir(dir))
+            n += name.size() > 4 && name.compare(name.size() - 4, 4, ".ide") == 0 ? 1 : 0;
+        return n;
     }
 };
 

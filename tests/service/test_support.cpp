@@ -151,15 +151,69 @@ void make_dirs(const std::string& path)
     ASSERT_EQ(system(("mkdir -p '" + path + "'").c_str()), 0) << path;
 }
 
-size_t count_entries(const char* dir)
+std::set<std::string> list_dir(const std::string& dir)
 {
-    size_t n = 0;
-    DIR* d = opendir(dir);
-    for (struct dirent* e; d != nullptr && (e = readdir(d)) != nullptr;)
-        n += strcmp(e->d_name, ".") != 0 && strcmp(e->d_name, "..") != 0;
+    std::set<std::string> out;
+    DIR* d = opendir(dir.c_str());
+    for (struct dirent* e; d != nullptr && (e = readdir(d)) != nullptr;) {
+        if (strcmp(e->d_name, ".") != 0 && strcmp(e->d_name, "..") != 0)
+            out.insert(e->d_name);
+    }
     if (d != nullptr)
         closedir(d);
-    return n;
+    return out;
+}
+
+Mounts::~Mounts()
+{
+    for (auto it = m_points.rbegin(); it != m_points.rend(); ++it)
+        umount2(it->c_str(), MNT_DETACH);
+}
+
+bool Mounts::tmpfs(const std::string& dir, const std::string& options)
+{
+    mkdir(dir.c_str(), 0755);
+    if (!g_isolated || mount("lumtest", dir.c_str(), "tmpfs", 0, options.c_str()) != 0)
+        return false;
+    m_points.push_back(dir);
+    return true;
+}
+
+bool Mounts::bind(const std::string& from, const std::string& onto)
+{
+    if (!g_isolated || mount(from.c_str(), onto.c_str(), nullptr, MS_BIND, nullptr) != 0)
+        return false;
+    m_points.push_back(onto);
+    return true;
+}
+
+bool Mounts::read_only(const std::string& dir)
+{
+    return mount(nullptr, dir.c_str(), nullptr, MS_REMOUNT | MS_RDONLY, nullptr) == 0;
+}
+
+void PostProbe::ProcessNorvMsg(CNorvMsg* msg)
+{
+    Posted p{msg->GetSignalName(), {}, {}};
+    const auto* bytes = static_cast<const unsigned char*>(msg->GetSignalPtr());
+    if (bytes != nullptr) {
+        memcpy(&p.record, bytes, sizeof(p.record));
+        p.tail.assign(bytes + sizeof(p.record), bytes + msg->GetSignalSize());
+    }
+    posted.push_back(p);
+    msg->FreeSignal();
+}
+
+bool post_row(const SCmdRow& row, const android::Parcel& request, PostProbe& probe, bool* recordLeft)
+{
+    auto* record = static_cast<StorageManagerAction_t*>(calloc(1, sizeof(StorageManagerAction_t)));
+    bool bFree = true;
+    bool posted = post_cmd_row(row, request, record, &bFree, probe);
+    if (bFree)
+        free(record);
+    if (recordLeft != nullptr)
+        *recordLeft = bFree;
+    return posted;
 }
 
 std::vector<Bytes> payloads(const std::vector<Event>& all, int id)

@@ -2,12 +2,21 @@
 // namespaces the process runs in, files, and signals for the service.
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <cstdint>
 #include <mutex>
+#include <set>
 #include <string>
 #include <sys/types.h>
 #include <unistd.h>
 #include <vector>
+
+#include <binder/Parcel.h>
+
+#include "StorageCmdTable.h"
+#include "StorageManagerService.h"
+#include "StorageModuleHub.h"
 
 // True when main() gave the process its own IPC namespace (so the service's
 // system-wide queue name is ours) and its own /tmp.
@@ -89,8 +98,95 @@ std::string read_file(const std::string& path);
 bool exists(const std::string& path);  // lstat: a dangling link exists
 mode_t mode_of(const std::string& path);
 void make_dirs(const std::string& path);
-// Entries of dir but "." and "..".
-size_t count_entries(const char* dir);
+// The names in dir but "." and ".." (none when it cannot be read).
+std::set<std::string> list_dir(const std::string& dir);
+
+// Mounts a test makes in its private mount namespace, taken off again in
+// reverse order when it goes. Each call answers false when the mount fails.
+class Mounts {
+public:
+    ~Mounts();
+    bool tmpfs(const std::string& dir, const std::string& options);  // makes dir
+    bool bind(const std::string& from, const std::string& onto);
+    bool read_only(const std::string& dir);
+
+private:
+    std::vector<std::string> m_points;
+};
+
+// A request for the hub, built field by field.
+class Request {
+public:
+    explicit Request(int word) { p.writeInt32(word); }
+    Request& s(const std::string& text)
+    {
+        p.writeCString(text.c_str());
+        return *this;
+    }
+    Request& i(int32_t v)
+    {
+        p.writeInt32(v);
+        return *this;
+    }
+    Request& b(bool v)
+    {
+        p.writeBool(v);
+        return *this;
+    }
+    Request& raw(const std::string& bytes)
+    {
+        p.write(bytes.data(), bytes.size());
+        return *this;
+    }
+    // The reply's bytes; invoke's result must be 0.
+    Bytes invoke()
+    {
+        android::Parcel reply;
+        p.setDataPosition(0);
+        EXPECT_EQ(StorageModuleHub::self()->invoke(p, &reply), 0);
+        return Bytes(reply.data(), reply.data() + reply.dataSize());
+    }
+    android::Parcel p;
+};
+
+// Little-endian int32s, as a Parcel holds them.
+inline Bytes le32(std::initializer_list<int32_t> values)
+{
+    Bytes out;
+    for (int32_t v : values) {
+        for (int k = 0; k < 4; ++k)
+            out.push_back(static_cast<unsigned char>(static_cast<uint32_t>(v) >> (8 * k)));
+    }
+    return out;
+}
+
+// Big-endian, as the service's own tables carry numbers.
+inline Bytes be32(uint32_t v)
+{
+    return {static_cast<unsigned char>(v >> 24), static_cast<unsigned char>(v >> 16),
+            static_cast<unsigned char>(v >> 8), static_cast<unsigned char>(v)};
+}
+
+// The hub's bool replies.
+const Bytes kTrue = {1, 0, 0, 0};
+const Bytes kFalse = {0, 0, 0, 0};
+
+// A queue the tests read what the hub's rows posted from, without a thread:
+// the signal, the record, and the bytes a post put behind the record.
+struct Posted {
+    unsigned long signal;
+    StorageManagerAction_t record;
+    Bytes tail;
+};
+class PostProbe : public CThreadObjectWithQueue {
+public:
+    void ProcessNorvMsg(CNorvMsg* msg) override;
+    std::vector<Posted> posted;
+};
+// Posts request (read from its current position) through row into probe
+// with a fresh record, as the hub does; frees the record when the post leaves
+// it to the caller, which recordLeft tells.
+bool post_row(const SCmdRow& row, const android::Parcel& request, PostProbe& probe, bool* recordLeft = nullptr);
 
 // The payloads of one event id, in order.
 std::vector<Bytes> payloads(const std::vector<Event>& all, int id);

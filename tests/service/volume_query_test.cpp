@@ -31,12 +31,6 @@ protected:
     }
 };
 
-std::vector<unsigned char> be32(uint32_t v)
-{
-    return {static_cast<unsigned char>(v >> 24), static_cast<unsigned char>(v >> 16),
-            static_cast<unsigned char>(v >> 8), static_cast<unsigned char>(v)};
-}
-
 }  // namespace
 
 TEST_F(VolumeQuery, DfLinesMatchTheWholeDeviceNameOnly)
