@@ -114,10 +114,12 @@ TEST_F(Timers, FullQueueIsRetriedUntilThereIsRoomOrTheTimerStops)
 
 TEST_F(Timers, DestroyedArmedTimerNeverFires)
 {
+    // Due in 300 ms, so that the timer is destroyed before it is due even
+    // on a loaded machine or under emulation; it would have fired by 400.
     std::unique_ptr<TimeOutTimer> t(new TimeOutTimer(0, 0, -1, 0));
-    ASSERT_EQ(0, t->StartTimer(10, 11, m_Queue.GetHandle(), 0));
+    ASSERT_EQ(0, t->StartTimer(300, 11, m_Queue.GetHandle(), 0));
     t.reset();
-    Sleep(60);
+    Sleep(400);
     EXPECT_EQ(0, m_Queue.Count());
 }
 
