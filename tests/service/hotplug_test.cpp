@@ -101,14 +101,21 @@ protected:
         watcher.RegisterCallbackQueue(probe.GetQueueHandle(), 0, 0, 0);
         ASSERT_EQ(watcher.StartThread("CHotPlug", 0, 0), 0);
         ASSERT_TRUE(tx.ok());
-        for (int attempt = 0; attempt < 200 && probe.signals.empty(); ++attempt) {
-            tx.send(kDiskAdd);
+        // Plug-ins numbered until one is heard (those sent before the
+        // watcher's socket existed are lost).
+        LogCapture heard;
+        int sent = 0;
+        for (; sent < 200 && probe.signals.empty(); ++sent) {
+            const std::string seq = "SEQNUM=" + std::to_string(sent);
+            tx.send(uevent(std::string("add@") + kUsbDisk, {"ACTION=add", "SUBSYSTEM=block", "DEVTYPE=disk", seq.c_str()}));
             std::this_thread::sleep_for(std::chrono::milliseconds(20));
             probe.ReadMsgsFromNonBlockingQueue();
         }
         ASSERT_FALSE(probe.signals.empty()) << "no plug-in arrived";
-        // Plug-ins of the attempts that were still on their way.
-        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        // The watcher hears in order and logs an event once its run is
+        // queued: when the last attempt is logged, none is on its way.
+        const std::string last = "SEQNUM=" + std::to_string(sent - 1);
+        ASSERT_TRUE(eventually([&] { return heard.has(last); })) << "attempt " << sent - 1 << " never heard";
         probe.ReadMsgsFromNonBlockingQueue();
         probe.signals.clear();
     }
