@@ -112,34 +112,6 @@ protected:
     }
 };
 
-TEST_F(CopyThread, PlainFileCopySendsOneEventAndTheThreadEnds)
-{
-    write_file(kWork + "/a", "A");
-    EventCapture events;
-    Copy(request(kWork + "/a", kWork + "/b"));
-    ASSERT_TRUE(WaitCopyEnd(events));
-    EXPECT_EQ(CopyResults(events), std::vector<Bytes>{{0}});
-    EXPECT_EQ(read_file(kWork + "/b"), "A");
-}
-
-TEST_F(CopyThread, RecordingCopiesItsCompanionsButNotTheSignature)
-{
-    std::string src = kWork + "/rec.ts";
-    for (const char* s : {"", ".desc", ".idx", ".xml", ".xml.sig"})  // no ".idx.desc"
-        write_file(src + s, std::string("c") + s);
-    for (unsigned char type : {1, 2}) {
-        std::string dst = kWork + "/copy" + std::to_string(type) + ".ts";
-        EventCapture events;
-        Copy(request(src, dst, {type}));
-        ASSERT_TRUE(WaitCopyEnd(events));
-        EXPECT_EQ(CopyResults(events), std::vector<Bytes>{{0}});
-        for (const char* s : {"", ".desc", ".idx", ".xml"})
-            EXPECT_EQ(read_file(dst + s), std::string("c") + s) << s;
-        EXPECT_FALSE(exists(dst + ".idx.desc"));
-        EXPECT_FALSE(exists(dst + ".xml.sig"));
-    }
-}
-
 TEST_F(CopyThread, ResultBytesOfRefusedAndFailedCopies)
 {
     const std::string a = kWork + "/a";

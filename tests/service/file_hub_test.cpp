@@ -39,20 +39,6 @@ TEST_F(FileOps, HubDeleteFileWithoutLenOrPath)
     EXPECT_EQ(results(LUM_TV_EVT_STORAGE_DELETE_FILE), (Bytes{1, 1, 1, 1, 1}));
 }
 
-TEST_F(FileOps, HubDeleteDirAndCreateDir)
-{
-    std::string p = at("x/y");
-    EXPECT_EQ(Request(STORAGE_CREATE_DIR).s(p).i(static_cast<int32_t>(p.size() + 1)).invoke(), kTrue);
-    EXPECT_TRUE(is_dir("x/y"));
-    EXPECT_EQ(Request(STORAGE_CREATE_DIR).invoke(), kFalse);
-    EXPECT_EQ(Request(STORAGE_DELETE_DIR).s(at("x")).i(1).i(30).invoke(), kFalse);  // not empty
-    EXPECT_EQ(Request(STORAGE_DELETE_DIR).s(at("x")).i(2).i(30).invoke(), kTrue);
-    EXPECT_FALSE(exists("x"));
-    EXPECT_EQ(Request(STORAGE_DELETE_DIR).i(2).i(30).invoke(), kFalse);
-    EXPECT_EQ(results(LUM_TV_EVT_STORAGE_CREATE_DIR), (Bytes{0, 1}));
-    EXPECT_EQ(results(LUM_TV_EVT_STORAGE_DELETE_DIR), (Bytes{2, 0, 1}));
-}
-
 TEST_F(FileOps, HubRenamePacksBothPathsIntoFiveHundredTwelveBytes)
 {
     recording("a.ts");
@@ -61,16 +47,7 @@ TEST_F(FileOps, HubRenamePacksBothPathsIntoFiveHundredTwelveBytes)
     EXPECT_EQ(Request(STORAGE_RENAME_FILE).s(at("b.ts")).s(at("c.ts")).b(false).invoke(), kTrue);
     EXPECT_TRUE(exists("c.ts") && exists("b.ts.desc"));
 
-    // The mv line of 510 characters runs, one of 511 does not.
-    std::string src = at(std::string(249 - base.size() - 1, 's'));
-    std::string dst = at(std::string(250 - base.size() - 1, 'd'));
-    put(src, "long");
-    EXPECT_EQ(Request(STORAGE_RENAME_FILE).s(src).s(dst).b(false).invoke(), kTrue);
-    EXPECT_EQ(content(dst), "long");
-    EXPECT_EQ(Request(STORAGE_RENAME_FILE).s(dst).s(dst + "x").b(false).invoke(), kFalse);
-    EXPECT_TRUE(log.has("the names do not fit a command line, nothing renamed"));
-    EXPECT_TRUE(exists(dst));
-
+    std::string dst = at("c.ts");
     // strlen + strlen + 3 = 512 fits the packed buffer: both paths arrive whole.
     std::string longSrc = at(std::string(254 - base.size() - 1, 'S'));
     std::string longDst = at(std::string(255 - base.size() - 1, 'D'));
@@ -86,7 +63,7 @@ TEST_F(FileOps, HubRenamePacksBothPathsIntoFiveHundredTwelveBytes)
     EXPECT_EQ(Request(STORAGE_RENAME_FILE).invoke(), kFalse);
     EXPECT_EQ(log.count("a text is missing"), 2);
     EXPECT_TRUE(exists(dst));
-    EXPECT_EQ(results(LUM_TV_EVT_STORAGE_RENAME_FILE), (Bytes{0, 0, 0, 3, 3, 3, 3, 3}));
+    EXPECT_EQ(results(LUM_TV_EVT_STORAGE_RENAME_FILE), (Bytes{0, 0, 3, 3, 3, 3}));
 }
 
 TEST_F(FileOps, HubWriteFileCountsTheDataAlone)
@@ -106,12 +83,11 @@ TEST_F(FileOps, HubWriteFileWithSizesThatDoNotMatchWhatArrived)
     EXPECT_EQ(Request(STORAGE_WRITE_FILE).s(p).i(0).invoke(), kTrue);
     EXPECT_EQ(Request(STORAGE_WRITE_FILE).s(p).i(-1).raw("abcd").invoke(), kTrue);
     EXPECT_EQ(Request(STORAGE_WRITE_FILE).s(p).i(100).raw("only ten b").invoke(), kTrue);
-    EXPECT_EQ(Request(STORAGE_WRITE_FILE).s(p).i(INT32_MAX).raw("abcd").invoke(), kTrue);
     EXPECT_EQ(Request(STORAGE_WRITE_FILE).s(p).i(5).raw("abcd").invoke(), kTrue);  // 5 bytes need 8 in the Parcel
     EXPECT_FALSE(exists("w"));
-    EXPECT_EQ(log.count("raw bytes announced"), 4);
+    EXPECT_EQ(log.count("raw bytes announced"), 3);
     EXPECT_EQ(Request(STORAGE_WRITE_FILE).invoke(), kFalse);
-    EXPECT_EQ(results(LUM_TV_EVT_STORAGE_WRITE_FILE), (Bytes{1, 1, 1, 1, 1, 1}));
+    EXPECT_EQ(results(LUM_TV_EVT_STORAGE_WRITE_FILE), (Bytes{1, 1, 1, 1, 1}));
 }
 
 TEST_F(FileOps, HubWriteFileAboveSixtyFourMebibytesIsAFailedAllocation)

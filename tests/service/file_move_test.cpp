@@ -127,19 +127,6 @@ TEST_F(FileMove, CopyWayAcrossFileSystemsTakesTheCompanionsInTheirOrder)
     ExpectGone(src);
 }
 
-TEST_F(FileMove, ProtectedDestinationSurvivesAFailedMove)
-{
-    REQUIRE_MOUNT(kWork + "/other");
-    write_file(kWork + "/a.ts", "new");
-    write_file(kWork + "/other/a.ts", "precious", 0444);
-    Bytes event;
-    EXPECT_FALSE(Move(kWork + "/a.ts", kWork + "/other/a.ts", true, &event));
-    EXPECT_EQ(event, Bytes{3});
-    EXPECT_EQ(read_file(kWork + "/other/a.ts"), "precious");
-    EXPECT_EQ(mode_of(kWork + "/other/a.ts"), 0444u);
-    EXPECT_EQ(read_file(kWork + "/a.ts"), "new");
-}
-
 TEST_F(FileMove, ExistingDestinationIsReplacedOnlyByAWholeCopy)
 {
     // A copy truncates what it writes onto; the old file must come back whole
@@ -255,30 +242,6 @@ TEST_F(FileMove, WhatATreeCopyLeavesOutStaysInTheSource)
     EXPECT_TRUE(exists(kWork + "/src/sub/link"));
     EXPECT_EQ(read_file(deep + "/" + std::string(60, 'l')), "long");
     EXPECT_TRUE(log.has("keeps what could not be copied"));
-}
-
-TEST_F(FileMove, TreeIntoItselfIsRefusedAndNothingIsRemoved)
-{
-    make_dirs(kWork + "/src/m");
-    write_file(kWork + "/src/f", "f");
-    REQUIRE_MOUNT(kWork + "/src/m");
-    // rename refuses with EXDEV here, and a copy would walk into itself.
-    EXPECT_FALSE(Move(kWork + "/src/", kWork + "/src/m/x", false));
-    EXPECT_EQ(read_file(kWork + "/src/f"), "f");
-    EXPECT_FALSE(exists(kWork + "/src/m/x"));
-}
-
-TEST_F(FileMove, RequestWithoutTerminatorsFails)
-{
-    unsigned char buf[PATH_PAIR_BUF_LEN];
-    memset(buf, 'x', sizeof(buf));
-    EventCapture events;
-    LogCapture log;
-    EXPECT_FALSE(theStorageManagerService.Move(buf, PATH_PAIR_BUF_LEN));
-    buf[300] = 0;  // a source, but no terminated destination
-    EXPECT_FALSE(theStorageManagerService.Move(buf, PATH_PAIR_BUF_LEN));
-    EXPECT_EQ(payloads(events.events(), LUM_TV_EVT_STORAGE_MOVE_FILE), (std::vector<Bytes>{{3}, {3}}));
-    EXPECT_EQ(log.count("not terminated"), 2);
 }
 
 }  // namespace

@@ -48,28 +48,6 @@ TEST_F(FileOps, DeleteFileWithTheFlagRemovesTheCompanionsInOrderAndKeepsTheSigna
     EXPECT_FALSE(exists("high.ts.desc"));
 }
 
-TEST_F(FileOps, DeleteFileOfARecordingWithOnlyAnIndex)
-{
-    put("rec.ts", "main");
-    put("rec.ts.idx", "index");
-    put("other.ts.desc", "not ours");
-    EXPECT_TRUE(delete_file("rec.ts", 1));
-    EXPECT_EQ(results(LUM_TV_EVT_STORAGE_DELETE_FILE), kOk);
-    EXPECT_EQ(entries("."), (std::set<std::string>{"cwd", "other.ts.desc"}));
-}
-
-TEST_F(FileOps, DeleteFileRefusesAProtectedFileWhateverTheFlag)
-{
-    recording("rec.ts");
-    ASSERT_EQ(chmod(at("rec.ts").c_str(), 0444), 0);
-    EXPECT_FALSE(delete_file("rec.ts", 0));
-    EXPECT_FALSE(delete_file("rec.ts", 1));
-    EXPECT_EQ(results(LUM_TV_EVT_STORAGE_DELETE_FILE), (Bytes{2, 2}));
-    EXPECT_EQ(log.count("***E: the file is protected"), 2);
-    EXPECT_TRUE(runs().empty());
-    EXPECT_EQ(entries(".").size(), 7u);  // all six files and cwd
-}
-
 TEST_F(FileOps, DeleteFileFailuresAndShortInput)
 {
     recording("gone.ts");
@@ -182,24 +160,6 @@ TEST_F(FileOps, CreateDirFailuresAndAClockThatIsNotSet)
     EXPECT_EQ(results(LUM_TV_EVT_STORAGE_CREATE_DIR), (Bytes{1, 2, 0}));
 }
 
-TEST_F(FileOps, SetProtectedThenDeleteFile)
-{
-    put("rec.ts", "x");
-    set_protected("rec.ts", 2);
-    EXPECT_EQ(mode_of("rec.ts") & 0222, 0u);
-    EXPECT_EQ(is_protected(at("rec.ts").c_str()), 1);
-    EXPECT_FALSE(delete_file("rec.ts"));
-    set_protected("rec.ts", 1);
-    EXPECT_EQ(mode_of("rec.ts") & 0222, 0222u);
-    EXPECT_TRUE(delete_file("rec.ts"));
-    EXPECT_FALSE(exists("rec.ts"));
-    EXPECT_EQ(results(LUM_TV_EVT_STORAGE_SET_PROTECTED), (Bytes{0, 0}));
-    EXPECT_EQ(results(LUM_TV_EVT_STORAGE_DELETE_FILE), (Bytes{2, 0}));
-    std::string p = at("rec.ts");
-    std::vector<std::string> expected = {"chmod a-w \"" + p + "\"", "chmod a+w \"" + p + "\"", "rm \"" + p + "\""};
-    EXPECT_EQ(runs(), expected);
-}
-
 TEST_F(FileOps, SetProtectedWithABadModeOrAMissingFile)
 {
     put("f", "x");
@@ -211,29 +171,6 @@ TEST_F(FileOps, SetProtectedWithABadModeOrAMissingFile)
     set_protected("missing", 2);
     EXPECT_TRUE(log.has("-- rc=1: "));
     EXPECT_EQ(results(LUM_TV_EVT_STORAGE_SET_PROTECTED), (Bytes{1, 1, 1, 1, 1, 2}));
-}
-
-TEST_F(FileOps, SignalsOfProtectionAndDirectorySize)
-{
-    put("f", "x");
-    auto* record = static_cast<StorageManagerAction_t*>(calloc(1, sizeof(StorageManagerAction_t)));
-    std::string text = "\x02" + at("f");
-    memcpy(record->buf1, text.data(), text.size());
-    CNorvMsg msg(SIG_ID_STORAGE_SET_PROTECTED);
-    msg.SetSignalPtr(record, sizeof(*record));
-    theStorageManagerService.ProcessNorvMsg(&msg);
-    EXPECT_TRUE(log.has("Set proctected!"));
-    EXPECT_EQ(mode_of("f"), 0444u);
-
-    auto* sizeRecord = static_cast<StorageManagerAction_t*>(calloc(1, sizeof(StorageManagerAction_t)));
-    memcpy(sizeRecord->buf1, "/tmp", 4);
-    CNorvMsg sizeMsg(SIG_ID_STORAGE_GET_DIR_SIZE);
-    sizeMsg.SetSignalPtr(sizeRecord, sizeof(*sizeRecord));
-    theStorageManagerService.ProcessNorvMsg(&sizeMsg);
-    EXPECT_FALSE(log.has("No this Message!"));
-    ASSERT_EQ(events.events().size(), 1u);  // the protection's only: no size event
-    EXPECT_EQ(results(LUM_TV_EVT_STORAGE_SET_PROTECTED), kOk);
-    EXPECT_TRUE(theStorageManagerService.GetDirSize("/tmp"));
 }
 
 TEST_F(FileOps, RelativePathsAreRefusedAsFailedCommands)

@@ -194,3 +194,37 @@ TEST_F(FileOps, WriteFileOnAVolumeThatRefuses)
     EXPECT_TRUE(log.has("***E: write failed: "));
     EXPECT_EQ(results(LUM_TV_EVT_STORAGE_WRITE_FILE), (Bytes{2, 3}));
 }
+
+TEST_F(FileOps, NamesWhoseEscapedFormDoesNotFitAreFailedCommands)
+{
+    ASSERT_EQ(mkdir(at("h").c_str(), 0755), 0);
+    for (char c : {'"', '$', '\\', '`'}) {
+        std::string n(255, c);  // 510 characters escaped: no command line holds them
+        SCOPED_TRACE(std::string(1, c));
+        forget_events();
+        EXPECT_TRUE(write_file("h/" + n, "data"));  // not protected: no command needed
+        set_protected("h/" + n, 2);
+        EXPECT_EQ(mode_of("h/" + n), 0644u);
+        EXPECT_FALSE(delete_file("h/" + n, 1));
+        EXPECT_FALSE(rename_file("h/" + n, "h/plain", false));
+        std::string p = at("h/" + n);
+        ASSERT_EQ(chmod(p.c_str(), 0444), 0);
+        EXPECT_TRUE(write_file("h/" + n, "new"));  // the chmod cannot be made
+        EXPECT_EQ(content("h/" + n), "data");
+        ASSERT_EQ(unlink(p.c_str()), 0);
+        EXPECT_FALSE(theStorageManagerService.CreateDir(p.c_str(), 1));
+        EXPECT_FALSE(exists("h/" + n));
+        ASSERT_EQ(mkdir(p.c_str(), 0755), 0);
+        EXPECT_FALSE(theStorageManagerService.DeleteDir(p.c_str(), 2, 2));
+        EXPECT_TRUE(is_dir("h/" + n));
+        ASSERT_EQ(rmdir(p.c_str()), 0);
+        EXPECT_EQ(results(LUM_TV_EVT_STORAGE_WRITE_FILE), (Bytes{0, 2}));
+        EXPECT_EQ(results(LUM_TV_EVT_STORAGE_SET_PROTECTED), (Bytes{2}));
+        EXPECT_EQ(results(LUM_TV_EVT_STORAGE_DELETE_FILE), (Bytes{3}));
+        EXPECT_EQ(results(LUM_TV_EVT_STORAGE_RENAME_FILE), (Bytes{3}));
+        EXPECT_EQ(results(LUM_TV_EVT_STORAGE_CREATE_DIR), (Bytes{2}));
+        EXPECT_EQ(results(LUM_TV_EVT_STORAGE_DELETE_DIR), (Bytes{2}));
+        EXPECT_TRUE(runs().empty());
+        log.clear();
+    }
+}

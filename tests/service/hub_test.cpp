@@ -130,19 +130,6 @@ TEST(Hub, PostedRowsAnswerQueuedAndTheServiceFreesTheRecordOnce)
     EXPECT_EQ(NorvMsgFreedPayloads(), freed + 2);
 }
 
-TEST(Hub, AFullQueueAnswersFalseAtOnceAndLosesNothing)
-{
-    REQUIRE_ISOLATION();
-    ensure_service_queue();
-    unsigned long freed = NorvMsgFreedPayloads();
-    for (int i = 0; i < MAX_STORAGE_QUEUE_SIZE; ++i)
-        EXPECT_EQ(Request(STORAGE_START_HDD).invoke(), kTrue) << i;
-    EXPECT_EQ(Request(STORAGE_START_HDD).invoke(), kFalse);
-    EXPECT_EQ(NorvMsgFreedPayloads(), freed + 1);  // the refused record
-    EXPECT_EQ(theStorageManagerService.ReadMsgsFromNonBlockingQueue(), MAX_STORAGE_QUEUE_SIZE);
-    EXPECT_EQ(NorvMsgFreedPayloads(), freed + 1 + MAX_STORAGE_QUEUE_SIZE);
-}
-
 // Rows posting into a queue of the test's own.
 class PostRow : public ::testing::Test {
 protected:
@@ -186,27 +173,6 @@ TEST_F(PostRow, FieldsLandInTheirPlaces)
     EXPECT_FALSE(r.boolValue2);
     EXPECT_EQ(r.ushortValue1, 0x6789);
     EXPECT_EQ(probe.posted[0].signal, static_cast<unsigned long>(SIG_ID_STORAGE_COPY));
-}
-
-TEST_F(PostRow, TagsWrapAt16BitsAndCharsGoToTheFirstByte)
-{
-    const SCmdRow tagRow = {1, CMD_ROAD_POST, SIG_ID_STORAGE_READ_DIRS, "1iw", 0, nullptr, nullptr};
-    const SCmdRow charRow = {2, CMD_ROAD_POST, SIG_ID_STORAGE_SHUTDOWN, "c", 0, nullptr, nullptr};
-    Parcel a;
-    a.writeCString("/mnt/pvr/shared/sdb1");
-    a.writeInt32(20);
-    a.writeInt64(65536);
-    a.setDataPosition(0);
-    Parcel b;
-    b.writeChar(u'\x01');
-    b.setDataPosition(0);
-    EXPECT_TRUE(Post(tagRow, a));
-    EXPECT_TRUE(Post(charRow, b));
-    ASSERT_EQ(probe.ReadMsgsFromNonBlockingQueue(), 2);
-    EXPECT_EQ(probe.posted[0].record.ushortValue1, 0);
-    EXPECT_EQ(probe.posted[0].record.intValue1, 20);
-    EXPECT_EQ(probe.posted[1].record.buf1[0], 1);
-    EXPECT_EQ(probe.posted[1].record.buf1[1], 0);
 }
 
 TEST_F(PostRow, ListingFlagsTravelBehindThePathAndLenNeverReachesFurther)

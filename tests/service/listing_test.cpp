@@ -205,16 +205,6 @@ TEST(ListingPieces, TimesBeforeAndAfter1970AndPlaylistNames)
         EXPECT_EQ(is_playlist_file(no), 0) << no;
 }
 
-TEST_F(Listing, PlaylistFilesLookLikeDirectoriesUnlessTagsAreOff)
-{
-    touch_file(kDir + "x.M3U", 3000);
-    touch_file(kDir + "y.m3u", 10);
-    std::vector<Block> b = list(kDir);
-    EXPECT_EQ(names(b), (std::vector<std::string>{"x.M3U/", "y.m3u/"}));
-    EXPECT_EQ(b[0].records[0].info_file[4], 2);  // a file's size all the same
-    EXPECT_EQ(names(list_flags(kDir, 8 | 1)), (std::vector<std::string>{"x.M3U", "y.m3u"}));
-}
-
 TEST_F(Listing, CoversAreLinksToTheOneCoverFile)
 {
     mkdir("/tmp/share", 0755);

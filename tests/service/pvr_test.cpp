@@ -154,22 +154,6 @@ TEST_F(Pvr, FirstCandidateIsChosenAndTheRememberedOneWins)
     EXPECT_TRUE(later.events().empty());
 }
 
-TEST_F(Pvr, RecordingAloneTakesNoFat)
-{
-    set_props("1", "0", "100", "no");
-    add_row("/dev/sdb1", "/tmp/pvr/f1", "vfat", 4000);
-    theStorageManagerService.MountPvrPartitionProcess();
-    EXPECT_FALSE(theStorageManagerService.GetPvrDevState());
-    EXPECT_EQ(prop_identity(), "no");
-    SStoragePvrDevGuideInfo guide;
-    EXPECT_EQ(theStorageManagerService.GetPvrDevGuideInfo(guide), 0);
-    EXPECT_EQ(guide.bShow, 1);
-    EXPECT_EQ(guide.enEvt, PLUGIN_EVENT_REQUEST_FORMAT_PARTITION);
-    EXPECT_EQ(guide.s32PartitionNum, 1);
-    EXPECT_STREQ(guide.astPartition[0].devName, "/dev/sdb1");
-    EXPECT_EQ(guide.s32ConnectedDevNum, 1);
-}
-
 TEST_F(Pvr, UnmountFallsBackOrLetsGo)
 {
     set_props("1", "1", "100", "no");

@@ -138,29 +138,6 @@ TEST(ParseOutputLines, LinesInOrderUpToTheFirstNonZeroHandlerResult)
     EXPECT_TRUE(!g_isolated || count_temp_files() == 0);
 }
 
-TEST(ParseOutputLines, ConcurrentCallersGetTheirOwnOutput)
-{
-    REQUIRE_ISOLATION();
-    std::vector<std::thread> threads;
-    std::vector<Collected> results(4);
-    for (int i = 0; i < 4; ++i) {
-        threads.emplace_back([i, &results] {
-            for (int round = 0; round < 10; ++round) {
-                Collected c;
-                parse_output_lines(collect, &c, "seq %d %d", i * 100, i * 100 + 20);
-                results[i] = c;
-            }
-        });
-    }
-    for (auto& t : threads)
-        t.join();
-    for (int i = 0; i < 4; ++i) {
-        ASSERT_EQ(results[i].lines.size(), 21u);
-        EXPECT_EQ(results[i].lines.front(), std::to_string(i * 100));
-    }
-    EXPECT_EQ(count_temp_files(), 0);
-}
-
 TEST(ShellEscape, RefusesWhatDoesNotFit)
 {
     char out[5];

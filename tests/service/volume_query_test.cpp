@@ -105,18 +105,6 @@ TEST_F(VolumeQuery, DirectSizesAndTypes)
     EXPECT_EQ(theStorageManagerService.GetPartitionFsType("/mnt/pvr/shared/sdq1"), "");
 }
 
-TEST(Volumes, BeforeAnyRunBothEventsAreEmpty)
-{
-    EventCapture events;
-    theStorageManagerService.GetStorageVolumes();
-    auto got = events.events();
-    ASSERT_EQ(got.size(), 2u);
-    EXPECT_EQ(got[0].id, LUM_TV_EVT_STORAGE_GET_STORAGE_VOLUMES);
-    EXPECT_TRUE(got[0].data.empty());
-    EXPECT_EQ(got[1].id, LUM_TV_EVT_STORAGE_GET_DEV_TABLE);
-    EXPECT_TRUE(got[1].data.empty());
-}
-
 // The disk's total by df, as a 64-bit number in the Parcel's order; 0 for an
 // empty or missing id.
 TEST_F(VolumeQuery, PvrDiskTotalRepliesEightBytes)
