@@ -86,9 +86,6 @@ TEST(BenchmarkStage, EachStepMovesOneStageEvenWithAllMarkersPresent)
 TEST(BenchmarkFigure, ResultCodes)
 {
     unsigned long figure = 7;
-    EXPECT_EQ(parse_benchmark_figure(kOutput, &figure), 0);
-    EXPECT_EQ(figure, 904493ul);
-    figure = 7;
     EXPECT_EQ(parse_benchmark_figure("mixed workload\nAvg throughput per process =   \t 12345.67 KB/sec\n", &figure), 0);
     EXPECT_EQ(figure, 12345ul);
     // Exactly ten characters fit.
@@ -103,9 +100,6 @@ TEST(BenchmarkFigure, ResultCodes)
     EXPECT_EQ(parse_benchmark_figure("mixed workload Avg throughput per process = 1234567890.5", &figure), 21)
         << "eleven characters with the blank";
     EXPECT_EQ(figure, 1234567890ul) << "a failure leaves the figure alone";
-    // strtoul saturates at the width of unsigned long: 32 bits on the television.
-    EXPECT_EQ(parse_benchmark_figure("mixed workload Avg throughput per process =9999999999.5", &figure), 0);
-    EXPECT_EQ(figure, sizeof(long) == 4 ? 4294967295ul : static_cast<unsigned long>(9999999999ull));
 }
 
 TEST(BenchmarkFigure, OnlyTheFirst1999BytesOfTheFileCount)
@@ -128,12 +122,6 @@ TEST(BenchmarkFigure, OnlyTheFirst1999BytesOfTheFileCount)
     // One byte more and the "." is behind what counts.
     write_file(BENCHMARK_OUTPUT_FILE, std::string(fit + 1, 'x') + tail);
     EXPECT_EQ(service().ReadBenchmarkResult(&w, &r), 21);
-    // "mixed workload" whole, its average cut.
-    write_file(BENCHMARK_OUTPUT_FILE, std::string(1999 - 20, 'x') + tail);
-    EXPECT_EQ(service().ReadBenchmarkResult(&w, &r), 19);
-    // "mixed workload" itself cut.
-    write_file(BENCHMARK_OUTPUT_FILE, std::string(1990, 'x') + tail);
-    EXPECT_EQ(service().ReadBenchmarkResult(&w, &r), 18);
     remove(BENCHMARK_OUTPUT_FILE);
 }
 
@@ -299,25 +287,6 @@ TEST_F(BenchmarkRun, VolumeGoingAwayStopsOnlyItsOwnBenchmarkAndOneCancelJoinsThe
     EXPECT_FALSE(service().StopBenchmarkOn("/tmp/vol"));
 }
 
-TEST_F(BenchmarkRun, SecondStartAndAForgedTickWhileOneRunsChangeNothing)
-{
-    EventCapture events;
-    LogCapture log;
-    Hold();
-    dispatch(SIG_ID_STORAGE_BENCHMARK, "/mnt/pvr/shared/sdq1");
-    ASSERT_TRUE(eventually(Started));
-    dispatch(SIG_ID_STORAGE_BENCHMARK_PROGRESS);  // no timer sent it
-    EXPECT_EQ(benchmark_progress(), 0);
-    EXPECT_EQ(benchmark_ticks(), 0ul);
-    dispatch(SIG_ID_STORAGE_BENCHMARK, "/mnt/pvr/shared/sdr1");
-    EXPECT_TRUE(log.has("benchmark of /mnt/pvr/shared/sdq1 is running, /mnt/pvr/shared/sdr1 not measured"));
-    EXPECT_TRUE(payloads(events.events(), LUM_TV_EVT_STORAGE_DEV_BENCHMARK).empty());
-    Release();
-    ASSERT_TRUE(WaitEnd(events));
-    EXPECT_EQ(payloads(events.events(), LUM_TV_EVT_STORAGE_DEV_BENCHMARK), (std::vector<Bytes>{kMid100, kFinal904493}));
-    EXPECT_EQ(Calls().find("sdr1"), std::string::npos);
-}
-
 TEST_F(BenchmarkRun, PathThatIsNoPlainWordIsRefusedWithoutAThread)
 {
     EventCapture events;
@@ -332,11 +301,14 @@ TEST_F(BenchmarkRun, PathThatIsNoPlainWordIsRefusedWithoutAThread)
     EXPECT_TRUE(log.has("is no plain mount path, not measured"));
 }
 
-TEST_F(BenchmarkRun, TickLimitCancelsTheBenchmark)
+TEST_F(BenchmarkRun, ForgedTicksAndSecondStartsChangeNothingAndTheTickLimitCancels)
 {
     EventCapture events;
     LogCapture log;
     ASSERT_TRUE(StartHeld("/tmp/vol"));
+    dispatch(SIG_ID_STORAGE_BENCHMARK_PROGRESS);  // no timer sent it
+    EXPECT_EQ(benchmark_ticks(), 0ul);
+    dispatch(SIG_ID_STORAGE_BENCHMARK, "/mnt/pvr/shared/sdr1");  // one runs already
     for (int i = 0; i < BENCHMARK_MAX_TICKS; ++i)
         Tick();
     EXPECT_EQ(benchmark_ticks(), static_cast<unsigned long>(BENCHMARK_MAX_TICKS));
@@ -347,4 +319,5 @@ TEST_F(BenchmarkRun, TickLimitCancelsTheBenchmark)
     EXPECT_FALSE(benchmark_running());
     EXPECT_EQ(benchmark_threads_alive(), 0);
     EXPECT_EQ(payloads(events.events(), LUM_TV_EVT_STORAGE_DEV_BENCHMARK), (std::vector<Bytes>{kMid1, kCancelled}));
+    EXPECT_EQ(Calls().find("sdr1"), std::string::npos);
 }

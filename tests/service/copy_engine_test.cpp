@@ -2,7 +2,6 @@
 // small tmpfs mounts.
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -183,23 +182,6 @@ int note(void* context, const char* path, const struct stat64*)
     auto* v = static_cast<Visit*>(context);
     v->paths.push_back(path);
     return static_cast<int>(v->paths.size()) == v->stopAt ? 77 : 0;
-}
-
-TEST_F(BrowseDirTest, PreOrderSeesFoldersFirstPostOrderLastAndThePathIsKept)
-{
-    make_dirs(kWork + "/t/a/b");
-    write_file(kWork + "/t/a/b/f", "f");
-    char path[COPY_WALK_PATH_LEN];
-    strcpy(path, (kWork + "/t/").c_str());
-    char* end = path + strlen(path);
-    Visit pre, post;
-    EXPECT_EQ(BrowseDir(path, end, path + sizeof(path), false, note, &pre), 0);
-    EXPECT_STREQ(path, (kWork + "/t/").c_str());
-    EXPECT_EQ(BrowseDir(path, end, path + sizeof(path), true, note, &post), 0);
-    std::vector<std::string> order = {kWork + "/t/a", kWork + "/t/a/b", kWork + "/t/a/b/f"};
-    EXPECT_EQ(pre.paths, order);
-    std::reverse(order.begin(), order.end());
-    EXPECT_EQ(post.paths, order);
 }
 
 TEST_F(BrowseDirTest, CallbackResultStopsTheWalkAndLongNamesAreLeftOut)

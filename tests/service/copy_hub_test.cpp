@@ -113,21 +113,6 @@ TEST_F(CopyHub, BadRawBytesAreRefusedAndNothingIsPosted)
     EXPECT_EQ(probe.posted[0].tail, max);
 }
 
-TEST_F(CopyHub, CopyThroughTheServiceQueueEndsWithItsEvent)
-{
-    ensure_service_queue();
-    write_file(kWork + "/a", "A");
-    Bytes raw = request(kWork + "/a", kWork + "/b");
-    EventCapture events;
-    Request req(STORAGE_COPY);
-    req.s(kWork + "/a").i(static_cast<int32_t>(raw.size())).raw(std::string(raw.begin(), raw.end()));
-    EXPECT_EQ(req.invoke(), kTrue);
-    EXPECT_EQ(theStorageManagerService.ReadMsgsFromNonBlockingQueue(), 1);
-    ASSERT_TRUE(WaitCopyEnd(events));
-    EXPECT_EQ(payloads(events.events(), LUM_TV_EVT_STORAGE_COPY), std::vector<Bytes>{{0}});
-    EXPECT_EQ(read_file(kWork + "/b"), "A");
-}
-
 TEST_F(CopyHub, DirectCopyRowsReplyTrueOnlyForZeroAndSendNoEvent)
 {
     write_file(kWork + "/a", "A");

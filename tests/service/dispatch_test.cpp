@@ -41,20 +41,6 @@ TEST(Dispatch, UnknownSignalsAreLoggedAndTheirPayloadReleased)
     EXPECT_TRUE(log.has("No this Message!"));
 }
 
-TEST(Notify, HandsEventAndBytesThroughUnchanged)
-{
-    EventCapture events;
-    unsigned char payload[5] = {1, 2, 3, 0, 0xff};
-    theStorageManagerService.NotifyToStorageManager(LUM_TV_EVT_STORAGE_FORMAT, payload, 5);
-    theStorageManagerService.NotifyToStorageManager(LUM_TV_EVT_STORAGE_DEV_MOUNT_END, nullptr, 0);
-    auto got = events.events();
-    ASSERT_EQ(got.size(), 2u);
-    EXPECT_EQ(got[0].id, 1507359);
-    EXPECT_EQ(got[0].data, std::vector<unsigned char>(payload, payload + 5));
-    EXPECT_EQ(got[1].id, 1507365);
-    EXPECT_TRUE(got[1].data.empty());
-}
-
 // The framework takes the trace table's size in bytes and divides it by the
 // size of a pointer: 288 on the television's 32-bit ARM, 576 on x86-64.
 TEST(TraceUnits, SeventyTwoNamesWhoseByteSizeFollowsThePointerSize)

@@ -147,16 +147,6 @@ TEST_F(FileOps, WriteFileStoresEveryByte)
     EXPECT_EQ(results(LUM_TV_EVT_STORAGE_WRITE_FILE), (Bytes{0, 0}));
 }
 
-TEST_F(FileOps, WriteFileMakesAProtectedFileWritable)
-{
-    put("p", "before", 0444);
-    EXPECT_TRUE(write_file("p", "after"));
-    EXPECT_EQ(content("p"), "after");
-    EXPECT_EQ(mode_of("p"), 0666u);
-    EXPECT_EQ(runs(), std::vector<std::string>{"chmod a+w \"" + at("p") + "\""});
-    EXPECT_EQ(results(LUM_TV_EVT_STORAGE_WRITE_FILE), kOk);
-}
-
 TEST_F(FileOps, WriteFileWithoutDataOrIntoAMissingFolder)
 {
     std::string p = at("none");

@@ -191,22 +191,3 @@ TEST_F(HotPlugWatch, ABurstLeavesOneRunOfEachKindWaitingAndALaterEventGetsItsOwn
     EXPECT_EQ(probe.signals, std::vector<unsigned long>{SIG_ID_STORAGE_PLUG_OUT});
 }
 
-TEST_F(HotPlugWatch, AnEventTheFullQueueRefusedIsPostedOnceThereIsRoom)
-{
-    REQUIRE_ISOLATION();
-    Start(2);
-    if (HasFatalFailure())
-        return;
-    LogCapture log;
-    // Two client requests fill the queue.
-    const unsigned long kOther = 99;
-    for (int i = 0; i < 2; ++i) {
-        CNorvMsg other(kOther);
-        ASSERT_EQ(CNorvMsgQueue::Post(probe.GetQueueHandle(), other), 0);
-    }
-    tx.send(kDiskAdd);
-    ASSERT_TRUE(eventually([&] { return log.has("the service queue is full"); }));
-    ASSERT_TRUE(Collect(3));
-    EXPECT_EQ(probe.signals, (std::vector<unsigned long>{kOther, kOther, SIG_ID_STORAGE_PLUG_IN}));
-    EXPECT_EQ(log.count("the service queue is full"), 1) << "one warning, not one per retry";
-}

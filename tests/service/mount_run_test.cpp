@@ -1,11 +1,8 @@
-// Mount runs against fake blkid and mount: a volume a format has taken
-// off-line is left alone by every other run until the format brings it back.
-// The mount tree lives in a tmpfs over /mnt of the test's own mount
-// namespace.
+// Mount and unmount runs against fake tools: the command lines of a run and
+// the retries of an unmount. The mount tree is a private tmpfs over /mnt.
 #include <gtest/gtest.h>
 
 #include <cstdio>
-#include <cstring>
 #include <fstream>
 #include <algorithm>
 
@@ -30,39 +27,9 @@ protected:
         remove("/tmp/fakebin/umount");
         FakeTools::TearDown();
     }
-    // The mount commands of the calls so far, one "DEVICE DIR" a line.
-    static std::string MountLines()
-    {
-        std::string out;
-        for (const std::string& line : call_lines()) {
-            size_t dev = line.find(" /dev/sd");
-            if (line.rfind("mount -t ", 0) == 0 && dev != std::string::npos)
-                out += line.substr(dev + 1) + "\n";
-        }
-        return out;
-    }
 };
 
 }  // namespace
-
-TEST_F(MountRun, AVolumeOffLineForAFormatIsLeftAloneUntilTheFormatBringsItBack)
-{
-    StorageManagerService& service = theStorageManagerService;
-    output("blkid", "/dev/sdb1: UUID=\"1\" TYPE=\"ext4\"\n/dev/sdc1: UUID=\"2\" TYPE=\"ext4\"\n");
-    {
-        std::lock_guard<std::mutex> run(service.m_RunLock);
-        service.m_OfflineVolume = "/dev/sdc1";
-    }
-    // A plug-in's run, and a client's request naming the volume.
-    EXPECT_EQ(1, service.MountUsbDevices(nullptr));
-    EXPECT_EQ(1, service.MountUsbDevices("sdc1"));
-    EXPECT_EQ(MountLines(), "/dev/sdb1 /mnt/pvr/shared/sdb1\n/dev/sdb1 /mnt/pvr/shared/sdb1\n");
-    // The format's own run brings it back (the fake mount lists nothing, so
-    // sdb1 is mounted again too).
-    EXPECT_EQ(2, service.BringOnline("/dev/sdc1"));
-    EXPECT_NE(std::string::npos, MountLines().find("/dev/sdc1 /mnt/pvr/shared/sdc1\n")) << MountLines();
-    EXPECT_TRUE(service.m_OfflineVolume.empty());
-}
 
 TEST_F(MountRun, OneStickRunsItsCommandLinesInOrder)
 {

@@ -117,7 +117,7 @@ TEST_F(Pvr, CreateReusesAnIdentityAndFindTakesTheLastListed)
     EXPECT_FALSE(theStorageManagerService.CreatePvrIdentity("/tmp/pvr/missing"));
 }
 
-TEST_F(Pvr, FirstCandidateIsChosenAndTheRememberedOneWins)
+TEST_F(Pvr, FirstCandidateIsChosenAndKept)
 {
     set_props("0", "1", "100", "no");
     add_row("/dev/sdb", "", "", 4000);
@@ -133,21 +133,6 @@ TEST_F(Pvr, FirstCandidateIsChosenAndTheRememberedOneWins)
     EXPECT_EQ(std::string(got[0].data.begin(), got[0].data.end()), "/tmp/pvr/b3");  // no NUL
     EXPECT_TRUE(theStorageManagerService.GetPvrDevState());
     EXPECT_EQ(theStorageManagerService.GetPvrMountPath(), "/tmp/pvr/b3");
-    std::string remembered = prop_identity();
-
-    // After a restart the state is gone; the remembered partition wins over
-    // the first candidate, which gets no identity file.
-    theStorageManagerService.SetPvrDevState(false);
-    {
-        std::lock_guard<std::mutex> hold(theStorageManagerService.m_DevTableLock);
-        std::swap(theStorageManagerService.m_ConnectedDevice[3], theStorageManagerService.m_ConnectedDevice[4]);
-    }
-    EXPECT_EQ(0, system("mv /tmp/pvr/b4 /tmp/pvr/tmp && mv /tmp/pvr/b3 /tmp/pvr/b4 && mv /tmp/pvr/tmp /tmp/pvr/b3"));
-    theStorageManagerService.MountPvrPartitionProcess();
-    EXPECT_EQ(theStorageManagerService.GetPvrMountPath(), "/tmp/pvr/b4");
-    EXPECT_EQ(prop_identity(), remembered);
-    EXPECT_EQ(identity_files("/tmp/pvr/b3"), 0);
-
     // While a partition is chosen, a mount run changes nothing.
     EventCapture later;
     theStorageManagerService.MountPvrPartitionProcess();
