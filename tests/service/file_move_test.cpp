@@ -100,22 +100,6 @@ TEST_F(FileMove, RenameWayTakesTheCompanionsInTheirOrder)
     ExpectGone(kWork + "/a/rec.ts");
 }
 
-TEST_F(FileMove, PlainSourceLeavesFilesWithCompanionSuffixesAlone)
-{
-    REQUIRE_MOUNT(kWork + "/other");
-    Recording(kWork + "/rec.ts");
-    EXPECT_TRUE(Move(kWork + "/rec.ts", kWork + "/b.ts", false));  // rename way
-    EXPECT_EQ(read_file(kWork + "/b.ts"), "main");
-    EXPECT_FALSE(exists(kWork + "/b.ts.xml"));
-    EXPECT_TRUE(Move(kWork + "/b.ts", kWork + "/other/c.ts", false));  // copy way
-    EXPECT_EQ(read_file(kWork + "/other/c.ts"), "main");
-    EXPECT_FALSE(exists(kWork + "/b.ts"));
-    for (const char* s : kCompanions) {
-        EXPECT_EQ(read_file(kWork + "/rec.ts" + s), s);
-        EXPECT_FALSE(exists(kWork + "/other/c.ts" + std::string(s)));
-    }
-}
-
 TEST_F(FileMove, CopyWayAcrossFileSystemsTakesTheCompanionsInTheirOrder)
 {
     REQUIRE_MOUNT(kWork + "/other");
@@ -180,21 +164,6 @@ TEST_F(FileMove, SourceCompanionWhoseCopyFailedStays)
         EXPECT_EQ(read_file(kWork + "/other/rec.ts" + s), s);
     }
     EXPECT_FALSE(exists(src));
-}
-
-TEST_F(FileMove, ExistingDestinationFolderSurvivesOnOneAndAcrossFileSystems)
-{
-    REQUIRE_MOUNT(kWork + "/other");
-    for (const std::string& dst : {kWork + "/dst", kWork + "/other/dst"}) {
-        Tree(kWork + "/src", {{"f", "mine"}});
-        Tree(dst, {{"keep", "theirs"}});
-        Bytes event;
-        EXPECT_FALSE(Move(kWork + "/src/", dst, false, &event)) << dst;
-        EXPECT_EQ(event, Bytes{3});
-        EXPECT_EQ(read_file(dst + "/keep"), "theirs") << dst;
-        EXPECT_FALSE(exists(dst + "/f"));
-        EXPECT_EQ(read_file(kWork + "/src/f"), "mine");
-    }
 }
 
 TEST_F(FileMove, TreeAcrossFileSystemsIsCopiedAndTheSourceRemoved)

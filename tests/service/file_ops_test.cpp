@@ -3,7 +3,6 @@
 #include "file_ops_fixture.h"
 
 #include <ctime>
-#include <sys/time.h>
 
 #include <norvfw/RTC.h>
 
@@ -14,23 +13,6 @@ namespace {
 const Bytes kOk = {0};
 
 }  // namespace
-
-TEST_F(FileOps, DeleteFileWithoutTheFlagRemovesTheMainFileOnly)
-{
-    recording("rec.ts");
-    EXPECT_TRUE(delete_file("rec.ts"));
-    EXPECT_EQ(results(LUM_TV_EVT_STORAGE_DELETE_FILE), kOk);
-    EXPECT_FALSE(exists("rec.ts"));
-    for (const std::string& s : kAllCompanions)
-        EXPECT_TRUE(exists("rec.ts" + s)) << s;
-    EXPECT_EQ(runs(), std::vector<std::string>{"rm \"" + at("rec.ts") + "\""});
-
-    // A flag byte behind len does not count.
-    recording("two.ts");
-    std::string buf = at("two.ts") + '\0' + '\1';
-    EXPECT_TRUE(theStorageManagerService.DeleteFile(buf.data(), static_cast<int>(buf.size()) - 1));
-    EXPECT_EQ(entries(".").count("two.ts.idx"), 1u);
-}
 
 TEST_F(FileOps, DeleteFileWithTheFlagRemovesTheCompanionsInOrderAndKeepsTheSignature)
 {
@@ -59,11 +41,10 @@ TEST_F(FileOps, DeleteFileFailuresAndShortInput)
     put("kept.ts", "x");
     std::string p = at("kept.ts");
     EXPECT_FALSE(theStorageManagerService.DeleteFile(p.c_str(), 0));
-    EXPECT_FALSE(theStorageManagerService.DeleteFile(p.c_str(), -7));
     EXPECT_FALSE(theStorageManagerService.DeleteFile(nullptr, 5));
-    EXPECT_EQ(log.count("***E: not enought input data"), 3);
+    EXPECT_EQ(log.count("***E: not enought input data"), 2);
     EXPECT_TRUE(exists("kept.ts"));
-    EXPECT_EQ(results(LUM_TV_EVT_STORAGE_DELETE_FILE), (Bytes{3, 1, 1, 1}));
+    EXPECT_EQ(results(LUM_TV_EVT_STORAGE_DELETE_FILE), (Bytes{3, 1, 1}));
 }
 
 TEST_F(FileOps, DeleteDirModes)
@@ -119,25 +100,6 @@ TEST_F(FileOps, CreateDirMakesEveryLevelAndDatesItByTheClock)
     ASSERT_EQ(runs().size(), 2u);
     EXPECT_EQ(runs()[0], "mkdir -m 0777 -p \"" + p + "\"");
     EXPECT_EQ(runs()[1].rfind("touch -t ", 0), 0u);
-}
-
-TEST_F(FileOps, CreateDirLeavesWhatExistsAlone)
-{
-    ASSERT_EQ(mkdir(at("old").c_str(), 0700), 0);
-    put("file", "x");
-    struct timeval tv[2] = {{1000000000, 0}, {1000000000, 0}};
-    ASSERT_EQ(utimes(at("old").c_str(), tv), 0);
-    for (const char* name : {"old", "file"}) {
-        std::string p = at(name);
-        EXPECT_TRUE(theStorageManagerService.CreateDir(p.c_str(), 1)) << name;
-    }
-    struct stat st;
-    ASSERT_EQ(stat(at("old").c_str(), &st), 0);
-    EXPECT_EQ(st.st_mtime, 1000000000);
-    EXPECT_EQ(mode_of("old"), 0700u);
-    EXPECT_TRUE(runs().empty());
-    EXPECT_EQ(log.count("does already exist --> nothing to do"), 2);
-    EXPECT_EQ(results(LUM_TV_EVT_STORAGE_CREATE_DIR), (Bytes{0, 0}));
 }
 
 TEST_F(FileOps, CreateDirFailuresAndAClockThatIsNotSet)

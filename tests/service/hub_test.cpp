@@ -91,9 +91,6 @@ TEST(Hub, SizeLimitIsWrittenOnlyWhenRecordingIsOnAndTheValueIsNewAndLargeEnough)
     EXPECT_EQ(get(), le32({0}));
     set(1800);
     EXPECT_EQ(get(), le32({1800}));
-    char value[PROPERTY_VALUE_MAX];
-    property_get("persist.pvr.device_size_limit", value, "");
-    EXPECT_STREQ(value, "1800");
 
     // The same value again writes nothing: the file keeps its inode.
     struct stat before, after;
@@ -103,9 +100,6 @@ TEST(Hub, SizeLimitIsWrittenOnlyWhenRecordingIsOnAndTheValueIsNewAndLargeEnough)
     EXPECT_EQ(before.st_ino, after.st_ino);
 
     set(70000);
-    EXPECT_EQ(get(), le32({70000}));
-    // A request without the number reads 0 and changes nothing.
-    EXPECT_EQ(Request(STORAGE_SET_PVR_DEV_SIZE_LIMIT).invoke(), Bytes{});
     EXPECT_EQ(get(), le32({70000}));
 }
 
@@ -243,17 +237,33 @@ TEST_F(PostRow, MissingOrOversizedTextsPostNothingAndLeaveTheRecordToTheHub)
     EXPECT_EQ(probe.ReadMsgsFromNonBlockingQueue(), 0);
 }
 
-TEST(PostRowWithoutQueue, RecordIsStillReleasedOnce)
+namespace {
+
+StorageManagerAction_t* new_record()
 {
-    PostProbe never;  // Init never called
-    const SCmdRow row = {7, CMD_ROAD_POST, SIG_ID_STORAGE_MOUNT, "1", 0, nullptr, nullptr};
-    Parcel request;
-    request.writeCString("/dev/sdb1");
-    request.setDataPosition(0);
-    unsigned long freed = NorvMsgFreedPayloads();
-    auto* record = static_cast<StorageManagerAction_t*>(calloc(1, sizeof(StorageManagerAction_t)));
-    bool bFree = true;
-    EXPECT_FALSE(post_cmd_row(row, request, record, &bFree, never));
-    EXPECT_FALSE(bFree);
-    EXPECT_EQ(NorvMsgFreedPayloads(), freed + 1);
+    return static_cast<StorageManagerAction_t*>(calloc(1, sizeof(StorageManagerAction_t)));
+}
+
+void dispatch_record(unsigned long signal, StorageManagerAction_t* record)
+{
+    CNorvMsg msg(signal);
+    if (record != nullptr)
+        msg.SetSignalPtr(record, sizeof(*record));
+    theStorageManagerService.ProcessNorvMsg(&msg);
+}
+
+}  // namespace
+
+TEST(Dispatch, UnknownSignalsAreLoggedAndTheirPayloadReleased)
+{
+    for (unsigned long signal : {0ul, 578ul, 582ul, 604ul, 617ul, 623ul, 100000ul}) {
+        LogCapture log;
+        unsigned long freed = NorvMsgFreedPayloads();
+        dispatch_record(signal, new_record());
+        EXPECT_EQ(log.count("No this Message!"), 1) << signal;
+        EXPECT_EQ(NorvMsgFreedPayloads(), freed + 1) << signal;
+    }
+    LogCapture log;
+    dispatch_record(578, nullptr);  // no payload: nothing to release, still logged
+    EXPECT_TRUE(log.has("No this Message!"));
 }

@@ -21,23 +21,13 @@
 
 namespace {
 
-// One entry as a listing would show it. The placeholder's time orders the
-// entries and is checked on its own; equality is of link and title.
+// One entry as a listing would show it; the placeholder's time orders the
+// entries.
 struct Entry {
     std::string link;
     std::string title;
     time_t mtime;
 };
-
-bool operator==(const Entry& a, const Entry& b)
-{
-    return a.link == b.link && a.title == b.title;
-}
-
-void PrintTo(const Entry& e, std::ostream* os)
-{
-    *os << "{link='" << e.link << "', title='" << e.title << "'}";
-}
 
 // The UTF-8 text in GBK, through the C library's iconv.
 std::string to_gbk(const std::string& utf8)
@@ -61,13 +51,7 @@ std::string to_gbk(const std::string& utf8)
 // 1 January of year, hh:mm, in local time as touch -t takes it.
 time_t local_new_year(int year, int hour, int minute)
 {
-    struct tm t = {};
-    t.tm_year = year - 1900;
-    t.tm_mon = 0;
-    t.tm_mday = 1;
-    t.tm_hour = hour;
-    t.tm_min = minute;
-    t.tm_isdst = -1;
+    struct tm t = {0, minute, hour, 1, 0, year - 1900, 0, 0, -1, 0, nullptr};
     return mktime(&t);
 }
 
@@ -132,8 +116,6 @@ protected:
     std::map<std::string, std::string> links;
     std::map<std::string, std::string> titles;
 };
-
-typedef std::vector<Entry> Entries;
 
 // A playlist's bytes and the entries it gives, link and title; a link
 // beginning with "@" lies in the playlist's folder (dir).
@@ -213,10 +195,12 @@ TEST_F(Playlist, EntriesInFileOrderAsTheyAreRead)
     ASSERT_EQ(to_gbk("\xE8\xAA\xA0.mp3"), "\xD5\x5C.mp3");
     for (const ListRow& row : list_rows()) {
         SCOPED_TRACE(row.why);
-        Entries want;
+        std::vector<std::pair<std::string, std::string>> want, got;
         for (const auto& [link, title] : row.entries)
-            want.push_back({link[0] == '@' ? dir + link.substr(1) : link, title, 0});
-        EXPECT_EQ(expect_entries(write(row.file, row.bytes)), want);
+            want.emplace_back(link[0] == '@' ? dir + link.substr(1) : link, title);
+        for (const Entry& e : expect_entries(write(row.file, row.bytes)))
+            got.emplace_back(e.link, e.title);
+        EXPECT_EQ(got, want);
         EXPECT_EQ(placeholders().size(), want.size());
     }
     // The form with the trailing "/" under which a listing shows a playlist.
@@ -256,16 +240,6 @@ TEST_F(Playlist, UnreadablePathsGiveFalse)
 
     EXPECT_FALSE(expand("/"));
     EXPECT_FALSE(expand(""));
-
-    // Readable from the working directory, but with no directory to join
-    // the entries to.
-    char cwd[4096];
-    ASSERT_NE(getcwd(cwd, sizeof(cwd)), nullptr);
-    ASSERT_EQ(chdir(dir.c_str()), 0);
-    bool bare = expand("good.m3u");
-    ASSERT_EQ(chdir(cwd), 0);
-    EXPECT_FALSE(bare);
-    EXPECT_TRUE(links.empty());
 }
 
 }  // namespace

@@ -24,13 +24,6 @@ void set_props(const char* rec, const char* tsh, const char* limit, const char* 
     property_set(PVR_IDENTITY_PROPERTY, identity);
 }
 
-std::string prop_identity()
-{
-    char value[PROPERTY_VALUE_MAX];
-    property_get(PVR_IDENTITY_PROPERTY, value, "no");
-    return value;
-}
-
 class Pvr : public ::testing::Test {
 protected:
     void SetUp() override
@@ -59,13 +52,6 @@ protected:
         if (mount[0] != '\0')
             mkdir(mount, 0755);
     }
-    static int identity_files(const char* dir)
-    {
-        int n = 0;
-        for (const std::string& name : list_dir(dir))
-            n += name.size() > 4 && name.compare(name.size() - 4, 4, ".ide") == 0 ? 1 : 0;
-        return n;
-    }
 };
 
 }  // namespace
@@ -91,30 +77,6 @@ TEST_F(Pvr, IdentityNamesAndTheListingRules)
     EXPECT_STREQ(ctx, ".201907150042.ide");  // what an earlier line stored stays
     char shortLine[] = "a.ide";
     EXPECT_EQ(find_pvr_identity_callback(ctx, shortLine), -1);
-}
-
-TEST_F(Pvr, CreateReusesAnIdentityAndFindTakesTheLastListed)
-{
-    mkdir("/tmp/pvr/a", 0755);
-    set_props("0", "1", "100", "no");
-    char found[18];
-    EXPECT_FALSE(theStorageManagerService.FindPvrIdentityFromStorage("/tmp/pvr/a", found, 16));
-    EXPECT_FALSE(theStorageManagerService.FindPvrIdentityFromStorage("/tmp/pvr/a", found, 18));
-    ASSERT_TRUE(theStorageManagerService.CreatePvrIdentity("/tmp/pvr/a"));
-    std::string first = prop_identity();
-    EXPECT_EQ(first.size(), 17u);
-    EXPECT_TRUE(exists("/tmp/pvr/a/" + first));
-    // A second call keeps the name: no second file.
-    property_set(PVR_IDENTITY_PROPERTY, "no");
-    ASSERT_TRUE(theStorageManagerService.CreatePvrIdentity("/tmp/pvr/a"));
-    EXPECT_EQ(prop_identity(), first);
-    EXPECT_EQ(identity_files("/tmp/pvr/a"), 1);
-
-    EXPECT_EQ(0, system("touch /tmp/pvr/a/.999999999999.ide"));
-    ASSERT_TRUE(theStorageManagerService.FindPvrIdentityFromStorage("/tmp/pvr/a", found, 18));
-    // ls sorts: the later name is listed last and wins.
-    EXPECT_STREQ(found, ".999999999999.ide");
-    EXPECT_FALSE(theStorageManagerService.CreatePvrIdentity("/tmp/pvr/missing"));
 }
 
 TEST_F(Pvr, FirstCandidateIsChosenAndKept)
@@ -228,13 +190,3 @@ TEST_F(Pvr, GuideForTimeshiftOffersTheSmallestLargeEnoughPartition)
     EXPECT_EQ(guide.bShow, 0);
 }
 
-TEST_F(Pvr, OverlongPropertyMatchesNothing)
-{
-    set_props("0", "1", "100", ".201907150042.ide.too.long");
-    add_row("/dev/sdb1", "/tmp/pvr/e1", "vfat", 4000);
-    EXPECT_EQ(0, system("touch /tmp/pvr/e1/.201907150042.ide"));
-    theStorageManagerService.MountPvrPartitionProcess();
-    // No match, so the first candidate is taken and the property moves to it.
-    EXPECT_EQ(prop_identity(), ".201907150042.ide");
-    EXPECT_EQ(theStorageManagerService.GetPvrMountPath(), "/tmp/pvr/e1");
-}

@@ -34,7 +34,6 @@
 #include "copy_fixture.h"
 #include "fake_tools.h"
 
-
 namespace {
 
 const std::string kScratch = "/tmp/stress";
