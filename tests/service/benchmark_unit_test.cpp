@@ -1,8 +1,6 @@
-// Disk benchmark: the event bytes, the progress stages, the figure read off
-// the tool's output, and whole runs against a fake iozone that prints canned
-// output and can be held to keep a run going. Ticks are live expiries of the
-// benchmark's timer, taken from a queue of the test and handed to the
-// dispatcher. Expected payloads are written out byte by byte.
+// Disk benchmark: progress stages, the figure read off the tool's output, and
+// runs against a fake iozone that can be held. Ticks are live expiries of the
+// benchmark's timer taken from the test's queue. Payloads written out by hand.
 #include <gtest/gtest.h>
 
 #include <cstdio>
@@ -42,7 +40,7 @@ const char kOutput[] =
     "iozone test complete.\n";
 
 const Bytes kMid1 = {8, 1, 0, 0, 0, 0, 0, 0, 0, 0};
-const Bytes kMid50 = {8, 50, 0, 0, 0, 0, 0, 0, 0, 0};
+const Bytes kMid50 = {8, 50, 0, 0, 0, 0, 0, 0, 0, 0};  // status 8: running
 const Bytes kMid75 = {8, 75, 0, 0, 0, 0, 0, 0, 0, 0};
 const Bytes kMid100 = {8, 100, 0, 0, 0, 0, 0, 0, 0, 0};
 // 904493 = 0x000dcd2d, two processes.
@@ -57,22 +55,14 @@ bool iozone_process_left() { return system("pgrep -f '^/bin/sh /tmp/fakebin/iozo
 
 }  // namespace
 
-TEST(BenchmarkEvent, HandBuiltBytes)
+TEST(BenchmarkEvent, BufferBounds)
 {
     unsigned char buf[16];
     memset(buf, 0xaa, sizeof(buf));
-    size_t len = build_benchmark_event(buf, sizeof(buf), 8, 50, 0, 0, false);
-    ASSERT_EQ(len, 10u);
-    EXPECT_EQ(Bytes(buf, buf + len), kMid50);
-    EXPECT_EQ(buf[10], 0xaa) << "wrote past the event";
-    // 0x01020304 as speed, 0x0a0b0c0d as processes: big-endian.
-    len = build_benchmark_event(buf, sizeof(buf), 0, 100, 0x01020304, 0x0a0b0c0d, false);
-    EXPECT_EQ(Bytes(buf, buf + len), (Bytes{0x00, 0x64, 0x01, 0x02, 0x03, 0x04, 0x0a, 0x0b, 0x0c, 0x0d}));
-    len = build_benchmark_event(buf, sizeof(buf), 21, 100, 0, 3, false);
-    EXPECT_EQ(Bytes(buf, buf + len), (Bytes{0x15, 0x64, 0, 0, 0, 0, 0, 0, 0, 3}));
-    len = build_benchmark_event(buf, sizeof(buf), 1, 0, 0, 0, true);
-    EXPECT_EQ(Bytes(buf, buf + len), kRefused);
+    ASSERT_EQ(build_benchmark_event(buf, 10, 8, 50, 0, 0, false), 10u);
+    EXPECT_EQ(Bytes(buf, buf + 11), (Bytes{8, 50, 0, 0, 0, 0, 0, 0, 0, 0, 0xaa}));
     EXPECT_EQ(build_benchmark_event(buf, 9, 8, 1, 0, 0, false), 0u);
+    EXPECT_EQ(build_benchmark_event(buf, 12, 1, 0, 0, 0, true), 12u);
     EXPECT_EQ(build_benchmark_event(buf, 11, 1, 0, 0, 0, true), 0u);
 }
 
@@ -96,9 +86,6 @@ TEST(BenchmarkStage, EachStepMovesOneStageEvenWithAllMarkersPresent)
 TEST(BenchmarkFigure, ResultCodes)
 {
     unsigned long figure = 7;
-    EXPECT_EQ(parse_benchmark_figure(kOutput, &figure), 0);
-    EXPECT_EQ(figure, 904493ul);
-    figure = 7;
     EXPECT_EQ(parse_benchmark_figure("mixed workload\nAvg throughput per process =   \t 12345.67 KB/sec\n", &figure), 0);
     EXPECT_EQ(figure, 12345ul);
     // Exactly ten characters fit.
@@ -110,13 +97,9 @@ TEST(BenchmarkFigure, ResultCodes)
     EXPECT_EQ(parse_benchmark_figure("Avg throughput per process = 5.0\nmixed workload = 6.0\n", &figure), 19);
     EXPECT_EQ(parse_benchmark_figure("mixed workload\nAvg throughput per process : 5.0\n", &figure), 20);
     EXPECT_EQ(parse_benchmark_figure("mixed workload\nAvg throughput per process = 5 kB/sec\n", &figure), 21);
-    EXPECT_EQ(parse_benchmark_figure("mixed workload\nAvg throughput per process =.5\n", &figure), 21);
     EXPECT_EQ(parse_benchmark_figure("mixed workload Avg throughput per process = 1234567890.5", &figure), 21)
         << "eleven characters with the blank";
     EXPECT_EQ(figure, 1234567890ul) << "a failure leaves the figure alone";
-    // strtoul saturates at the width of unsigned long: 32 bits on the television.
-    EXPECT_EQ(parse_benchmark_figure("mixed workload Avg throughput per process =9999999999.5", &figure), 0);
-    EXPECT_EQ(figure, sizeof(long) == 4 ? 4294967295ul : static_cast<unsigned long>(9999999999ull));
 }
 
 TEST(BenchmarkFigure, OnlyTheFirst1999BytesOfTheFileCount)
@@ -125,8 +108,6 @@ TEST(BenchmarkFigure, OnlyTheFirst1999BytesOfTheFileCount)
     unsigned long w = 1;
     unsigned long r = 2;
     remove(BENCHMARK_OUTPUT_FILE);
-    EXPECT_EQ(service().ReadBenchmarkResult(&w, &r), 17);
-    write_file(BENCHMARK_OUTPUT_FILE, "");
     EXPECT_EQ(service().ReadBenchmarkResult(&w, &r), 17);
     EXPECT_EQ(w, 1ul);
     EXPECT_EQ(r, 2ul);
@@ -141,17 +122,9 @@ TEST(BenchmarkFigure, OnlyTheFirst1999BytesOfTheFileCount)
     // One byte more and the "." is behind what counts.
     write_file(BENCHMARK_OUTPUT_FILE, std::string(fit + 1, 'x') + tail);
     EXPECT_EQ(service().ReadBenchmarkResult(&w, &r), 21);
-    // "mixed workload" whole, its average cut.
-    write_file(BENCHMARK_OUTPUT_FILE, std::string(1999 - 20, 'x') + tail);
-    EXPECT_EQ(service().ReadBenchmarkResult(&w, &r), 19);
-    // "mixed workload" itself cut.
-    write_file(BENCHMARK_OUTPUT_FILE, std::string(1990, 'x') + tail);
-    EXPECT_EQ(service().ReadBenchmarkResult(&w, &r), 18);
     remove(BENCHMARK_OUTPUT_FILE);
 }
 
-// The fake iozone and killall of fake_tools.h first on PATH; a test allows
-// the kill of its own fake with AllowKill.
 class BenchmarkRun : public FakeTools {
 protected:
     void SetUp() override
@@ -255,8 +228,7 @@ TEST_F(BenchmarkRun, TicksReportOneStageEachThenTheThreadReportsTheFigure)
 TEST_F(BenchmarkRun, RunThatEndsBeforeTheFirstTickSendsStatusEightThenItsEnd)
 {
     // Off the tree three processes measure; a failing tool gives its exit
-    // code; output without the figure its result code; a figure beyond 32
-    // bits is sent as the television's saturated one on every ABI.
+    // code; a figure beyond 32 bits is the television's saturated one.
     const std::string mnt = "-t 2 -s 30m -r 16m -i 0 -i 8 -+p 50 -+n -F /mnt/pvr/shared/sdq1/iozone1.tmp "
                             "/mnt/pvr/shared/sdq1/iozone2.tmp";
     const struct {
@@ -264,7 +236,6 @@ TEST_F(BenchmarkRun, RunThatEndsBeforeTheFirstTickSendsStatusEightThenItsEnd)
         std::string output, rc, args;
         std::vector<Bytes> events;
     } rows[] = {
-        {"/mnt/pvr/shared/sdq1", kOutput, "0", mnt, {kMid100, kFinal904493}},
         {"/mnt/pvr/shared/sdq1", "mixed workload\nAvg throughput per process =9999999999.00 kB/sec\n", "0", mnt,
          {kMid100, {0, 100, 0xff, 0xff, 0xff, 0xff, 0, 0, 0, 2}}},
         {"/mnt/pvr/shared/sdq1", "Run began:\ninitial writers\n", "0", mnt,
@@ -286,21 +257,6 @@ TEST_F(BenchmarkRun, RunThatEndsBeforeTheFirstTickSendsStatusEightThenItsEnd)
     }
 }
 
-TEST_F(BenchmarkRun, EmptyOutputEndsThePollingAndTheThreadStillEnds)
-{
-    EventCapture events;
-    write_file("/tmp/fake/iozone.out", "");
-    Hold();
-    dispatch(SIG_ID_STORAGE_BENCHMARK, "/mnt/pvr/shared/sdq1");
-    ASSERT_TRUE(eventually(Started));
-    Tick();
-    EXPECT_TRUE(payloads(events.events(), LUM_TV_EVT_STORAGE_DEV_BENCHMARK).empty());
-    EXPECT_FALSE(service().TosvBenchmarkProgress.IsRunning()) << "polling must end on an empty file";
-    Release();
-    ASSERT_TRUE(WaitEnd(events));
-    EXPECT_EQ(payloads(events.events(), LUM_TV_EVT_STORAGE_DEV_BENCHMARK), (std::vector<Bytes>{kMid100, {17, 100, 0, 0, 0, 0, 0, 0, 0, 2}}));
-}
-
 TEST_F(BenchmarkRun, VolumeGoingAwayStopsOnlyItsOwnBenchmarkAndOneCancelJoinsTheThread)
 {
     EventCapture events;
@@ -320,34 +276,10 @@ TEST_F(BenchmarkRun, VolumeGoingAwayStopsOnlyItsOwnBenchmarkAndOneCancelJoinsThe
     dispatch(SIG_ID_STORAGE_CANCEL_BENCHMARK);
     unmount.join();
     EXPECT_TRUE(eventually([] { return !benchmark_running() && benchmark_threads_alive() == 0; }));
-    std::vector<Bytes> ends;
-    for (const Bytes& p : payloads(events.events(), LUM_TV_EVT_STORAGE_DEV_BENCHMARK)) {
-        if (ends_run(p))
-            ends.push_back(p);
-    }
-    EXPECT_EQ(ends, std::vector<Bytes>{kCancelled});
+    EXPECT_EQ(payloads(events.events(), LUM_TV_EVT_STORAGE_DEV_BENCHMARK), std::vector<Bytes>{kCancelled});
     EXPECT_FALSE(exists("/tmp/vol/sub/iozone1.tmp"));
     EXPECT_TRUE(eventually([] { return !iozone_process_left(); }));
     EXPECT_FALSE(service().StopBenchmarkOn("/tmp/vol"));
-}
-
-TEST_F(BenchmarkRun, SecondStartAndAForgedTickWhileOneRunsChangeNothing)
-{
-    EventCapture events;
-    LogCapture log;
-    Hold();
-    dispatch(SIG_ID_STORAGE_BENCHMARK, "/mnt/pvr/shared/sdq1");
-    ASSERT_TRUE(eventually(Started));
-    dispatch(SIG_ID_STORAGE_BENCHMARK_PROGRESS);  // no timer sent it
-    EXPECT_EQ(benchmark_progress(), 0);
-    EXPECT_EQ(benchmark_ticks(), 0ul);
-    dispatch(SIG_ID_STORAGE_BENCHMARK, "/mnt/pvr/shared/sdr1");
-    EXPECT_TRUE(log.has("benchmark of /mnt/pvr/shared/sdq1 is running, /mnt/pvr/shared/sdr1 not measured"));
-    EXPECT_TRUE(payloads(events.events(), LUM_TV_EVT_STORAGE_DEV_BENCHMARK).empty());
-    Release();
-    ASSERT_TRUE(WaitEnd(events));
-    EXPECT_EQ(payloads(events.events(), LUM_TV_EVT_STORAGE_DEV_BENCHMARK), (std::vector<Bytes>{kMid100, kFinal904493}));
-    EXPECT_EQ(Calls().find("sdr1"), std::string::npos);
 }
 
 TEST_F(BenchmarkRun, PathThatIsNoPlainWordIsRefusedWithoutAThread)
@@ -364,11 +296,14 @@ TEST_F(BenchmarkRun, PathThatIsNoPlainWordIsRefusedWithoutAThread)
     EXPECT_TRUE(log.has("is no plain mount path, not measured"));
 }
 
-TEST_F(BenchmarkRun, TickLimitCancelsTheBenchmark)
+TEST_F(BenchmarkRun, ForgedTicksAndSecondStartsChangeNothingAndTheTickLimitCancels)
 {
     EventCapture events;
     LogCapture log;
     ASSERT_TRUE(StartHeld("/tmp/vol"));
+    dispatch(SIG_ID_STORAGE_BENCHMARK_PROGRESS);  // no timer sent it
+    EXPECT_EQ(benchmark_ticks(), 0ul);
+    dispatch(SIG_ID_STORAGE_BENCHMARK, "/mnt/pvr/shared/sdr1");  // one runs already
     for (int i = 0; i < BENCHMARK_MAX_TICKS; ++i)
         Tick();
     EXPECT_EQ(benchmark_ticks(), static_cast<unsigned long>(BENCHMARK_MAX_TICKS));
@@ -379,4 +314,5 @@ TEST_F(BenchmarkRun, TickLimitCancelsTheBenchmark)
     EXPECT_FALSE(benchmark_running());
     EXPECT_EQ(benchmark_threads_alive(), 0);
     EXPECT_EQ(payloads(events.events(), LUM_TV_EVT_STORAGE_DEV_BENCHMARK), (std::vector<Bytes>{kMid1, kCancelled}));
+    EXPECT_EQ(Calls().find("sdr1"), std::string::npos);
 }

@@ -1,7 +1,5 @@
-// What the copy and move tests share: a work folder in the private /tmp, a
-// FIFO whose bytes the test gives out to hold a copy in the middle of a
-// file, small tmpfs mounts as other file systems, and waiting for the end of
-// a copy thread.
+// The copy and move tests' work folder in the private /tmp, a FIFO that holds
+// a copy in the middle of a file, small tmpfs mounts as other file systems.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -10,13 +8,9 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
-#include <fstream>
-#include <iterator>
-#include <sstream>
 #include <string>
 #include <sys/stat.h>
 #include <unistd.h>
-#include <vector>
 
 #include "CopyEngine.h"
 #include "StorageEvents.h"

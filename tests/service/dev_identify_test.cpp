@@ -28,19 +28,6 @@ TEST(Utf8, StrictChecks)
     EXPECT_FALSE(is_valid_utf8("\xD6\xD0\xCE\xC4"));  // GBK bytes
 }
 
-TEST(FsId, Table)
-{
-    EXPECT_EQ(get_fs_id("vfat"), 0x0B);
-    EXPECT_EQ(get_fs_id("fuseblk"), 0x07);
-    EXPECT_EQ(get_fs_id("ntfs-3g"), 0x07);
-    EXPECT_EQ(get_fs_id("ext3"), 0x83);
-    EXPECT_EQ(get_fs_id("exfat"), -1);
-    EXPECT_EQ(get_fs_id("xfs"), 0);
-    EXPECT_EQ(get_fs_id(""), 0);
-    EXPECT_EQ(get_fs_id("VFAT"), 0);
-    EXPECT_EQ(get_fs_id(nullptr), 0);
-}
-
 TEST_F(FakeTools, SysPathEndsAtTheUsbDeviceDirectory)
 {
     output("readlink", "/sys/devices/pci0000:00/0000:00:14.0/usb1/1-1/1-1:1.0/host6/target6:0:0/6:0:0:0\n");
@@ -57,8 +44,6 @@ TEST_F(FakeTools, SysPathEndsAtTheUsbDeviceDirectory)
     ASSERT_TRUE(get_dev_sys_path("sdb", path, sizeof(path)));
     EXPECT_STREQ(path, "/sys/devices/virtual/block/sdb\n");  // no colon: whole, line end and all
 
-    EXPECT_FALSE(get_dev_sys_path("sdb", nullptr, 10));
-    EXPECT_FALSE(get_dev_sys_path("sdb", path, 0));
     EXPECT_FALSE(get_dev_sys_path("sd;b", path, sizeof(path)));
 }
 
@@ -79,11 +64,6 @@ TEST_F(FakeTools, LabelsPickTheFirstLabelMarkerAndConvertFatFromGbk)
     output("blkid", "/dev/sdb1: LABEL=\"\xD6\xD0\xCE\xC4\xB1\xEA\" UUID=\"1234-ABCD\" TYPE=\"vfat\"\n");
     EXPECT_EQ(get_label_for_dev_name("/dev/sdb1", label, sizeof(label)), 0);
     EXPECT_STREQ(label, "\xE4\xB8\xAD\xE6\x96\x87\xE6\xA0\x87");  // 6 GBK bytes, 9 UTF-8 bytes
-
-    char ascii[32] = {0};
-    output("blkid", "/dev/sdb1: LABEL=\"STICK\" UUID=\"1234-ABCD\" TYPE=\"vfat\"\n");
-    EXPECT_EQ(get_label_for_dev_name("/dev/sdb1", ascii, sizeof(ascii)), 0);
-    EXPECT_STREQ(ascii, "STICK");
 
     // Not GBK: the partition's name stands for the label.
     char bad[32] = {0};
@@ -147,10 +127,6 @@ TEST_F(FakeTools, MountPathsAndTypes)
     char line[] = "/dev/sdb1 on /mnt/pvr/shared/sdb1 type fuseblk (rw,relatime)";
     EXPECT_EQ(get_fs_type_callback(type, line), 1);
     EXPECT_STREQ(type, "fuseblk");
-    char noBlank[] = "x on y type vfat";
-    char type2[32] = {0};
-    EXPECT_EQ(get_fs_type_callback(type2, noBlank), 1);
-    EXPECT_STREQ(type2, "vfat");
     char endsAtType[] = "x on y type";
     char type3[32] = {0};
     EXPECT_EQ(get_fs_type_callback(type3, endsAtType), 1);
@@ -182,13 +158,3 @@ TEST_F(FakeTools, UuidsBothWays)
     EXPECT_EQ(get_dev_name_for_uuid(nullptr, empty, sizeof(empty)), -1);
 }
 
-TEST_F(FakeTools, HostileArgumentsRunNothing)
-{
-    char out[64] = {0};
-    get_uuid_for_dev_name("$(touch /tmp/fake/pwned)", out, sizeof(out));
-    get_dev_name_for_uuid("\"; touch /tmp/fake/pwned; \"", out, sizeof(out));
-    get_label_for_dev_name("`touch /tmp/fake/pwned`", out, sizeof(out));
-    get_mount_path_of_device("$(touch /tmp/fake/pwned)", out, sizeof(out));
-    struct stat st;
-    EXPECT_NE(stat("/tmp/fake/pwned", &st), 0);
-}

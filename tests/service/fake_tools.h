@@ -1,8 +1,6 @@
-// Fake blkid, mount, readlink and df, first on PATH, that print what a test
-// wrote into /tmp/fake/<tool>.out and note their calls in /tmp/fake/calls.
-// The real grep, sed and awk still do their part of each command line.
-// Beside them, fakes that keep volumes mounted in a file (mount, umount,
-// the format tools) and a fake iozone with its killall.
+// Fake tools first on PATH that print what a test wrote into
+// /tmp/fake/<tool>.out and note their calls in /tmp/fake/calls; the real grep,
+// sed and awk still do their part of each command line.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -10,10 +8,9 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
-#include <iterator>
 #include <string>
-#include <vector>
 #include <sys/stat.h>
+#include <vector>
 
 #include "test_support.h"
 

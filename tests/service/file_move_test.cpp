@@ -100,22 +100,6 @@ TEST_F(FileMove, RenameWayTakesTheCompanionsInTheirOrder)
     ExpectGone(kWork + "/a/rec.ts");
 }
 
-TEST_F(FileMove, PlainSourceLeavesFilesWithCompanionSuffixesAlone)
-{
-    REQUIRE_MOUNT(kWork + "/other");
-    Recording(kWork + "/rec.ts");
-    EXPECT_TRUE(Move(kWork + "/rec.ts", kWork + "/b.ts", false));  // rename way
-    EXPECT_EQ(read_file(kWork + "/b.ts"), "main");
-    EXPECT_FALSE(exists(kWork + "/b.ts.xml"));
-    EXPECT_TRUE(Move(kWork + "/b.ts", kWork + "/other/c.ts", false));  // copy way
-    EXPECT_EQ(read_file(kWork + "/other/c.ts"), "main");
-    EXPECT_FALSE(exists(kWork + "/b.ts"));
-    for (const char* s : kCompanions) {
-        EXPECT_EQ(read_file(kWork + "/rec.ts" + s), s);
-        EXPECT_FALSE(exists(kWork + "/other/c.ts" + std::string(s)));
-    }
-}
-
 TEST_F(FileMove, CopyWayAcrossFileSystemsTakesTheCompanionsInTheirOrder)
 {
     REQUIRE_MOUNT(kWork + "/other");
@@ -125,19 +109,6 @@ TEST_F(FileMove, CopyWayAcrossFileSystemsTakesTheCompanionsInTheirOrder)
     EXPECT_EQ(Order(kWork, IN_DELETE, [&] { EXPECT_TRUE(Move(src, kWork + "/other/rec.ts", true)); }), MoveOrder());
     ExpectRecording(kWork + "/other/rec.ts");
     ExpectGone(src);
-}
-
-TEST_F(FileMove, ProtectedDestinationSurvivesAFailedMove)
-{
-    REQUIRE_MOUNT(kWork + "/other");
-    write_file(kWork + "/a.ts", "new");
-    write_file(kWork + "/other/a.ts", "precious", 0444);
-    Bytes event;
-    EXPECT_FALSE(Move(kWork + "/a.ts", kWork + "/other/a.ts", true, &event));
-    EXPECT_EQ(event, Bytes{3});
-    EXPECT_EQ(read_file(kWork + "/other/a.ts"), "precious");
-    EXPECT_EQ(mode_of(kWork + "/other/a.ts"), 0444u);
-    EXPECT_EQ(read_file(kWork + "/a.ts"), "new");
 }
 
 TEST_F(FileMove, ExistingDestinationIsReplacedOnlyByAWholeCopy)
@@ -195,21 +166,6 @@ TEST_F(FileMove, SourceCompanionWhoseCopyFailedStays)
     EXPECT_FALSE(exists(src));
 }
 
-TEST_F(FileMove, ExistingDestinationFolderSurvivesOnOneAndAcrossFileSystems)
-{
-    REQUIRE_MOUNT(kWork + "/other");
-    for (const std::string& dst : {kWork + "/dst", kWork + "/other/dst"}) {
-        Tree(kWork + "/src", {{"f", "mine"}});
-        Tree(dst, {{"keep", "theirs"}});
-        Bytes event;
-        EXPECT_FALSE(Move(kWork + "/src/", dst, false, &event)) << dst;
-        EXPECT_EQ(event, Bytes{3});
-        EXPECT_EQ(read_file(dst + "/keep"), "theirs") << dst;
-        EXPECT_FALSE(exists(dst + "/f"));
-        EXPECT_EQ(read_file(kWork + "/src/f"), "mine");
-    }
-}
-
 TEST_F(FileMove, TreeAcrossFileSystemsIsCopiedAndTheSourceRemoved)
 {
     REQUIRE_MOUNT(kWork + "/other");
@@ -255,30 +211,6 @@ TEST_F(FileMove, WhatATreeCopyLeavesOutStaysInTheSource)
     EXPECT_TRUE(exists(kWork + "/src/sub/link"));
     EXPECT_EQ(read_file(deep + "/" + std::string(60, 'l')), "long");
     EXPECT_TRUE(log.has("keeps what could not be copied"));
-}
-
-TEST_F(FileMove, TreeIntoItselfIsRefusedAndNothingIsRemoved)
-{
-    make_dirs(kWork + "/src/m");
-    write_file(kWork + "/src/f", "f");
-    REQUIRE_MOUNT(kWork + "/src/m");
-    // rename refuses with EXDEV here, and a copy would walk into itself.
-    EXPECT_FALSE(Move(kWork + "/src/", kWork + "/src/m/x", false));
-    EXPECT_EQ(read_file(kWork + "/src/f"), "f");
-    EXPECT_FALSE(exists(kWork + "/src/m/x"));
-}
-
-TEST_F(FileMove, RequestWithoutTerminatorsFails)
-{
-    unsigned char buf[PATH_PAIR_BUF_LEN];
-    memset(buf, 'x', sizeof(buf));
-    EventCapture events;
-    LogCapture log;
-    EXPECT_FALSE(theStorageManagerService.Move(buf, PATH_PAIR_BUF_LEN));
-    buf[300] = 0;  // a source, but no terminated destination
-    EXPECT_FALSE(theStorageManagerService.Move(buf, PATH_PAIR_BUF_LEN));
-    EXPECT_EQ(payloads(events.events(), LUM_TV_EVT_STORAGE_MOVE_FILE), (std::vector<Bytes>{{3}, {3}}));
-    EXPECT_EQ(log.count("not terminated"), 2);
 }
 
 }  // namespace

@@ -1,6 +1,6 @@
-// What the file operation tests share: a scratch folder under /tmp with the
-// process's working directory inside it (so a stray relative command would
-// leave its trace there), the events sent, and the command lines run.
+// The file operation tests' scratch folder under /tmp, with the working
+// directory inside it where a stray relative command would leave its trace;
+// the events sent and the command lines run.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -27,7 +27,6 @@
 
 namespace file_ops_test {
 
-
 // Every companion suffix of a recording, in no particular order.
 const std::vector<std::string> kAllCompanions = {".desc", ".idx", ".idx.desc", ".xml", ".xml.sig"};
 
@@ -47,20 +46,12 @@ protected:
     void TearDown() override
     {
         lmdroid_set_log_threshold(oldThreshold);
-        if (oldCwd[0] != '\0') {
-            EXPECT_EQ(chdir(oldCwd), 0);
-        }
-        if (!base.empty()) {
-            EXPECT_EQ(system(("chmod -R u+rwX " + base + " && rm -rf " + base).c_str()), 0);
-        }
+        EXPECT_TRUE(oldCwd[0] == '\0' || chdir(oldCwd) == 0);
+        EXPECT_TRUE(base.empty() || system(("chmod -R u+rwX " + base + " && rm -rf " + base).c_str()) == 0);
     }
 
     std::string at(const std::string& rel) const { return base + "/" + rel; }
-    static std::string abs_or(const std::string& p, const std::string& base_)
-    {
-        return !p.empty() && p[0] == '/' ? p : base_ + "/" + p;
-    }
-    std::string full(const std::string& p) const { return abs_or(p, base); }
+    std::string full(const std::string& p) const { return !p.empty() && p[0] == '/' ? p : at(p); }
 
     void put(const std::string& p, const std::string& text, mode_t mode = 0644) const
     {

@@ -3,7 +3,6 @@
 #include "file_ops_fixture.h"
 
 #include <ctime>
-#include <sys/time.h>
 
 #include <norvfw/RTC.h>
 
@@ -14,23 +13,6 @@ namespace {
 const Bytes kOk = {0};
 
 }  // namespace
-
-TEST_F(FileOps, DeleteFileWithoutTheFlagRemovesTheMainFileOnly)
-{
-    recording("rec.ts");
-    EXPECT_TRUE(delete_file("rec.ts"));
-    EXPECT_EQ(results(LUM_TV_EVT_STORAGE_DELETE_FILE), kOk);
-    EXPECT_FALSE(exists("rec.ts"));
-    for (const std::string& s : kAllCompanions)
-        EXPECT_TRUE(exists("rec.ts" + s)) << s;
-    EXPECT_EQ(runs(), std::vector<std::string>{"rm \"" + at("rec.ts") + "\""});
-
-    // A flag byte behind len does not count.
-    recording("two.ts");
-    std::string buf = at("two.ts") + '\0' + '\1';
-    EXPECT_TRUE(theStorageManagerService.DeleteFile(buf.data(), static_cast<int>(buf.size()) - 1));
-    EXPECT_EQ(entries(".").count("two.ts.idx"), 1u);
-}
 
 TEST_F(FileOps, DeleteFileWithTheFlagRemovesTheCompanionsInOrderAndKeepsTheSignature)
 {
@@ -48,28 +30,6 @@ TEST_F(FileOps, DeleteFileWithTheFlagRemovesTheCompanionsInOrderAndKeepsTheSigna
     EXPECT_FALSE(exists("high.ts.desc"));
 }
 
-TEST_F(FileOps, DeleteFileOfARecordingWithOnlyAnIndex)
-{
-    put("rec.ts", "main");
-    put("rec.ts.idx", "index");
-    put("other.ts.desc", "not ours");
-    EXPECT_TRUE(delete_file("rec.ts", 1));
-    EXPECT_EQ(results(LUM_TV_EVT_STORAGE_DELETE_FILE), kOk);
-    EXPECT_EQ(entries("."), (std::set<std::string>{"cwd", "other.ts.desc"}));
-}
-
-TEST_F(FileOps, DeleteFileRefusesAProtectedFileWhateverTheFlag)
-{
-    recording("rec.ts");
-    ASSERT_EQ(chmod(at("rec.ts").c_str(), 0444), 0);
-    EXPECT_FALSE(delete_file("rec.ts", 0));
-    EXPECT_FALSE(delete_file("rec.ts", 1));
-    EXPECT_EQ(results(LUM_TV_EVT_STORAGE_DELETE_FILE), (Bytes{2, 2}));
-    EXPECT_EQ(log.count("***E: the file is protected"), 2);
-    EXPECT_TRUE(runs().empty());
-    EXPECT_EQ(entries(".").size(), 7u);  // all six files and cwd
-}
-
 TEST_F(FileOps, DeleteFileFailuresAndShortInput)
 {
     recording("gone.ts");
@@ -81,11 +41,10 @@ TEST_F(FileOps, DeleteFileFailuresAndShortInput)
     put("kept.ts", "x");
     std::string p = at("kept.ts");
     EXPECT_FALSE(theStorageManagerService.DeleteFile(p.c_str(), 0));
-    EXPECT_FALSE(theStorageManagerService.DeleteFile(p.c_str(), -7));
     EXPECT_FALSE(theStorageManagerService.DeleteFile(nullptr, 5));
-    EXPECT_EQ(log.count("***E: not enought input data"), 3);
+    EXPECT_EQ(log.count("***E: not enought input data"), 2);
     EXPECT_TRUE(exists("kept.ts"));
-    EXPECT_EQ(results(LUM_TV_EVT_STORAGE_DELETE_FILE), (Bytes{3, 1, 1, 1}));
+    EXPECT_EQ(results(LUM_TV_EVT_STORAGE_DELETE_FILE), (Bytes{3, 1, 1}));
 }
 
 TEST_F(FileOps, DeleteDirModes)
@@ -143,25 +102,6 @@ TEST_F(FileOps, CreateDirMakesEveryLevelAndDatesItByTheClock)
     EXPECT_EQ(runs()[1].rfind("touch -t ", 0), 0u);
 }
 
-TEST_F(FileOps, CreateDirLeavesWhatExistsAlone)
-{
-    ASSERT_EQ(mkdir(at("old").c_str(), 0700), 0);
-    put("file", "x");
-    struct timeval tv[2] = {{1000000000, 0}, {1000000000, 0}};
-    ASSERT_EQ(utimes(at("old").c_str(), tv), 0);
-    for (const char* name : {"old", "file"}) {
-        std::string p = at(name);
-        EXPECT_TRUE(theStorageManagerService.CreateDir(p.c_str(), 1)) << name;
-    }
-    struct stat st;
-    ASSERT_EQ(stat(at("old").c_str(), &st), 0);
-    EXPECT_EQ(st.st_mtime, 1000000000);
-    EXPECT_EQ(mode_of("old"), 0700u);
-    EXPECT_TRUE(runs().empty());
-    EXPECT_EQ(log.count("does already exist --> nothing to do"), 2);
-    EXPECT_EQ(results(LUM_TV_EVT_STORAGE_CREATE_DIR), (Bytes{0, 0}));
-}
-
 TEST_F(FileOps, CreateDirFailuresAndAClockThatIsNotSet)
 {
     put("file", "x");
@@ -182,24 +122,6 @@ TEST_F(FileOps, CreateDirFailuresAndAClockThatIsNotSet)
     EXPECT_EQ(results(LUM_TV_EVT_STORAGE_CREATE_DIR), (Bytes{1, 2, 0}));
 }
 
-TEST_F(FileOps, SetProtectedThenDeleteFile)
-{
-    put("rec.ts", "x");
-    set_protected("rec.ts", 2);
-    EXPECT_EQ(mode_of("rec.ts") & 0222, 0u);
-    EXPECT_EQ(is_protected(at("rec.ts").c_str()), 1);
-    EXPECT_FALSE(delete_file("rec.ts"));
-    set_protected("rec.ts", 1);
-    EXPECT_EQ(mode_of("rec.ts") & 0222, 0222u);
-    EXPECT_TRUE(delete_file("rec.ts"));
-    EXPECT_FALSE(exists("rec.ts"));
-    EXPECT_EQ(results(LUM_TV_EVT_STORAGE_SET_PROTECTED), (Bytes{0, 0}));
-    EXPECT_EQ(results(LUM_TV_EVT_STORAGE_DELETE_FILE), (Bytes{2, 0}));
-    std::string p = at("rec.ts");
-    std::vector<std::string> expected = {"chmod a-w \"" + p + "\"", "chmod a+w \"" + p + "\"", "rm \"" + p + "\""};
-    EXPECT_EQ(runs(), expected);
-}
-
 TEST_F(FileOps, SetProtectedWithABadModeOrAMissingFile)
 {
     put("f", "x");
@@ -211,29 +133,6 @@ TEST_F(FileOps, SetProtectedWithABadModeOrAMissingFile)
     set_protected("missing", 2);
     EXPECT_TRUE(log.has("-- rc=1: "));
     EXPECT_EQ(results(LUM_TV_EVT_STORAGE_SET_PROTECTED), (Bytes{1, 1, 1, 1, 1, 2}));
-}
-
-TEST_F(FileOps, SignalsOfProtectionAndDirectorySize)
-{
-    put("f", "x");
-    auto* record = static_cast<StorageManagerAction_t*>(calloc(1, sizeof(StorageManagerAction_t)));
-    std::string text = "\x02" + at("f");
-    memcpy(record->buf1, text.data(), text.size());
-    CNorvMsg msg(SIG_ID_STORAGE_SET_PROTECTED);
-    msg.SetSignalPtr(record, sizeof(*record));
-    theStorageManagerService.ProcessNorvMsg(&msg);
-    EXPECT_TRUE(log.has("Set proctected!"));
-    EXPECT_EQ(mode_of("f"), 0444u);
-
-    auto* sizeRecord = static_cast<StorageManagerAction_t*>(calloc(1, sizeof(StorageManagerAction_t)));
-    memcpy(sizeRecord->buf1, "/tmp", 4);
-    CNorvMsg sizeMsg(SIG_ID_STORAGE_GET_DIR_SIZE);
-    sizeMsg.SetSignalPtr(sizeRecord, sizeof(*sizeRecord));
-    theStorageManagerService.ProcessNorvMsg(&sizeMsg);
-    EXPECT_FALSE(log.has("No this Message!"));
-    ASSERT_EQ(events.events().size(), 1u);  // the protection's only: no size event
-    EXPECT_EQ(results(LUM_TV_EVT_STORAGE_SET_PROTECTED), kOk);
-    EXPECT_TRUE(theStorageManagerService.GetDirSize("/tmp"));
 }
 
 TEST_F(FileOps, RelativePathsAreRefusedAsFailedCommands)

@@ -1,19 +1,13 @@
-// Formatting: the busy flag, the watchdog, the reply of SetAllPartitions and
-// the order of a format run's events, against fake tools. Expected payloads
-// are written out byte by byte; the format record is in the host's order,
+// Formatting: the busy flag, the watchdog, and the replies to refused names.
+// Payloads are written out by hand; the format record is in the host's order,
 // which these vectors take to be little-endian.
 #include <gtest/gtest.h>
 
 #include <cstdio>
 #include <cstring>
-#include <fstream>
-#include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <android/log.h>
-#include <cutils/properties.h>
-#include <lmdroid/log_hook.h>
 #include <norvfw/NorvMsgQueue.h>
 #include <norvfw/TimeOut.h>
 
@@ -50,28 +44,6 @@ bool little_endian_host()
 
 StorageManagerService& service() { return theStorageManagerService; }
 
-std::vector<Event> only(const std::vector<Event>& all, std::initializer_list<int> ids)
-{
-    std::vector<Event> out;
-    for (const Event& e : all) {
-        for (int id : ids) {
-            if (e.id == id)
-                out.push_back(e);
-        }
-    }
-    return out;
-}
-
-std::vector<int> ids_of(const std::vector<Event>& events)
-{
-    std::vector<int> out;
-    for (const Event& e : events)
-        out.push_back(e.id);
-    return out;
-}
-
-void set_recording(bool on) { property_set("persist.pvr.rec.enable", on ? "1" : "0"); }
-
 // Leaves no format behind for the next test.
 void end_simulated_format(const std::string& volume)
 {
@@ -85,18 +57,14 @@ TEST(FormatReply, HandBuiltSuccessAndFailureBytes)
 {
     unsigned char buf[64];
     memset(buf, 0xaa, sizeof(buf));
-    // 0, "/dev/sdb1" with NUL (n = 10), 0x01020304 MB, three zero words.
-    const Bytes success = {0x00, '/', 'd', 'e', 'v', '/', 's', 'd', 'b', '1', 0x00, 0x01, 0x02, 0x03, 0x04,
-                           0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00};
-    size_t len = build_set_all_partition_reply(buf, sizeof(buf), 0, "/dev/sdb1", 0x01020304);
-    ASSERT_EQ(len, 27u);  // 17 + n
-    EXPECT_EQ(Bytes(buf, buf + len), success);
-    EXPECT_EQ(buf[27], 0xaa) << "wrote past the reply";
+    // 0, "/dev/sdb1" with NUL (n = 10), 0x01020304 MB, three zero words; not past 17 + n.
+    const Bytes success = {0x00, '/', 'd', 'e', 'v', '/', 's', 'd', 'b', '1', 0x00, 0x01, 0x02, 0x03,
+                           0x04, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0xaa};
+    ASSERT_EQ(build_set_all_partition_reply(buf, sizeof(buf), 0, "/dev/sdb1", 0x01020304), 27u);
+    EXPECT_EQ(Bytes(buf, buf + 28), success);
     // Failures carry no sizes: 1 + n.
-    len = build_set_all_partition_reply(buf, sizeof(buf), 5, "/dev/sdc", 7631);
+    size_t len = build_set_all_partition_reply(buf, sizeof(buf), 5, "/dev/sdc", 7631);
     EXPECT_EQ(Bytes(buf, buf + len), (Bytes{0x05, '/', 'd', 'e', 'v', '/', 's', 'd', 'c', 0x00}));
-    len = build_set_all_partition_reply(buf, sizeof(buf), 4, "x", 0);
-    EXPECT_EQ(Bytes(buf, buf + len), (Bytes{0x04, 'x', 0x00}));
     EXPECT_EQ(build_set_all_partition_reply(buf, 26, 0, "/dev/sdb1", 1), 0u) << "does not fit";
 }
 
@@ -108,11 +76,11 @@ TEST(FormatStart, BusyAnswerNamesTheRefusedVolumeAndChangesNothing)
     ensure_service_queue();
     std::string running;
     ASSERT_TRUE(format_claim(service(), "/dev/sdq1", &running));
+    EXPECT_TRUE(service().TosvFormat.IsRunning());
     // Stopped here so that a re-arming by the refused request would show.
     service().TosvFormat.StopTimer();
 
     EventCapture events;
-    LogCapture log;
     dispatch(SIG_ID_STORAGE_FORMAT, "/dev/sdz9");
     // A name longer than the record's field is cut to 29 characters.
     dispatch(SIG_ID_STORAGE_FORMAT, "/dev/disk/by-id/usb-SanDisk_Cruzer_Blade");
@@ -124,32 +92,12 @@ TEST(FormatStart, BusyAnswerNamesTheRefusedVolumeAndChangesNothing)
     EXPECT_EQ(got[0].id, LUM_TV_EVT_STORAGE_FORMAT);
     EXPECT_EQ(got[0].data, busy);
     EXPECT_EQ(got[1].data, format_record("/dev/disk/by-id/usb-SanDisk_C", kBusy));
-    EXPECT_EQ(log.count("Formatting: /dev/sdq1 ....\n"), 2);
-    EXPECT_FALSE(log.has("Format: /dev/sdz9"));
-    EXPECT_EQ(format_running_volume(service()), "/dev/sdq1");
     EXPECT_FALSE(service().TosvFormat.IsRunning()) << "a refused request re-armed the watchdog";
     EXPECT_EQ(format_threads_alive(), 0);
-    end_simulated_format("/dev/sdq1");
-}
-
-TEST(FormatStart, ClaimArmsTheWatchdogAndOnlyTheOwnerReleasesIt)
-{
-    REQUIRE_ISOLATION();
-    ensure_service_queue();
-    set_recording(false);
-    std::string running;
-    ASSERT_TRUE(format_claim(service(), "/dev/sdq1", &running));
-    EXPECT_TRUE(service().TosvFormat.IsRunning());
-    EXPECT_FALSE(format_claim(service(), "/dev/sdr1", &running));
-    EXPECT_EQ(running, "/dev/sdq1");
-    // A thread started for another name (an empty request's) leaves the
-    // running format alone.
+    // A thread started for another name (an empty request's) leaves the running format alone.
     format_release(service(), "");
     EXPECT_EQ(format_running_volume(service()), "/dev/sdq1");
-    EXPECT_TRUE(service().TosvFormat.IsRunning());
-    format_release(service(), "/dev/sdq1");
-    EXPECT_EQ(format_running_volume(service()), "");
-    EXPECT_FALSE(service().TosvFormat.IsRunning());
+    end_simulated_format("/dev/sdq1");
 }
 
 TEST(FormatWatchdog, OnlyALiveExpiryReportsAndItNamesTheRunningVolume)
@@ -208,98 +156,13 @@ TEST(Format, NameOfThirtyCharactersIsRefusedWithoutAnEvent)
     EXPECT_TRUE(events.events().empty());
 }
 
-namespace {
-
-// A volume /dev/sdq1 that the fake volume tools mount and unmount.
-// /mnt is a private tmpfs, for the mount points the runs make.
-class FormatRun : public FakeTools {
-protected:
-    void SetUp() override
-    {
-        FakeTools::SetUp();
-        if (IsSkipped())
-            return;
-        if (!mounts.tmpfs("/mnt", "mode=755"))
-            GTEST_SKIP() << "SKIPPED: no private /mnt";
-        write_fake_volume_tools();
-        output("mount", "/dev/sdq1 on /mnt/pvr/shared/sdq1 type ext4 (rw)\n");
-        output("blkid", "/dev/sdq1: LABEL=\"OLD\" UUID=\"1111-2222\" TYPE=\"ext4\"\n");
-        output("df",
-               "Filesystem 1048576-blocks Used Available Capacity Mounted on\n"
-               "/dev/sdq1 1000 10 990 1% /mnt/pvr/shared/sdq1\n");
-        ASSERT_EQ(system("mkdir -p /mnt/pvr/shared/sdq1"), 0);
-        remove("/tmp/fake/mkfs.rc");
-        remove("/tmp/fake/hold");
-        threshold = lmdroid_get_log_threshold();
-        lmdroid_set_log_threshold(ANDROID_LOG_VERBOSE);
-    }
-    void TearDown() override
-    {
-        if (threshold != 0)
-            lmdroid_set_log_threshold(threshold);
-        remove("/tmp/fake/hold");
-        eventually([] { return format_threads_alive() == 0; });
-        FakeTools::TearDown();
-    }
-    int threshold = 0;
-};
-
-const std::initializer_list<int> kRunEvents = {
-    LUM_TV_EVT_STORAGE_DEV_UMOUNT, LUM_TV_EVT_STORAGE_DEV_UMOUNT_END, LUM_TV_EVT_STORAGE_DEV_MOUNT,
-    LUM_TV_EVT_STORAGE_DEV_MOUNT_END, LUM_TV_EVT_STORAGE_SET_ALL_PARTITION, LUM_TV_EVT_STORAGE_FORMAT};
-
-}  // namespace
-
-TEST_F(FormatRun, FormatThreadRefusesASecondRequestAndReportsLast)
-{
-    if (!little_endian_host())
-        GTEST_SKIP() << "vectors are little-endian";
-    ensure_service_queue();
-    set_recording(true);
-    std::ofstream("/tmp/fake/hold") << "";
-    EventCapture events;
-    LogCapture log;
-    dispatch(SIG_ID_STORAGE_FORMAT, "/dev/sdq1");
-    EXPECT_EQ(format_running_volume(service()), "/dev/sdq1");
-    EXPECT_TRUE(service().TosvFormat.IsRunning());
-    ASSERT_TRUE(eventually([this] { return calls().find("mkfs.ext4 -T largefile /dev/sdq1") != std::string::npos; }))
-        << "the tool never ran";
-
-    // While the tool runs.
-    dispatch(SIG_ID_STORAGE_FORMAT, "/dev/sdr1");
-    EXPECT_EQ(format_running_volume(service()), "/dev/sdq1");
-    EXPECT_EQ(format_threads_alive(), 1);
-
-    remove("/tmp/fake/hold");
-    ASSERT_TRUE(eventually([] { return format_threads_alive() == 0; }));
-    EXPECT_EQ(format_running_volume(service()), "");
-    EXPECT_FALSE(service().TosvFormat.IsRunning());
-
-    auto got = only(events.events(), kRunEvents);
-    ASSERT_EQ(ids_of(got),
-              (std::vector<int>{LUM_TV_EVT_STORAGE_DEV_UMOUNT, LUM_TV_EVT_STORAGE_DEV_UMOUNT_END,
-                                LUM_TV_EVT_STORAGE_FORMAT, LUM_TV_EVT_STORAGE_DEV_MOUNT,
-                                LUM_TV_EVT_STORAGE_DEV_MOUNT_END, LUM_TV_EVT_STORAGE_SET_ALL_PARTITION,
-                                LUM_TV_EVT_STORAGE_FORMAT}));
-    EXPECT_EQ(got[0].data, (Bytes{'/', 'm', 'n', 't', '/', 'p', 'v', 'r', '/', 's', 'h', 'a', 'r', 'e', 'd', '/',
-                                  's', 'd', 'q', '1', 0}));
-    EXPECT_EQ(got[1].data, (Bytes{1, 0, 0, 0}));
-    EXPECT_EQ(got[2].data, format_record("/dev/sdr1", kBusy));
-    EXPECT_EQ(got[4].data, (Bytes{1, 0, 0, 0}));
-    EXPECT_EQ(got[5].data[0], 0);
-    EXPECT_EQ(got[6].data, format_record("/dev/sdq1", kOk));
-    EXPECT_TRUE(log.has("Format: /dev/sdq1\n"));
-    EXPECT_TRUE(log.has("Formatting: /dev/sdq1 ....\n"));
-    EXPECT_TRUE(log.has("Device/Partiton: /dev/sdq1, size: 995 MB.\n"));
-    EXPECT_EQ(read_file("/tmp/fake/mount.out"), "/dev/sdq1 on /mnt/pvr/shared/sdq1 type ext4 (rw)\n");
-}
-
 // Refused names, with the fake tools in place so that a refusal that lets a
 // name through runs nothing real.
-TEST_F(FormatRun, NamesThatAreNoPlainPathRunNoToolAndFailAsATool)
+TEST_F(FakeTools, FormatOfNamesThatAreNoPlainPathRunsNoToolAndFailsAsATool)
 {
     if (!little_endian_host())
         GTEST_SKIP() << "vectors are little-endian";
+    write_fake_volume_tools();
     EventCapture events;
     // 29 characters: the longest name Format takes.
     const char* hostile = "/dev/sdb1;touch /tmp/pwned;#x";

@@ -91,9 +91,6 @@ TEST(Hub, SizeLimitIsWrittenOnlyWhenRecordingIsOnAndTheValueIsNewAndLargeEnough)
     EXPECT_EQ(get(), le32({0}));
     set(1800);
     EXPECT_EQ(get(), le32({1800}));
-    char value[PROPERTY_VALUE_MAX];
-    property_get("persist.pvr.device_size_limit", value, "");
-    EXPECT_STREQ(value, "1800");
 
     // The same value again writes nothing: the file keeps its inode.
     struct stat before, after;
@@ -103,9 +100,6 @@ TEST(Hub, SizeLimitIsWrittenOnlyWhenRecordingIsOnAndTheValueIsNewAndLargeEnough)
     EXPECT_EQ(before.st_ino, after.st_ino);
 
     set(70000);
-    EXPECT_EQ(get(), le32({70000}));
-    // A request without the number reads 0 and changes nothing.
-    EXPECT_EQ(Request(STORAGE_SET_PVR_DEV_SIZE_LIMIT).invoke(), Bytes{});
     EXPECT_EQ(get(), le32({70000}));
 }
 
@@ -128,19 +122,6 @@ TEST(Hub, PostedRowsAnswerQueuedAndTheServiceFreesTheRecordOnce)
     theStorageManagerService.ReadMsgsFromNonBlockingQueue();
     EXPECT_EQ(theStorageManagerService.m_hddState.load(), HddOff);
     EXPECT_EQ(NorvMsgFreedPayloads(), freed + 2);
-}
-
-TEST(Hub, AFullQueueAnswersFalseAtOnceAndLosesNothing)
-{
-    REQUIRE_ISOLATION();
-    ensure_service_queue();
-    unsigned long freed = NorvMsgFreedPayloads();
-    for (int i = 0; i < MAX_STORAGE_QUEUE_SIZE; ++i)
-        EXPECT_EQ(Request(STORAGE_START_HDD).invoke(), kTrue) << i;
-    EXPECT_EQ(Request(STORAGE_START_HDD).invoke(), kFalse);
-    EXPECT_EQ(NorvMsgFreedPayloads(), freed + 1);  // the refused record
-    EXPECT_EQ(theStorageManagerService.ReadMsgsFromNonBlockingQueue(), MAX_STORAGE_QUEUE_SIZE);
-    EXPECT_EQ(NorvMsgFreedPayloads(), freed + 1 + MAX_STORAGE_QUEUE_SIZE);
 }
 
 // Rows posting into a queue of the test's own.
@@ -186,27 +167,6 @@ TEST_F(PostRow, FieldsLandInTheirPlaces)
     EXPECT_FALSE(r.boolValue2);
     EXPECT_EQ(r.ushortValue1, 0x6789);
     EXPECT_EQ(probe.posted[0].signal, static_cast<unsigned long>(SIG_ID_STORAGE_COPY));
-}
-
-TEST_F(PostRow, TagsWrapAt16BitsAndCharsGoToTheFirstByte)
-{
-    const SCmdRow tagRow = {1, CMD_ROAD_POST, SIG_ID_STORAGE_READ_DIRS, "1iw", 0, nullptr, nullptr};
-    const SCmdRow charRow = {2, CMD_ROAD_POST, SIG_ID_STORAGE_SHUTDOWN, "c", 0, nullptr, nullptr};
-    Parcel a;
-    a.writeCString("/mnt/pvr/shared/sdb1");
-    a.writeInt32(20);
-    a.writeInt64(65536);
-    a.setDataPosition(0);
-    Parcel b;
-    b.writeChar(u'\x01');
-    b.setDataPosition(0);
-    EXPECT_TRUE(Post(tagRow, a));
-    EXPECT_TRUE(Post(charRow, b));
-    ASSERT_EQ(probe.ReadMsgsFromNonBlockingQueue(), 2);
-    EXPECT_EQ(probe.posted[0].record.ushortValue1, 0);
-    EXPECT_EQ(probe.posted[0].record.intValue1, 20);
-    EXPECT_EQ(probe.posted[1].record.buf1[0], 1);
-    EXPECT_EQ(probe.posted[1].record.buf1[1], 0);
 }
 
 TEST_F(PostRow, ListingFlagsTravelBehindThePathAndLenNeverReachesFurther)
@@ -277,17 +237,33 @@ TEST_F(PostRow, MissingOrOversizedTextsPostNothingAndLeaveTheRecordToTheHub)
     EXPECT_EQ(probe.ReadMsgsFromNonBlockingQueue(), 0);
 }
 
-TEST(PostRowWithoutQueue, RecordIsStillReleasedOnce)
+namespace {
+
+StorageManagerAction_t* new_record()
 {
-    PostProbe never;  // Init never called
-    const SCmdRow row = {7, CMD_ROAD_POST, SIG_ID_STORAGE_MOUNT, "1", 0, nullptr, nullptr};
-    Parcel request;
-    request.writeCString("/dev/sdb1");
-    request.setDataPosition(0);
-    unsigned long freed = NorvMsgFreedPayloads();
-    auto* record = static_cast<StorageManagerAction_t*>(calloc(1, sizeof(StorageManagerAction_t)));
-    bool bFree = true;
-    EXPECT_FALSE(post_cmd_row(row, request, record, &bFree, never));
-    EXPECT_FALSE(bFree);
-    EXPECT_EQ(NorvMsgFreedPayloads(), freed + 1);
+    return static_cast<StorageManagerAction_t*>(calloc(1, sizeof(StorageManagerAction_t)));
+}
+
+void dispatch_record(unsigned long signal, StorageManagerAction_t* record)
+{
+    CNorvMsg msg(signal);
+    if (record != nullptr)
+        msg.SetSignalPtr(record, sizeof(*record));
+    theStorageManagerService.ProcessNorvMsg(&msg);
+}
+
+}  // namespace
+
+TEST(Dispatch, UnknownSignalsAreLoggedAndTheirPayloadReleased)
+{
+    for (unsigned long signal : {0ul, 578ul, 582ul, 604ul, 617ul, 623ul, 100000ul}) {
+        LogCapture log;
+        unsigned long freed = NorvMsgFreedPayloads();
+        dispatch_record(signal, new_record());
+        EXPECT_EQ(log.count("No this Message!"), 1) << signal;
+        EXPECT_EQ(NorvMsgFreedPayloads(), freed + 1) << signal;
+    }
+    LogCapture log;
+    dispatch_record(578, nullptr);  // no payload: nothing to release, still logged
+    EXPECT_TRUE(log.has("No this Message!"));
 }

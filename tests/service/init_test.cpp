@@ -1,5 +1,5 @@
-// Start-up runs in a child process per case: the service's threads run until
-// the process ends, so each start needs a process of its own.
+// Start-up runs in a child process: the service's threads run until the
+// process ends. The children of the other tests are named here too.
 #include <gtest/gtest.h>
 
 #include <cstdio>
@@ -16,30 +16,6 @@
 namespace {
 
 bool post_start_hdd() { return Request(STORAGE_START_HDD).invoke() == kTrue; }
-
-bool wait_for_state(HddState want)
-{
-    for (int i = 0; i < 500; ++i) {
-        if (theStorageManagerService.m_hddState.load() == want)
-            return true;
-        usleep(10000);
-    }
-    return false;
-}
-
-int child_start()
-{
-    if (StorageSystemInit() != 0)
-        return 10;
-    if (!post_start_hdd())
-        return 11;
-    if (!wait_for_state(HddNoHdd))
-        return 12;
-    if (StorageSystemInit() != 0)  // a second start is refused quietly
-        return 13;
-    fflush(stdout);
-    return 0;
-}
 
 // Every step of start-up fails: no queue may be made and no thread can start
 // (the parent gave this process a thread stack size no memory holds).
@@ -71,7 +47,6 @@ struct ChildRow {
 };
 
 const ChildRow kChildren[] = {
-    {"start", child_start},
     {"failing", child_failing},
     {"copy_without_threads", child_copy_without_threads},
     {"stress", child_stress},
@@ -103,23 +78,6 @@ size_t find_in(const std::string& out, const char* needle)
 }
 
 }  // namespace
-
-TEST(StorageSystemInit, StartsEveryPartInOrderAndServesCommands)
-{
-    REQUIRE_ISOLATION();
-    std::string out;
-    ASSERT_EQ(run_child("start", &out), 0) << out;
-    size_t banner = find_in(out, "+-+  STORAGE SERVER  +-+");
-    size_t init = find_in(out, "--- StorageManagerService init. ---");
-    size_t started = find_in(out, "> StorageManagerService start!");
-    size_t left = find_in(out, "leave ok");
-    EXPECT_LT(banner, init);
-    EXPECT_LT(init, started);
-    EXPECT_LT(started, left);
-    find_in(out, "power up HDD (state=-1)");
-    find_in(out, "the storage service runs already");
-    EXPECT_EQ(out.find("Error during init"), std::string::npos);
-}
 
 TEST(StorageSystemInit, ReturnsZeroWhenEveryStepFails)
 {

@@ -21,23 +21,13 @@
 
 namespace {
 
-// One entry as a listing would show it. The placeholder's time orders the
-// entries and is checked on its own; equality is of link and title.
+// One entry as a listing would show it; the placeholder's time orders the
+// entries.
 struct Entry {
     std::string link;
     std::string title;
     time_t mtime;
 };
-
-bool operator==(const Entry& a, const Entry& b)
-{
-    return a.link == b.link && a.title == b.title;
-}
-
-void PrintTo(const Entry& e, std::ostream* os)
-{
-    *os << "{link='" << e.link << "', title='" << e.title << "'}";
-}
 
 // The UTF-8 text in GBK, through the C library's iconv.
 std::string to_gbk(const std::string& utf8)
@@ -61,13 +51,7 @@ std::string to_gbk(const std::string& utf8)
 // 1 January of year, hh:mm, in local time as touch -t takes it.
 time_t local_new_year(int year, int hour, int minute)
 {
-    struct tm t = {};
-    t.tm_year = year - 1900;
-    t.tm_mon = 0;
-    t.tm_mday = 1;
-    t.tm_hour = hour;
-    t.tm_min = minute;
-    t.tm_isdst = -1;
+    struct tm t = {0, minute, hour, 1, 0, year - 1900, 0, 0, -1, 0, nullptr};
     return mktime(&t);
 }
 
@@ -132,8 +116,6 @@ protected:
     std::map<std::string, std::string> links;
     std::map<std::string, std::string> titles;
 };
-
-typedef std::vector<Entry> Entries;
 
 // A playlist's bytes and the entries it gives, link and title; a link
 // beginning with "@" lies in the playlist's folder (dir).
@@ -200,9 +182,6 @@ std::vector<ListRow> list_rows()
           {"@C:/music/v.mp3", "v.mp3"}}},
         {"a blank line ends the list", "blank.m3u", "#EXTM3U\n#EXTINF:1,a\n1.mp3\n2.mp3\n\n3.mp3\n4.mp3\n",
          {{"@1.mp3", "1.mp3"}, {"@2.mp3", "2.mp3"}}},
-        {"a CR LF blank line ends it too", "crlf.m3u", "1.mp3\r\n2.mp3\r\n\r\n3.mp3\r\n",
-         {{"@1.mp3", "1.mp3"}, {"@2.mp3", "2.mp3"}}},
-        {"comments only", "comments.m3u", "#EXTM3U\n#EXTINF:1,a\n#x.mp3\n# just a note\n", {}},
         {"empty", "empty.m3u", "", {}},
         {"names with commands run nothing", "evil.m3u", evil[0] + "\n" + evil[1] + "\n" + evil[2] + "\n" + evil[3] + "\n",
          {{"@" + evil[0], "marker1).mp3"}, {"@" + evil[1], "marker2`.mp3"}, {"@" + evil[2], "marker3; \".mp3"},
@@ -216,10 +195,12 @@ TEST_F(Playlist, EntriesInFileOrderAsTheyAreRead)
     ASSERT_EQ(to_gbk("\xE8\xAA\xA0.mp3"), "\xD5\x5C.mp3");
     for (const ListRow& row : list_rows()) {
         SCOPED_TRACE(row.why);
-        Entries want;
+        std::vector<std::pair<std::string, std::string>> want, got;
         for (const auto& [link, title] : row.entries)
-            want.push_back({link[0] == '@' ? dir + link.substr(1) : link, title, 0});
-        EXPECT_EQ(expect_entries(write(row.file, row.bytes)), want);
+            want.emplace_back(link[0] == '@' ? dir + link.substr(1) : link, title);
+        for (const Entry& e : expect_entries(write(row.file, row.bytes)))
+            got.emplace_back(e.link, e.title);
+        EXPECT_EQ(got, want);
         EXPECT_EQ(placeholders().size(), want.size());
     }
     // The form with the trailing "/" under which a listing shows a playlist.
@@ -259,56 +240,6 @@ TEST_F(Playlist, UnreadablePathsGiveFalse)
 
     EXPECT_FALSE(expand("/"));
     EXPECT_FALSE(expand(""));
-
-    // Readable from the working directory, but with no directory to join
-    // the entries to.
-    char cwd[4096];
-    ASSERT_NE(getcwd(cwd, sizeof(cwd)), nullptr);
-    ASSERT_EQ(chdir(dir.c_str()), 0);
-    bool bare = expand("good.m3u");
-    ASSERT_EQ(chdir(cwd), 0);
-    EXPECT_FALSE(bare);
-    EXPECT_TRUE(links.empty());
-}
-
-TEST_F(Playlist, FailedTouchLeavesAGapInTheMaps)
-{
-    // A touch that refuses the second entry's time stamp only.
-    mkdir("/tmp/plbin", 0755);
-    std::ofstream("/tmp/plbin/touch") << "#!/bin/sh\n[ \"$2\" = 190201010001 ] && exit 1\n"
-                                         "PATH=${PATH#/tmp/plbin:}\nexec touch \"$@\"\n";
-    ASSERT_EQ(chmod("/tmp/plbin/touch", 0755), 0);
-    std::string oldPath = getenv("PATH");
-    setenv("PATH", ("/tmp/plbin:" + oldPath).c_str(), 1);
-    std::string path = write("gap.m3u", "a.mp3\nb.mp3\nc.mp3\n");
-    bool ok = expand(path);
-    setenv("PATH", oldPath.c_str(), 1);
-    ASSERT_TRUE(ok);
-    EXPECT_EQ(placeholders().size(), 3u);  // b's placeholder stays, undated
-    ASSERT_EQ(links.size(), 2u);
-    for (const auto& row : links) {
-        struct stat st;
-        ASSERT_EQ(stat((M3U_TEMP_DIR + row.first).c_str(), &st), 0);
-        // The time went on past the refused entry.
-        if (row.second == dir + "a.mp3")
-            EXPECT_EQ(st.st_mtime, local_new_year(1902, 0, 0));
-        else
-            EXPECT_EQ(st.st_mtime, local_new_year(1902, 0, 2)) << row.second;
-    }
-}
-
-TEST_F(Playlist, NoRoomForAPlaceholderGivesFalse)
-{
-    // A tmpfs of four inodes on /tmp/m3u/: its root and three placeholders.
-    // rm -rf empties the mount point and mkdir -p finds it there.
-    Mounts tiny;
-    if (!tiny.tmpfs(M3U_TEMP_DIR, "nr_inodes=4"))
-        GTEST_SKIP() << "SKIPPED: no tmpfs could be mounted on " M3U_TEMP_DIR;
-    LogCapture log;
-    EXPECT_FALSE(expand(write("full.m3u", "a.mp3\nb.mp3\nc.mp3\nd.mp3\ne.mp3\n")));
-    EXPECT_TRUE(log.has("CFilesystemDrv::ExtractPlaylistToTempDir(): OpenTempFile failed"));
-    // What was made before stays.
-    EXPECT_EQ(entries(), (Entries{{dir + "a.mp3", "a.mp3", 0}, {dir + "b.mp3", "b.mp3", 0}, {dir + "c.mp3", "c.mp3", 0}}));
 }
 
 }  // namespace

@@ -24,13 +24,6 @@ void set_props(const char* rec, const char* tsh, const char* limit, const char* 
     property_set(PVR_IDENTITY_PROPERTY, identity);
 }
 
-std::string prop_identity()
-{
-    char value[PROPERTY_VALUE_MAX];
-    property_get(PVR_IDENTITY_PROPERTY, value, "no");
-    return value;
-}
-
 class Pvr : public ::testing::Test {
 protected:
     void SetUp() override
@@ -59,13 +52,6 @@ protected:
         if (mount[0] != '\0')
             mkdir(mount, 0755);
     }
-    static int identity_files(const char* dir)
-    {
-        int n = 0;
-        for (const std::string& name : list_dir(dir))
-            n += name.size() > 4 && name.compare(name.size() - 4, 4, ".ide") == 0 ? 1 : 0;
-        return n;
-    }
 };
 
 }  // namespace
@@ -93,31 +79,7 @@ TEST_F(Pvr, IdentityNamesAndTheListingRules)
     EXPECT_EQ(find_pvr_identity_callback(ctx, shortLine), -1);
 }
 
-TEST_F(Pvr, CreateReusesAnIdentityAndFindTakesTheLastListed)
-{
-    mkdir("/tmp/pvr/a", 0755);
-    set_props("0", "1", "100", "no");
-    char found[18];
-    EXPECT_FALSE(theStorageManagerService.FindPvrIdentityFromStorage("/tmp/pvr/a", found, 16));
-    EXPECT_FALSE(theStorageManagerService.FindPvrIdentityFromStorage("/tmp/pvr/a", found, 18));
-    ASSERT_TRUE(theStorageManagerService.CreatePvrIdentity("/tmp/pvr/a"));
-    std::string first = prop_identity();
-    EXPECT_EQ(first.size(), 17u);
-    EXPECT_TRUE(exists("/tmp/pvr/a/" + first));
-    // A second call keeps the name: no second file.
-    property_set(PVR_IDENTITY_PROPERTY, "no");
-    ASSERT_TRUE(theStorageManagerService.CreatePvrIdentity("/tmp/pvr/a"));
-    EXPECT_EQ(prop_identity(), first);
-    EXPECT_EQ(identity_files("/tmp/pvr/a"), 1);
-
-    EXPECT_EQ(0, system("touch /tmp/pvr/a/.999999999999.ide"));
-    ASSERT_TRUE(theStorageManagerService.FindPvrIdentityFromStorage("/tmp/pvr/a", found, 18));
-    // ls sorts: the later name is listed last and wins.
-    EXPECT_STREQ(found, ".999999999999.ide");
-    EXPECT_FALSE(theStorageManagerService.CreatePvrIdentity("/tmp/pvr/missing"));
-}
-
-TEST_F(Pvr, FirstCandidateIsChosenAndTheRememberedOneWins)
+TEST_F(Pvr, FirstCandidateIsChosenAndKept)
 {
     set_props("0", "1", "100", "no");
     add_row("/dev/sdb", "", "", 4000);
@@ -133,41 +95,10 @@ TEST_F(Pvr, FirstCandidateIsChosenAndTheRememberedOneWins)
     EXPECT_EQ(std::string(got[0].data.begin(), got[0].data.end()), "/tmp/pvr/b3");  // no NUL
     EXPECT_TRUE(theStorageManagerService.GetPvrDevState());
     EXPECT_EQ(theStorageManagerService.GetPvrMountPath(), "/tmp/pvr/b3");
-    std::string remembered = prop_identity();
-
-    // After a restart the state is gone; the remembered partition wins over
-    // the first candidate, which gets no identity file.
-    theStorageManagerService.SetPvrDevState(false);
-    {
-        std::lock_guard<std::mutex> hold(theStorageManagerService.m_DevTableLock);
-        std::swap(theStorageManagerService.m_ConnectedDevice[3], theStorageManagerService.m_ConnectedDevice[4]);
-    }
-    EXPECT_EQ(0, system("mv /tmp/pvr/b4 /tmp/pvr/tmp && mv /tmp/pvr/b3 /tmp/pvr/b4 && mv /tmp/pvr/tmp /tmp/pvr/b3"));
-    theStorageManagerService.MountPvrPartitionProcess();
-    EXPECT_EQ(theStorageManagerService.GetPvrMountPath(), "/tmp/pvr/b4");
-    EXPECT_EQ(prop_identity(), remembered);
-    EXPECT_EQ(identity_files("/tmp/pvr/b3"), 0);
-
     // While a partition is chosen, a mount run changes nothing.
     EventCapture later;
     theStorageManagerService.MountPvrPartitionProcess();
     EXPECT_TRUE(later.events().empty());
-}
-
-TEST_F(Pvr, RecordingAloneTakesNoFat)
-{
-    set_props("1", "0", "100", "no");
-    add_row("/dev/sdb1", "/tmp/pvr/f1", "vfat", 4000);
-    theStorageManagerService.MountPvrPartitionProcess();
-    EXPECT_FALSE(theStorageManagerService.GetPvrDevState());
-    EXPECT_EQ(prop_identity(), "no");
-    SStoragePvrDevGuideInfo guide;
-    EXPECT_EQ(theStorageManagerService.GetPvrDevGuideInfo(guide), 0);
-    EXPECT_EQ(guide.bShow, 1);
-    EXPECT_EQ(guide.enEvt, PLUGIN_EVENT_REQUEST_FORMAT_PARTITION);
-    EXPECT_EQ(guide.s32PartitionNum, 1);
-    EXPECT_STREQ(guide.astPartition[0].devName, "/dev/sdb1");
-    EXPECT_EQ(guide.s32ConnectedDevNum, 1);
 }
 
 TEST_F(Pvr, UnmountFallsBackOrLetsGo)
@@ -259,13 +190,3 @@ TEST_F(Pvr, GuideForTimeshiftOffersTheSmallestLargeEnoughPartition)
     EXPECT_EQ(guide.bShow, 0);
 }
 
-TEST_F(Pvr, OverlongPropertyMatchesNothing)
-{
-    set_props("0", "1", "100", ".201907150042.ide.too.long");
-    add_row("/dev/sdb1", "/tmp/pvr/e1", "vfat", 4000);
-    EXPECT_EQ(0, system("touch /tmp/pvr/e1/.201907150042.ide"));
-    theStorageManagerService.MountPvrPartitionProcess();
-    // No match, so the first candidate is taken and the property moves to it.
-    EXPECT_EQ(prop_identity(), ".201907150042.ide");
-    EXPECT_EQ(theStorageManagerService.GetPvrMountPath(), "/tmp/pvr/e1");
-}

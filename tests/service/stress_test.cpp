@@ -1,12 +1,7 @@
-// Everything at once on the real service: hub callers ask their direct
-// queries and run file operations on their own threads, while the service
-// thread runs plug-ins, plug-outs, mounts, unmounts, listings and size
-// replies, and the format, copy and benchmark threads do their work beside
-// them. Meant above all for ThreadSanitizer, which ends the run at its first
-// report (halt_on_error=1); every build checks that all of it ends and that
-// every command got its event. The service starts as the hosting process
-// starts it, in a child process, because its threads never stop; the volumes
-// are fakes, so that the runs are quick and touch nothing real.
+// Everything at once on the real service, for ThreadSanitizer above all: hub
+// callers on their own threads beside the service thread's plug, mount and
+// listing runs and the format, copy and benchmark threads. The service runs
+// in a child process (its threads never stop) on fake volumes.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -38,8 +33,6 @@
 #include "StorageSystem.h"
 #include "copy_fixture.h"
 #include "fake_tools.h"
-#include "file_ops_fixture.h"
-
 
 namespace {
 
@@ -47,16 +40,14 @@ const std::string kScratch = "/tmp/stress";
 const std::string kFiles = kScratch + "/files";    // one folder per hub caller
 const std::string kList = kScratch + "/list/";     // what the listings list
 const std::string kTree = kScratch + "/tree/";     // what the copies copy
-const std::string kCopies = kScratch + "/copies";  // where they go, c0, c1, ...
-const std::string kBench = kScratch + "/bench";    // what the benchmarks measure
+const std::string kCopies = kScratch + "/copies";  // c0, c1, ...
+const std::string kBench = kScratch + "/bench";
 const char kSdq1Mount[] = "/mnt/pvr/shared/sdq1";  // plugged in and out
 const char kSdr1Mount[] = "/mnt/pvr/shared/sdr1";  // stays, and is formatted once
 const int kCallers = 4;
-const int kListEntries = 9;       // what a listing with kListFlags shows
-const int32_t kListFlags = 1;
-// The driver's plug cycles go on until both are reached: the first cycle
-// (with the format behind it) warms up, the later ones must give back every
-// descriptor they open.
+const int kListEntries = 9;  // with system entries hidden
+// The first cycle (and the format) warms up; the later ones must give back
+// every descriptor they open.
 const int kMinCycles = 2;
 const auto kRunFor = std::chrono::seconds(1);
 
@@ -72,11 +63,9 @@ bool format_succeeded(const Bytes& payload)
     return info.result == 0;
 }
 
-// Counts the events by id, and keeps what the checks at the end look at.
-// The counters are relaxed atomics and each kept payload has a lock that
-// only its one sending thread takes: a lock shared by every sender would
-// order the service's threads with each other and hide their races from
-// ThreadSanitizer.
+// Counts the events by id. Relaxed atomics, and a lock that only the one
+// thread sending listings takes: a lock shared by every sender would order
+// the service's threads and hide their races from ThreadSanitizer.
 class EventTally {
 public:
     EventTally() { EMAL_SetSink(&EventTally::sink, this); }
@@ -102,7 +91,6 @@ private:
         const auto* bytes = static_cast<const unsigned char*>(data);
         Bytes payload(bytes, bytes + (bytes != nullptr ? len : 0));
         if (event == LUM_TV_EVT_STORAGE_READ_DIRS) {
-            // Sent by the service thread alone.
             std::lock_guard<std::mutex> hold(self->m_listingLock);
             self->m_listings.push_back(payload);
         }
@@ -122,12 +110,11 @@ private:
 
     std::atomic<int> m_counts[kSlots] = {};
     std::atomic<int> m_benchmarkEnds{0};
-    std::atomic<int> m_failedEnds{0};  // copies, formats and benchmarks that did not give 0
+    std::atomic<int> m_failedEnds{0};
     std::mutex m_listingLock;
     std::vector<Bytes> m_listings;
 };
 
-// What one hub caller did, and the first thing that went wrong.
 struct CallerReport {
     int iterations = 0;
     std::string failure;
@@ -144,8 +131,7 @@ std::string text_of(const Bytes& reply)
     return std::string(reply.begin(), std::find(reply.begin(), reply.end(), 0));
 }
 
-// The direct queries of the PVR state and of a volume. The answers change
-// with every run; each must be whole and one of the values a run leaves.
+// Direct queries: each answer must be whole and one of the values a run leaves.
 void ask_queries(CallerReport* r)
 {
     Bytes state = Request(STORAGE_PVR_DEV_STATE).invoke();
@@ -161,8 +147,6 @@ void ask_queries(CallerReport* r)
     check(r, Request(STORAGE_PARTITION_USED_SIZE).s(kSdr1Mount).invoke().size() == 8, "used size");
 }
 
-// One round of file operations in the caller's own folder: each answers
-// true (and sends its event where it has one) and leaves what it should.
 void run_file_ops(const std::string& folder, CallerReport* r)
 {
     const std::string d = folder + "/d";
@@ -177,7 +161,6 @@ void run_file_ops(const std::string& folder, CallerReport* r)
     check(r, Request(STORAGE_DELETE_DIR).s(d).i(2).i(len).invoke() == kTrue, "delete " + d);
 }
 
-// The events each round of file operations sends.
 const int kFileOpEvents[] = {LUM_TV_EVT_STORAGE_CREATE_DIR, LUM_TV_EVT_STORAGE_WRITE_FILE,
                              LUM_TV_EVT_STORAGE_RENAME_FILE, LUM_TV_EVT_STORAGE_MOVE_FILE,
                              LUM_TV_EVT_STORAGE_DELETE_DIR};
@@ -192,22 +175,18 @@ void hub_caller(int index, const std::atomic<bool>* stop, CallerReport* report)
     }
 }
 
-// Replaces what the fake blkid prints in one step, so that no command of a
-// run sees half a list.
+// In one step, so that no command of a run sees half a list.
 void set_blkid(bool withSdq1)
 {
     std::ofstream("/tmp/fake/blkid.new") << (withSdq1 ? kBlkidSdq1 : "") << kBlkidSdr1;
     rename("/tmp/fake/blkid.new", "/tmp/fake/blkid.out");
 }
 
-// Runs the service's side: posts commands and signals, waits for their
-// events, and counts what it posted.
+// Posts commands and signals, waits for their events and counts them.
 class Driver {
 public:
     explicit Driver(EventTally& tally) : m_tally(tally) {}
 
-    // The plug runs of one cycle, with listings, a size reply and a cover
-    // between them; copies and benchmarks start whenever the last has ended.
     void Cycle()
     {
         set_blkid(true);
@@ -220,8 +199,6 @@ public:
         StartBenchmarkIfIdle();
         Post(Request(STORAGE_DEV_UMOUNT).s("sdq1"), nullptr);
         Wait(LUM_TV_EVT_STORAGE_DEV_UMOUNT_END, ++m_unmounts, "unmount");
-        // Queries of the table and the volumes, and a marking that moves the
-        // PVR partition while the callers ask for it.
         Post(Request(STORAGE_GET_STORAGE_VOLUMES), &m_tables);
         Post(Request(STORAGE_GET_STORAGE_VOLUME).s("/dev/sdq"), &m_devInfos);
         Post(Request(STORAGE_GET_UUID_FOR_PATH).s(kSdr1Mount), &m_uuids);
@@ -231,15 +208,12 @@ public:
         set_blkid(false);
         Signal(SIG_ID_STORAGE_PLUG_OUT);
         Wait(LUM_TV_EVT_STORAGE_DEV_UMOUNT_END, ++m_unmounts, "plug-out");
-        // The first benchmark is held through the first cycle, so that it
-        // runs beside the plug runs and a tick may find it running.
+        // The first benchmark is held through the first cycle.
         remove("/tmp/fake/iozone.hold");
         ++m_cycles;
     }
 
-    // A format of sdr1 on its thread, with listings on the service thread
-    // meanwhile. The format's thread takes the volume off-line and brings it
-    // back: one unmount and one mount run of its own.
+    // Listings meanwhile; the format's thread runs one unmount and one mount.
     void Format()
     {
         Post(Request(STORAGE_DEV_FORMAT).s("/dev/sdr1"), &m_formats);
@@ -252,8 +226,6 @@ public:
             Fail("the format thread never ended");
     }
 
-    // Waits for the copies, benchmarks and replies still under way, then
-    // checks that every command got exactly its events.
     void Finish()
     {
         Wait(LUM_TV_EVT_STORAGE_COPY, m_copies, "copy");
@@ -289,13 +261,6 @@ public:
 
     int Cycles() const { return m_cycles; }
     const std::string& Failure() const { return m_failure; }
-    std::string Summary() const
-    {
-        return std::to_string(m_cycles) + " cycles, " + std::to_string(m_mounts) + " mount and " +
-               std::to_string(m_unmounts) + " unmount runs, " + std::to_string(m_listings) + " listings, " +
-               std::to_string(m_copies) + " copies, " + std::to_string(m_benchmarks) + " benchmarks, " +
-               std::to_string(m_formats) + " format";
-    }
 
 private:
     void Fail(const std::string& what)
@@ -309,7 +274,6 @@ private:
         if (theStorageManagerService.SendCmd(&msg) != 0)
             Fail("the queue refused signal " + std::to_string(signal));
     }
-    // A posted command: the hub answers true once it is queued.
     void Post(Request&& request, int* posted) { Post(request, posted); }
     void Post(Request& request, int* posted)
     {
@@ -326,12 +290,10 @@ private:
     void PostListings(int n)
     {
         for (int i = 0; i < n; ++i) {
-            // Path, its length, the command id, and the flags: system
-            // entries hidden, tags read.
-            Request request(STORAGE_READ_DIRS);
+            Request request(STORAGE_READ_DIRS);  // flags 1: system entries hidden
             request.s(kList).i(static_cast<int32_t>(kList.size() + 1));
             request.p.writeInt64(m_listings);
-            request.i(kListFlags);
+            request.i(1);
             Post(request, &m_listings);
         }
     }
@@ -350,17 +312,14 @@ private:
             return;
         Post(Request(STORAGE_DEV_BENCHMARK).s(kBench), &m_benchmarks);
     }
-    // Every listing is the same folder, unchanged: each block must be the
-    // same bytes, one block with every entry. A reply of another thread
-    // written into the send buffer during a listing would show here.
+    // Each listing of the unchanged folder must be the same one block: a
+    // reply of another thread written into the send buffer would show here.
     void CheckListings()
     {
         std::vector<Bytes> blocks = m_tally.listings();
-        if (blocks.empty() || blocks[0].size() < 4 || blocks[0][0] != 0 || blocks[0][1] != 0 ||
-            blocks[0][2] != 0 || blocks[0][3] != kListEntries) {
-            Fail("the first listing is not one block of every entry");
-            return;
-        }
+        if (blocks.empty() || blocks[0].size() < 4 || Bytes(blocks[0].begin(), blocks[0].begin() + 4) !=
+                                                          Bytes{0, 0, 0, kListEntries})
+            return Fail("the first listing is not one block of every entry");
         for (const Bytes& b : blocks) {
             if (b != blocks[0])
                 Fail("the listings differ");
@@ -369,13 +328,11 @@ private:
 
     EventTally& m_tally;
     std::string m_failure;
-    // Cycles done, runs and requests sent: the answers due.
     int m_cycles = 0, m_mounts = 0, m_unmounts = 0, m_listings = 0, m_sizes = 0, m_covers = 0, m_copies = 0;
     int m_benchmarks = 0, m_formats = 0, m_tables = 0, m_devInfos = 0, m_uuids = 0, m_marks = 0;
 };
 
-// What the process's descriptors point at: every operation gives its own
-// back.
+// What the process's descriptors point at.
 std::set<std::string> open_fds()
 {
     std::set<std::string> out;
@@ -393,13 +350,11 @@ std::set<std::string> open_fds()
 
 }  // namespace
 
-// The child process: starts the service, runs the callers and the driver,
-// and answers 0 when everything ended as it should; otherwise it says what
+// The child process: 0 when everything ended as it should, otherwise what
 // went wrong on standard error.
 int child_stress()
 {
-    // Every log line takes the log's one hook lock, which would order all
-    // logging threads with each other and hide their races.
+    // The log's one hook lock would order all logging threads and hide races.
     lmdroid_set_log_threshold(ANDROID_LOG_SILENT);
     EventTally tally;
     if (StorageSystemInit() != 0)
@@ -416,8 +371,6 @@ int child_stress()
     while (driver.Failure().empty() &&
            (driver.Cycles() < kMinCycles || std::chrono::steady_clock::now() - start < kRunFor)) {
         driver.Cycle();
-        // The first cycle and the format open what the service keeps open
-        // from then on; every later cycle must give back what it opens.
         if (driver.Cycles() == 1) {
             driver.Format();
             fdsBefore = open_fds();
@@ -453,15 +406,14 @@ int child_stress()
             rc = 5;
         }
     }
-    printf("stress: %s; %d rounds of hub calls\n", driver.Summary().c_str(), iterations);
+    printf("stress: %d cycles, %d rounds of hub calls\n", driver.Cycles(), iterations);
     return rc;
 }
 
 namespace {
 
-// The two volumes, in the kernel's list of partitions, in blkid, in df and
-// mounted by the fake tools on a private /mnt; the scratch folders; the PVR
-// properties of a television that records and timeshifts.
+// Two volumes in the kernel's list, blkid and df, mounted by the fake tools
+// on a private /mnt; a television that records and timeshifts.
 class Stress : public FakeTools {
 protected:
     void SetUp() override
@@ -513,7 +465,6 @@ TEST_F(Stress, HubCallersServiceThreadAndItsWorkersRunTogether)
 {
     std::string out;
     int rc = run_child("stress", &out);
-    // A sanitizer's report or the failure stands at the end.
     EXPECT_EQ(rc, 0) << (out.size() > 30000 ? out.substr(out.size() - 30000) : out);
     size_t summary = out.find("stress: ");
     if (rc == 0 && summary != std::string::npos)

@@ -187,11 +187,6 @@ bool Mounts::bind(const std::string& from, const std::string& onto)
     return true;
 }
 
-bool Mounts::read_only(const std::string& dir)
-{
-    return mount(nullptr, dir.c_str(), nullptr, MS_REMOUNT | MS_RDONLY, nullptr) == 0;
-}
-
 void PostProbe::ProcessNorvMsg(CNorvMsg* msg)
 {
     Posted p{msg->GetSignalName(), {}, {}};

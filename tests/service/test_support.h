@@ -108,7 +108,6 @@ public:
     ~Mounts();
     bool tmpfs(const std::string& dir, const std::string& options);  // makes dir
     bool bind(const std::string& from, const std::string& onto);
-    bool read_only(const std::string& dir);
 
 private:
     std::vector<std::string> m_points;

