@@ -75,7 +75,7 @@ TEST_F(Devices, DamagedExt4IsRepairedAndAnUnrepairableOneLeavesNoDirectory)
     StartService(
         "disk good size=64M table=msdos plugged=no\n  part fs=ext4 label=FIXME damage=fixable\n"
         "disk bad size=64M table=msdos plugged=no\n  part fs=ext4 label=BROKEN damage=unfixable\n");
-    std::string good = tv.Plug("good").out;
+    ASSERT_TRUE(tv.Plug("good").ok());
     ASSERT_TRUE(WaitFor("LUM_TV_EVT_STORAGE_DEV_MOUNT_END"));
     ASSERT_EQ(Events("LUM_TV_EVT_STORAGE_DEV_MOUNT").size(), 1u);
     EXPECT_TRUE(Has(Events("LUM_TV_EVT_STORAGE_DEV_MOUNT")[0], "\"label\":\"FIXME\""));
