@@ -202,6 +202,7 @@ TEST_F(FileOpsTest, SecondCopyIsBusyCancelStopsALargeFileAndAFullVolumeIsAnnounc
     EXPECT_TRUE(Has(cancel.out, "\"queued\":true")) << cancel.Describe();
     EXPECT_EQ(first.status, 1) << first.Describe();
     EXPECT_TRUE(Has(first.out, "\"result\":1,")) << first.out;
+    ASSERT_TRUE(WaitFor("LUM_TV_EVT_STORAGE_COPY", 3)) << "the recorder may write after the client's answer";
     EXPECT_EQ(CopyResults(), (std::vector<int>{5, 0, 1}));
     EXPECT_EQ(size(fat + "/part"), -1LL);
 
