@@ -12,23 +12,14 @@ const char* kVolume = "/mnt/pvr/shared/sdb1";
 
 class Benchmark : public ServiceRig {
 protected:
-    // prepare, when given, runs inside the television before the service.
+    // Verbose: the log then holds every command line the service runs.
     void StartBenchmarkRig(const std::vector<std::string>& env = {}, const std::string& prepare = "")
     {
-        Result up = tv.Up("disk stick size=256M table=msdos plugged=no\n  part fs=ext4 label=B\n"
-                          "disk other size=64M table=msdos plugged=no\n  part fs=ext4 label=O\n");
-        ASSERT_TRUE(up.ok()) << up.Describe();
-        if (!prepare.empty()) {
-            ASSERT_TRUE(tv.Exec(prepare).ok()) << prepare;
-        }
-        // Verbose: the log then holds every command line the service runs.
         std::vector<std::string> all{"LUM_LOG_LEVEL=v"};
         all.insert(all.end(), env.begin(), env.end());
-        StartServiceOnly(all);
-        if (HasFatalFailure())
-            return;
-        ASSERT_TRUE(tv.Plug("stick").ok());
-        ASSERT_TRUE(WaitFor("LUM_TV_EVT_STORAGE_DEV_MOUNT_END"));
+        StartService("disk stick size=256M table=msdos plugged=no\n  part fs=ext4 label=B\n"
+                     "disk other size=64M table=msdos plugged=no\n  part fs=ext4 label=O\n",
+                     {"stick"}, all, prepare);
     }
     std::vector<std::string> BenchEvents() const { return Events("LUM_TV_EVT_STORAGE_DEV_BENCHMARK"); }
     static bool Running(const std::string& line) { return Has(line, "\"data\":{\"status\":8,"); }
@@ -98,7 +89,7 @@ TEST_F(Benchmark, ToolDeafToTermIsKilledWhenItsDiskGoesAndTheNextDiskMounts)
 {
     // In iozone's place a tool that ignores TERM (the real one ends on it),
     // as one hung on a disk that went away does not answer it either.
-    StartBenchmarkRig({"PATH=/run/deaf:/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin"},
+    StartBenchmarkRig({std::string("PATH=/run/deaf:") + kRigPath},
                       "mkdir -p /run/deaf && printf '#!/bin/sh\\ntrap \"\" TERM\\necho \"Run began:\"\\n"
                       "while :; do sleep 1; done\\n' > /run/deaf/iozone && chmod 755 /run/deaf/iozone");
     if (HasFatalFailure())

@@ -34,24 +34,6 @@ protected:
         if (!media_.empty())
             system(("rm -rf " + media_).c_str());
     }
-    // The daemon runs eight hours east of UTC, so local times differ from UTC.
-    void StartStick()
-    {
-        std::string desc = "disk stick size=160M table=msdos plugged=no\n"
-                           "  part size=64M fs=vfat label=FAT\n"
-                           "    file /same.txt text=x\n"
-                           "  part fs=ext4 label=EXT\n"
-                           "    file /same.txt text=x\n"
-                           "    file /music/song.mp3 from=" + media_ + "/song.mp3\n"
-                           "    file /music/list.m3u text=#EXTM3U\n";
-        Result up = tv.Up(desc);
-        ASSERT_TRUE(up.ok()) << up.Describe();
-        StartServiceOnly({"TZ=CST-8"});
-        if (HasFatalFailure())
-            return;
-        ASSERT_TRUE(tv.Plug("stick").ok());
-        ASSERT_TRUE(WaitFor("LUM_TV_EVT_STORAGE_DEV_MOUNT_END"));
-    }
     Result Ls(const std::vector<std::string>& args) const
     {
         std::vector<std::string> argv{"ls"};
@@ -87,9 +69,17 @@ std::string Shown(const lumrig::Tv& tv, const char* vol, long offset)
 
 }  // namespace
 
-TEST_F(Listing, SameFileOnExt4AndFatDiffersByTheLocalOffset)
+TEST_F(Listing, LocalTimesTagsAndAPlaylistShownAsADirectory)
 {
-    StartStick();
+    std::string desc = "disk stick size=160M table=msdos plugged=no\n"
+                       "  part size=64M fs=vfat label=FAT\n"
+                       "    file /same.txt text=x\n"
+                       "  part fs=ext4 label=EXT\n"
+                       "    file /same.txt text=x\n"
+                       "    file /music/song.mp3 from=" + media_ + "/song.mp3\n"
+                       "    file /music/list.m3u text=#EXTM3U\n";
+    // The daemon runs eight hours east of UTC, so local times differ from UTC.
+    StartService(desc, {"stick"}, {"TZ=CST-8"});
     if (HasFatalFailure())
         return;
     // 2024-05-17 13:45 UTC on both volumes. Whatever time the FAT adapter
@@ -126,13 +116,8 @@ TEST_F(Listing, SameFileOnExt4AndFatDiffersByTheLocalOffset)
     Result none = Ls({std::string(kExt) + "/nothing/"});
     EXPECT_EQ(none.status, 1) << none.Describe();
     EXPECT_TRUE(Has(none.out, "\"failed\":true")) << none.out;
-}
 
-TEST_F(Listing, TagsAndAPlaylistShownAsADirectory)
-{
-    StartStick();
-    if (HasFatalFailure())
-        return;
+    // Tags of a real MP3, and a playlist shown as a directory of its entries.
     std::string music = std::string(kExt) + "/music/";
     ASSERT_TRUE(tv.Exec("printf '#EXTM3U\\n#EXTINF:2,x\\nsong.mp3\\nhttp://radio.example/a.mp3\\n../missing.mp3\\n' > " +
                         music + "list.m3u")

@@ -47,22 +47,19 @@ void open_file_rights(const hosttest::TestServer& srv)
     chmod(srv.config.socket_path.c_str(), 0666);
 }
 
-// Child: connects, sends nothing and waits. A server that read before it
+// Child: connects, sends `first` and waits. A server that read before it
 // checked would wait too; this one closes at once. Exit 0: closed with no
-// byte received; then a request sent anyway must not be answered.
-int refused_client(const std::string& path)
+// byte sent back.
+int refused_client(const std::string& path, const std::string& first = "")
 {
-    int fd = hosttest::connect_to(path);
-    if (fd < 0)
+    hosttest::Fd c(hosttest::connect_to(path));
+    if (c.fd < 0)
         return 10;
+    send(c.fd, first.data(), first.size(), MSG_NOSIGNAL);  // may find it closed already
     size_t bytes = 0;
-    if (!hosttest::closed_within(fd, 5000, &bytes))
+    if (!hosttest::closed_within(c.fd, 5000, &bytes))
         return 11;
-    if (bytes != 0)
-        return 12;
-    hosttest::send_bytes(fd, hosttest::request_frame(STORAGE_PVR_DEV_STATE));
-    hosttest::Frame f = hosttest::next_frame(fd, 500);
-    return f.status == lumproto::ReadStatus::kOk ? 13 : 0;
+    return bytes == 0 ? 0 : 12;
 }
 
 // Child: exit 0 when a request is answered.
@@ -264,42 +261,15 @@ std::vector<std::vector<std::string>> net_rows(const std::string& path)
     return rows;
 }
 
-// Everything the peer sends until it closes (at most 5 s).
-std::string read_to_end(int fd)
-{
-    std::string out;
-    char buf[4096];
-    while (lumproto::wait_readable(fd, 5000) > 0) {
-        ssize_t n = recv(fd, buf, sizeof(buf), 0);
-        if (n <= 0)
-            break;
-        out.append(buf, static_cast<size_t>(n));
-    }
-    return out;
-}
-
 std::string shell_talk(const std::string& path, const std::string& lines)
 {
     int fd = hosttest::connect_to(path);
     if (fd < 0)
         return "(no connection)";
     send(fd, lines.data(), lines.size(), MSG_NOSIGNAL);
-    std::string out = read_to_end(fd);
+    std::string out = hosttest::drain(fd, 5000);
     close(fd);
     return out;
-}
-
-// Child: exit 0 when the shell closes without an answer to "help".
-int refused_by_shell(const std::string& path)
-{
-    int fd = hosttest::connect_to(path);
-    if (fd < 0)
-        return 10;
-    send(fd, "help\n", 5, MSG_NOSIGNAL);
-    size_t bytes = 0;
-    if (!hosttest::closed_within(fd, 5000, &bytes))
-        return 11;
-    return bytes == 0 ? 0 : 12;
 }
 
 TEST_F(RealDaemonAccess, ListensOnItsSocketAndTheDebugShellAlone)
@@ -361,7 +331,7 @@ TEST_F(RealDaemonAccess, DebugShellIsItsUsersAloneAndOffersNoneOfTheServiceComma
 
     // Opened to everybody, the socket still answers nobody else.
     ASSERT_EQ(0, chmod(shell.c_str(), 0666));
-    EXPECT_EQ(0, hosttest::run_as(kNobody, kNogroup, [&] { return refused_by_shell(shell); }));
+    EXPECT_EQ(0, hosttest::run_as(kNobody, kNogroup, [&] { return refused_client(shell, "help\n"); }));
     EXPECT_EQ(0u, shell_talk(shell, "version\nexit\n").find("norvfw ")) << "its owner is still served";
 }
 

@@ -1,5 +1,5 @@
 // Parcel bytes against vectors written out by hand from Android's layout, and
-// reads of short, unterminated or random data. setData allocates exactly the
+// reads of short or unterminated data. setData allocates exactly the
 // data, so under the address sanitizer any read past the end is an error.
 
 #include <binder/Parcel.h>
@@ -8,7 +8,6 @@
 
 #include <cstdio>
 #include <cstring>
-#include <random>
 #include <string>
 #include <vector>
 

@@ -1,18 +1,7 @@
-// Helpers for tests that need the simulated television (rig/rig).
-//
-// A test that needs the rig derives from lumrig::RigTest (or calls
-// LUMRIG_REQUIRE_ROOT() first): without root it is skipped with the reason
-// "needs root for the rig", printed loudly on stderr as well.
-//
-//   TEST_F(MyRigTest, Something) {
-//     ASSERT_TRUE(tv.Up("disk stick size=64M\n  part fs=ext4 label=DATA\n").ok());
-//     auto r = tv.Exec("blkid -o value -s LABEL /dev/sdb1");
-//     EXPECT_EQ(r.out, "DATA\n");
-//   }
-//
-// The television is owned by the test process: it is taken down by Down(),
-// by the destructor, and by the rig's watchdog when the process dies
-// (crash, timeout kill).
+// Tests on the simulated television (rig/rig): lumrig::Tv builds one from a
+// description (rig/README.md) and takes it down in its destructor; the rig's
+// watchdog takes it down when the test process dies. lumrig::RigTest skips,
+// loudly, without root.
 #pragma once
 
 #include <fcntl.h>
@@ -32,10 +21,8 @@
 #include <cstring>
 #include <fstream>
 #include <set>
-#include <sstream>
 #include <string>
 #include <thread>
-#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -56,14 +43,6 @@ struct Result {
     return "status " + std::to_string(status) + "\n--- stdout\n" + out + "--- stderr\n" + err;
   }
 };
-
-inline bool IsRoot() { return geteuid() == 0; }
-
-// Path of the rig's entry point; $LUMRIG_ENTRY overrides the built-in one.
-inline std::string Entry() {
-  const char* e = std::getenv("LUMRIG_ENTRY");
-  return (e && *e) ? e : LUMRIG_ENTRY;
-}
 
 // Runs argv (no shell) with `input` on stdin; kills its process group after
 // timeout_s seconds. `env` adds NAME=VALUE entries to the environment. The
@@ -130,13 +109,9 @@ bool Until(Done done, int timeout_s = 60, int step_ms = 20) {
   return done();
 }
 
-inline Result Shell(const std::string& cmd, int timeout_s = 600) { return Run({"/bin/sh", "-c", cmd}, {}, timeout_s); }
-
 inline std::string ReadFile(const std::string& path) {
   std::ifstream f(path, std::ios::binary);
-  std::stringstream ss;
-  ss << f.rdbuf();
-  return ss.str();
+  return std::string(std::istreambuf_iterator<char>(f), {});
 }
 
 inline bool Exists(const std::string& path) {
@@ -144,20 +119,16 @@ inline bool Exists(const std::string& path) {
   return lstat(path.c_str(), &st) == 0;
 }
 
-// The environment the rig gets: prebuilt uevent tools when CMake built them.
-inline std::vector<std::string> RigEnv() {
-  std::vector<std::string> env;
+// Runs the rig's entry point ($LUMRIG_ENTRY overrides the built one) with the
+// prebuilt uevent tools when CMake built them.
+inline Result Rig(const std::vector<std::string>& args, const std::string& input = {}, int timeout_s = 600) {
+  const char* entry = std::getenv("LUMRIG_ENTRY");
+  std::vector<std::string> argv{(entry && *entry) ? entry : LUMRIG_ENTRY}, env;
+  argv.insert(argv.end(), args.begin(), args.end());
 #ifdef LUMRIG_TOOLDIR
   if (!std::getenv("LUMRIG_TOOLDIR")) env.push_back(std::string("LUMRIG_TOOLDIR=") + LUMRIG_TOOLDIR);
 #endif
-  return env;
-}
-
-// Runs the rig's entry point with the given arguments.
-inline Result Rig(const std::vector<std::string>& args, const std::string& input = {}, int timeout_s = 600) {
-  std::vector<std::string> argv{Entry()};
-  argv.insert(argv.end(), args.begin(), args.end());
-  return Run(argv, input, timeout_s, RigEnv());
+  return Run(argv, input, timeout_s, env);
 }
 
 inline std::string RunDir() {
@@ -175,17 +146,9 @@ class Tv {
 
   // Builds the television from a description (text of the description
   // format, see rig/README.md). The calling process is its owner.
-  Result Up(const std::string& description, const std::string& id = {}) {
-    std::vector<std::string> args{"up", "--owner", std::to_string(getpid())};
-    if (!id.empty()) {
-      args.push_back("--id");
-      args.push_back(id);
-    }
-    args.push_back("-");
-    Result r = Rig(args, description);
-    if (r.ok()) {
-      id_ = r.out.substr(0, r.out.find('\n'));
-    }
+  Result Up(const std::string& description) {
+    Result r = Rig({"up", "--owner", std::to_string(getpid()), "-"}, description);
+    if (r.ok()) id_ = r.out.substr(0, r.out.find('\n'));
     return r;
   }
 
@@ -200,73 +163,41 @@ class Tv {
   const std::string& id() const { return id_; }
   std::string StateDir() const { return RunDir() + "/" + id_; }
 
-  // A shell command inside the television.
-  Result Exec(const std::string& cmd, int timeout_s = 600) const {
-    return Rig({"exec", id_, "--", "/bin/sh", "-c", cmd}, {}, timeout_s);
-  }
-  Result ExecArgv(const std::vector<std::string>& argv) const {
-    std::vector<std::string> args{"exec", id_, "--"};
-    args.insert(args.end(), argv.begin(), argv.end());
-    return Rig(args);
-  }
+  // A command inside the television: a shell line, or words passed as they are.
+  Result Exec(const std::string& cmd) const { return ExecArgv({"/bin/sh", "-c", cmd}); }
+  Result ExecArgv(const std::vector<std::string>& argv) const { return Cmd("exec", {"--"}, argv); }
   // Any other rig command for this television: Cmd("plug", {"stick"}).
-  Result Cmd(const std::string& command, const std::vector<std::string>& rest = {}) const {
-    std::vector<std::string> args{command, id_};
-    args.insert(args.end(), rest.begin(), rest.end());
-    return Rig(args);
+  Result Cmd(const std::string& command, std::vector<std::string> rest = {},
+             const std::vector<std::string>& more = {}) const {
+    rest.insert(rest.begin(), id_);
+    rest.insert(rest.begin(), command);
+    rest.insert(rest.end(), more.begin(), more.end());
+    return Rig(rest);
   }
   Result Plug(const std::string& disk) const { return Cmd("plug", {disk}); }
   Result Unplug(const std::string& disk) const { return Cmd("unplug", {disk}); }
 
-  // Host path of a path inside (e.g. a daemon's socket).
-  std::string HostPath(const std::string& inside) const {
-    Result r = Cmd("path", {inside});
-    return r.ok() ? r.out.substr(0, r.out.find('\n')) : std::string();
-  }
-
   // Starts a daemon inside (rig run); its output is in Log(name).
   Result Start(const std::string& name, const std::vector<std::string>& argv) const {
-    std::vector<std::string> rest{"--name", name, "--"};
-    rest.insert(rest.end(), argv.begin(), argv.end());
-    return Cmd("run", rest);
+    return Cmd("run", {"--name", name, "--"}, argv);
   }
   Result Stop(const std::string& name) const { return Cmd("stop", {name}); }
   std::string Log(const std::string& name) const { return ReadFile(StateDir() + "/logs/" + name + ".log"); }
-
-  // Starts a daemon that serves a socket at `socket_inside` and waits up to
-  // timeout_s for the socket to appear; returns its host path ("" if it
-  // did not appear).
-  std::string StartDaemon(const std::string& name, const std::vector<std::string>& argv,
-                          const std::string& socket_inside, int timeout_s = 10) const {
-    if (!Start(name, argv).ok()) return {};
-    std::string host = HostPath(socket_inside);
-    return !host.empty() && Until([&] { return Exists(host); }, timeout_s) ? host : std::string();
-  }
 
  private:
   std::string id_;
 };
 
-}  // namespace lumrig
-
-// Skips the current test, visibly, when not running as root.
-#define LUMRIG_REQUIRE_ROOT()                                                                     \
-  do {                                                                                            \
-    if (!::lumrig::IsRoot()) {                                                                    \
-      std::fprintf(stderr, "\n*** SKIPPED %s: needs root for the rig (running as uid %d) ***\n\n", \
-                   ::testing::UnitTest::GetInstance()->current_test_info()->name(),              \
-                   static_cast<int>(geteuid()));                                                  \
-      GTEST_SKIP() << "needs root for the rig (running as uid " << geteuid() << ")";             \
-    }                                                                                             \
-  } while (0)
-
-namespace lumrig {
-
-// Base for tests that need the rig: skipped without root; `tv` is taken down
-// after each test.
+// Base for tests that need the rig: skipped loudly without root; `tv` is
+// taken down after each test.
 class RigTest : public ::testing::Test {
  protected:
-  void SetUp() override { LUMRIG_REQUIRE_ROOT(); }
+  void SetUp() override {
+    if (geteuid() == 0) return;
+    std::fprintf(stderr, "\n*** SKIPPED %s: needs root for the rig ***\n\n",
+                 ::testing::UnitTest::GetInstance()->current_test_info()->name());
+    GTEST_SKIP() << "needs root for the rig (running as uid " << geteuid() << ")";
+  }
   Tv tv;
 };
 
@@ -325,8 +256,11 @@ protected:
         std::vector<std::string> argv{"env", "LMDROID_PROPERTY_DIR=/run/properties", "NORVFW_NSHELL_DIR=/run"};
         argv.insert(argv.end(), env.begin(), env.end());
         argv.insert(argv.end(), {LUMSTORAGED_BIN, "--socket", "/run/lumstorage.sock"});
-        socket_ = tv.StartDaemon("lumstoraged", argv, "/run/lumstorage.sock");
-        ASSERT_FALSE(socket_.empty()) << tv.Log("lumstoraged");
+        ASSERT_TRUE(tv.Start("lumstoraged", argv).ok());
+        socket_ = tv.Cmd("path", {"/run/lumstorage.sock"}).out;
+        socket_ = socket_.substr(0, socket_.find('\n'));
+        ASSERT_TRUE(lumrig::Until([&] { return !socket_.empty() && lumrig::Exists(socket_); }, 10))
+            << tv.Log("lumstoraged");
         // Each start of the service begins a new record of its events.
         events_ = tv.StateDir() + "/service-events.jsonl";
         close(open(events_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
@@ -372,20 +306,15 @@ protected:
         return lumrig::Run(argv, input, 120);
     }
 
-    // Every recorded event line.
-    std::vector<std::string> Events() const
+    // Every recorded event line (a line still being written left out).
+    std::vector<std::string> Events() const { return Split(lumrig::ReadFile(events_), '\n'); }
+    // The pieces of text that each end in `end`, in order.
+    static std::vector<std::string> Split(const std::string& text, char end)
     {
-        std::vector<std::string> lines;
-        std::string all = lumrig::ReadFile(events_);
-        size_t at = 0;
-        while (at < all.size()) {
-            size_t end = all.find('\n', at);
-            if (end == std::string::npos)
-                break;  // a line still being written
-            lines.push_back(all.substr(at, end - at));
-            at = end + 1;
-        }
-        return lines;
+        std::vector<std::string> pieces;
+        for (size_t at = 0, stop; (stop = text.find(end, at)) != std::string::npos; at = stop + 1)
+            pieces.push_back(text.substr(at, stop - at));
+        return pieces;
     }
 
     // Lines of one event, e.g. "LUM_TV_EVT_STORAGE_DEV_MOUNT".
@@ -406,6 +335,8 @@ protected:
     }
 
     static bool Has(const std::string& line, const std::string& text) { return line.find(text) != std::string::npos; }
+    // mount's lines of the service's volumes.
+    std::string Mounts() const { return tv.Exec("mount | grep /mnt/pvr/shared || true").out; }
 
     // The pids of this television's processes named `name` (pgrep -x). The
     // rig shares the host's PID namespace: processes of the host and of
@@ -415,20 +346,28 @@ protected:
         const char* script = "self=$(readlink /proc/self/ns/mnt); for p in $(pgrep -x \"$1\"); do "
                              "[ \"$(readlink /proc/$p/ns/mnt 2>/dev/null)\" = \"$self\" ] && echo $p; done; true";
         std::vector<pid_t> pids;
-        std::string out = tv.ExecArgv({"sh", "-c", script, "sh", name}).out;
-        for (size_t at = 0, end; (end = out.find('\n', at)) != std::string::npos; at = end + 1)
-            pids.push_back(static_cast<pid_t>(std::stol(out.substr(at, end - at))));
+        for (const std::string& pid : Split(tv.ExecArgv({"sh", "-c", script, "sh", name}).out, '\n'))
+            pids.push_back(static_cast<pid_t>(std::stol(pid)));
         return pids;
     }
 
+    // Shell line that writes persist.pvr.* properties: "rec.enable=1 ...".
+    static std::string PvrProperties(const std::string& assignments)
+    {
+        return "mkdir -p /run/properties && for a in " + assignments +
+               "; do printf %s \"${a#*=}\" > /run/properties/persist.pvr.${a%%=*}; done";
+    }
+
     // Wrappers in /run/holdbin for the service's PATH (HoldableEnv): each
-    // runs the real tool of its name, but first waits while /run/hold.NAME
-    // exists, with /run/held.NAME showing that a call waits there.
+    // runs the real tool of its name, but first waits while /run/hold.KEY
+    // exists (KEY: the name up to its first dot, so "mkfs" holds mkfs.ext4
+    // too), with /run/held.KEY showing that a call waits there, and fails
+    // while /run/fail.KEY exists.
     void MakeHoldable(const std::vector<std::string>& tools) const
     {
-        std::string wrapper = std::string("#!/bin/sh\nn=$(basename \"$0\")\n") +
-                              "while [ -e /run/hold.$n ]; do : > /run/held.$n; sleep 0.05; done\n"
-                              "PATH=" + kRigPath + " exec \"$n\" \"$@\"\n";
+        std::string wrapper = std::string("#!/bin/sh\nn=$(basename \"$0\"); k=${n%%.*}\n") +
+                              "while [ -e /run/hold.$k ]; do : > /run/held.$k; sleep 0.05; done\n"
+                              "[ ! -e /run/fail.$k ] || exit 1\nPATH=" + kRigPath + " exec \"$n\" \"$@\"\n";
         std::string make = "mkdir -p /run/holdbin && cat > /run/holdbin/wrapper <<'EOF'\n" + wrapper +
                            "EOF\nchmod 755 /run/holdbin/wrapper";
         for (const std::string& tool : tools)
@@ -505,14 +444,6 @@ protected:
     std::set<std::string> Names(const std::string& dir) const
     {
         return AsSet(Split(In({"find", dir, "-mindepth", "1", "-maxdepth", "1", "-printf", "%f\\0"}).out, '\0'));
-    }
-    // The pieces of text that each end in `end`, in order.
-    static std::vector<std::string> Split(const std::string& text, char end)
-    {
-        std::vector<std::string> pieces;
-        for (size_t at = 0, stop; (stop = text.find(end, at)) != std::string::npos; at = stop + 1)
-            pieces.push_back(text.substr(at, stop - at));
-        return pieces;
     }
     static std::set<std::string> AsSet(const std::vector<std::string>& items)
     {

@@ -32,7 +32,7 @@ std::multiset<std::string> HostMounts() {
 // Loop devices backed by an image of the television (other tests may hold
 // loop devices of their own meanwhile).
 std::string LoopsOf(const std::string& id) {
-  return lumrig::Shell("losetup -a | grep -F '" + lumrig::RunDir() + "/" + id + "/' || true").out;
+  return lumrig::Run({"sh", "-c", "losetup -a | grep -F \"$0\" || true", lumrig::RunDir() + "/" + id + "/"}).out;
 }
 
 int ProcessesInside(const std::string& id) {
