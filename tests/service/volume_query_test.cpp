@@ -138,6 +138,32 @@ protected:
 
 }  // namespace
 
+// A volume a format has taken off-line is left alone by every other run
+// until the format's own run brings it back.
+TEST_F(MountRun, AVolumeOffLineForAFormatIsLeftAloneUntilTheFormatBringsItBack)
+{
+    StorageManagerService& service = theStorageManagerService;
+    output("blkid", "/dev/sdb1: UUID=\"1\" TYPE=\"ext4\"\n/dev/sdc1: UUID=\"2\" TYPE=\"ext4\"\n");
+    {
+        std::lock_guard<std::mutex> run(service.m_RunLock);
+        service.m_OfflineVolume = "/dev/sdc1";
+    }
+    auto mount_lines = [] {
+        std::string out;
+        for (const std::string& line : call_lines())
+            if (line.rfind("mount -t ", 0) == 0 && line.find(" /dev/sd") != std::string::npos)
+                out += line.substr(line.find(" /dev/sd") + 1) + "\n";
+        return out;
+    };
+    // A plug-in's run, and a client's request naming the volume.
+    EXPECT_EQ(1, service.MountUsbDevices(nullptr));
+    EXPECT_EQ(1, service.MountUsbDevices("sdc1"));
+    EXPECT_EQ(mount_lines(), "/dev/sdb1 /mnt/pvr/shared/sdb1\n/dev/sdb1 /mnt/pvr/shared/sdb1\n");
+    EXPECT_EQ(2, service.BringOnline("/dev/sdc1"));
+    EXPECT_NE(std::string::npos, mount_lines().find("/dev/sdc1 /mnt/pvr/shared/sdc1\n")) << mount_lines();
+    EXPECT_TRUE(service.m_OfflineVolume.empty());
+}
+
 TEST_F(MountRun, OneStickRunsItsCommandLinesInOrder)
 {
     write_fake_volume_tools();
