@@ -1,10 +1,6 @@
 // The guide record in words. Strings are read only up to their field's
 // size; the partition count is bounded by the record's rows.
-#include "lumctl/guide_text.h"
-
-#include <cstring>
-
-#include "lumctl/volume_table.h"
+#include "lumctl/output.h"
 
 namespace lumctl {
 
@@ -89,8 +85,7 @@ Json partition_json(const SConnectedDevice& row)
             {"label", cut(row.volumeName, sizeof(row.volumeName))}};
 }
 
-}  // namespace
-
+// What the record asks of the user interface ("offer to format sdb1").
 std::string guide_request(const SStoragePvrDevGuideInfo& guide)
 {
     for (const RequestRow& row : kRequests) {
@@ -99,6 +94,8 @@ std::string guide_request(const SStoragePvrDevGuideInfo& guide)
     }
     return "unknown request " + std::to_string(static_cast<int>(guide.enEvt));
 }
+
+}  // namespace
 
 std::string guide_text(const SStoragePvrDevGuideInfo& guide)
 {

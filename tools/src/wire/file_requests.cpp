@@ -1,8 +1,6 @@
 // Requests of the file subcommands. Every field goes through
 // android::Parcel, so the bytes are the layout the service reads: 4-byte
 // items, strings NUL-terminated and zero-padded, raw bytes padded.
-#include "lumctl/file_requests.h"
-
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -12,11 +10,24 @@
 #include <binder/Parcel.h>
 #include <StorageModuleCmd.h>
 
+#include "lumctl/wire.h"
 #include "lumproto/frame.h"
 
 namespace lumctl {
 
 namespace {
+
+// Posted commands keep a text in a field of 100 bytes: 99 and its NUL.
+constexpr size_t kPostedTextMax = 99;
+// The copy engine takes at most 256 bytes of each path of its block, and
+// the block of a copy request is at most 1024 bytes.
+constexpr size_t kCopyPathMax = 256;
+constexpr size_t kCopyBlockMax = 1024;
+// Rename and move pack flag, source, NUL, destination and NUL into 512
+// bytes: strlen(src) + strlen(dst) + 3 must not exceed it.
+constexpr size_t kPackedPathsMax = 512;
+// The service refuses a command of this many bytes or more (-1).
+constexpr size_t kSysCommandMax = 512;
 
 // A request under construction: the command word, then fields.
 struct Request {
@@ -263,26 +274,6 @@ bool parse_mode(const std::string& text, int32_t* out)
         return false;
     *out = static_cast<int32_t>(mode);
     return true;
-}
-
-int read_data(const std::string& file, FILE* in, Bytes* out, std::string* error)
-{
-    const bool stdin_data = file == "-";
-    const std::string name = stdin_data ? "standard input" : file;
-    FILE* stream = stdin_data ? in : fopen(file.c_str(), "rb");
-    if (stream == nullptr)
-        return refuse(error, name + ": " + strerror(errno));
-    out->clear();
-    uint8_t chunk[65536];
-    size_t n = 0;
-    while (out->size() <= lumproto::kMaxPayload && (n = fread(chunk, 1, sizeof(chunk), stream)) > 0)
-        out->insert(out->end(), chunk, chunk + n);
-    const bool failed = ferror(stream) != 0;
-    if (!stdin_data)
-        fclose(stream);
-    if (failed || out->size() > lumproto::kMaxPayload)
-        return refuse(error, name + (failed ? ": read error" : ": larger than the frame limit"));
-    return 0;
 }
 
 }  // namespace lumctl

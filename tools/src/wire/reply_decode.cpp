@@ -1,14 +1,15 @@
 // Reply decoding through android::Parcel reads; a read that finds too few
 // bytes stops the decoding and the remaining bytes go out as hex.
-#include "lumctl/reply_decode.h"
-
-#include <cstring>
-
 #include <binder/Parcel.h>
+
+#include "lumctl/wire.h"
 
 namespace lumctl {
 
 namespace {
+
+// Size of the guide record behind "iG".
+constexpr size_t kGuideRecordBytes = 63000;
 
 struct Cursor {
     android::Parcel parcel;
