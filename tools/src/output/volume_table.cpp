@@ -201,60 +201,26 @@ std::vector<Line> tree_lines(const std::vector<VolumeEntry>& entries)
     return lines;
 }
 
-std::string cell_type(const VolumeEntry& e) { return volume_type(e); }
-std::string cell_conn(const VolumeEntry& e) { return conn_label(e.conn); }
-std::string cell_fs(const VolumeEntry& e) { return printable(e.fs_type); }
-std::string cell_label(const VolumeEntry& e) { return printable(e.label); }
-std::string cell_size(const VolumeEntry& e) { return e.has_size ? human_mb(e.size_mb) : ""; }
-std::string cell_used(const VolumeEntry& e) { return e.has_used ? human_mb(e.used_mb) : ""; }
-std::string cell_mount(const VolumeEntry& e) { return printable(e.mount_point); }
-std::string cell_vendor(const VolumeEntry& e) { return printable(e.vendor); }
-std::string cell_model(const VolumeEntry& e) { return printable(e.model); }
-
 struct Column {
     const char* title;
     bool right;  // sizes line up on their right edge
-    std::string (*cell)(const VolumeEntry& entry);
+    std::string (*cell)(const VolumeEntry& e);
 };
+
+using Cell = const VolumeEntry&;
 
 // NAME comes first, from the tree.
 const Column kColumns[] = {
-    {"TYPE", false, cell_type},   {"CONN", false, cell_conn},     {"FSTYPE", false, cell_fs},
-    {"LABEL", false, cell_label}, {"SIZE", true, cell_size},      {"USED", true, cell_used},
-    {"MOUNTPOINT", false, cell_mount}, {"VENDOR", false, cell_vendor}, {"MODEL", false, cell_model},
+    {"TYPE", false, [](Cell e) -> std::string { return volume_type(e); }},
+    {"CONN", false, [](Cell e) { return conn_label(e.conn); }},
+    {"FSTYPE", false, [](Cell e) { return printable(e.fs_type); }},
+    {"LABEL", false, [](Cell e) { return printable(e.label); }},
+    {"SIZE", true, [](Cell e) { return e.has_size ? human_mb(e.size_mb) : ""; }},
+    {"USED", true, [](Cell e) { return e.has_used ? human_mb(e.used_mb) : ""; }},
+    {"MOUNTPOINT", false, [](Cell e) { return printable(e.mount_point); }},
+    {"VENDOR", false, [](Cell e) { return printable(e.vendor); }},
+    {"MODEL", false, [](Cell e) { return printable(e.model); }},
 };
-constexpr size_t kColumnCount = 1 + sizeof(kColumns) / sizeof(kColumns[0]);
-
-using Row = std::vector<std::string>;
-
-Row header_row()
-{
-    Row row{"NAME"};
-    for (const Column& c : kColumns)
-        row.push_back(c.title);
-    return row;
-}
-
-Row entry_row(const Line& line)
-{
-    Row row{line.name};
-    for (const Column& c : kColumns)
-        row.push_back(c.cell(*line.entry));
-    return row;
-}
-
-bool right_aligned(size_t col) { return col > 0 && kColumns[col - 1].right; }
-
-std::string format_row(const Row& row, const std::vector<size_t>& widths)
-{
-    std::string out;
-    for (size_t col = 0; col < row.size(); ++col) {
-        std::string pad(widths[col] - display_width(row[col]), ' ');
-        out += (col > 0 ? " " : "") + (right_aligned(col) ? pad + row[col] : row[col] + pad);
-    }
-    size_t end = out.find_last_not_of(' ');
-    return out.substr(0, end == std::string::npos ? 0 : end + 1) + "\n";
-}
 
 }  // namespace
 
@@ -271,17 +237,28 @@ std::string printable(const std::string& text)
 
 std::string render_volume_table(const std::vector<VolumeEntry>& entries)
 {
-    std::vector<Row> rows{header_row()};
-    for (const Line& line : tree_lines(entries))
-        rows.push_back(entry_row(line));
-    std::vector<size_t> widths(kColumnCount, 0);
-    for (const Row& row : rows) {
+    std::vector<std::vector<std::string>> rows{{"NAME"}};
+    for (const Column& c : kColumns)
+        rows[0].push_back(c.title);
+    for (const Line& line : tree_lines(entries)) {
+        rows.push_back({line.name});
+        for (const Column& c : kColumns)
+            rows.back().push_back(c.cell(*line.entry));
+    }
+    std::vector<size_t> widths(rows[0].size(), 0);
+    for (const auto& row : rows) {
         for (size_t col = 0; col < row.size(); ++col)
             widths[col] = std::max(widths[col], display_width(row[col]));
     }
     std::string out;
-    for (const Row& row : rows)
-        out += format_row(row, widths);
+    for (const auto& row : rows) {
+        std::string line;
+        for (size_t col = 0; col < row.size(); ++col) {
+            std::string pad(widths[col] - display_width(row[col]), ' ');
+            line += (col > 0 ? " " : "") + (col > 0 && kColumns[col - 1].right ? pad + row[col] : row[col] + pad);
+        }
+        out += line.substr(0, line.find_last_not_of(' ') + 1) + "\n";
+    }
     return entries.empty() ? out + "(no devices)\n" : out;
 }
 
