@@ -37,61 +37,6 @@ std::string path_text(const CtlEvent& event)
     return event.data.empty() ? "" : printable(std::string(text, strnlen(text, event.data.size())));
 }
 
-EventStep on_umount(FormatFollower* f, const CtlEvent& event)
-{
-    if (!before(f->phase, Phase::kFormatting))
-        return EventStep::kMore;
-    enter(f, Phase::kUnmounting, "unmounting");
-    f->say(unmounted_text(event), step_json("unmounted", event));
-    return EventStep::kMore;
-}
-
-EventStep on_umount_end(FormatFollower* f, const CtlEvent& event)
-{
-    if (!before(f->phase, Phase::kFormatting))
-        return EventStep::kMore;
-    enter(f, Phase::kUnmounting, "unmounting");
-    f->phase = Phase::kFormatting;
-    f->say("formatting", step_json("formatting", event));
-    return EventStep::kMore;
-}
-
-bool in_mount_run(const FormatFollower* f)
-{
-    return f->phase == Phase::kFormatting || f->phase == Phase::kMounting;
-}
-
-EventStep on_mount(FormatFollower* f, const CtlEvent& event)
-{
-    if (!in_mount_run(f))
-        return EventStep::kMore;
-    enter(f, Phase::kMounting, "mounting");
-    f->say(mounted_text(event), step_json("mounted", event));
-    return EventStep::kMore;
-}
-
-EventStep on_mount_end(FormatFollower* f, const CtlEvent& event)
-{
-    if (!in_mount_run(f))
-        return EventStep::kMore;
-    enter(f, Phase::kMounting, "mounting");
-    f->phase = Phase::kMounted;
-    f->say("", step_json("mountEnd", event));
-    return EventStep::kMore;
-}
-
-EventStep on_pvr_plug_out(FormatFollower* f, const CtlEvent& event)
-{
-    f->say("PVR partition gone: " + path_text(event), step_json("pvrPlugOut", event));
-    return EventStep::kMore;
-}
-
-EventStep on_pvr_change(FormatFollower* f, const CtlEvent& event)
-{
-    f->say("PVR partition now " + path_text(event), step_json("pvrChange", event));
-    return EventStep::kMore;
-}
-
 // retVal, the device, and with retVal 0 the size in MB, as the event's
 // decoder reads them; an event it cannot read names no volume.
 EventStep on_partition(FormatFollower* f, const CtlEvent& event)
@@ -168,20 +113,37 @@ EventStep on_format(FormatFollower* f, const CtlEvent& event)
     return finish(f, result, failure_reason(f, result));
 }
 
+using Text = std::string (*)(const CtlEvent& event);
+
+// The steps told from events: one that counts while the format is between
+// low and high (mount and unmount events carry no volume name) enters phase,
+// saying word once, goes on to after, and says text and {"step":step,...};
+// or, for the partition and the result, the row's own handler.
 struct StepRow {
     int32_t id;
+    Phase low, high, phase;
+    const char* word;  // null: the phase stays
+    Phase after;
+    const char* step;
+    Text text;
     EventStep (*take)(FormatFollower* f, const CtlEvent& event);
 };
 
 const StepRow kSteps[] = {
-    {LUM_TV_EVT_STORAGE_DEV_UMOUNT, on_umount},
-    {LUM_TV_EVT_STORAGE_DEV_UMOUNT_END, on_umount_end},
-    {LUM_TV_EVT_STORAGE_DEV_MOUNT, on_mount},
-    {LUM_TV_EVT_STORAGE_DEV_MOUNT_END, on_mount_end},
-    {LUM_TV_EVT_STORAGE_PVR_PLUG_OUT, on_pvr_plug_out},
-    {LUM_TV_EVT_STORAGE_PVR_DEV_CHANGE, on_pvr_change},
-    {LUM_TV_EVT_STORAGE_SET_ALL_PARTITION, on_partition},
-    {LUM_TV_EVT_STORAGE_FORMAT, on_format},
+    {LUM_TV_EVT_STORAGE_DEV_UMOUNT, Phase::kWaiting, Phase::kUnmounting, Phase::kUnmounting, "unmounting",
+     Phase::kUnmounting, "unmounted", unmounted_text, nullptr},
+    {LUM_TV_EVT_STORAGE_DEV_UMOUNT_END, Phase::kWaiting, Phase::kUnmounting, Phase::kUnmounting, "unmounting",
+     Phase::kFormatting, "formatting", [](const CtlEvent&) { return std::string("formatting"); }, nullptr},
+    {LUM_TV_EVT_STORAGE_DEV_MOUNT, Phase::kFormatting, Phase::kMounting, Phase::kMounting, "mounting",
+     Phase::kMounting, "mounted", mounted_text, nullptr},
+    {LUM_TV_EVT_STORAGE_DEV_MOUNT_END, Phase::kFormatting, Phase::kMounting, Phase::kMounting, "mounting",
+     Phase::kMounted, "mountEnd", [](const CtlEvent&) { return std::string(); }, nullptr},
+    {LUM_TV_EVT_STORAGE_PVR_PLUG_OUT, Phase::kWaiting, Phase::kEnded, Phase::kWaiting, nullptr, Phase::kWaiting,
+     "pvrPlugOut", [](const CtlEvent& e) { return "PVR partition gone: " + path_text(e); }, nullptr},
+    {LUM_TV_EVT_STORAGE_PVR_DEV_CHANGE, Phase::kWaiting, Phase::kEnded, Phase::kWaiting, nullptr, Phase::kWaiting,
+     "pvrChange", [](const CtlEvent& e) { return "PVR partition now " + path_text(e); }, nullptr},
+    {LUM_TV_EVT_STORAGE_SET_ALL_PARTITION, {}, {}, {}, nullptr, {}, nullptr, nullptr, on_partition},
+    {LUM_TV_EVT_STORAGE_FORMAT, {}, {}, {}, nullptr, {}, nullptr, nullptr, on_format},
 };
 
 const char* const kPhaseNames[] = {"no step yet", "unmounting", "formatting", "mounting",
@@ -200,8 +162,17 @@ std::vector<int32_t> FormatFollower::event_ids()
 EventStep FormatFollower::take(const CtlEvent& event)
 {
     for (const StepRow& row : kSteps) {
-        if (row.id == event.id)
+        if (row.id != event.id)
+            continue;
+        if (row.take != nullptr)
             return row.take(this, event);
+        if (before(phase, row.low) || before(row.high, phase))
+            return EventStep::kMore;
+        if (row.word != nullptr) {
+            enter(this, row.phase, row.word);
+            phase = row.after;
+        }
+        say(row.text(event), step_json(row.step, event));
     }
     return EventStep::kMore;
 }

@@ -24,25 +24,6 @@ constexpr double kListingTimeoutSeconds = 30;
 // the service's default (a flags byte always replaces the default).
 constexpr int kNoTagsFilter = 1;
 
-struct LsOptions {
-    int flags = kListingNoFlags;
-    uint16_t id = 0;
-    bool human = false;
-};
-
-// The listing's flags byte and id from --filter, --no-tags and --id (the
-// parser checked their ranges); without --id the process id names it.
-LsOptions ls_options(const DeviceArgs& args)
-{
-    LsOptions opts;
-    opts.human = args.human;
-    int index = args.filter >= 0 ? args.filter : kNoTagsFilter;
-    if (args.filter >= 0 || args.no_tags)
-        opts.flags = index | (args.no_tags ? kListingNoTags : 0);
-    opts.id = static_cast<uint16_t>(args.id >= 0 ? args.id : getpid() & 0xFFFF);
-    return opts;
-}
-
 std::string entries(long long n)
 {
     return std::to_string(n) + (n == 1 ? " entry" : " entries");
@@ -165,17 +146,22 @@ struct Lister {
 
 int run_ls(const CtlContext& ctx, const DeviceArgs& args)
 {
-    const LsOptions opts = ls_options(args);
+    // The flags byte and id from --filter, --no-tags and --id (the parser
+    // checked their ranges); without --id the process id names the listing.
+    const int flags = args.filter >= 0 || args.no_tags
+                          ? (args.filter >= 0 ? args.filter : kNoTagsFilter) | (args.no_tags ? kListingNoTags : 0)
+                          : kListingNoFlags;
+    const auto id = static_cast<uint16_t>(args.id >= 0 ? args.id : getpid() & 0xFFFF);
     DeviceCall call(ctx, "ls", "STORAGE_READ_DIRS", args, kListingTimeoutSeconds, "no listing will come");
-    Lister lister{call.local, call.args.operands[0], opts.human, {}, {}, false, false,
+    Lister lister{call.local, call.args.operands[0], args.human, {}, {}, false, false,
                   std::chrono::steady_clock::now(), -1, {}};
     EventQuery query;
     std::vector<uint8_t> end_mark;
     std::string error;
     // The end marker: an empty path, which the service answers with one
     // failure block after this listing's blocks.
-    if (build_listing_request(lister.path, opts.flags, opts.id, &query.request, &error) != 0 ||
-        build_listing_request("", kListingNoFlags, opts.id, &end_mark, &error) != 0)
+    if (build_listing_request(lister.path, flags, id, &query.request, &error) != 0 ||
+        build_listing_request("", kListingNoFlags, id, &end_mark, &error) != 0)
         return usage_error(ctx, "ls: " + error);
     query.more_requests.push_back(end_mark);
     query.on_more_reply = [&lister](size_t, const CtlReply& reply) { return lister.marker_reply(reply); };

@@ -21,24 +21,6 @@ std::string ListingRecord::*const kStrings[] = {&ListingRecord::name,  &ListingR
                                                 &ListingRecord::genre, &ListingRecord::link};
 const char* const kStringNames[] = {"name", "title", "artist", "album", "genre", "link"};
 
-void read_file_info(const uint8_t* p, ListingRecord* rec)
-{
-    rec->is_protected = p[0] != 0;
-    rec->size_kib = be32(p + 1);
-    rec->mjd = be24(p + 5);
-    rec->hour = p[8];
-    rec->minute = p[9];
-}
-
-void read_tag_info(const uint8_t* p, ListingRecord* rec)
-{
-    rec->year = static_cast<uint16_t>(be16(p));
-    rec->track = static_cast<uint16_t>(be16(p + 2));
-    rec->duration = be32(p + 4);
-    rec->bitrate = be32(p + 8);
-    rec->tag_read = p[17] != 0;
-}
-
 // One record from p[0..n): the bytes it takes, or 0 with the reason.
 size_t parse_record(const uint8_t* p, size_t n, ListingRecord* rec, std::string* why)
 {
@@ -46,7 +28,11 @@ size_t parse_record(const uint8_t* p, size_t n, ListingRecord* rec, std::string*
         *why = "file information cut short (" + std::to_string(n) + " of 10 bytes)";
         return 0;
     }
-    read_file_info(p, rec);
+    rec->is_protected = p[0] != 0;
+    rec->size_kib = be32(p + 1);
+    rec->mjd = be24(p + 5);
+    rec->hour = p[8];
+    rec->minute = p[9];
     size_t at = kFileInfoBytes;
     for (size_t i = 0; i < 6; ++i) {
         const void* nul = at < n ? memchr(p + at, 0, n - at) : nullptr;
@@ -66,7 +52,12 @@ size_t parse_record(const uint8_t* p, size_t n, ListingRecord* rec, std::string*
         *why = "separator is " + std::to_string(p[at]) + ", not 0";
         return 0;
     }
-    read_tag_info(p + at + 1, rec);
+    const uint8_t* tag = p + at + 1;
+    rec->year = static_cast<uint16_t>(be16(tag));
+    rec->track = static_cast<uint16_t>(be16(tag + 2));
+    rec->duration = be32(tag + 4);
+    rec->bitrate = be32(tag + 8);
+    rec->tag_read = tag[17] != 0;
     return at + 1 + kTagInfoBytes;
 }
 
