@@ -170,34 +170,31 @@ int run_pvr_path(const CtlContext& ctx, const DeviceArgs& args)
     return path.empty() ? kExitNo : kExitOk;
 }
 
-int run_pvr_available(const CtlContext& ctx, const DeviceArgs& args)
+// pvr available DISK (the verdict) and pvr total DISK (the size in MB).
+static int pvr_disk(const CtlContext& ctx, const DeviceArgs& args, bool total)
 {
-    DeviceCall call(ctx, "pvr available", "STORAGE_PVR_DEV_AVAILABLE", args, kQueryTimeoutSeconds);
+    DeviceCall call(ctx, total ? "pvr total" : "pvr available",
+                    total ? "STORAGE_PVR_DISK_TOTAL" : "STORAGE_PVR_DEV_AVAILABLE", args, kQueryTimeoutSeconds);
     int32_t verdict = 0;
-    int rc = read_number(ctx, call, true, &verdict);
-    if (rc != kExitOk)
-        return rc;
-    const std::string& disk = call.args.operands[0];
-    const char* name = verdict_name(verdict);
-    print_line(call.local, printable(disk) + ": verdict " + std::to_string(verdict) + ", " + name,
-               Json{{"disk", disk}, {"verdict", verdict}, {"name", name}, {"usable", verdict == 0}});
-    return verdict == 0 ? kExitOk : kExitNo;
-}
-
-int run_pvr_total(const CtlContext& ctx, const DeviceArgs& args)
-{
-    DeviceCall call(ctx, "pvr total", "STORAGE_PVR_DISK_TOTAL", args, kQueryTimeoutSeconds);
     int64_t mb = 0;
-    int rc = read_number(ctx, call, true, &mb);
-    if (rc != kExitOk)
-        return rc;
+    int rc = total ? read_number(ctx, call, true, &mb) : read_number(ctx, call, true, &verdict);
     const std::string& disk = call.args.operands[0];
+    if (rc != kExitOk || !total) {
+        const char* name = verdict_name(verdict);
+        if (rc == kExitOk)
+            print_line(call.local, printable(disk) + ": verdict " + std::to_string(verdict) + ", " + name,
+                       Json{{"disk", disk}, {"verdict", verdict}, {"name", name}, {"usable", verdict == 0}});
+        return rc != kExitOk ? rc : verdict == 0 ? kExitOk : kExitNo;
+    }
     // The service answers 0 for a disk it cannot size.
     std::string size = mb > 0 ? human_mb(static_cast<uint64_t>(mb)) + " " : "no size known ";
     print_line(call.local, printable(disk) + ": " + size + "(" + std::to_string(mb) + " MB)",
                Json{{"disk", disk}, {"totalMB", mb}});
     return mb > 0 ? kExitOk : kExitNo;
 }
+
+int run_pvr_available(const CtlContext& ctx, const DeviceArgs& args) { return pvr_disk(ctx, args, false); }
+int run_pvr_total(const CtlContext& ctx, const DeviceArgs& args) { return pvr_disk(ctx, args, true); }
 
 int run_pvr_guide(const CtlContext& ctx, const DeviceArgs& args)
 {

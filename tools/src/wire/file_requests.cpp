@@ -17,17 +17,12 @@ namespace lumctl {
 
 namespace {
 
-// Posted commands keep a text in a field of 100 bytes: 99 and its NUL.
-constexpr size_t kPostedTextMax = 99;
-// The copy engine takes at most 256 bytes of each path of its block, and
-// the block of a copy request is at most 1024 bytes.
-constexpr size_t kCopyPathMax = 256;
-constexpr size_t kCopyBlockMax = 1024;
-// Rename and move pack flag, source, NUL, destination and NUL into 512
-// bytes: strlen(src) + strlen(dst) + 3 must not exceed it.
-constexpr size_t kPackedPathsMax = 512;
-// The service refuses a command of this many bytes or more (-1).
-constexpr size_t kSysCommandMax = 512;
+// Posted commands keep a text in a field of 100 bytes (99 and its NUL). The
+// copy engine takes at most 256 bytes of each path of its block, and a block
+// of at most 1024 bytes. Rename and move pack flag, source, NUL, destination
+// and NUL into 512 bytes. The service refuses a command of 512 bytes or more.
+constexpr size_t kPostedTextMax = 99, kCopyPathMax = 256, kCopyBlockMax = 1024;
+constexpr size_t kPackedPathsMax = 512, kSysCommandMax = 512;
 
 // A request under construction: the command word, then fields.
 struct Request {
