@@ -11,14 +11,10 @@
 #include <CLI/CLI.hpp>
 
 #include "lumctl/ctl.h"
-#include "lumctl/ctl_help.h"
-#include "lumctl/listing.h"
 
 namespace lumctl {
 
 namespace {
-
-using Runner = int (*)(const CtlContext& ctx, const DeviceArgs& args);
 
 // The options a row takes.
 enum : unsigned {
@@ -42,7 +38,7 @@ constexpr unsigned kDev = kJson | kTimeout;
 struct SubRow {
     const char* parent;  // pvr or fd for their words, else null
     const char* name;
-    Runner run;          // null for a word: its parent's runner picks it by name
+    Runner* run;
     // Names of the operands: "[NAME]" may be left out, "NAME..." takes
     // every word left.
     const char* operands;
@@ -58,17 +54,17 @@ const SubRow kRows[] = {
     {nullptr, "help", run_help, "[WORD]", 0},
     {nullptr, "volumes", run_volumes, "", kDev},
     {nullptr, "devinfo", run_devinfo, "DEVICE", kDev},
-    {nullptr, "mount", run_mount, "DEVICE", kDev},
-    {nullptr, "umount", run_umount, "DEVICE", kDev},
-    {nullptr, "size", run_size, "DEVICE", kDev},
-    {nullptr, "used", run_used, "DEVICE", kDev},
-    {nullptr, "free", run_free, "UUID", kDev},
-    {nullptr, "uuid", run_uuid, "PATH", kDev},
-    {nullptr, "pvr", run_pvr, "", kWords},
-    {"pvr", "state", nullptr, "", kDev}, {"pvr", "path", nullptr, "", kDev},
-    {"pvr", "available", nullptr, "DISK", kDev}, {"pvr", "total", nullptr, "DISK", kDev},
-    {"pvr", "mark", nullptr, "DISK", kDev | kFormat}, {"pvr", "guide", nullptr, "", kDev},
-    {"pvr", "limit", nullptr, "[MB]", kDev},
+    {nullptr, "mount", run_device_run, "DEVICE", kDev},
+    {nullptr, "umount", run_device_run, "DEVICE", kDev},
+    {nullptr, "size", run_query, "DEVICE", kDev},
+    {nullptr, "used", run_query, "DEVICE", kDev},
+    {nullptr, "free", run_query, "UUID", kDev},
+    {nullptr, "uuid", run_query, "PATH", kDev},
+    {nullptr, "pvr", nullptr, "", kWords},
+    {"pvr", "state", run_pvr_state, "", kDev}, {"pvr", "path", run_pvr_path, "", kDev},
+    {"pvr", "available", run_pvr_available, "DISK", kDev}, {"pvr", "total", run_pvr_total, "DISK", kDev},
+    {"pvr", "mark", run_pvr_mark, "DISK", kDev | kFormat}, {"pvr", "guide", run_pvr_guide, "", kDev},
+    {"pvr", "limit", run_pvr_limit, "[MB]", kDev},
     {nullptr, "format", run_format, "VOLUME", kDev},
     {nullptr, "bench", run_bench, "MOUNT_PATH", kDev | kCancel},
     {nullptr, "ls", run_ls, "PATH", kDev | kLs},
@@ -76,18 +72,18 @@ const SubRow kRows[] = {
     {nullptr, "mkdir", run_mkdir, "PATH", kDev},
     {nullptr, "rm", run_rm, "PATH", kDev | kRecording | kTree},
     {nullptr, "rmdir", run_rmdir, "PATH", kDev},
-    {nullptr, "protect", run_protect, "PATH", kDev},
-    {nullptr, "unprotect", run_unprotect, "PATH", kDev},
-    {nullptr, "mv", run_mv, "SRC DST", kDev | kRecording},
-    {nullptr, "rename", run_rename, "SRC DST", kDev | kRecording},
+    {nullptr, "protect", run_protection, "PATH", kDev},
+    {nullptr, "unprotect", run_protection, "PATH", kDev},
+    {nullptr, "mv", run_two_paths, "SRC DST", kDev | kRecording},
+    {nullptr, "rename", run_two_paths, "SRC DST", kDev | kRecording},
     {nullptr, "write", run_write, "PATH [FILE]", kDev},
     {nullptr, "cp", run_cp, "SRC DST", kDev | kRecording | kTree | kDirect | kCancel},
     {nullptr, "exec", run_exec, "COMMAND", kDev | kCapture | kCommandTail},
     {nullptr, "chmod", run_chmod, "PATH MODE", kDev},
-    {nullptr, "fd", run_fd, "", kWords},
-    {"fd", "open", nullptr, "PATH FLAGS MODE", kDev}, {"fd", "close", nullptr, "FD", kDev},
-    {"fd", "read", nullptr, "FD BYTES", kDev}, {"fd", "write", nullptr, "FD [FILE]", kDev},
-    {"fd", "sync", nullptr, "FD", kDev},
+    {nullptr, "fd", nullptr, "", kWords},
+    {"fd", "open", run_fd_open, "PATH FLAGS MODE", kDev}, {"fd", "close", run_fd_close, "FD", kDev},
+    {"fd", "read", run_fd_read, "FD BYTES", kDev}, {"fd", "write", run_fd_write, "FD [FILE]", kDev},
+    {"fd", "sync", run_fd_sync, "FD", kDev},
 };
 
 // Seconds from 0 (zero_ok) or above 0, to 1e9; CLI11 itself would take
@@ -208,10 +204,12 @@ CLI::App* add_row(CLI::App* app, const SubRow& row, DeviceArgs* args)
     return sub;
 }
 
-const SubRow& top_row(const std::string& name)
+// The row of name under parent (null: a top row).
+const SubRow& row_named(const char* parent, const std::string& name)
 {
     for (const SubRow& row : kRows) {
-        if (row.parent == nullptr && name == row.name)
+        if ((row.parent == nullptr ? parent == nullptr : parent != nullptr && strcmp(parent, row.parent) == 0) &&
+            name == row.name)
             return row;
     }
     return kRows[0];
@@ -277,38 +275,7 @@ void build_app(CLI::App* app, CtlContext* ctx, DeviceArgs* args)
     }
 }
 
-void options_of(const CLI::App* app, std::vector<std::string>* names)
-{
-    for (const CLI::Option* opt : app->get_options()) {
-        if (!opt->get_positional() && opt->get_name() != "--help")
-            names->push_back(opt->get_name());
-    }
-    for (const CLI::App* sub : app->get_subcommands([](const CLI::App*) { return true; }))
-        options_of(sub, names);
-}
-
 }  // namespace
-
-std::vector<std::string> subcommand_options(const std::string& name)
-{
-    CLI::App app;
-    CtlContext ctx;
-    DeviceArgs args;
-    build_app(&app, &ctx, &args);
-    std::vector<std::string> names;
-    options_of(app.get_subcommand(name), &names);
-    return names;
-}
-
-std::vector<std::string> subcommand_names()
-{
-    std::vector<std::string> names;
-    for (const SubRow& row : kRows) {
-        if (row.parent == nullptr)
-            names.push_back(row.name);
-    }
-    return names;
-}
 
 int run_command_line(CtlContext* ctx, int argc, char** argv)
 {
@@ -326,14 +293,14 @@ int run_command_line(CtlContext* ctx, int argc, char** argv)
         top = app.get_subcommands().empty() ? nullptr : app.get_subcommands()[0];
         ctx->command = top != nullptr ? top->get_name() : "";
         std::string what = e.what();
-        if (top != nullptr && (top_row(ctx->command).options & kWords) && top->get_subcommands().empty())
+        if (top != nullptr && (row_named(nullptr, ctx->command).options & kWords) && top->get_subcommands().empty())
             what = "a word is missing or unknown: " + words_of(ctx->command);
         return usage_error(*ctx, (top != nullptr ? ctx->command + ": " : "") + what);
     }
     if (top == nullptr)
         return run_service_command(ctx, app.remaining());
     ctx->command = top->get_name();
-    const SubRow& row = top_row(ctx->command);
+    const SubRow& row = row_named(nullptr, ctx->command);
     std::vector<std::string> stray = app.remaining(!(row.options & kCommandTail));
     if (!stray.empty())
         return usage_error(*ctx, ctx->command + ": not its option or operand: '" + stray[0] + "'");
@@ -345,9 +312,12 @@ int run_command_line(CtlContext* ctx, int argc, char** argv)
             return usage_error(*ctx, ctx->command + ": unknown option " + args.operands[0] +
                                          " (put -- before a command that starts with -)");
     }
-    if (row.options & kWords)
-        args.word = top->get_subcommands()[0]->get_name();
-    return row.run(*ctx, args);
+    args.sub = ctx->command;
+    if (!(row.options & kWords))
+        return row.run(*ctx, args);
+    args.word = top->get_subcommands()[0]->get_name();
+    args.sub += " " + args.word;
+    return row_named(ctx->command.c_str(), args.word).run(*ctx, args);
 }
 
 }  // namespace lumctl

@@ -1,11 +1,11 @@
-// lumstoragectl as a function, and what its subcommands share: usage and
-// protocol errors, a request sent and its reply printed, the raw forms.
+// lumstoragectl as a function, usage and protocol errors, and the
+// subcommands of events and the service's commands: a command of the table
+// or a raw request sent and its reply printed, list and watch.
 #include <unistd.h>
 
-#include "ctl_log.h"
+#include <android/log.h>
+
 #include "lumctl/ctl.h"
-#include "lumctl/ctl_help.h"
-#include "lumctl/request_build.h"
 #include "lumproto/socket_path.h"
 
 namespace lumctl {
@@ -23,7 +23,8 @@ int protocol_error(const CtlContext& ctx, const std::string& message)
 {
     // The message itself goes to standard error below; the log line, with the
     // socket, is for LUM_LOG_LEVEL=v.
-    CTL_LOG(VERBOSE, "%s: %s", ctx.socket_path.c_str(), message.c_str());
+    __android_log_print(ANDROID_LOG_VERBOSE, "lumstoragectl", "[%s, %d] %s: %s", __func__, __LINE__,
+                        ctx.socket_path.c_str(), message.c_str());
     fprintf(ctx.err, "lumstoragectl: %s\n", message.c_str());
     return kExitFailed;
 }
@@ -90,16 +91,40 @@ int run_list(const CtlContext& ctx_in, const DeviceArgs& args)
     return kExitOk;
 }
 
-int ctl_main(int argc, char** argv, FILE* out, FILE* err)
+// watch: every event until --count events came or --timeout seconds passed
+// (below 0: no limit); --hex adds each payload's bytes.
+int run_watch(const CtlContext& ctx_in, const DeviceArgs& args)
 {
-    return ctl_main(argc, argv, stdin, out, err);
+    CtlContext ctx = ctx_in;
+    ctx.json = ctx.json || args.json;
+    ctx.hex = args.hex;
+    int fd = ctl_connect(ctx.socket_path);
+    if (fd < 0)
+        return protocol_error(ctx, connect_error(ctx.socket_path, -fd));
+    std::string error;
+    int rc = ctl_subscribe(fd, &error) != 0 ? protocol_error(ctx, error) : kExitOk;
+    double deadline = args.timeout >= 0 ? now_seconds() + args.timeout : -1;
+    for (long seen = 0; rc == kExitOk && (args.count < 0 || seen < args.count);) {
+        CtlEvent event;
+        int got = ctl_next_event(fd, time_left_ms(deadline), &event, &error);
+        if (got < 0)
+            rc = protocol_error(ctx, error);
+        else if (got == 0 && args.count >= 0)
+            rc = protocol_error(ctx, "timed out after " + std::to_string(seen) + " of " + std::to_string(args.count) +
+                                         " events");
+        if (got <= 0)
+            break;
+        print_event(ctx, event);
+        seen += event.dropped ? 0 : 1;
+    }
+    close(fd);
+    return rc;
 }
 
-int ctl_main(int argc, char** argv, FILE* in, FILE* out, FILE* err)
+int ctl_main(int argc, char** argv, FILE* out, FILE* err)
 {
     CtlContext ctx;
     ctx.socket_path = lumproto::default_socket_path();
-    ctx.in = in;
     ctx.out = out;
     ctx.err = err;
     return run_command_line(&ctx, argc, argv);

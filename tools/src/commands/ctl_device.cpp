@@ -1,10 +1,8 @@
-// Options, requests and failure reports shared by the device subcommands.
-#include "ctl_device.h"
-
+// The request of a subcommand, its wait and its failure reports.
 #include <cmath>
 #include <unistd.h>
 
-#include "lumctl/request_build.h"
+#include "commands.h"
 
 namespace lumctl {
 
@@ -24,8 +22,8 @@ std::string refusal_text(const CtlReply& reply)
     return "the service refused the request";
 }
 
-// Sends the query's request and waits for its REPLY: 1, 0 on time-out, -1
-// with error. The connection is not subscribed; stray events are skipped.
+// Sends the request and waits for its REPLY: 1, 0 on time-out, -1 with
+// error. The connection is not subscribed; stray events are skipped.
 int wait_reply(int fd, const EventQuery& query, CtlReply* reply, std::string* error)
 {
     double deadline = now_seconds() + query.timeout_ms / 1000.0;
@@ -45,35 +43,43 @@ int wait_reply(int fd, const EventQuery& query, CtlReply* reply, std::string* er
 
 }  // namespace
 
-std::string subject(const DeviceCall& call)
+int call_request(const CtlContext& ctx, const DeviceCall& call, const std::vector<std::string>& fields, Bytes* out)
 {
-    std::string out = call.sub;
-    for (const std::string& operand : call.args.operands)
+    const CmdRow* row = cmd_find(call.command);
+    std::string error = std::string("no command ") + call.command;
+    if (row == nullptr || build_request(*row, fields, out, &error) != 0)
+        return usage_error(ctx, error);
+    return kExitOk;
+}
+
+DeviceCall::DeviceCall(const CtlContext& ctx, const char* sub_in, const char* command_in, const DeviceArgs& args_in,
+                       double timeout, const char* refused_in)
+    : sub(sub_in), command(command_in), args(args_in), refused(refused_in), local(ctx)
+{
+    args.json = args.json || ctx.json;
+    if (args.timeout < 0)
+        args.timeout = timeout;
+    local.json = args.json;
+}
+
+std::string DeviceCall::subject() const
+{
+    std::string out = sub;
+    for (const std::string& operand : args.operands)
         out += " " + operand;
     return out;
 }
 
-void device_args(const CtlContext& ctx, DeviceCall* call, const DeviceArgs& args, double timeout)
+int device_ask(const CtlContext& ctx, const DeviceCall& call, const std::vector<std::string>& fields,
+               std::vector<int32_t> ids, std::function<EventStep(const CtlEvent&)> on_event,
+               const std::function<std::string()>& waiting)
 {
-    call->args = args;
-    call->args.json = args.json || ctx.json;
-    if (args.timeout < 0)
-        call->args.timeout = timeout;
-}
-
-int device_query(const DeviceCall& call, const std::vector<std::string>& fields,
-                 std::vector<int32_t> ids, std::function<EventStep(const CtlEvent&)> on_event,
-                 EventQuery* query, std::string* error)
-{
-    const CmdRow* row = cmd_find(call.command);
-    if (row == nullptr) {
-        *error = std::string("no command ") + call.command;
-        return -1;
-    }
-    if (build_request(*row, fields, &query->request, error) != 0)
-        return -1;
-    device_wait(call, std::move(ids), std::move(on_event), query);
-    return 0;
+    EventQuery query;
+    int rc = call_request(ctx, call, fields, &query.request);
+    if (rc != kExitOk)
+        return rc;
+    device_wait(call, std::move(ids), std::move(on_event), &query);
+    return device_report(ctx, call, event_query(ctx.socket_path, query), waiting);
 }
 
 void device_wait(const DeviceCall& call, std::vector<int32_t> ids,
@@ -83,12 +89,6 @@ void device_wait(const DeviceCall& call, std::vector<int32_t> ids,
     query->on_event = std::move(on_event);
     double ms = std::ceil(call.args.timeout * 1000);
     query->timeout_ms = ms > 2e9 ? 2000000000 : static_cast<int>(ms);
-}
-
-int device_run(const CtlContext& ctx, const DeviceCall& call, const EventQuery& query,
-               const std::function<std::string()>& waiting)
-{
-    return device_report(ctx, call, event_query(ctx.socket_path, query), waiting);
 }
 
 int device_report(const CtlContext& ctx, const DeviceCall& call, const QueryOutcome& out,
@@ -103,21 +103,18 @@ int device_report(const CtlContext& ctx, const DeviceCall& call, const QueryOutc
         why = "timed out after " + seconds_text(call.args.timeout) + " waiting for " + waiting();
     if (out.dropped > 0 && out.status != QueryStatus::kRefused)
         why += " (" + std::to_string(out.dropped) + " events were dropped by the daemon meanwhile)";
-    return protocol_error(ctx, subject(call) + ": " + why);
+    return protocol_error(ctx, call.subject() + ": " + why);
 }
 
 int direct_run(const CtlContext& ctx, const DeviceCall& call, const std::vector<std::string>& fields,
                CtlReply* reply)
 {
-    EventQuery query;
-    std::string error;
-    if (device_query(call, fields, {}, nullptr, &query, &error) != 0)
-        return usage_error(ctx, error);
-    return direct_request(ctx, call, query.request, reply);
+    Bytes request;
+    int rc = call_request(ctx, call, fields, &request);
+    return rc != kExitOk ? rc : direct_request(ctx, call, request, reply);
 }
 
-int direct_request(const CtlContext& ctx, const DeviceCall& call, const std::vector<uint8_t>& request,
-                   CtlReply* reply)
+int direct_request(const CtlContext& ctx, const DeviceCall& call, const Bytes& request, CtlReply* reply)
 {
     EventQuery query;
     query.request = request;
@@ -125,30 +122,14 @@ int direct_request(const CtlContext& ctx, const DeviceCall& call, const std::vec
     std::string error;
     int fd = ctl_connect(ctx.socket_path);
     if (fd < 0)
-        return protocol_error(ctx, subject(call) + ": " + connect_error(ctx.socket_path, -fd));
+        return protocol_error(ctx, call.subject() + ": " + connect_error(ctx.socket_path, -fd));
     int rc = wait_reply(fd, query, reply, &error);
     close(fd);
     if (rc == 0)
         error = "timed out after " + seconds_text(call.args.timeout) + " waiting for the reply";
     if (rc == 1 && reply->result != 0)
         error = refusal_text(*reply);
-    return rc == 1 && reply->result == 0 ? kExitOk : protocol_error(ctx, subject(call) + ": " + error);
-}
-
-int run_word(const CtlContext& ctx, const WordRow* rows, size_t count, const DeviceArgs& args)
-{
-    for (size_t i = 0; i < count; ++i) {
-        if (args.word == rows[i].word)
-            return rows[i].run(ctx, args);
-    }
-    return usage_error(ctx, "no word '" + args.word + "'");
-}
-
-CtlContext device_context(const CtlContext& ctx, const DeviceCall& call)
-{
-    CtlContext local = ctx;
-    local.json = call.args.json;
-    return local;
+    return rc == 1 && reply->result == 0 ? kExitOk : protocol_error(ctx, call.subject() + ": " + error);
 }
 
 std::string count_of(long long n, const char* what)

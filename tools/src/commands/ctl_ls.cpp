@@ -5,15 +5,15 @@
 // listing whose count never reaches its total. ls waits for the marker's
 // block even after a complete or failed listing: left behind, it would
 // reach the next ls as a failure before that one's listing began.
+// cover FOLDER FILE: the link the service makes to a media file's cover.
+// The answer carries no command id; its path ends in FILE, "." and an
+// extension, which tells this client's answer from another client's.
 #include <chrono>
 #include <unistd.h>
 
 #include <StorageEvents.h>
 
-#include "ctl_device.h"
-#include "lumctl/event_decoders.h"
-#include "lumctl/listing.h"
-#include "lumctl/volume_table.h"
+#include "commands.h"
 
 namespace lumctl {
 
@@ -23,25 +23,6 @@ constexpr double kListingTimeoutSeconds = 30;
 // --no-tags alone: names starting with "." hidden, the closest filter to
 // the service's default (a flags byte always replaces the default).
 constexpr int kNoTagsFilter = 1;
-
-struct LsOptions {
-    int flags = kListingNoFlags;
-    uint16_t id = 0;
-    bool human = false;
-};
-
-// The listing's flags byte and id from --filter, --no-tags and --id (the
-// parser checked their ranges); without --id the process id names it.
-LsOptions ls_options(const DeviceArgs& args)
-{
-    LsOptions opts;
-    opts.human = args.human;
-    int index = args.filter >= 0 ? args.filter : kNoTagsFilter;
-    if (args.filter >= 0 || args.no_tags)
-        opts.flags = index | (args.no_tags ? kListingNoTags : 0);
-    opts.id = static_cast<uint16_t>(args.id >= 0 ? args.id : getpid() & 0xFFFF);
-    return opts;
-}
 
 std::string entries(long long n)
 {
@@ -165,18 +146,22 @@ struct Lister {
 
 int run_ls(const CtlContext& ctx, const DeviceArgs& args)
 {
-    const LsOptions opts = ls_options(args);
-    DeviceCall call{"ls", "STORAGE_READ_DIRS", {}, "no listing will come"};
-    device_args(ctx, &call, args, kListingTimeoutSeconds);
-    Lister lister{device_context(ctx, call), call.args.operands[0], opts.human, {}, {}, false, false,
+    // The flags byte and id from --filter, --no-tags and --id (the parser
+    // checked their ranges); without --id the process id names the listing.
+    const int flags = args.filter >= 0 || args.no_tags
+                          ? (args.filter >= 0 ? args.filter : kNoTagsFilter) | (args.no_tags ? kListingNoTags : 0)
+                          : kListingNoFlags;
+    const auto id = static_cast<uint16_t>(args.id >= 0 ? args.id : getpid() & 0xFFFF);
+    DeviceCall call(ctx, "ls", "STORAGE_READ_DIRS", args, kListingTimeoutSeconds, "no listing will come");
+    Lister lister{call.local, call.args.operands[0], args.human, {}, {}, false, false,
                   std::chrono::steady_clock::now(), -1, {}};
     EventQuery query;
     std::vector<uint8_t> end_mark;
     std::string error;
     // The end marker: an empty path, which the service answers with one
     // failure block after this listing's blocks.
-    if (build_listing_request(lister.path, opts.flags, opts.id, &query.request, &error) != 0 ||
-        build_listing_request("", kListingNoFlags, opts.id, &end_mark, &error) != 0)
+    if (build_listing_request(lister.path, flags, id, &query.request, &error) != 0 ||
+        build_listing_request("", kListingNoFlags, id, &end_mark, &error) != 0)
         return usage_error(ctx, "ls: " + error);
     query.more_requests.push_back(end_mark);
     query.on_more_reply = [&lister](size_t, const CtlReply& reply) { return lister.marker_reply(reply); };
@@ -190,6 +175,46 @@ int run_ls(const CtlContext& ctx, const DeviceArgs& args)
     lister.print_held();
     int rc = device_report(ctx, call, out, [&lister] { return lister.waiting(); });
     return rc != kExitOk ? rc : lister.finish();
+}
+
+namespace {
+
+// The last component of path is file, ".", and an extension (maybe empty).
+bool names_file(const std::string& path, const std::string& file)
+{
+    const std::string tail = "/" + file + ".";
+    size_t at = path.rfind(tail);
+    return at != std::string::npos && path.find('/', at + tail.size()) == std::string::npos;
+}
+
+}  // namespace
+
+int run_cover(const CtlContext& ctx, const DeviceArgs& args)
+{
+    DeviceCall call(ctx, "cover", "STORAGE_EXTRACT_COVER", args, kQueryTimeoutSeconds, "no cover answer will come");
+    for (const std::string& text : args.operands) {
+        if (text.size() > kServiceTextMax)
+            return usage_error(ctx, "cover: '" + text + "' is too long: the service takes at most " +
+                                        std::to_string(kServiceTextMax) + " bytes");
+    }
+    CoverAnswer answer;
+    const std::string& folder = args.operands[0];
+    const std::string& file = args.operands[1];
+    auto take = [&answer, &file](const CtlEvent& e) {
+        CoverAnswer got;
+        if (parse_cover(e.data.data(), e.data.size(), &got) == 0 || !names_file(got.path, file))
+            return EventStep::kMore;
+        answer = got;
+        return EventStep::kDone;
+    };
+    int rc = device_ask(ctx, call, args.operands, {LUM_TV_EVT_STORAGE_EXTRACT_COVER}, take,
+                        [] { return std::string("the cover answer"); });
+    if (rc != kExitOk)
+        return rc;
+    const std::string text = "cover of " + printable(file) + ": " + printable(answer.path) + " (status " +
+                             std::to_string(answer.status) + (answer.status == 0 ? "" : ", failed") + ")";
+    print_line(call.local, text, Json{{"folder", folder}, {"file", file}, {"status", answer.status}, {"path", answer.path}});
+    return answer.status == 0 ? kExitOk : kExitNo;
 }
 
 }  // namespace lumctl

@@ -1,44 +1,55 @@
-// pvr WORD: the PVR requests. state, path, available and total are answered
-// by the reply alone; mark, guide and limit live in their own files.
-#include <cstring>
+// pvr WORD: the PVR requests. state, path, available, total, guide and limit
+// are answered by the reply alone; mark waits for the marking's verdict.
+#include <cerrno>
+#include <cstdlib>
+#include <memory>
 
-#include "ctl_pvr.h"
-#include "lumctl/device_decoders.h"
-#include "lumctl/volume_table.h"
+#include <StorageEvents.h>
+#include <StoragePvr.h>
+
+#include "commands.h"
 
 namespace lumctl {
 
 namespace {
 
-int malformed(const CtlContext& ctx, const DeviceCall& call)
+// The smallest limit the service takes.
+constexpr uint32_t kLimitMinimumMb = 1800;
+
+// Runs call's subcommand with command (null: its own) and fields.
+int ask(const CtlContext& ctx, const DeviceCall& call, const char* command, const std::vector<std::string>& fields,
+        CtlReply* reply)
 {
-    return protocol_error(ctx, std::string(call.sub) + ": the reply is shorter than " + call.command + " answers");
+    DeviceCall other = call;
+    other.command = command != nullptr ? command : call.command;
+    return direct_run(ctx, other, fields, reply);
 }
 
-// One request without operands and its cstring reply.
+int malformed(const CtlContext& ctx, const DeviceCall& call, const char* command)
+{
+    return protocol_error(ctx, std::string(call.sub) + ": the reply is shorter than " + command + " answers");
+}
+
+// The PVR partition's mount path: a cstring reply.
 int read_path(const CtlContext& ctx, const DeviceCall& call, std::string* path)
 {
-    DeviceCall path_call{call.sub, "STORAGE_PVR_MOUNT_PATH", call.args};
     CtlReply reply;
-    int rc = direct_run(ctx, path_call, {}, &reply);
-    if (rc != kExitOk)
-        return rc;
+    int rc = ask(ctx, call, "STORAGE_PVR_MOUNT_PATH", {}, &reply);
     ReplyParcel in(reply);
-    const char* text = in.parcel.readCString();
-    if (text == nullptr)
-        return malformed(ctx, path_call);
-    *path = text;
-    return kExitOk;
+    const char* text = rc == kExitOk ? in.parcel.readCString() : nullptr;
+    if (rc == kExitOk && text == nullptr)
+        return malformed(ctx, call, "STORAGE_PVR_MOUNT_PATH");
+    *path = text != nullptr ? text : "";
+    return rc;
 }
 
-// Runs call, with its operands as fields or none, within the query timeout
-// and reads the one number of its reply.
+// Runs call, with its operands as fields or none, and reads the one number
+// of its reply.
 template <typename T>
-int read_number(const CtlContext& ctx, DeviceCall* call, const DeviceArgs& args, bool with_operands, T* value)
+int read_number(const CtlContext& ctx, const DeviceCall& call, bool with_operands, T* value)
 {
-    device_args(ctx, call, args, kQueryTimeoutSeconds);
     CtlReply reply;
-    int rc = direct_run(ctx, *call, with_operands ? call->args.operands : std::vector<std::string>{}, &reply);
+    int rc = ask(ctx, call, nullptr, with_operands ? call.args.operands : std::vector<std::string>{}, &reply);
     if (rc != kExitOk)
         return rc;
     ReplyParcel in(reply);
@@ -47,80 +58,223 @@ int read_number(const CtlContext& ctx, DeviceCall* call, const DeviceArgs& args,
         read = in.parcel.readInt64(value);
     else
         read = in.parcel.readInt32(value);
-    return read == android::OK ? kExitOk : malformed(ctx, *call);
+    return read == android::OK ? kExitOk : malformed(ctx, call, call.command);
 }
 
-int pvr_state(const CtlContext& ctx, const DeviceArgs& args)
+// The size limit of the automatic PVR choice.
+int read_limit(const CtlContext& ctx, const DeviceCall& call, uint32_t* mb)
 {
-    DeviceCall call{"pvr state", "STORAGE_PVR_DEV_STATE", {}};
-    int32_t state = 0;
-    std::string path;
-    int rc = read_number(ctx, &call, args, false, &state);
-    if (rc != kExitOk || (rc = read_path(ctx, call, &path)) != kExitOk)
-        return rc;
-    std::string text = state == 0 ? "no PVR partition"
-                                  : "PVR partition: " + (path.empty() ? "(mount path not known)" : printable(path));
-    print_line(device_context(ctx, call), text, Json{{"pvr", state != 0}, {"mountPath", path}});
-    return state != 0 ? kExitOk : kExitNo;
+    CtlReply reply;
+    int32_t value = 0;
+    int rc = ask(ctx, call, "STORAGE_GET_PVR_DEV_SIZE_LIMIT", {}, &reply);
+    if (rc == kExitOk && ReplyParcel(reply).parcel.readInt32(&value) != android::OK)
+        return protocol_error(ctx, "pvr limit: empty reply");
+    *mb = static_cast<uint32_t>(value);
+    return rc;
 }
 
-int pvr_path(const CtlContext& ctx, const DeviceArgs& args)
+// Decimal megabytes 0..4294967295; false for anything else.
+bool parse_mb(const std::string& text, uint32_t* mb)
 {
-    DeviceCall call{"pvr path", "STORAGE_PVR_MOUNT_PATH", {}};
-    device_args(ctx, &call, args, kQueryTimeoutSeconds);
-    std::string path;
-    int rc = read_path(ctx, call, &path);
-    if (rc != kExitOk)
-        return rc;
-    CtlContext local = device_context(ctx, call);
-    if (local.json)
-        print_json(local.out, Json{{"mountPath", path}});
-    else if (path.empty())
-        fprintf(ctx.err, "lumstoragectl: pvr path: no PVR mount path\n");
+    if (text.empty() || text.size() > 10 || text.find_first_not_of("0123456789") != std::string::npos)
+        return false;
+    errno = 0;
+    unsigned long long v = strtoull(text.c_str(), nullptr, 10);
+    if (errno != 0 || v > UINT32_MAX)
+        return false;
+    *mb = static_cast<uint32_t>(v);
+    return true;
+}
+
+std::string ignored_because(uint32_t asked)
+{
+    if (asked < kLimitMinimumMb)
+        return "below the minimum of " + std::to_string(kLimitMinimumMb) + " MB";
+    return "the service takes a new limit only while recording or timeshift is on";
+}
+
+// "4.0G (4096 MB)"; 0 switches the automatic choice off.
+std::string limit_text(uint32_t mb)
+{
+    return mb == 0 ? "0 MB (no automatic choice)" : human_mb(mb) + " (" + std::to_string(mb) + " MB)";
+}
+
+// The outcome of a set: taken, already held, or ignored (exit kExitNo).
+int report_set(const CtlContext& ctx, uint32_t before, uint32_t asked, uint32_t after)
+{
+    Json json = {{"limitMB", after}, {"previousMB", before}, {"requestedMB", asked}, {"changed", after != before}};
+    std::string text = "PVR size limit: " + limit_text(after);
+    if (after == asked)
+        text += after == before ? ", unchanged: it was set already" : ", was " + limit_text(before);
     else
-        fprintf(local.out, "%s\n", printable(path).c_str());
-    return path.empty() ? kExitNo : kExitOk;
+        text += ", unchanged: " + std::to_string(asked) + " MB ignored, " + ignored_because(asked);
+    if (after != asked)
+        json["ignored"] = ignored_because(asked);
+    print_line(ctx, text, json);
+    return after == asked ? kExitOk : kExitNo;
 }
 
-int pvr_available(const CtlContext& ctx, const DeviceArgs& args)
-{
-    DeviceCall call{"pvr available", "STORAGE_PVR_DEV_AVAILABLE", {}};
-    int32_t verdict = 0;
-    int rc = read_number(ctx, &call, args, true, &verdict);
-    if (rc != kExitOk)
-        return rc;
-    const std::string& disk = call.args.operands[0];
-    const char* name = verdict_name(verdict);
-    print_line(device_context(ctx, call), printable(disk) + ": verdict " + std::to_string(verdict) + ", " + name,
-               Json{{"disk", disk}, {"verdict", verdict}, {"name", name}, {"usable", verdict == 0}});
-    return verdict == 0 ? kExitOk : kExitNo;
-}
+// PVR_MARK names its disk cut at 31 characters; another disk's verdict
+// (another client's marking) is skipped.
+struct Marking {
+    CtlContext ctx;
+    std::string disk;
+    int32_t verdict = -1;
 
-int pvr_total(const CtlContext& ctx, const DeviceArgs& args)
-{
-    DeviceCall call{"pvr total", "STORAGE_PVR_DISK_TOTAL", {}};
-    int64_t mb = 0;
-    int rc = read_number(ctx, &call, args, true, &mb);
-    if (rc != kExitOk)
-        return rc;
-    const std::string& disk = call.args.operands[0];
-    // The service answers 0 for a disk it cannot size.
-    std::string size = mb > 0 ? human_mb(static_cast<uint64_t>(mb)) + " " : "no size known ";
-    print_line(device_context(ctx, call), printable(disk) + ": " + size + "(" + std::to_string(mb) + " MB)",
-               Json{{"disk", disk}, {"totalMB", mb}});
-    return mb > 0 ? kExitOk : kExitNo;
-}
-
-const WordRow kPvrWords[] = {
-    {"state", pvr_state},  {"path", pvr_path},         {"available", pvr_available}, {"total", pvr_total},
-    {"mark", run_pvr_mark}, {"guide", run_pvr_guide}, {"limit", run_pvr_limit},
+    EventStep take(const CtlEvent& event)
+    {
+        const Json info = event_json(event);
+        if (!info.contains("partitionId") ||
+            info["partitionId"] != disk.substr(0, sizeof(SStorageMarkPvrInfo::partition_id) - 1))
+            return EventStep::kMore;
+        verdict = info["pvrFlag"];
+        const bool marked = info["isPvrPartition"];
+        std::string text = printable(disk) + (marked ? ": marked as the PVR disk" : ": not marked: ") +
+                           (marked ? "" : std::string(verdict_name(verdict)) + " (" + std::to_string(verdict) + ")");
+        print_line(ctx, text,
+                   Json{{"disk", disk}, {"marked", marked}, {"verdict", verdict}, {"name", verdict_name(verdict)}});
+        fflush(ctx.out);
+        return EventStep::kDone;
+    }
 };
 
 }  // namespace
 
-int run_pvr(const CtlContext& ctx, const DeviceArgs& args)
+int run_pvr_state(const CtlContext& ctx, const DeviceArgs& args)
 {
-    return run_word(ctx, kPvrWords, sizeof(kPvrWords) / sizeof(kPvrWords[0]), args);
+    DeviceCall call(ctx, "pvr state", "STORAGE_PVR_DEV_STATE", args, kQueryTimeoutSeconds);
+    int32_t state = 0;
+    std::string path;
+    int rc = read_number(ctx, call, false, &state);
+    if (rc != kExitOk || (rc = read_path(ctx, call, &path)) != kExitOk)
+        return rc;
+    std::string text = state == 0 ? "no PVR partition"
+                                  : "PVR partition: " + (path.empty() ? "(mount path not known)" : printable(path));
+    print_line(call.local, text, Json{{"pvr", state != 0}, {"mountPath", path}});
+    return state != 0 ? kExitOk : kExitNo;
+}
+
+int run_pvr_path(const CtlContext& ctx, const DeviceArgs& args)
+{
+    DeviceCall call(ctx, "pvr path", "STORAGE_PVR_MOUNT_PATH", args, kQueryTimeoutSeconds);
+    std::string path;
+    int rc = read_path(ctx, call, &path);
+    if (rc != kExitOk)
+        return rc;
+    if (call.local.json)
+        print_json(ctx.out, Json{{"mountPath", path}});
+    else if (path.empty())
+        fprintf(ctx.err, "lumstoragectl: pvr path: no PVR mount path\n");
+    else
+        fprintf(ctx.out, "%s\n", printable(path).c_str());
+    return path.empty() ? kExitNo : kExitOk;
+}
+
+// pvr available DISK (the verdict) and pvr total DISK (the size in MB).
+static int pvr_disk(const CtlContext& ctx, const DeviceArgs& args, bool total)
+{
+    DeviceCall call(ctx, total ? "pvr total" : "pvr available",
+                    total ? "STORAGE_PVR_DISK_TOTAL" : "STORAGE_PVR_DEV_AVAILABLE", args, kQueryTimeoutSeconds);
+    int32_t verdict = 0;
+    int64_t mb = 0;
+    int rc = total ? read_number(ctx, call, true, &mb) : read_number(ctx, call, true, &verdict);
+    const std::string& disk = call.args.operands[0];
+    if (rc != kExitOk || !total) {
+        const char* name = verdict_name(verdict);
+        if (rc == kExitOk)
+            print_line(call.local, printable(disk) + ": verdict " + std::to_string(verdict) + ", " + name,
+                       Json{{"disk", disk}, {"verdict", verdict}, {"name", name}, {"usable", verdict == 0}});
+        return rc != kExitOk ? rc : verdict == 0 ? kExitOk : kExitNo;
+    }
+    // The service answers 0 for a disk it cannot size.
+    std::string size = mb > 0 ? human_mb(static_cast<uint64_t>(mb)) + " " : "no size known ";
+    print_line(call.local, printable(disk) + ": " + size + "(" + std::to_string(mb) + " MB)",
+               Json{{"disk", disk}, {"totalMB", mb}});
+    return mb > 0 ? kExitOk : kExitNo;
+}
+
+int run_pvr_available(const CtlContext& ctx, const DeviceArgs& args) { return pvr_disk(ctx, args, false); }
+int run_pvr_total(const CtlContext& ctx, const DeviceArgs& args) { return pvr_disk(ctx, args, true); }
+
+int run_pvr_guide(const CtlContext& ctx, const DeviceArgs& args)
+{
+    DeviceCall call(ctx, "pvr guide", "STORAGE_PVR_GET_DEV_GUIDE_INFO", args, kQueryTimeoutSeconds);
+    CtlReply reply;
+    int rc = direct_run(ctx, call, {}, &reply);
+    if (rc != kExitOk)
+        return rc;
+    // int32 result, then the record's bytes.
+    ReplyParcel in(reply);
+    int32_t result = 0;
+    if (in.parcel.readInt32(&result) != android::OK)
+        return protocol_error(ctx, "pvr guide: empty reply");
+    if (result != 0)
+        return protocol_error(ctx, "pvr guide: the service answered result " + std::to_string(result));
+    const void* bytes = in.parcel.readInplace(sizeof(SStoragePvrDevGuideInfo));
+    if (bytes == nullptr)
+        return protocol_error(ctx, "pvr guide: the record is shorter than " +
+                                       std::to_string(sizeof(SStoragePvrDevGuideInfo)) + " bytes");
+    // 63000 bytes: on the heap, not the stack.
+    std::unique_ptr<SStoragePvrDevGuideInfo> guide(new SStoragePvrDevGuideInfo);
+    memcpy(guide.get(), bytes, sizeof(*guide));
+    if (call.local.json)
+        print_json(ctx.out, guide_json(*guide));
+    else
+        fputs(guide_text(*guide).c_str(), ctx.out);
+    return kExitOk;
+}
+
+// pvr limit [MB]: reads the limit, or sets it and reads it back. The set
+// has no answer: the service ignores a value below its minimum, the value it
+// holds, and any value while neither recording nor timeshift is on, so only
+// the read-back tells what happened.
+int run_pvr_limit(const CtlContext& ctx, const DeviceArgs& args)
+{
+    DeviceCall call(ctx, "pvr limit", "STORAGE_SET_PVR_DEV_SIZE_LIMIT", args, kQueryTimeoutSeconds);
+    int rc = kExitOk;
+    uint32_t asked = 0, before = 0, after = 0;
+    if (!call.args.operands.empty() && !parse_mb(call.args.operands[0], &asked))
+        return usage_error(ctx, "pvr limit: MB is a whole number of megabytes, not '" + call.args.operands[0] + "'");
+    if ((rc = read_limit(ctx, call, &before)) != kExitOk)
+        return rc;
+    if (call.args.operands.empty()) {
+        print_line(call.local, "PVR size limit: " + limit_text(before), Json{{"limitMB", before}});
+        return kExitOk;
+    }
+    CtlReply reply;
+    if ((rc = direct_run(ctx, call, {std::to_string(asked)}, &reply)) != kExitOk ||
+        (rc = read_limit(ctx, call, &after)) != kExitOk)
+        return rc;
+    return report_set(call.local, before, asked, after);
+}
+
+// pvr mark DISK [--format]: asks the service to make DISK the PVR disk and
+// waits for the verdict; with --format the disk is formatted first, its
+// steps printed as they come.
+int run_pvr_mark(const CtlContext& ctx, const DeviceArgs& args)
+{
+    const bool with_format = args.format;
+    DeviceCall call(ctx, "pvr mark", "STORAGE_PVR_MARK_DEV", args,
+                    with_format ? kFormatTimeoutSeconds : kRunTimeoutSeconds);
+    const std::string disk = call.args.operands[0];
+    FormatFollower follower{call.local, disk, false};
+    Marking marking{call.local, disk};
+    std::vector<int32_t> ids = with_format ? FormatFollower::event_ids()
+                                           : std::vector<int32_t>{LUM_TV_EVT_STORAGE_PVR_DEV_CHANGE};
+    ids.push_back(LUM_TV_EVT_STORAGE_PVR_MARK);
+    auto take = [&follower, &marking](const CtlEvent& e) {
+        if (e.id == LUM_TV_EVT_STORAGE_PVR_MARK)
+            return marking.take(e);
+        follower.take(e);
+        return EventStep::kMore;
+    };
+    int rc = device_ask(ctx, call, {disk, with_format ? "true" : "false"}, ids, take, [&follower, with_format] {
+        bool formatting = with_format && follower.phase != FormatPhase::kEnded;
+        return formatting ? follower.waiting() : std::string("the marking's verdict");
+    });
+    if (rc != kExitOk)
+        return rc;
+    return marking.verdict == PVR_SUCCESS ? kExitOk : kExitNo;
 }
 
 }  // namespace lumctl

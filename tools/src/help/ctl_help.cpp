@@ -2,12 +2,6 @@
 // subcommand (help WORD, WORD --help) or of one command of the service
 // (help dev-mount). One row per subcommand; its usage lines feed both the
 // overview and its own page.
-#include "lumctl/ctl_help.h"
-
-#include <cstring>
-#include <string>
-#include <vector>
-
 #include "lumctl/ctl.h"
 
 namespace lumctl {

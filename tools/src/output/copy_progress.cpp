@@ -1,10 +1,8 @@
 // A copy's progress from the sizes of its source and destination files.
-#include "lumctl/copy_progress.h"
-
 #include <dirent.h>
 #include <sys/stat.h>
 
-#include "lumctl/ctl_args.h"
+#include "lumctl/output.h"
 
 namespace lumctl {
 
@@ -80,8 +78,15 @@ void walk(const std::string& from, const std::string& to, CopyPlan* plan)
     closedir(dir);
 }
 
-}  // namespace
+struct ProgressFigures {
+    uint64_t bytes_done = 0;
+    uint64_t bytes_total = 0;
+    uint64_t files_done = 0;
+    uint64_t files_total = 0;
+    double seconds = 0;  // since the copy began
+};
 
+// The rate and the time left once bytes moved for half a second.
 std::string progress_line(const ProgressFigures& f)
 {
     std::string line = amount(static_cast<double>(f.bytes_done)) + " of " + amount(static_cast<double>(f.bytes_total));
@@ -98,10 +103,7 @@ std::string progress_line(const ProgressFigures& f)
     return line;
 }
 
-bool shows_progress(bool json, bool terminal)
-{
-    return terminal && !json;
-}
+}  // namespace
 
 CopyPlan plan_copy(CopyShape shape, const std::string& src, const std::string& dst)
 {

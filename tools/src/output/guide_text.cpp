@@ -1,10 +1,6 @@
 // The guide record in words. Strings are read only up to their field's
 // size; the partition count is bounded by the record's rows.
-#include "lumctl/guide_text.h"
-
-#include <cstring>
-
-#include "lumctl/volume_table.h"
+#include "lumctl/output.h"
 
 namespace lumctl {
 
@@ -25,41 +21,22 @@ std::string short_name(const SConnectedDevice& row)
     return printable(name.compare(0, 5, "/dev/") == 0 ? name.substr(5) : name);
 }
 
-std::string names(const SStoragePvrDevGuideInfo& g)
-{
-    std::string out;
-    for (int i = 0; i < row_count(g); ++i)
-        out += (i > 0 ? ", " : "") + short_name(g.astPartition[i]);
-    return out;
-}
-
-std::string ask_timeshift(const SStoragePvrDevGuideInfo&) { return "not enough space for timeshift"; }
-std::string ask_recording(const SStoragePvrDevGuideInfo&) { return "not enough space for recording"; }
-std::string ask_nothing(const SStoragePvrDevGuideInfo&) { return "nothing to do"; }
-
-std::string ask_format(const SStoragePvrDevGuideInfo& g)
-{
-    return row_count(g) > 0 ? "offer to format " + short_name(g.astPartition[0])
-                            : "offer to format a partition (none listed)";
-}
-
-std::string ask_select(const SStoragePvrDevGuideInfo& g)
-{
-    return row_count(g) > 0 ? "let the user choose among " + names(g)
-                            : "let the user choose a partition (none listed)";
-}
-
+// What the record asks of the user interface: text, then the partitions in
+// question (the first, or all) or none when none are listed.
 struct RequestRow {
     int32_t event;
-    std::string (*text)(const SStoragePvrDevGuideInfo& g);
+    const char* text;
+    const char* none;  // null: the text says it all
+    bool all;
 };
 
 const RequestRow kRequests[] = {
-    {PLUGIN_EVENT_SPACE_NOT_ENOUGH_FOR_TSH, ask_timeshift},
-    {PLUGIN_EVENT_REQUEST_FORMAT_PARTITION, ask_format},
-    {PLUGIN_EVENT_REQUEST_SELECT_PARTITION, ask_select},
-    {PLUGIN_EVENT_SPACE_NOT_ENOUGH_FOR_RECORD, ask_recording},
-    {PLUGIN_EVENT_BUTT, ask_nothing},
+    {PLUGIN_EVENT_SPACE_NOT_ENOUGH_FOR_TSH, "not enough space for timeshift", nullptr, false},
+    {PLUGIN_EVENT_REQUEST_FORMAT_PARTITION, "offer to format ", "offer to format a partition (none listed)", false},
+    {PLUGIN_EVENT_REQUEST_SELECT_PARTITION, "let the user choose among ",
+     "let the user choose a partition (none listed)", true},
+    {PLUGIN_EVENT_SPACE_NOT_ENOUGH_FOR_RECORD, "not enough space for recording", nullptr, false},
+    {PLUGIN_EVENT_BUTT, "nothing to do", nullptr, false},
 };
 
 // "  sdb1: vfat, 29.1G (29773 MB), on /mnt/pvr/shared/sdb1, label PVRDISK"
@@ -89,16 +66,22 @@ Json partition_json(const SConnectedDevice& row)
             {"label", cut(row.volumeName, sizeof(row.volumeName))}};
 }
 
-}  // namespace
-
-std::string guide_request(const SStoragePvrDevGuideInfo& guide)
+std::string guide_request(const SStoragePvrDevGuideInfo& g)
 {
     for (const RequestRow& row : kRequests) {
-        if (row.event == guide.enEvt)
-            return row.text(guide);
+        if (row.event != g.enEvt)
+            continue;
+        if (row.none == nullptr || row_count(g) == 0)
+            return row.none == nullptr ? row.text : row.none;
+        std::string out = row.text;
+        for (int i = 0; i < (row.all ? row_count(g) : 1); ++i)
+            out += (i > 0 ? ", " : "") + short_name(g.astPartition[i]);
+        return out;
     }
-    return "unknown request " + std::to_string(static_cast<int>(guide.enEvt));
+    return "unknown request " + std::to_string(static_cast<int>(g.enEvt));
 }
+
+}  // namespace
 
 std::string guide_text(const SStoragePvrDevGuideInfo& guide)
 {

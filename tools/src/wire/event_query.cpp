@@ -3,19 +3,22 @@
 // events and replies from different threads), so events of the awaited ids
 // that come first are kept until the reply says whether the request was
 // accepted.
-#include "lumctl/event_query.h"
-
 #include <algorithm>
-#include <cstring>
+#include <cmath>
+#include <ctime>
 #include <unistd.h>
 
 #include <binder/Parcel.h>
 
-#include "lumctl/ctl_args.h"
+#include "lumctl/wire.h"
 
 namespace lumctl {
 
 namespace {
+
+// Events of the awaited ids kept while the reply is outstanding; more are
+// counted in dropped.
+constexpr size_t kMaxEarlyEvents = 1024;
 
 struct Waiter {
     const EventQuery& query;
@@ -102,6 +105,21 @@ QueryOutcome finish(QueryOutcome* out, QueryStatus status)
 
 }  // namespace
 
+double now_seconds()
+{
+    timespec ts;
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) / 1e9;
+}
+
+int time_left_ms(double deadline)
+{
+    if (deadline < 0)
+        return -1;
+    double left = deadline - now_seconds();
+    return left <= 0 ? 0 : static_cast<int>(std::ceil(left * 1000));
+}
+
 bool reply_accepted(const CtlReply& reply)
 {
     if (reply.result != 0 || reply.bytes.size() < 4)
@@ -112,7 +130,8 @@ bool reply_accepted(const CtlReply& reply)
     return parcel.readInt32(&value) == android::OK && value != 0;
 }
 
-QueryOutcome event_query_on(int fd, const EventQuery& query)
+// Runs the query on a connection that is already subscribed.
+static QueryOutcome event_query_on(int fd, const EventQuery& query)
 {
     QueryOutcome out;
     double deadline = now_seconds() + query.timeout_ms / 1000.0;

@@ -1,8 +1,6 @@
 // Requests of the file subcommands. Every field goes through
 // android::Parcel, so the bytes are the layout the service reads: 4-byte
 // items, strings NUL-terminated and zero-padded, raw bytes padded.
-#include "lumctl/file_requests.h"
-
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -12,11 +10,19 @@
 #include <binder/Parcel.h>
 #include <StorageModuleCmd.h>
 
+#include "lumctl/wire.h"
 #include "lumproto/frame.h"
 
 namespace lumctl {
 
 namespace {
+
+// Posted commands keep a text in a field of 100 bytes (99 and its NUL). The
+// copy engine takes at most 256 bytes of each path of its block, and a block
+// of at most 1024 bytes. Rename and move pack flag, source, NUL, destination
+// and NUL into 512 bytes. The service refuses a command of 512 bytes or more.
+constexpr size_t kPostedTextMax = 99, kCopyPathMax = 256, kCopyBlockMax = 1024;
+constexpr size_t kPackedPathsMax = 512, kSysCommandMax = 512;
 
 // A request under construction: the command word, then fields.
 struct Request {
@@ -263,26 +269,6 @@ bool parse_mode(const std::string& text, int32_t* out)
         return false;
     *out = static_cast<int32_t>(mode);
     return true;
-}
-
-int read_data(const std::string& file, FILE* in, Bytes* out, std::string* error)
-{
-    const bool stdin_data = file == "-";
-    const std::string name = stdin_data ? "standard input" : file;
-    FILE* stream = stdin_data ? in : fopen(file.c_str(), "rb");
-    if (stream == nullptr)
-        return refuse(error, name + ": " + strerror(errno));
-    out->clear();
-    uint8_t chunk[65536];
-    size_t n = 0;
-    while (out->size() <= lumproto::kMaxPayload && (n = fread(chunk, 1, sizeof(chunk), stream)) > 0)
-        out->insert(out->end(), chunk, chunk + n);
-    const bool failed = ferror(stream) != 0;
-    if (!stdin_data)
-        fclose(stream);
-    if (failed || out->size() > lumproto::kMaxPayload)
-        return refuse(error, name + (failed ? ": read error" : ": larger than the frame limit"));
-    return 0;
 }
 
 }  // namespace lumctl

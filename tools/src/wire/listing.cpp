@@ -1,13 +1,255 @@
-// The listing request and the assembly of a listing from its blocks.
-#include "lumctl/listing.h"
-
-#include "lumctl/cmd_table.h"
-#include "lumctl/request_build.h"
+// Directory listings and the cover answer. A listing block is a big-endian
+// header (offset, total) and records back to back: 10 bytes of file
+// information, six NUL-terminated strings, a 0 separator and 18 bytes of tag
+// information. The request's path may carry a flags byte behind its NUL.
+#include "lumctl/output.h"
 
 namespace lumctl {
 
-int build_listing_request(const std::string& path, int flags, uint16_t id, std::vector<uint8_t>* out,
-                          std::string* error)
+namespace {
+
+constexpr size_t kHeaderBytes = 4;
+constexpr size_t kFileInfoBytes = 10;
+constexpr size_t kTagInfoBytes = 18;
+constexpr int64_t kMjdOfEpoch = 40587;  // 1970-01-01
+
+uint32_t be24(const uint8_t* p) { return be16(p) << 8 | p[2]; }
+
+// The six strings of a record, in their order on the wire.
+std::string ListingRecord::*const kStrings[] = {&ListingRecord::name,  &ListingRecord::title,
+                                                &ListingRecord::artist, &ListingRecord::album,
+                                                &ListingRecord::genre, &ListingRecord::link};
+const char* const kStringNames[] = {"name", "title", "artist", "album", "genre", "link"};
+
+// One record from p[0..n): the bytes it takes, or 0 with the reason.
+size_t parse_record(const uint8_t* p, size_t n, ListingRecord* rec, std::string* why)
+{
+    if (n < kFileInfoBytes) {
+        *why = "file information cut short (" + std::to_string(n) + " of 10 bytes)";
+        return 0;
+    }
+    rec->is_protected = p[0] != 0;
+    rec->size_kib = be32(p + 1);
+    rec->mjd = be24(p + 5);
+    rec->hour = p[8];
+    rec->minute = p[9];
+    size_t at = kFileInfoBytes;
+    for (size_t i = 0; i < 6; ++i) {
+        const void* nul = at < n ? memchr(p + at, 0, n - at) : nullptr;
+        if (nul == nullptr) {
+            *why = std::string(kStringNames[i]) + " without its NUL";
+            return 0;
+        }
+        size_t len = static_cast<size_t>(static_cast<const uint8_t*>(nul) - (p + at));
+        (rec->*kStrings[i]).assign(reinterpret_cast<const char*>(p + at), len);
+        at += len + 1;
+    }
+    if (n - at < 1 + kTagInfoBytes) {
+        *why = "tag information cut short (" + std::to_string(n - at) + " of 19 bytes)";
+        return 0;
+    }
+    if (p[at] != 0) {
+        *why = "separator is " + std::to_string(p[at]) + ", not 0";
+        return 0;
+    }
+    const uint8_t* tag = p + at + 1;
+    rec->year = static_cast<uint16_t>(be16(tag));
+    rec->track = static_cast<uint16_t>(be16(tag + 2));
+    rec->duration = be32(tag + 4);
+    rec->bitrate = be32(tag + 8);
+    rec->tag_read = tag[17] != 0;
+    return at + 1 + kTagInfoBytes;
+}
+
+// Days since 1970-01-01 to year, month and day of the proleptic Gregorian
+// calendar (H. Hinnant's civil_from_days); negative days are before 1970.
+void civil_from_days(int64_t z, int64_t* y, unsigned* m, unsigned* d)
+{
+    z += 719468;
+    const int64_t era = (z >= 0 ? z : z - 146096) / 146097;
+    const int64_t doe = z - era * 146097;
+    const int64_t yoe = (doe - doe / 1460 + doe / 36524 - doe / 146096) / 365;
+    const int64_t doy = doe - (365 * yoe + yoe / 4 - yoe / 100);
+    const int64_t mp = (5 * doy + 2) / 153;
+    *d = static_cast<unsigned>(doy - (153 * mp + 2) / 5 + 1);
+    *m = static_cast<unsigned>(mp < 10 ? mp + 3 : mp - 9);
+    *y = yoe + era * 400 + (*m <= 2 ? 1 : 0);
+}
+
+std::string time_text(const ListingRecord& r)
+{
+    char buf[16];
+    snprintf(buf, sizeof(buf), "%02u:%02u", r.hour, r.minute);
+    return buf;
+}
+
+std::string duration_text(uint32_t seconds)
+{
+    char buf[24];
+    snprintf(buf, sizeof(buf), "%u:%02u", seconds / 60, seconds % 60);
+    return buf;
+}
+
+// The tags present, in wire order: "title "T", year 2024, 3:35, 192 kbit/s".
+std::string tags_text(const ListingRecord& r)
+{
+    std::vector<std::string> parts;
+    for (size_t i = 1; i < 5; ++i) {
+        const std::string& value = r.*kStrings[i];
+        if (!value.empty())
+            parts.push_back(std::string(kStringNames[i]) + " " + quoted(value.data(), value.size()));
+    }
+    if (r.year != 0)
+        parts.push_back("year " + std::to_string(r.year));
+    if (r.track != 0)
+        parts.push_back("track " + std::to_string(r.track));
+    if (r.duration != 0)
+        parts.push_back(duration_text(r.duration));
+    if (r.bitrate != 0)
+        parts.push_back(std::to_string(r.bitrate) + " kbit/s");
+    if (!r.link.empty())
+        parts.push_back("link " + quoted(r.link.data(), r.link.size()));
+    std::string out;
+    for (const std::string& part : parts)
+        out += (out.empty() ? "  " : ", ") + part;
+    return out;
+}
+
+// A failed listing: total 0xFFFF and no records.
+bool listing_failed(const ListingBlock& block)
+{
+    return block.total == 0xFFFF && block.records.empty() && block.damage.empty();
+}
+
+// "2024-05-17" from a Modified Julian Date (40587 is 1970-01-01).
+std::string mjd_date(uint32_t mjd)
+{
+    int64_t year = 0;
+    unsigned month = 0, day = 0;
+    civil_from_days(static_cast<int64_t>(mjd) - kMjdOfEpoch, &year, &month, &day);
+    char buf[32];
+    snprintf(buf, sizeof(buf), "%04lld-%02u-%02u", static_cast<long long>(year), month, day);
+    return buf;
+}
+
+Json record_json(const ListingRecord& r)
+{
+    Json json = {{"protected", r.is_protected}, {"sizeKiB", r.size_kib}, {"mjd", r.mjd},
+                 {"date", mjd_date(r.mjd)},     {"time", time_text(r)}};
+    for (size_t i = 0; i < 6; ++i)
+        json[kStringNames[i]] = r.*kStrings[i];
+    json["year"] = r.year;
+    json["track"] = r.track;
+    json["duration"] = r.duration;
+    json["bitrate"] = r.bitrate;
+    json["tagRead"] = r.tag_read;
+    return json;
+}
+
+std::string records_text(const std::vector<ListingRecord>& records)
+{
+    std::string out;
+    for (const ListingRecord& r : records)
+        out += (out.empty() ? "" : "\n  ") + record_line(r, false);
+    return out;
+}
+
+Json records_json(const std::vector<ListingRecord>& records)
+{
+    Json out = Json::array();
+    for (const ListingRecord& r : records)
+        out.push_back(record_json(r));
+    return out;
+}
+
+}  // namespace
+
+bool parse_listing_block(const uint8_t* data, size_t len, ListingBlock* block)
+{
+    if (len < kHeaderBytes)
+        return false;
+    block->offset = static_cast<uint16_t>(be16(data));
+    block->total = static_cast<uint16_t>(be16(data + 2));
+    block->records.clear();
+    block->damage.clear();
+    size_t at = kHeaderBytes;
+    while (at < len) {
+        ListingRecord rec;
+        std::string why;
+        size_t used = parse_record(data + at, len - at, &rec, &why);
+        if (used == 0) {
+            block->damage = "record " + std::to_string(block->records.size() + 1) + " at byte " +
+                            std::to_string(at) + ": " + why;
+            break;
+        }
+        block->records.push_back(std::move(rec));
+        at += used;
+    }
+    block->used = at;
+    return true;
+}
+
+
+
+std::string record_line(const ListingRecord& r, bool human)
+{
+    std::string size = human ? human_kib(r.size_kib) : std::to_string(r.size_kib);
+    char head[64];
+    snprintf(head, sizeof(head), "%c %*s %s %s ", r.is_protected ? 'r' : 'w', human ? 6 : 9, size.c_str(),
+             mjd_date(r.mjd).c_str(), time_text(r).c_str());
+    return head + printable(r.name) + tags_text(r);
+}
+
+
+Json listing_block_json(const ListingBlock& block)
+{
+    Json json = {{"offset", block.offset}, {"total", block.total}, {"records", records_json(block.records)}};
+    if (!block.damage.empty())
+        json["damage"] = block.damage;
+    return json;
+}
+
+size_t decode_listing_block(const uint8_t* data, size_t len, Decoded* out)
+{
+    ListingBlock block;
+    if (!parse_listing_block(data, len, &block))
+        return 0;
+    const bool failed = listing_failed(block);
+    add_uint(out, "offset", block.offset);
+    add_uint(out, "total", block.total);
+    if (failed)
+        out->fields.back().text += " (failed)";
+    out->fields.push_back(Field{"records", records_text(block.records), records_json(block.records)});
+    if (!block.damage.empty()) {
+        add_string(out, "damage", block.damage.data(), block.damage.size());
+        out->complete = false;
+    }
+    return block.used;
+}
+
+size_t parse_cover(const uint8_t* data, size_t len, CoverAnswer* out)
+{
+    const void* nul = len > 1 ? memchr(data + 1, 0, len - 1) : nullptr;
+    if (nul == nullptr)
+        return 0;
+    out->status = data[0];
+    out->path.assign(reinterpret_cast<const char*>(data + 1), static_cast<const uint8_t*>(nul) - (data + 1));
+    return out->path.size() + 2;
+}
+
+size_t decode_cover(const uint8_t* data, size_t len, Decoded* out)
+{
+    CoverAnswer answer;
+    size_t used = parse_cover(data, len, &answer);
+    if (used == 0)
+        return 0;
+    add_uint(out, "status", answer.status);
+    add_string(out, "path", answer.path.data(), answer.path.size());
+    // The spare bytes (room of a three-letter extension) carry nothing.
+    return len - used <= 3 ? len : used + 3;
+}
+
+int build_listing_request(const std::string& path, int flags, uint16_t id, Bytes* out, std::string* error)
 {
     const bool with_flags = flags != kListingNoFlags;
     const size_t limit = with_flags ? kServiceTextMax - 1 : kServiceTextMax;
@@ -46,10 +288,4 @@ BlockRole ListingAssembly::take(const ListingBlock& block)
     complete = (received & 0xFFFF) == total;
     return first ? BlockRole::kFirst : BlockRole::kNext;
 }
-
-uint32_t ListingAssembly::not_shown() const
-{
-    return (total - received) & 0xFFFF;
-}
-
 }  // namespace lumctl

@@ -1,0 +1,79 @@
+// What lumstoragectl prints: hex and quoted text, JSON lines, sizes, the
+// volume table, the PVR guide and a copy's progress.
+#pragma once
+
+#include <cstdint>
+#include <cstdio>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <StoragePvr.h>
+
+#include "lumctl/wire.h"
+
+namespace lumctl {
+
+// "01 02 ff", at most max_bytes of them, then " ... (N bytes)".
+std::string hex_spaced(const uint8_t* data, size_t len, size_t max_bytes);
+// Lines of "00000010  01 02 ff ...": the offset, then up to 16 bytes.
+std::string hex_dump(const uint8_t* data, size_t len);
+std::string hex_compact(const uint8_t* data, size_t len);  // "0102ff"
+// A C-style quoted string: printable ASCII and valid UTF-8 as they are, the
+// rest as \xNN.
+std::string quoted(const char* text, size_t len);
+// text with control characters as '?', for a terminal; UTF-8 stays.
+std::string printable(const std::string& text);
+
+// value on one line. A string member that is not valid UTF-8 is printed with
+// U+FFFD for each bad byte and gets a member NAMEHex beside it holding all of
+// its bytes in hex, so names from a volume come out whole and a valid name is
+// never confused with a damaged one.
+std::string json_line(Json value);
+void print_json(FILE* out, const Json& value);
+
+// Megabytes (kilobytes) in the largest unit, steps of 1024, that keeps the
+// number at 1 or above, one decimal unless it is 0: "48M", "1.9G", "3G".
+std::string human_mb(uint64_t mb);
+std::string human_kib(uint64_t kib);
+
+// The table in the manner of lsblk, partitions under their disk; "(no
+// devices)" when entries is empty.
+std::string render_volume_table(const std::vector<VolumeEntry>& entries);
+
+// The guide record: show, asks, the partitions and the connected devices,
+// in lines of words or as one JSON object.
+std::string guide_text(const SStoragePvrDevGuideInfo& guide);
+Json guide_json(const SStoragePvrDevGuideInfo& guide);
+
+// A copy's progress, seen on this machine (the service's): the source's
+// sizes against the destination's as it grows.
+enum class CopyShape { kFile, kRecording, kTree };
+
+struct CopyPlan {
+    std::vector<std::pair<std::string, std::string>> files;  // source, destination
+    std::vector<uint64_t> sizes;
+};
+
+// A file, a recording with the companions it has, or every regular file of a
+// tree (at most 100000; a source folder is always one).
+CopyPlan plan_copy(CopyShape shape, const std::string& src, const std::string& dst);
+// Whether dst's folder lies on another file system than src (a move copies).
+bool across_volumes(const std::string& src, const std::string& dst);
+
+// "12.3M of 48.0M  25%  3 of 10 files  4.1M/s  0:09 left", redrawn in place;
+// clear() wipes it before the result is printed.
+class ProgressBar {
+public:
+    ProgressBar(FILE* out, CopyPlan plan);
+    void tick();
+    void clear();
+
+private:
+    FILE* out_;
+    CopyPlan plan_;
+    double start_;
+    bool drawn_ = false;
+};
+
+}  // namespace lumctl

@@ -1,0 +1,265 @@
+// The volume list as records, and its table in the manner of lsblk: one
+// line per device, partitions indented under their disk, columns as wide as
+// their widest cell.
+#include <algorithm>
+
+#include "lumctl/output.h"
+
+namespace lumctl {
+
+namespace {
+
+// By connection type value; 7 is an MTP/PTP device.
+const char* const kConnLabels[] = {"-",       "HDDEdwa", "HDDAsdd", "USBAsdd",
+                                   "HDD Int", "USB Int", "USB Ext", "PTP"};
+constexpr int kConnPtp = 7;
+
+const char* volume_type(const VolumeEntry& entry)
+{
+    if (entry.conn == kConnPtp || entry.node.compare(0, 3, "VEN") == 0)
+        return "mtp";
+    const char* name = entry.node.c_str();
+    bool disk = strncmp(name, "/dev/", 5) == 0 && strlen(name + 5) == 3;
+    for (size_t i = 5; disk && i < 8; ++i)
+        disk = (name[i] >= 'a' && name[i] <= 'z') || (name[i] >= 'A' && name[i] <= 'Z');
+    return disk ? "disk" : "part";
+}
+
+std::string conn_label(int conn)
+{
+    int count = static_cast<int>(sizeof(kConnLabels) / sizeof(kConnLabels[0]));
+    return conn >= 0 && conn < count ? kConnLabels[conn] : std::to_string(conn);
+}
+
+std::string trim_blanks(const std::string& text)
+{
+    size_t begin = text.find_first_not_of(" \t");
+    if (begin == std::string::npos)
+        return "";
+    return text.substr(begin, text.find_last_not_of(" \t") - begin + 1);
+}
+
+}  // namespace
+
+VolumeEntry volume_entry(const Json& elements)
+{
+    VolumeEntry e;
+    auto text = [&elements](const char* name) { return elements.value(name, std::string()); };
+    e.node = text("node");
+    e.conn = elements.value("conn", 0);
+    e.mount_point = text("mountPoint");
+    e.label = text("label");
+    e.fs_type = text("fsType");
+    e.vendor = trim_blanks(text("vendor"));
+    e.model = trim_blanks(text("model"));
+    e.serial = trim_blanks(text("serial"));
+    e.dev_id = elements.value("devId", 0u);
+    e.has_size = elements.contains("sizeMB");
+    e.size_mb = elements.value("sizeMB", 0u);
+    e.has_used = elements.contains("usedMB");
+    e.used_mb = elements.value("usedMB", 0u);
+    return e;
+}
+
+bool parse_volume_table(const uint8_t* data, size_t len, std::vector<VolumeEntry>* out)
+{
+    Decoded decoded;
+    size_t used = decode_tagged_table(data, len, &decoded);
+    for (const Json& elements : decoded.fields.front().json)
+        out->push_back(volume_entry(elements));
+    return used == len;
+}
+
+namespace {
+
+// value in the largest of units (steps of 1024) that keeps it at 1 or above,
+// with one decimal unless it is 0.
+std::string human_units(uint64_t value, const char* units)
+{
+    const size_t count = strlen(units);
+    size_t unit = 0;
+    uint64_t scale = 1;
+    while (unit + 1 < count && value >= scale * 1024) {
+        scale *= 1024;
+        ++unit;
+    }
+    if (unit == 0)
+        return std::to_string(value) + units[0];
+    uint64_t tenths = (value * 10 + scale / 2) / scale;
+    if (tenths >= 10240 && unit + 1 < count) {
+        // Rounding reached 1024 of this unit: 1 of the next.
+        tenths = (value * 10 + scale * 512) / (scale * 1024);
+        ++unit;
+    }
+    std::string out = std::to_string(tenths / 10);
+    if (tenths % 10 != 0)
+        out += "." + std::to_string(tenths % 10);
+    return out + units[unit];
+}
+
+}  // namespace
+
+std::string human_mb(uint64_t mb)
+{
+    return human_units(mb, "MGTP");
+}
+
+std::string human_kib(uint64_t kib)
+{
+    return human_units(kib, "KMGTP");
+}
+
+namespace {
+
+// Code points that a terminal shows two columns wide: Hangul Jamo, CJK
+// (radicals to Yi), Hangul syllables, CJK compatibility ideographs and forms,
+// full-width forms, and the ideographs of the supplementary planes.
+const uint32_t kWide[][2] = {
+    {0x1100, 0x115f}, {0x2e80, 0xa4cf}, {0xac00, 0xd7a3}, {0xf900, 0xfaff},
+    {0xfe30, 0xfe4f}, {0xff00, 0xff60}, {0xffe0, 0xffe6}, {0x20000, 0x3fffd},
+};
+
+bool is_wide(uint32_t cp)
+{
+    for (const auto& range : kWide) {
+        if (cp >= range[0] && cp <= range[1])
+            return true;
+    }
+    return false;
+}
+
+// Columns on screen: one per character, two for a wide one; UTF-8
+// continuation bytes take none, a stray one counts as one.
+size_t display_width(const std::string& text)
+{
+    size_t width = 0;
+    for (size_t i = 0; i < text.size();) {
+        unsigned char lead = static_cast<unsigned char>(text[i]);
+        size_t n = lead >= 0xf0 ? 4 : lead >= 0xe0 ? 3 : lead >= 0xc0 ? 2 : 1;
+        uint32_t cp = n == 1 ? lead : lead & (0x3f >> (n - 1));
+        size_t k = 1;
+        for (; k < n && i + k < text.size() && (static_cast<unsigned char>(text[i + k]) & 0xc0) == 0x80; ++k)
+            cp = cp << 6 | (static_cast<unsigned char>(text[i + k]) & 0x3f);
+        width += k == n && is_wide(cp) ? 2 : 1;
+        i += k;
+    }
+    return width;
+}
+
+std::string short_name(const std::string& node)
+{
+    return printable(node.compare(0, 5, "/dev/") == 0 ? node.substr(5) : node);
+}
+
+bool all_digits(const std::string& text)
+{
+    return !text.empty() && text.find_first_not_of("0123456789") == std::string::npos;
+}
+
+// A partition belongs to the disk whose node is its node without the
+// trailing number ("/dev/sdb1" under "/dev/sdb").
+bool is_child(const VolumeEntry& part, const VolumeEntry& disk)
+{
+    return strcmp(volume_type(part), "part") == 0 && strcmp(volume_type(disk), "disk") == 0 &&
+           part.node.compare(0, disk.node.size(), disk.node) == 0 &&
+           all_digits(part.node.substr(disk.node.size()));
+}
+
+bool has_parent(const VolumeEntry& part, const std::vector<VolumeEntry>& entries)
+{
+    for (const VolumeEntry& e : entries) {
+        if (is_child(part, e))
+            return true;
+    }
+    return false;
+}
+
+struct Line {
+    std::string name;
+    const VolumeEntry* entry;
+};
+
+// Entries in their order, each disk followed by its partitions; partitions
+// whose disk is not listed stand on their own.
+std::vector<Line> tree_lines(const std::vector<VolumeEntry>& entries)
+{
+    std::vector<Line> lines;
+    for (const VolumeEntry& e : entries) {
+        if (has_parent(e, entries))
+            continue;
+        lines.push_back(Line{short_name(e.node), &e});
+        std::vector<const VolumeEntry*> children;
+        for (const VolumeEntry& c : entries) {
+            if (is_child(c, e))
+                children.push_back(&c);
+        }
+        for (size_t k = 0; k < children.size(); ++k) {
+            const char* branch = k + 1 < children.size() ? "\u251c\u2500" : "\u2514\u2500";
+            lines.push_back(Line{branch + short_name(children[k]->node), children[k]});
+        }
+    }
+    return lines;
+}
+
+struct Column {
+    const char* title;
+    bool right;  // sizes line up on their right edge
+    std::string (*cell)(const VolumeEntry& e);
+};
+
+using Cell = const VolumeEntry&;
+
+// NAME comes first, from the tree.
+const Column kColumns[] = {
+    {"TYPE", false, [](Cell e) -> std::string { return volume_type(e); }},
+    {"CONN", false, [](Cell e) { return conn_label(e.conn); }},
+    {"FSTYPE", false, [](Cell e) { return printable(e.fs_type); }},
+    {"LABEL", false, [](Cell e) { return printable(e.label); }},
+    {"SIZE", true, [](Cell e) { return e.has_size ? human_mb(e.size_mb) : ""; }},
+    {"USED", true, [](Cell e) { return e.has_used ? human_mb(e.used_mb) : ""; }},
+    {"MOUNTPOINT", false, [](Cell e) { return printable(e.mount_point); }},
+    {"VENDOR", false, [](Cell e) { return printable(e.vendor); }},
+    {"MODEL", false, [](Cell e) { return printable(e.model); }},
+};
+
+}  // namespace
+
+std::string printable(const std::string& text)
+{
+    std::string out = text;
+    for (char& ch : out) {
+        unsigned char u = static_cast<unsigned char>(ch);
+        if (u < 0x20 || u == 0x7f)
+            ch = '?';
+    }
+    return out;
+}
+
+std::string render_volume_table(const std::vector<VolumeEntry>& entries)
+{
+    std::vector<std::vector<std::string>> rows{{"NAME"}};
+    for (const Column& c : kColumns)
+        rows[0].push_back(c.title);
+    for (const Line& line : tree_lines(entries)) {
+        rows.push_back({line.name});
+        for (const Column& c : kColumns)
+            rows.back().push_back(c.cell(*line.entry));
+    }
+    std::vector<size_t> widths(rows[0].size(), 0);
+    for (const auto& row : rows) {
+        for (size_t col = 0; col < row.size(); ++col)
+            widths[col] = std::max(widths[col], display_width(row[col]));
+    }
+    std::string out;
+    for (const auto& row : rows) {
+        std::string line;
+        for (size_t col = 0; col < row.size(); ++col) {
+            std::string pad(widths[col] - display_width(row[col]), ' ');
+            line += (col > 0 ? " " : "") + (col > 0 && kColumns[col - 1].right ? pad + row[col] : row[col] + pad);
+        }
+        out += line.substr(0, line.find_last_not_of(' ') + 1) + "\n";
+    }
+    return entries.empty() ? out + "(no devices)\n" : out;
+}
+
+}  // namespace lumctl
