@@ -16,7 +16,6 @@
 #include "fuzz_bytes.h"
 
 namespace {
-
 // The input split at its first NUL: the source, and the destination behind
 // it (none when there is no NUL).
 void pack_round_trip(const uint8_t* data, size_t size)

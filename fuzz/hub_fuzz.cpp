@@ -22,7 +22,6 @@
 #include "fuzz_sandbox.h"
 
 namespace {
-
 #define LUM_FUZZ_CMD_CODE(name, value, request, reply) name,
 const int32_t kCodes[] = {LUM_STORAGE_CMD_LIST(LUM_FUZZ_CMD_CODE)};
 #undef LUM_FUZZ_CMD_CODE
@@ -58,7 +57,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     fuzz_reset_scratch();
     int err = 0;
     theStorageManagerService.LumOpen("/tmp/client", O_RDWR | O_CREAT, 0644, &err);
-
     int32_t code = kCodes[data[0] % (sizeof(kCodes) / sizeof(kCodes[0]))];
     std::vector<uint8_t> bytes(sizeof(code) + size - 1);
     memcpy(bytes.data(), &code, sizeof(code));  // the Parcel is little-endian, as the machine
@@ -67,7 +65,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     request.setData(bytes.data(), bytes.size());
     android::Parcel reply;
     StorageModuleHub::self()->invoke(request, &reply);
-
     theStorageManagerService.ClearQueue();
     close_client_fds();
     return 0;

@@ -8,7 +8,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
-#include <cstring>
 
 #include "DevIdentify.h"
 #include "DevTable.h"
@@ -21,7 +20,6 @@
 #include "fuzz_sandbox.h"
 
 namespace {
-
 constexpr size_t kPieceMax = SHELL_COMMAND_MAX - 1;  // what fgets gives from parse_output_lines' buffer
 constexpr size_t kIdentityContext = 256;             // FindPvrIdentityFromStorage's buffer
 constexpr size_t kFsTypeContext = 32;                // what get_fs_type_callback fills

@@ -14,7 +14,6 @@
 #include "fuzz_sandbox.h"
 
 namespace {
-
 constexpr int kLinesMax = 32;
 const char kFolder[] = "/tmp/fz";
 const char kPlaylist[] = "/tmp/fz/list.m3u";

@@ -18,7 +18,6 @@
 #include "fuzz_sandbox.h"
 
 namespace {
-
 const std::string kVolume = "/mnt/pvr/shared/sdb1/";
 
 void put(const std::string& name, const std::string& content)

@@ -19,7 +19,6 @@
 #include "service_sandbox.h"
 
 namespace {
-
 void drop_line(int, const char*, const char*, void*) {}
 
 [[noreturn]] void fail(const char* what, const std::string& path)

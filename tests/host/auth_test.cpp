@@ -15,7 +15,6 @@
 #include <fcntl.h>
 #include <fstream>
 #include <grp.h>
-#include <map>
 #include <mqueue.h>
 #include <pwd.h>
 #include <sched.h>
@@ -33,7 +32,6 @@
 #include "test_support.h"
 
 namespace {
-
 constexpr uid_t kNobody = 65534;
 constexpr gid_t kNogroup = 65534;
 constexpr uid_t kStranger = 12345;
@@ -223,7 +221,6 @@ protected:
         }
     }
     std::string proc(const std::string& what) const { return "/proc/" + std::to_string(daemon.proc.pid) + "/" + what; }
-
     hosttest::TempDir dir;
     hosttest::Daemon daemon;
     std::string sock, shell;
@@ -315,7 +312,6 @@ TEST_F(RealDaemonAccess, DebugShellIsItsUsersAloneAndOffersNoneOfTheServiceComma
     EXPECT_EQ(0600u, st.st_mode & 07777);
     EXPECT_EQ(0u, st.st_uid);
     EXPECT_EQ(EACCES, hosttest::run_as(kNobody, kNogroup, [&] { return connect_errno(shell); }));
-
     // Its commands: the framework's own, nothing that runs, opens or
     // changes anything of the system.
     std::string help = shell_talk(shell, "help\nexit\n");
@@ -328,7 +324,6 @@ TEST_F(RealDaemonAccess, DebugShellIsItsUsersAloneAndOffersNoneOfTheServiceComma
         std::string answer = shell_talk(shell, std::string(word) + " /tmp/x\nexit\n");
         EXPECT_EQ(0u, answer.find(std::string("error: unknown command '") + word + "'")) << answer;
     }
-
     // Opened to everybody, the socket still answers nobody else.
     ASSERT_EQ(0, chmod(shell.c_str(), 0666));
     EXPECT_EQ(0, hosttest::run_as(kNobody, kNogroup, [&] { return refused_client(shell, "help\n"); }));

@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <cstring>
 #include <lumemclient/EMALClient.h>
 #include <thread>
 #include <unistd.h>
@@ -14,7 +13,6 @@
 #include "test_support.h"
 
 namespace {
-
 using hosttest::Frame;
 
 constexpr int32_t kTickId = 1507340;
@@ -124,7 +122,6 @@ TEST(Concurrency, ClientsInvokeWhileEventsFlow)
     std::vector<std::thread> readers;
     for (int s = 0; s < 2; ++s)
         readers.emplace_back([&, s] { seen[s] = collect(subs[s], &dropped[s], &ok[s]); });
-
     std::atomic<int> failures{0};
     std::atomic<int> emitted{0};
     std::vector<std::thread> workers;
@@ -145,7 +142,6 @@ TEST(Concurrency, ClientsInvokeWhileEventsFlow)
     EMAL_Notify(kMarkerId, &zero, sizeof(zero));
     for (auto& r : readers)
         r.join();
-
     EXPECT_EQ(0, failures.load());
     const uint64_t total = 2 * kTicks + static_cast<uint64_t>(emitted.load());
     for (int s = 0; s < 2; ++s) {

@@ -16,7 +16,6 @@
 #include "test_support.h"
 
 namespace {
-
 using Bytes = std::vector<uint8_t>;
 
 Bytes cat(std::initializer_list<Bytes> parts)
@@ -100,7 +99,6 @@ public:
             close(listener_);
         listener_ = -1;
     }
-
     hosttest::TempDir dir;
     std::string path;
     std::vector<Bytes> received;  // whole frames, read once join() returned

@@ -9,7 +9,6 @@
 #include "service_sandbox.h"
 
 namespace hosttest {
-
 Proc spawn(const std::vector<std::string>& args, bool ready_fd, void (*setup)())
 {
     int p[2];

@@ -7,7 +7,6 @@
 #include <vector>
 
 namespace hosttest {
-
 struct Proc {
     pid_t pid = -1;
     int out = -1;  // the child's standard output (or its ready fd)

@@ -7,19 +7,13 @@
 #include "service_sandbox.h"
 
 #include <csignal>
-#include <fcntl.h>
-#include <poll.h>
-#include <sched.h>
 #include <sys/socket.h>
-#include <sys/un.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include "daemon_proc.h"
 #include "test_support.h"
 
 namespace {
-
 using hosttest::Daemon;
 using hosttest::Proc;
 using hosttest::RunResult;
@@ -41,7 +35,6 @@ TEST(FakeDaemon, ServesCtlAndWatchThenStopsOnSigterm)
     const std::string sock = dir.path + "/d/lumstoraged.sock";
     Daemon daemon;
     ASSERT_TRUE(daemon.start(LUMHOST_FAKE_DAEMON_BIN, sock)) << daemon.ready;
-
     RunResult r = run(ctl(sock, {"--json", "raw", "1", "x:0a0b0c"}));
     EXPECT_EQ(0, r.code);
     EXPECT_NE(std::string::npos, r.out.find("\"result\":0,")) << r.out;
@@ -58,7 +51,6 @@ TEST(FakeDaemon, ServesCtlAndWatchThenStopsOnSigterm)
     close(watch.err);
     EXPECT_EQ(0, wait_exit(watch.pid, 10000));
     EXPECT_EQ(0u, seen.find("{\"event\":\"LUM_TV_EVT_STORAGE_FORMAT\",\"id\":1507359,\"len\":4,")) << seen;
-
     EXPECT_EQ(0, daemon.stop());
     EXPECT_NE(0, access(sock.c_str(), F_OK)) << "socket file left behind";
 }

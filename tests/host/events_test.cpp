@@ -5,12 +5,10 @@
 
 #include <cstring>
 #include <lumemclient/EMALClient.h>
-#include <unistd.h>
 
 #include "test_support.h"
 
 namespace {
-
 using hosttest::Fd;
 using hosttest::Frame;
 using lumproto::ReadStatus;
@@ -116,7 +114,6 @@ TEST(Events, SlowSubscriberLosesCountedEventsWithoutHoldingUpOthers)
     EXPECT_EQ(static_cast<size_t>(kTotal), fast_seen.seqs.size());
     EXPECT_EQ(0u, fast_seen.dropped);
     EXPECT_TRUE(strictly_increasing(fast_seen.seqs));
-
     Seen slow_seen;
     while (take(slow.fd, &slow_seen, 300)) {
     }

@@ -4,7 +4,6 @@
 #include "lumhost/daemon.h"
 
 namespace {
-
 int fake_init()
 {
     return 0;

@@ -3,7 +3,6 @@
 #include <lumemclient/EMALClient.h>
 
 namespace fakesvc {
-
 std::atomic<int> g_invokes{0};
 
 int invoke(const android::Parcel& request, android::Parcel* reply)

@@ -8,7 +8,6 @@
 #include <binder/Parcel.h>
 
 namespace fakesvc {
-
 constexpr int32_t kEcho = 1;  // reply = the request bytes behind the word
 constexpr int32_t kEmit = 2;  // int32 event id, int32 count: that many EMAL_Notify calls,
                               // payload = int32 sequence number 0..count-1

@@ -11,7 +11,6 @@
 #include "test_support.h"
 
 namespace {
-
 using lumproto::FrameHeader;
 using lumproto::ReadStatus;
 
@@ -82,7 +81,6 @@ TEST(FrameCodec, WrittenFramesAreHeaderThenPartsInOrder)
     const uint8_t word[] = {0x1d, 0x10, 0x00, 0x00};
     ASSERT_EQ(0, lumproto::write_frame(sp.a, lumproto::kRequest, word, sizeof(word)));
     EXPECT_EQ((std::vector<uint8_t>{1, 0, 1, 0, 4, 0, 0, 0, 0x1d, 0x10, 0, 0}), read_exact(sp.b, 12));
-
     const uint8_t result[] = {0xff, 0xff, 0xff, 0xff};
     const uint8_t body[] = {0x01, 0x00, 0x00, 0x00};
     lumproto::Slice parts[3] = {{result, 4}, {nullptr, 0}, {body, 4}};

@@ -3,16 +3,13 @@
 // the client limit.
 #include <gtest/gtest.h>
 
-#include <grp.h>
 #include <sys/stat.h>
-#include <thread>
 #include <unistd.h>
 
 #include "fake_service.h"
 #include "test_support.h"
 
 namespace {
-
 using hosttest::Fd;
 using hosttest::Frame;
 using lumproto::ReadStatus;
@@ -52,12 +49,10 @@ TEST_F(ServerTest, RepliesCarryResultAndParcelBytesInOrder)
     Frame f = hosttest::next_frame(c.fd);
     ASSERT_EQ(ReadStatus::kOk, f.status);
     EXPECT_EQ((std::vector<uint8_t>{1, 0, 2, 0, 8, 0, 0, 0, 0, 0, 0, 0, 9, 8, 7, 6}), frame_bytes(f));
-
     // A word no handler serves: result -1, empty reply.
     ASSERT_TRUE(hosttest::send_bytes(c.fd, hosttest::request_frame(0x7000)));
     f = hosttest::next_frame(c.fd);
     EXPECT_EQ((std::vector<uint8_t>{1, 0, 2, 0, 4, 0, 0, 0, 0xff, 0xff, 0xff, 0xff}), frame_bytes(f));
-
     // Pipelined requests in one write: replies come back in the same order.
     std::vector<uint8_t> burst;
     for (uint8_t k = 0; k < 5; ++k) {
@@ -70,7 +65,6 @@ TEST_F(ServerTest, RepliesCarryResultAndParcelBytesInOrder)
         ASSERT_EQ(ReadStatus::kOk, f.status);
         EXPECT_EQ((std::vector<uint8_t>{0, 0, 0, 0, k, k, k, k, k, 0, 0, 0}), f.payload);
     }
-
     ASSERT_TRUE(hosttest::send_bytes(c.fd, hosttest::frame(lumproto::kPing, {9, 8, 7})));
     f = hosttest::next_frame(c.fd);
     EXPECT_EQ(lumproto::kPong, f.header.type);

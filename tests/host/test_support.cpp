@@ -4,8 +4,6 @@
 #include <csignal>
 #include <cstdlib>
 #include <ftw.h>
-#include <grp.h>
-#include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <sys/wait.h>
@@ -14,9 +12,7 @@
 #include "fake_service.h"
 
 namespace hosttest {
-
 namespace {
-
 int remove_entry(const char* path, const struct stat*, int, FTW*)
 {
     return remove(path);

@@ -11,7 +11,6 @@
 #include "lumproto/frame_io.h"
 
 namespace hosttest {
-
 struct TempDir {
     std::string path;
     TempDir();

@@ -10,9 +10,7 @@
 #include <unistd.h>
 
 namespace lmdroid_test {
-
 namespace {
-
 // get: prints property LMDROID_TEST_KEY. set: sets it to LMDROID_TEST_VALUE.
 // setloop: sets it to "first" and "second value" in turn, forever, printing
 // "r" after the first set. threshold: prints the log threshold.

@@ -8,7 +8,6 @@
 #include <string>
 
 namespace lmdroid_test {
-
 // Returns the child's pid, with its standard output readable on *out_fd.
 pid_t spawn_child(const char* mode, int* out_fd);
 // Runs the child to its end; *status is its exit status (-1 if killed).

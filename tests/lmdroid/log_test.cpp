@@ -19,7 +19,6 @@
 #include <vector>
 
 namespace {
-
 struct Line {
     int prio;
     std::string tag, msg;
@@ -102,7 +101,6 @@ TEST_F(Log, ThresholdHookAndQuiet) {
         EXPECT_EQ("p" + std::to_string(ANDROID_LOG_WARN + i) + "\n", lines[i].msg);
     }
     EXPECT_EQ("", written());
-
     lmdroid_set_log_hook(capture, &lines, 0);  // not quiet: the line goes out as well
     __android_log_print(ANDROID_LOG_ERROR, "t", "both");
     lmdroid_set_log_hook(nullptr, nullptr, 1);
@@ -127,7 +125,6 @@ TEST_F(Log, PercentMLongMessagesAndReentrantHook) {
     ASSERT_EQ(2u, lines.size());
     EXPECT_EQ(std::string("open: ") + strerror(ENOENT), lines[0].msg);
     EXPECT_EQ(big.substr(0, 1023), lines[1].msg);
-
     // A hook that logs itself: the inner line goes to standard error only.
     lmdroid_set_log_hook([](int, const char*, const char*, void*) {
         __android_log_print(ANDROID_LOG_WARN, "t", "inner");
@@ -149,7 +146,6 @@ TEST_F(Log, ConcurrentThreadsWriteWholeLines) {
         });
     for (std::thread& th : threads) th.join();
     EXPECT_EQ(size_t(kThreads * kLines), lines.size());
-
     std::istringstream in(written());
     std::string line;
     std::vector<int> next(kThreads, 0);

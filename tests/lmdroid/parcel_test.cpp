@@ -9,12 +9,10 @@
 #include <cstdio>
 #include <cstring>
 #include <string>
-#include <vector>
 
 using android::Parcel;
 
 namespace {
-
 std::string hex(const Parcel& p) {
     std::string s;
     char b[4];
@@ -35,7 +33,6 @@ TEST(ParcelWrite, WordsAndPaddedBytes) {
     p.writeChar(char16_t(0xffff));
     p.writeByte(-1);  // sign-extended to a word
     EXPECT_EQ("fe ff ff ff 08 07 06 05 04 03 02 01 01 00 00 00 ff ff 00 00 ff ff ff ff", hex(p));
-
     const char* strings[][2] = {{"", "00 00 00 00"}, {"abc", "61 62 63 00"},
                                 {"abcd", "61 62 63 64 00 00 00 00"}};
     for (auto& c : strings) {
@@ -67,7 +64,6 @@ TEST(ParcelWrite, RequestLayoutAndReadBack) {
     EXPECT_EQ(3, p.readInt32());
     EXPECT_EQ(-4096, p.readInt64());
     EXPECT_EQ(0u, p.dataAvail());
-
     Parcel q;
     q.writeUint64(UINT64_MAX);
     q.writeChar(u'\u20ac');
@@ -95,11 +91,9 @@ TEST(ParcelWrite, OverwriteGrowAndGapsAreZero) {
     EXPECT_EQ("01 00 00 00 00 00 00 00 05 00 00 00", hex(p));
     p.setData(p.data() + 8, 4);  // a copy of its own bytes
     EXPECT_EQ("05 00 00 00", hex(p));
-
     for (int i = 0; i < 10000; ++i) ASSERT_EQ(android::OK, p.writeInt32(i));
     p.setDataPosition(0);
     for (int i = 0; i < 10000; ++i) ASSERT_EQ(i, p.readInt32());
-
     // Sizes no Parcel can reach fail and leave everything as it was.
     p.setData(p.data(), 4);
     for (size_t pos : {size_t(INT32_MAX) - 2, SIZE_MAX - 2, SIZE_MAX}) {
@@ -129,14 +123,12 @@ TEST(ParcelRead, ShortDataFailsAndKeepsThePosition) {
     EXPECT_EQ(android::NOT_ENOUGH_DATA, p.read(buf, 2));  // needs its padding too
     EXPECT_EQ(android::BAD_VALUE, p.read(buf, SIZE_MAX));
     EXPECT_EQ(4u, p.dataPosition());
-
     const uint8_t ab[] = {0x61, 0x62, 0};  // terminated, padding missing
     p.setData(ab, sizeof ab);
     EXPECT_STREQ("ab", p.readCString());
     EXPECT_EQ(4u, p.dataPosition());
     EXPECT_EQ(nullptr, p.readCString());
     EXPECT_EQ(0, p.readInt32());
-
     for (size_t pos : {size_t(5), size_t(INT32_MAX), SIZE_MAX - 3, SIZE_MAX}) {
         p.setDataPosition(pos);
         EXPECT_EQ(0, p.readInt32());

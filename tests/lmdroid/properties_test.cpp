@@ -26,7 +26,6 @@
 #include <vector>
 
 namespace {
-
 class Props : public ::testing::Test {
 protected:
     void SetUp() override {
@@ -72,14 +71,12 @@ TEST_F(Props, PersistentValueIsAFileSeenByOtherProcesses) {
     std::stringstream content;
     content << std::ifstream(dir_ + "/persist.lm.k").rdbuf();
     EXPECT_EQ("living room", content.str());
-
     int status = 0;
     EXPECT_EQ("living room", lmdroid_test::run_child("get", &status));  // a restart keeps it
     setenv("LMDROID_TEST_VALUE", "kitchen", 1);
     lmdroid_test::run_child("set", &status);
     EXPECT_EQ(0, status);
     EXPECT_EQ("kitchen", get("persist.lm.k"));  // read anew, not cached
-
     ASSERT_EQ(0, property_set("lm.volatile", "here"));
     setenv("LMDROID_TEST_KEY", "lm.volatile", 1);
     EXPECT_EQ("<none>", lmdroid_test::run_child("get", &status));  // a plain property dies with the process
@@ -152,7 +149,6 @@ TEST_F(Props, RefusesBadKeysAndValuesWithoutChanges) {
     EXPECT_EQ(-1, property_set(nullptr, "x"));
     EXPECT_EQ("<none>", get(nullptr));
     EXPECT_EQ(2u, files().size());
-
     std::ofstream(root_ + "/plain");  // a directory that cannot be made
     setenv("LMDROID_PROPERTY_DIR", (root_ + "/plain/props").c_str(), 1);
     EXPECT_EQ(-1, property_set("persist.lm.k", "new"));
@@ -166,7 +162,6 @@ TEST_F(Props, DefaultsAndTypedParsing) {
     EXPECT_EQ(91, property_get("lm.unset", v, std::string(200, 'd').c_str()));
     property_set("lm.empty", "");
     EXPECT_EQ(3, property_get("lm.empty", v, "def"));
-
     struct IntCase { const char* value; int32_t i32; int64_t i64; };
     const IntCase ints[] = {
         {"42", 42, 42}, {"-42", -42, -42}, {"+7", 7, 7}, {"010", 10, 10},

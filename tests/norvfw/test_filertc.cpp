@@ -1,15 +1,12 @@
 // The clock: the local offset follows the zone.
 #include <cerrno>
-#include <fstream>
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 
 #include "norvfw/FileUtils.h"
 #include "norvfw/RTC.h"
 #include "test_util.h"
 
 namespace {
-
 int LtoIn(const char* zone)
 {
     setenv("TZ", zone, 1);
@@ -37,7 +34,6 @@ TEST(Rtc, OffsetFollowsTheZoneAndTimeNowCountsMicroseconds)
     theRTC.SetDateTimeFound(false);
     EXPECT_NE(0, theRTC.GetCurrentDateTimeLocal(&dt));
     theRTC.SetDateTimeFound(true);
-
     double start = time_now();
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
     double elapsed = time_minus(time_now(), start);

@@ -51,7 +51,6 @@ TEST(MsgQueue, CreateReplacesAStaleQueueAndChecksDepth)
     mqd_t still = mq_open(name.c_str(), O_RDONLY);
     ASSERT_NE(static_cast<mqd_t>(-1), still);
     mq_close(still);
-
     FILE* f = fopen("/proc/sys/fs/mqueue/msg_max", "r");
     int max = 0;
     ASSERT_TRUE(f != nullptr && fscanf(f, "%d", &max) == 1);
@@ -70,7 +69,6 @@ TEST(SendCmd, RefusedMessageHasItsPayloadFreedExactlyOnce)
     unsigned long before = NorvMsgFreedPayloads();
     EXPECT_NE(0, r.SendCmd(&early));  // no queue yet
     EXPECT_EQ(before + 1, NorvMsgFreedPayloads());
-
     ASSERT_EQ(0, r.Init(QueueName("full").c_str(), 2, 0, false));
     for (unsigned long s = 2; s <= 3; ++s) {
         CNorvMsg msg = PayloadMsg(s);
@@ -81,7 +79,6 @@ TEST(SendCmd, RefusedMessageHasItsPayloadFreedExactlyOnce)
     EXPECT_EQ(before + 2, NorvMsgFreedPayloads());
     refused.FreeSignal();  // a careless second release does nothing
     EXPECT_EQ(before + 2, NorvMsgFreedPayloads());
-
     EXPECT_EQ(2, r.ReadMsgsFromNonBlockingQueue());  // the queued ones are intact
     EXPECT_EQ((std::vector<unsigned long>{2, 3}), r.Signals());
     EXPECT_EQ(before + 4, NorvMsgFreedPayloads());

@@ -1,6 +1,5 @@
 // The debug shell: commands, and the socket protocol end to end.
 #include <cerrno>
-#include <algorithm>
 #include <cerrno>
 #include <fstream>
 #include <gtest/gtest.h>
@@ -16,7 +15,6 @@
 using namespace norvtest;
 
 namespace {
-
 int Connect(const std::string& path)
 {
     int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
@@ -85,7 +83,6 @@ TEST_F(ShellSocket, RoundTripFollowsTheProtocol)
     EXPECT_TRUE(S_ISSOCK(st.st_mode));
     EXPECT_EQ(0600u, st.st_mode & 0777u);
     ASSERT_EQ(0, m_Shell.StartThread("norv_nshell", 0, 0));
-
     // CR LF is accepted, answers are dot-stuffed, "." ends each answer.
     std::string lines = "version\r\necho .hidden plain\n\nbogus\n" + std::string(700, 'z') + "\nexit\necho late\n";
     EXPECT_EQ("norvfw 1.0 (Linux stand-in)\n.\n"
@@ -97,7 +94,6 @@ TEST_F(ShellSocket, RoundTripFollowsTheProtocol)
               Talk(Connect(m_Shell.GetSocketPath()), lines));
     // The next client is served after the first has left.
     EXPECT_EQ("again\n.\nbye\n.\n", Talk(Connect(m_Shell.GetSocketPath()), "echo again\nexit\n"));
-
     ASSERT_EQ(0, m_Shell.StopThreadAndWait());
     EXPECT_NE(0, stat(m_Shell.GetSocketPath(), &st)) << "socket file left behind";
 }

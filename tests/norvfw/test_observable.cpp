@@ -7,7 +7,6 @@
 using namespace norvtest;
 
 namespace {
-
 std::vector<unsigned long> Drain(CNorvMsgQueue* q)
 {
     std::vector<unsigned long> got;
@@ -27,7 +26,6 @@ TEST(Observable, NotifiesEveryQueueWhoseFilterTakesTheSignal)
     ASSERT_EQ(0, seven.Create(QueueName("obs_7").c_str(), 10));
     ASSERT_EQ(0, full.Create(QueueName("obs_full").c_str(), 1));
     ASSERT_EQ(0, CNorvMsgQueue::Post(full.GetHandle(), CNorvMsg(1)));
-
     CObservableCallbackQueue subject;
     ASSERT_EQ(0, subject.RegisterCallbackQueue(all.GetHandle(), 1, 2, 0));
     ASSERT_EQ(0, subject.RegisterCallbackQueue(seven.GetHandle(), 0, 0, 7));
@@ -39,7 +37,6 @@ TEST(Observable, NotifiesEveryQueueWhoseFilterTakesTheSignal)
     EXPECT_EQ(4, subject.CountObserversWithCallbackQueue(0));
     EXPECT_EQ(4, subject.CountObserversWithCallbackQueue(7));
     EXPECT_EQ(3, subject.CountObserversWithCallbackQueue(8));
-
     // The full and the missing queue do not keep the others from their copy.
     CNorvMsg s7(7), s8(8);
     EXPECT_EQ(2, subject.NotifyObserversWithCallbackQueue(&s7));
@@ -48,7 +45,6 @@ TEST(Observable, NotifiesEveryQueueWhoseFilterTakesTheSignal)
     EXPECT_EQ((std::vector<unsigned long>{7, 8}), Drain(&all));
     EXPECT_EQ((std::vector<unsigned long>{7}), Drain(&seven));
     EXPECT_EQ((std::vector<unsigned long>{1}), Drain(&full));
-
     EXPECT_EQ(0, subject.UnregisterCallbackQueue(all.GetHandle(), 0));
     EXPECT_EQ(-1, subject.UnregisterCallbackQueue(all.GetHandle(), 0));
     EXPECT_EQ(2, subject.NotifyObserversWithCallbackQueue(&s7));

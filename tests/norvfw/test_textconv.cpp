@@ -5,7 +5,6 @@
 #include "norvfw/TextConv.h"
 
 namespace {
-
 struct Utf8Case {
     std::vector<UTF16> in;
     size_t room;

@@ -10,7 +10,6 @@
 using namespace norvtest;
 
 namespace {
-
 // Blocks in recv on a socket nobody writes to.
 class SocketWaiter : public CThreadObject {
 public:

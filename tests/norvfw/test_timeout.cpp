@@ -9,7 +9,6 @@
 using namespace norvtest;
 
 namespace {
-
 class Timers : public ::testing::Test {
 protected:
     void SetUp() override
@@ -20,7 +19,6 @@ protected:
         ASSERT_EQ(0, m_Queue.Create(QueueName("timer").c_str(), 10));
     }
     void Sleep(int ms) { std::this_thread::sleep_for(std::chrono::milliseconds(ms)); }
-
     CNorvMsgQueue m_Queue;
 };
 

@@ -12,7 +12,6 @@ static const int kTraceUnitsSize = sizeof(traceUnitsStringArray);
 const int* traceUnitsStringArraySizePtr = &kTraceUnitsSize;
 
 namespace {
-
 std::vector<std::string> Lines(const std::string& text)
 {
     std::vector<std::string> lines;

@@ -15,7 +15,6 @@ TEST(TraceWithoutUnitTable, UnitsArePrintedAndParsedByNumber)
     TraceFormattedString(TRACE_NORVMSGQUEUE, TRACELEVEL_INFO, "hello");
     norvTrace.StopTracingToScreen();
     EXPECT_EQ("[plain] 3: hello\n", capture.Stop());
-
     nshell.AddNshellInternalNshellCmds();
     std::string out;
     EXPECT_EQ(0, nshell.Execute("trace 3 error", &out));

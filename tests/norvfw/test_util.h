@@ -3,7 +3,6 @@
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
 #include <mutex>
@@ -15,7 +14,6 @@
 #include "norvfw/ThreadObject.h"
 
 namespace norvtest {
-
 // POSIX queue names are system-wide: the pid keeps parallel test processes
 // apart, the counter the queues of one process.
 inline std::string QueueName(const char* tag)

@@ -5,12 +5,9 @@
 
 #include <cstdio>
 #include <cstring>
-#include <fstream>
-#include <iterator>
 #include <string>
 #include <sys/stat.h>
 #include <thread>
-#include <unistd.h>
 
 #include <norvfw/NorvMsgQueue.h>
 #include <norvfw/TimeOut.h>
@@ -22,7 +19,6 @@
 #include "test_support.h"
 
 namespace {
-
 StorageManagerService& service() { return theStorageManagerService; }
 
 // A sample of the tool's output with two processes; the mixed workload's
@@ -91,7 +87,6 @@ TEST(BenchmarkFigure, ResultCodes)
     // Exactly ten characters fit.
     EXPECT_EQ(parse_benchmark_figure("mixed workload Avg throughput per process =1234567890.5", &figure), 0);
     EXPECT_EQ(figure, 1234567890ul);
-
     EXPECT_EQ(parse_benchmark_figure("initial writers\nAvg throughput per process = 5.0\n", &figure), 18);
     // The average before the mixed workload does not count.
     EXPECT_EQ(parse_benchmark_figure("Avg throughput per process = 5.0\nmixed workload = 6.0\n", &figure), 19);
@@ -111,7 +106,6 @@ TEST(BenchmarkFigure, OnlyTheFirst1999BytesOfTheFileCount)
     EXPECT_EQ(service().ReadBenchmarkResult(&w, &r), 17);
     EXPECT_EQ(w, 1ul);
     EXPECT_EQ(r, 2ul);
-
     const std::string tail = "mixed workload\nAvg throughput per process = 12345.67 kB/sec\n";
     // The figure's "." is byte 1999 (counting from 1): it is read.
     size_t fit = 1999 - (tail.find('.') + 1);
@@ -186,7 +180,6 @@ protected:
             return ends >= count && !benchmark_running() && benchmark_threads_alive() == 0;
         });
     }
-
     CNorvMsgQueue ticks;
     bool queueMade = false;
 };
@@ -202,7 +195,6 @@ TEST_F(BenchmarkRun, TicksReportOneStageEachThenTheThreadReportsTheFigure)
     EXPECT_EQ(Calls(), "iozone -t 2 -s 30m -r 16m -i 0 -i 8 -+p 50 -+n -F /mnt/pvr/shared/sdq1/iozone1.tmp "
                        "/mnt/pvr/shared/sdq1/iozone2.tmp\n");
     ASSERT_TRUE(eventually([] { return read_file(BENCHMARK_OUTPUT_FILE) == kOutput; }));
-
     // All markers are there at once: one stage per tick, each told once.
     for (int i = 0; i < 5; ++i)
         Tick();
@@ -210,7 +202,6 @@ TEST_F(BenchmarkRun, TicksReportOneStageEachThenTheThreadReportsTheFigure)
     EXPECT_EQ(benchmark_ticks(), 5ul);
     // At 100 the timer is not armed again.
     EXPECT_FALSE(service().TosvBenchmarkProgress.IsRunning());
-
     Release();
     ASSERT_TRUE(WaitEnd(events));
     EXPECT_EQ(payloads(events.events(), LUM_TV_EVT_STORAGE_DEV_BENCHMARK),
@@ -219,7 +210,6 @@ TEST_F(BenchmarkRun, TicksReportOneStageEachThenTheThreadReportsTheFigure)
     EXPECT_TRUE(log.has("writeSpeed: 904493 readSpeed 904493\n"));
     EXPECT_EQ(benchmark_progress(), 0);
     EXPECT_EQ(benchmark_ticks(), 0ul);
-
     // A tick after the end does nothing.
     Tick();
     EXPECT_EQ(payloads(events.events(), LUM_TV_EVT_STORAGE_DEV_BENCHMARK).size(), 6u);
@@ -268,7 +258,6 @@ TEST_F(BenchmarkRun, VolumeGoingAwayStopsOnlyItsOwnBenchmarkAndOneCancelJoinsThe
     EXPECT_FALSE(service().StopBenchmarkOn("/tmp/vo"));
     EXPECT_FALSE(service().StopBenchmarkOn("/tmp/vol/sub/deeper"));
     EXPECT_TRUE(benchmark_running());
-
     // The volume it measures goes, while a client's cancel comes too: one
     // of them stops it, the other finds nothing left to stop.
     AllowKill();

@@ -9,7 +9,6 @@
 
 namespace copy_test {
 namespace {
-
 class CopyFileTest : public CopyWork {};
 class CopyDirTest : public CopyWork {};
 class BrowseDirTest : public CopyWork {};
@@ -160,7 +159,6 @@ TEST_F(BrowseDirTest, CallbackResultStopsTheWalk)
     v.stopAt = 2;
     EXPECT_EQ(BrowseDir(path, path + strlen(path), path + sizeof(path), false, note, &v), 77);
     EXPECT_EQ(v.paths.size(), 2u);
-
     Visit none;
     strcpy(path, (kWork + "/none/").c_str());
     EXPECT_EQ(BrowseDir(path, path + strlen(path), path + sizeof(path), false, note, &none), ENOENT);

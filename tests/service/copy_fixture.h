@@ -18,7 +18,6 @@
 #include "test_support.h"
 
 namespace copy_test {
-
 const std::string kWork = "/tmp/cpw";
 
 // A Copy request: src NUL dst NUL, then the type byte and further bytes.
@@ -75,7 +74,6 @@ protected:
     {
         theStorageManagerService.Copy(req.data(), static_cast<int>(req.size()));
     }
-
     int feed = -1;
     Mounts mounts;
 };
@@ -86,5 +84,4 @@ protected:
             GTEST_SKIP() << "SKIPPED: a tmpfs could not be mounted on " << (dir) << " (needs root " \
                             "in the test's namespace): " << strerror(errno);                   \
     } while (0)
-
 }  // namespace copy_test

@@ -3,7 +3,6 @@
 // move rows byte for byte.
 #include <gtest/gtest.h>
 
-
 #include <binder/Parcel.h>
 #include <lumemclient/EMALSink.h>
 
@@ -15,7 +14,6 @@
 
 namespace copy_test {
 namespace {
-
 int parse(const Bytes& req, COPY_THREAD_CONTEXT* ctx)
 {
     return parse_copy_request(req.data(), static_cast<int>(req.size()), ctx);
@@ -345,7 +343,6 @@ TEST_F(CopyHub, MoveRowPacksThePathsIntoFiveHundredTwelveBytes)
     EXPECT_EQ(Request(STROAGE_LUM_MOVE).s(kWork + "/b").invoke(), kFalse);
     EXPECT_EQ(payloads(events.events(), LUM_TV_EVT_STORAGE_MOVE_FILE), (std::vector<Bytes>{{0}, {3}, {3}}));
     EXPECT_TRUE(exists(kWork + "/b"));
-
     // 254 + 255 + 3 = 512: the flag, the source and the destination, each terminated.
     std::string src = kWork + "/" + std::string(245, 's');
     std::string dst = kWork + "/" + std::string(246, 'd');

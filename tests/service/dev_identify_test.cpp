@@ -4,12 +4,10 @@
 #include <gtest/gtest.h>
 
 #include <string>
-#include <sys/stat.h>
 
 #include "DevIdentify.h"
 #include "fake_tools.h"
 #include "test_support.h"
-
 
 TEST(Utf8, StrictChecks)
 {
@@ -35,15 +33,12 @@ TEST_F(FakeTools, SysPathEndsAtTheUsbDeviceDirectory)
     ASSERT_TRUE(get_dev_sys_path("sdb", path, sizeof(path)));
     // The first colon is in the PCI part: the cut happens there.
     EXPECT_STREQ(path, "/sys/devices/");
-
     output("readlink", "/sys/devices/platform/usb1/1-1/1-1:1.0/host6/target6:0:0/6:0:0:0\n");
     ASSERT_TRUE(get_dev_sys_path("sdb", path, sizeof(path)));
     EXPECT_STREQ(path, "/sys/devices/platform/usb1/1-1/");
-
     output("readlink", "/sys/devices/virtual/block/sdb\n");
     ASSERT_TRUE(get_dev_sys_path("sdb", path, sizeof(path)));
     EXPECT_STREQ(path, "/sys/devices/virtual/block/sdb\n");  // no colon: whole, line end and all
-
     EXPECT_FALSE(get_dev_sys_path("sd;b", path, sizeof(path)));
 }
 
@@ -64,19 +59,16 @@ TEST_F(FakeTools, LabelsPickTheFirstLabelMarkerAndConvertFatFromGbk)
     output("blkid", "/dev/sdb1: LABEL=\"\xD6\xD0\xCE\xC4\xB1\xEA\" UUID=\"1234-ABCD\" TYPE=\"vfat\"\n");
     EXPECT_EQ(get_label_for_dev_name("/dev/sdb1", label, sizeof(label)), 0);
     EXPECT_STREQ(label, "\xE4\xB8\xAD\xE6\x96\x87\xE6\xA0\x87");  // 6 GBK bytes, 9 UTF-8 bytes
-
     // Not GBK: the partition's name stands for the label.
     char bad[32] = {0};
     output("blkid", "/dev/sdb1: LABEL=\"\xFF\xFF\" TYPE=\"vfat\"\n");
     EXPECT_EQ(get_label_for_dev_name("/dev/sdb1", bad, sizeof(bad)), 0);
     EXPECT_STREQ(bad, "sdb1");
-
     char none[32] = {0};
     std::string line = "/dev/sdb1: UUID=\"1234-ABCD\" TYPE=\"vfat\"\n";
     output("blkid", line);
     EXPECT_EQ(get_label_for_dev_name("/dev/sdb1", none, sizeof(none)), static_cast<int>(line.size()));
     EXPECT_STREQ(none, "");
-
     char part[32] = {0};
     output("blkid", "/dev/sdb2: UUID=\"u\" TYPE=\"ext4\" PARTLABEL=\"primary\"\n");
     EXPECT_EQ(get_label_for_dev_name("/dev/sdb2", part, sizeof(part)), 0);
@@ -91,7 +83,6 @@ TEST_F(FakeTools, LabelsThatDoNotFitAreNotTaken)
     EXPECT_GT(get_label_for_dev_name("/dev/sdb1", label, sizeof(label)), 0);
     EXPECT_STREQ(label, "");
     EXPECT_TRUE(log.has("pc1 is null!"));
-
     // 24 bytes fit; 8 GBK characters grow to 24 UTF-8 bytes and still fit 32.
     char fat[32] = {0};
     output("blkid", "/dev/sdb1: LABEL=\"\xD6\xD0\xD6\xD0\xD6\xD0\xD6\xD0\xD6\xD0\xD6\xD0\xD6\xD0\xD6\xD0\" TYPE=\"vfat\"\n");
@@ -118,11 +109,9 @@ TEST_F(FakeTools, MountPathsAndTypes)
     EXPECT_EQ(get_mount_path_of_device("/dev/sdc1", path, sizeof(path)), 0);  // not under shared
     EXPECT_EQ(get_mount_path_of_device("/dev/sdb1", path, 10), 0);            // does not fit
     EXPECT_EQ(get_mount_path_of_device("/dev/sdb1", nullptr, 10), 0);
-
     char dev[32] = {0};
     get_dev_name_for_mount_point("/mnt/pvr/shared/sdb1", dev, sizeof(dev));
     EXPECT_STREQ(dev, "/dev/sdb10");
-
     char type[32] = {0};
     char line[] = "/dev/sdb1 on /mnt/pvr/shared/sdb1 type fuseblk (rw,relatime)";
     EXPECT_EQ(get_fs_type_callback(type, line), 1);
@@ -142,16 +131,13 @@ TEST_F(FakeTools, UuidsBothWays)
     char tiny[5] = {0};
     EXPECT_GT(get_dev_name_for_uuid("0f1e2d3c-aaaa", tiny, sizeof(tiny)), 0);
     EXPECT_STREQ(tiny, "");
-
     char uuid[64] = {0};
     EXPECT_EQ(get_uuid_for_dev_name("/dev/sdb2", uuid, sizeof(uuid)), 0);
     EXPECT_STREQ(uuid, "0f1e2d3c-aaaa");
-
     output("blkid", "/dev/sdb3: TYPE=\"ext4\" PARTUUID=\"p-3\"\n");
     char puuid[64] = {0};
     EXPECT_EQ(get_uuid_for_dev_name("/dev/sdb3", puuid, sizeof(puuid)), 0);
     EXPECT_STREQ(puuid, "p-3");
-
     output("blkid", "");
     char empty[64] = {0};
     EXPECT_EQ(get_uuid_for_dev_name("/dev/sdb9", empty, sizeof(empty)), 0);

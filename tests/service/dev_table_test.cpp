@@ -18,8 +18,6 @@
 #include "test_support.h"
 
 namespace {
-
-
 constexpr unsigned kEntry = 0x0001, kNode = 0x0002, kConn = 0x0003, kMount = 0x0004, kLabel = 0x0005,
                    kFs = 0x0006, kVendor = 0x0008, kModel = 0x0009, kSerial = 0x000A, kId = 0x000B,
                    kSize = 0x000C, kUsed = 0x000D;
@@ -63,7 +61,6 @@ const Bytes kDiskInfo = {0x00, 0x08, 0x00, 0x01, 0x00,                 // VENDOR
                          0x00, 0x09, 0x00, 0x01, 0x00,                 // MODEL ""
                          0x00, 0x0A, 0x00, 0x04, 'A', 'B', 'C', 0x00,  // SERIALNR "ABC"
                          0x00, 0x0B, 0x00, 0x04, 0xAF, 0x82, 0x29, 0xAA};  // DEVICEID crc("ABC")
-
 }  // namespace
 
 TEST(DevTableCrc, Vectors)
@@ -108,7 +105,6 @@ TEST_F(DevTableReader, DiskWithTwoPartitionsGivesThreeRows)
     EXPECT_EQ(rows[2].devSize, 0x01020304u);
     EXPECT_EQ(rows[3].devName[0], 0);  // rows behind the last are cleared
     EXPECT_EQ(rows[3].devSize, 0u);
-
 }
 
 TEST_F(DevTableReader, RepeatsSkipsAndLimits)
@@ -134,7 +130,6 @@ TEST_F(DevTableReader, RepeatsSkipsAndLimits)
     EXPECT_EQ(rows[0].devSize, 10u);  // lengths other than 4 are skipped
     EXPECT_EQ(rows[0].devId, 0u);
     EXPECT_EQ(rows[0].devUsedSize, 0u);
-
     // 32 rows at most: the 33rd entry is not read.
     table.clear();
     for (int i = 0; i < 33; ++i) {
@@ -143,7 +138,6 @@ TEST_F(DevTableReader, RepeatsSkipsAndLimits)
     }
     ASSERT_EQ(parse(table, rows, STORAGE_MAX_CONNECTED_DEVICES), 32);
     EXPECT_EQ(static_cast<unsigned char>(rows[32].devName[0]), 0xAA);
-
     // Texts cut to their fields; a connection value beyond the labels.
     std::string n(40, 'n'), f(30, 'f'), m(120, 'm'), v(300, 'v');
     table = entry({el(kNode, str(n)), el(kFs, str(f)), el(kMount, str(m)), el(kVendor, str(v)), el(kConn, {200})});
@@ -281,19 +275,16 @@ TEST_F(DevTableBuild, OneLineEntries)
     EXPECT_TRUE(contains(got, cat({el(kMount, str("/mnt/pvr/shared/sdz1")), el(kUsed, be32(0)),
                                    el(kFs, str("ntfs")), el(kLabel, str(std::string(99, 'L')))})));
     EXPECT_EQ(static_cast<size_t>((got[2] << 8) | got[3]), got.size() - 4);
-
     std::string longType(40, 't');
     output("mount", "/dev/sdz1 on /mnt/pvr/shared/sdz1 type " + longType + " (rw)\n");
     output("blkid", "/dev/sdz1: LABEL=\"open\n");  // no closing quote: no label
     got = one_line("sdz1");
     EXPECT_TRUE(contains(got, el(kFs, str(longType.substr(0, 31)))));
     EXPECT_FALSE(contains(got, str("open")));
-
     // A PTP device is a base device; without a driver id it has no information.
     output("mount", "");
     EXPECT_EQ(one_line("VENphone1 3 mptpdev"),
               entry({el(kNode, str("VENphone1")), Bytes{0x00, 0x03, 0x00, 0x01, 0x07}, el(kSize, be32(0))}));
-
     // Names from the kernel and the driver reach grep literally and run nothing.
     remove("/tmp/pwned");
     std::string evil = "VEN\"$(touch${IFS}/tmp/pwned)\"";
@@ -345,7 +336,6 @@ TEST_F(DevTableBuild, DevInfoAndRowLabels)
         EXPECT_EQ(got[i].id, LUM_TV_EVT_STORAGE_GET_DEV_INFO);
         EXPECT_TRUE(i == 0 || got[i].data == Bytes{1}) << i;
     }
-
     // A row's label is blkid's for the row's device, not the table's text.
     output("blkid", "/dev/sdz1: LABEL=\"REAL\" TYPE=\"ext4\"\n");
     Bytes table = cat({entry({el(kNode, str("/dev/sdz1")), el(kLabel, str("TAGTEXT")), el(kLabel, str("2"))}),

@@ -9,7 +9,6 @@
 using namespace file_ops_test;
 
 namespace {
-
 const int32_t kIoMax = 8 << 20;  // the largest read or write a client may ask for
 
 // A cstring as a Parcel holds it: terminated, padded with zeros to 4.
@@ -91,7 +90,6 @@ TEST_F(FileOps, LumOpenWriteSyncCloseReadRoundTrip)
     EXPECT_EQ(Request(STROAGE_LUM_CLOSE).i(fd).invoke(), le32({0}));
     EXPECT_EQ(Request(STROAGE_LUM_CLOSE).i(fd).invoke(), le32({-1, EBADF}));
     EXPECT_EQ(content("io"), "hello");
-
     fd = open_file(at("io"), O_RDONLY);
     ASSERT_GE(fd, 0);
     // The count twice, then the bytes, padded to 4.
@@ -180,7 +178,6 @@ TEST_F(FileOps, HubRenamePacksBothPathsIntoFiveHundredTwelveBytes)
     EXPECT_TRUE(exists("b.ts.xml.sig") && exists("b.ts.desc") && exists("b.ts"));
     EXPECT_EQ(Request(STORAGE_RENAME_FILE).s(at("b.ts")).s(at("c.ts")).b(false).invoke(), kTrue);
     EXPECT_TRUE(exists("c.ts") && exists("b.ts.desc"));
-
     std::string dst = at("c.ts");
     // strlen + strlen + 3 = 512 fits the packed buffer: both paths arrive whole.
     std::string longSrc = at(std::string(254 - base.size() - 1, 'S'));

@@ -10,7 +10,6 @@
 
 namespace copy_test {
 namespace {
-
 const char* const kCompanions[] = {".xml", ".idx", ".desc", ".idx.desc", ".xml.sig"};
 
 class FileMove : public CopyWork {

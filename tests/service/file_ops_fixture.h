@@ -26,7 +26,6 @@
 #include "test_support.h"
 
 namespace file_ops_test {
-
 // Every companion suffix of a recording, in no particular order.
 const std::vector<std::string> kAllCompanions = {".desc", ".idx", ".idx.desc", ".xml", ".xml.sig"};
 
@@ -49,10 +48,8 @@ protected:
         EXPECT_TRUE(oldCwd[0] == '\0' || chdir(oldCwd) == 0);
         EXPECT_TRUE(base.empty() || system(("chmod -R u+rwX " + base + " && rm -rf " + base).c_str()) == 0);
     }
-
     std::string at(const std::string& rel) const { return base + "/" + rel; }
     std::string full(const std::string& p) const { return !p.empty() && p[0] == '/' ? p : at(p); }
-
     void put(const std::string& p, const std::string& text, mode_t mode = 0644) const
     {
         ::write_file(full(p), text, mode);
@@ -73,7 +70,6 @@ protected:
         for (const std::string& s : kAllCompanions)
             put(p + s, "companion " + p + s);
     }
-
     // Events before this call no longer count for results().
     void forget_events() { m_eventsSeen = events.events().size(); }
     // The one-byte results of event, in the order sent.
@@ -105,7 +101,6 @@ protected:
         }
         return out;
     }
-
     // DeleteFile of path, with the recording flag byte behind it when
     // flag >= 0; len reaches that byte (or the terminator).
     bool delete_file(const std::string& p, int flag = -1)
@@ -139,7 +134,6 @@ protected:
         theStorageManagerService.SetProtected(reinterpret_cast<const unsigned char*>(buf.c_str()),
                                               static_cast<int>(buf.size()));
     }
-
     std::string base;
     LogCapture log;
     EventCapture events;

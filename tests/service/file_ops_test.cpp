@@ -9,7 +9,6 @@
 using namespace file_ops_test;
 
 namespace {
-
 const Bytes kOk = {0};
 
 }  // namespace
@@ -23,7 +22,6 @@ TEST_F(FileOps, DeleteFileWithTheFlagRemovesTheCompanionsInOrderAndKeepsTheSigna
     EXPECT_EQ(runs(), (std::vector<std::string>{"rm \"" + p + "\"", "rm \"" + p + ".desc\"", "rm \"" + p + ".idx\"",
                                                 "rm \"" + p + ".idx.desc\"", "rm \"" + p + ".xml\""}));
     EXPECT_EQ(entries("."), (std::set<std::string>{"cwd", "rec.ts.xml.sig"}));
-
     // Any non-zero byte is the flag, as char is unsigned on the television.
     recording("high.ts");
     EXPECT_TRUE(delete_file("high.ts", 0x80));
@@ -37,7 +35,6 @@ TEST_F(FileOps, DeleteFileFailuresAndShortInput)
     EXPECT_FALSE(delete_file("gone.ts", 1));  // rm fails: the companions stay
     EXPECT_EQ(entries(".").size(), 6u);
     EXPECT_TRUE(log.has("***E: rc=1: "));
-
     put("kept.ts", "x");
     std::string p = at("kept.ts");
     EXPECT_FALSE(theStorageManagerService.DeleteFile(p.c_str(), 0));
@@ -55,7 +52,6 @@ TEST_F(FileOps, DeleteDirModes)
     ASSERT_EQ(mkdir(at("tree").c_str(), 0755), 0);
     ASSERT_EQ(mkdir(at("tree/sub").c_str(), 0755), 0);
     put("tree/sub/f", "x", 0444);
-
     auto del = [&](const std::string& p, int mode) {
         std::string path = at(p);
         return theStorageManagerService.DeleteDir(path.c_str(), mode, static_cast<int>(path.size() + 1));
@@ -112,7 +108,6 @@ TEST_F(FileOps, CreateDirFailuresAndAClockThatIsNotSet)
     EXPECT_FALSE(exists("fresh"));
     EXPECT_FALSE(theStorageManagerService.CreateDir(under.c_str(), 9));  // mkdir fails under a file
     EXPECT_TRUE(log.has("-- rc=1: "));
-
     theRTC.SetDateTimeFound(false);
     log.clear();
     EXPECT_TRUE(theStorageManagerService.CreateDir(fresh.c_str(), 1));

@@ -20,7 +20,6 @@ TEST_F(FileOps, RenameOfARecordingMovesEveryCompanionInOrder)
         std::string s = order[i];
         EXPECT_EQ(r[2 + i], "mv -f \"" + at("old.ts") + s + "\" \"" + at("new.ts") + s + "\"");
     }
-
     // Without a signature (or any companion) the rest still moves: result 0.
     put("b.ts", "m");
     put("b.ts.idx", "i");

@@ -3,9 +3,7 @@
 // which these vectors take to be little-endian.
 #include <gtest/gtest.h>
 
-#include <cstdio>
 #include <cstring>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <norvfw/NorvMsgQueue.h>
@@ -18,7 +16,6 @@
 #include "test_support.h"
 
 namespace {
-
 // The 36 bytes of a format record: the name, zeros up to offset 32, and the
 // result's four bytes as given.
 Bytes format_record(const char* name, Bytes result)
@@ -79,12 +76,10 @@ TEST(FormatStart, BusyAnswerNamesTheRefusedVolumeAndChangesNothing)
     EXPECT_TRUE(service().TosvFormat.IsRunning());
     // Stopped here so that a re-arming by the refused request would show.
     service().TosvFormat.StopTimer();
-
     EventCapture events;
     dispatch(SIG_ID_STORAGE_FORMAT, "/dev/sdz9");
     // A name longer than the record's field is cut to 29 characters.
     dispatch(SIG_ID_STORAGE_FORMAT, "/dev/disk/by-id/usb-SanDisk_Cruzer_Blade");
-
     auto got = events.events();
     ASSERT_EQ(got.size(), 2u);
     const Bytes busy = {'/', 'd', 'e', 'v', '/', 's', 'd', 'z', '9', 0, 0, 0, 0, 0, 0, 0, 0, 0,
@@ -113,12 +108,10 @@ TEST(FormatWatchdog, OnlyALiveExpiryReportsAndItNamesTheRunningVolume)
     ASSERT_TRUE(format_claim(service(), "/dev/sdq1", &running));
     EventCapture events;
     LogCapture log;
-
     // A message that no timer sent.
     CNorvMsg forged(SIG_ID_STORAGE_FORMAT_TIMEOUT);
     service().ProcessNorvMsg(&forged);
     EXPECT_TRUE(events.events().empty());
-
     // The live expiry of the current arming: -3 for the running volume.
     ASSERT_EQ(service().TosvFormat.StartTimer(1, SIG_ID_STORAGE_FORMAT_TIMEOUT, expiries.GetHandle(), 0), 0);
     CNorvMsg live;
@@ -130,14 +123,12 @@ TEST(FormatWatchdog, OnlyALiveExpiryReportsAndItNamesTheRunningVolume)
     EXPECT_EQ(got[0].id, LUM_TV_EVT_STORAGE_FORMAT);
     EXPECT_EQ(got[0].data, format_record("/dev/sdq1", kTimeout));
     EXPECT_TRUE(log.has("SIG_ID_STORAGE_FORMAT_TIMEOUT: /dev/sdq1\n"));
-
     // The format goes on: still busy for the next request.
     EXPECT_EQ(format_running_volume(service()), "/dev/sdq1");
     dispatch(SIG_ID_STORAGE_FORMAT, "/dev/sdr1");
     got = events.events();
     ASSERT_EQ(got.size(), 2u);
     EXPECT_EQ(got[1].data, format_record("/dev/sdr1", kBusy));
-
     // An expiry that the end of the format made stale says nothing.
     ASSERT_EQ(service().TosvFormat.StartTimer(1, SIG_ID_STORAGE_FORMAT_TIMEOUT, expiries.GetHandle(), 0), 0);
     CNorvMsg stale;
@@ -179,7 +170,6 @@ TEST_F(FakeTools, FormatOfNamesThatAreNoPlainPathRunsNoToolAndFailsAsATool)
     EXPECT_NE(access("/tmp/pwned", F_OK), 0);
     // Format's size query is all that runs.
     EXPECT_EQ(calls(), "/tmp/fakebin/df -Pm\n") << "a tool ran";
-
     // Straight from the command, without Format's length limit.
     EventCapture direct;
     EXPECT_FALSE(service().SetAllPartitions(reinterpret_cast<const unsigned char*>("/dev/sd b"), 0));

@@ -16,7 +16,6 @@
 #include "test_support.h"
 
 namespace {
-
 // A kernel uevent as the kernel sends it: header, NUL, key=value strings.
 std::string uevent(const std::string& header, std::initializer_list<const char*> keys)
 {
@@ -128,7 +127,6 @@ protected:
             return probe.signals.size() >= n;
         });
     }
-
     Probe probe;
     CHotPlug watcher;
     UeventSender tx;
@@ -171,7 +169,6 @@ TEST_F(HotPlugWatch, ABurstLeavesOneRunOfEachKindWaitingAndALaterEventGetsItsOwn
     probe.ReadMsgsFromNonBlockingQueue();
     EXPECT_EQ(probe.signals, (std::vector<unsigned long>{SIG_ID_STORAGE_PLUG_IN, SIG_ID_STORAGE_PLUG_OUT}));
     EXPECT_EQ(log.count("covers this event"), 18);
-
     // Both runs have been taken: the next event needs a run of its own.
     probe.signals.clear();
     tx.send(kDiskRemove);

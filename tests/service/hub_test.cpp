@@ -15,7 +15,6 @@
 #include "test_support.h"
 
 namespace {
-
 using android::Parcel;
 
 std::vector<unsigned char> bytes_of(const Parcel& p)
@@ -47,7 +46,6 @@ TEST(Hub, UnknownGroupGetsMinusOneAndAnEmptyReply)
     EXPECT_EQ(reply.dataSize(), 0u);
     EXPECT_EQ(end, 4u);  // behind the command word
     EXPECT_TRUE(log.has("failed"));
-
     Parcel empty, reply2;
     EXPECT_EQ(StorageModuleHub::self()->invoke(empty, &reply2), -1);
     EXPECT_EQ(StorageModuleHub::self()->invoke(empty, nullptr), -1);
@@ -85,20 +83,17 @@ TEST(Hub, SizeLimitIsWrittenOnlyWhenRecordingIsOnAndTheValueIsNewAndLargeEnough)
     property_set("persist.pvr.device_size_limit", "0");
     set(4000);
     EXPECT_EQ(get(), le32({0}));  // neither recording nor timeshift
-
     property_set("persist.pvr.tshift.enable", "1");
     set(1799);
     EXPECT_EQ(get(), le32({0}));
     set(1800);
     EXPECT_EQ(get(), le32({1800}));
-
     // The same value again writes nothing: the file keeps its inode.
     struct stat before, after;
     ASSERT_EQ(stat("/tmp/property/persist.pvr.device_size_limit", &before), 0);
     set(1800);
     ASSERT_EQ(stat("/tmp/property/persist.pvr.device_size_limit", &after), 0);
     EXPECT_EQ(before.st_ino, after.st_ino);
-
     set(70000);
     EXPECT_EQ(get(), le32({70000}));
 }
@@ -109,13 +104,11 @@ TEST(Hub, PostedRowsAnswerQueuedAndTheServiceFreesTheRecordOnce)
     ensure_service_queue();
     theStorageManagerService.m_hddState = HddUnknown;
     unsigned long freed = NorvMsgFreedPayloads();
-
     EXPECT_EQ(Request(STORAGE_START_HDD).invoke(), kTrue);
     EXPECT_EQ(NorvMsgFreedPayloads(), freed);  // in the queue, nobody freed it
     EXPECT_EQ(theStorageManagerService.ReadMsgsFromNonBlockingQueue(), 1);
     EXPECT_EQ(NorvMsgFreedPayloads(), freed + 1);
     EXPECT_EQ(theStorageManagerService.m_hddState.load(), HddNoHdd);
-
     Request shutdown(STORAGE_SHUTDOWN);
     shutdown.p.writeChar(1);
     EXPECT_EQ(shutdown.invoke(), kTrue);
@@ -132,12 +125,10 @@ protected:
         REQUIRE_ISOLATION();
         ASSERT_EQ(probe.Init("/lumtest_probe", 10, 0, false), 0);
     }
-
     bool Post(const SCmdRow& row, Parcel& request, bool* recordLeft = nullptr)
     {
         return post_row(row, request, probe, recordLeft);
     }
-
     PostProbe probe;
 };
 
@@ -152,7 +143,6 @@ TEST_F(PostRow, FieldsLandInTheirPlaces)
     request.writeBool(true);
     request.writeInt64(0x123456789LL);
     request.setDataPosition(0);
-
     bool left = true;
     EXPECT_TRUE(Post(row, request, &left));
     EXPECT_FALSE(left);
@@ -192,7 +182,6 @@ TEST_F(PostRow, ListingFlagsTravelBehindThePathAndLenNeverReachesFurther)
     EXPECT_FALSE(post(path98 + "q", 100, &flags));  // no room behind 99 bytes
     EXPECT_TRUE(log.has("no room for the flags"));
     EXPECT_TRUE(post(path98 + "q", 100, nullptr));
-
     ASSERT_EQ(probe.ReadMsgsFromNonBlockingQueue(), 4);
     std::vector<StorageManagerAction_t> r;
     for (const Posted& p : probe.posted)
@@ -219,7 +208,6 @@ TEST_F(PostRow, MissingOrOversizedTextsPostNothingAndLeaveTheRecordToTheHub)
     tooLong.setDataPosition(0);
     unterminated.write("abcd", 4);
     unterminated.setDataPosition(0);
-
     StorageManagerAction_t record;
     for (Parcel* request : {&tooLong, &missing, &unterminated}) {
         LogCapture log;
@@ -238,7 +226,6 @@ TEST_F(PostRow, MissingOrOversizedTextsPostNothingAndLeaveTheRecordToTheHub)
 }
 
 namespace {
-
 StorageManagerAction_t* new_record()
 {
     return static_cast<StorageManagerAction_t*>(calloc(1, sizeof(StorageManagerAction_t)));

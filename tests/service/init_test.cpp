@@ -14,7 +14,6 @@
 #include "test_support.h"
 
 namespace {
-
 bool post_start_hdd() { return Request(STORAGE_START_HDD).invoke() == kTrue; }
 
 // Every step of start-up fails: no queue may be made and no thread can start
@@ -40,7 +39,6 @@ int child_copy_without_threads();
 int child_stress();
 
 namespace {
-
 struct ChildRow {
     const char* name;
     int (*run)();
@@ -69,7 +67,6 @@ int child_main(const char* name)
 }
 
 namespace {
-
 size_t find_in(const std::string& out, const char* needle)
 {
     size_t at = out.find(needle);

@@ -22,7 +22,6 @@
 #include "test_support.h"
 
 namespace {
-
 // A listed directory lies five slashes deep, like a mount point of the tree,
 // so that the volume-type check finds its prefix in the fake mount output.
 const std::string kVolume = "/tmp/lst/shared/sdb1";
@@ -138,13 +137,11 @@ TEST_F(Listing, RecordsCarrySizeDateProtectionAndEmptyTagsByte)
     mkdir((kDir + "d").c_str(), 0755);
     struct timeval tv[2] = {{kWhen, 0}, {kWhen, 0}};
     utimes((kDir + "d").c_str(), tv);
-
     std::vector<Block> blocks = list(kDir);
     ASSERT_EQ(blocks.size(), 1u);
     EXPECT_EQ(blocks[0].offset, 0u);
     EXPECT_EQ(blocks[0].total, 4u);
     ASSERT_EQ(blocks[0].records.size(), 4u);
-
     const Bytes when = {0x00, 0xEC, 0x1F, 13, 45};
     auto info = [&](unsigned char prot, uint32_t kb) {
         Bytes b = {prot, static_cast<unsigned char>(kb >> 24), static_cast<unsigned char>(kb >> 16),
@@ -158,7 +155,6 @@ TEST_F(Listing, RecordsCarrySizeDateProtectionAndEmptyTagsByte)
     EXPECT_EQ(blocks[0].records[2].info_file, info(1, 5120));
     EXPECT_EQ(blocks[0].records[3].info_file, info(0, 0));
     EXPECT_EQ(names(blocks), (std::vector<std::string>{"a.bin", "b.bin", "c.bin", "d/"}));
-
     // The whole payload of a one-file directory, byte by byte.
     system(("rm -rf " + kDir + "*").c_str());
     touch_file(kDir + "x", 2048, kWhen, 0444);
@@ -198,7 +194,6 @@ TEST_F(Listing, BadPathsAndEmptyDirectories)
         EXPECT_FALSE(ok) << bad;
     }
     EXPECT_TRUE(log.has("scandir returned -1"));
-
     // 258 bytes pass, 259 are refused before anything is looked at.
     std::string deep = kVolume + "/";
     while (deep.size() < 257)
@@ -211,7 +206,6 @@ TEST_F(Listing, BadPathsAndEmptyDirectories)
     EXPECT_TRUE(ok);
     EXPECT_EQ(payloads(deep + "e/", &ok), std::vector<Bytes>{failed});
     EXPECT_TRUE(log.has("directory name too long"));
-
     // An entry whose full path would pass 258 bytes goes out under its name
     // with nothing else known.
     std::string name(200, 'n');
@@ -237,7 +231,6 @@ TEST_F(Listing, FiltersByFlagsAndTheDefault)
     mkdir((kDir + ".dotdir").c_str(), 0755);
     symlink("a.ts", (kDir + "link").c_str());
     mkfifo((kDir + "pipe").c_str(), 0644);
-
     using V = std::vector<std::string>;
     const V all = {"./", "../", "..archive", ".archive", ".dotdir/", ".hidden", ".tsb1", "a.desc", "a.idx",
                    "a.ts", "a.ts.idx.desc", "a.xml", "b.IDX", "link", "sub/", "x.xml.sig"};
@@ -250,11 +243,9 @@ TEST_F(Listing, FiltersByFlagsAndTheDefault)
     };
     const V noDots = without({"./", "../", "..archive", ".archive", ".dotdir/", ".hidden", ".tsb1"});
     const V row3 = {"a.ts", "b.IDX", "link", "sub/", "x.xml.sig"};
-
     std::vector<Block> d = list(kDir);
     EXPECT_EQ(names(d), without({"./", "../", ".dotdir/", ".hidden"}));
     EXPECT_EQ(d[0].total, 13u);  // the FIFO counts, though it has no record
-
     EXPECT_EQ(names(list_flags(kDir, 0)), all);
     EXPECT_EQ(list_flags(kDir, 0)[0].total, 17u);
     EXPECT_EQ(names(list_flags(kDir, 1)), noDots);
@@ -303,7 +294,6 @@ TEST(ListingPieces, TimesBeforeAndAfter1970AndPlaylistNames)
     EXPECT_EQ(Bytes(info + 5, info + 10), (Bytes{0x00, 0x3D, 0x86, 1, 0}));  // MJD 15750
     put_file_time(info, -60);  // 1969-12-31 23:59
     EXPECT_EQ(Bytes(info + 5, info + 10), (Bytes{0x00, 0x9E, 0x8A, 23, 59}));
-
     for (const char* yes : {"x.M3U", "y.m3u", "/a/b.m3U/", "z.tar.m3u"})
         EXPECT_EQ(is_playlist_file(yes), 1) << yes;
     for (const char* no : {"m3u", "x.m3u8", "x.m3u//", "/a.m3u/b", "x.m3", ""})

@@ -20,7 +20,6 @@
 #include "test_support.h"
 
 namespace {
-
 // One entry as a listing would show it; the placeholder's time orders the
 // entries.
 struct Entry {
@@ -66,7 +65,6 @@ protected:
         ASSERT_NE(mkdtemp(tmpl), nullptr);
         dir = std::string(tmpl) + "/";
     }
-
     // Writes a playlist of these bytes at dir + name, directories included.
     std::string write(const std::string& name, const std::string& bytes)
     {
@@ -76,14 +74,12 @@ protected:
         std::ofstream(path, std::ios::binary) << bytes;
         return path;
     }
-
     bool expand(const std::string& path)
     {
         links.clear();
         titles.clear();
         return ExtractPlaylistToTempDir(path.c_str(), links, titles);
     }
-
     // The entries in the order of their placeholders' times; every
     // placeholder must have its rows in both maps.
     std::vector<Entry> entries()
@@ -105,13 +101,11 @@ protected:
         EXPECT_EQ(titles.size(), result.size());
         return result;
     }
-
     std::vector<Entry> expect_entries(const std::string& path)
     {
         EXPECT_TRUE(expand(path)) << path;
         return entries();
     }
-
     std::string dir;
     std::map<std::string, std::string> links;
     std::map<std::string, std::string> titles;
@@ -231,13 +225,11 @@ TEST_F(Playlist, UnreadablePathsGiveFalse)
 {
     std::string good = write("good.m3u", "a.mp3\nb.mp3\n");
     ASSERT_EQ(expect_entries(good).size(), 2u);
-
     // What the last expansion left goes all the same.
     EXPECT_FALSE(expand(dir + "missing.m3u"));
     EXPECT_TRUE(exists(M3U_TEMP_DIR));
     EXPECT_TRUE(placeholders().empty());
     EXPECT_TRUE(links.empty());
-
     EXPECT_FALSE(expand("/"));
     EXPECT_FALSE(expand(""));
 }

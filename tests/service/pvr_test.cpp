@@ -15,7 +15,6 @@
 #include "test_support.h"
 
 namespace {
-
 void set_props(const char* rec, const char* tsh, const char* limit, const char* identity)
 {
     property_set("persist.pvr.rec.enable", rec);
@@ -38,7 +37,6 @@ protected:
         theStorageManagerService.m_PvrMountPath.clear();
     }
     void TearDown() override { SetUp(); }
-
     // A mounted partition row; its mount point is a real folder.
     static void add_row(const char* dev, const char* mount, const char* fs, uint64_t sizeMB)
     {
@@ -65,7 +63,6 @@ TEST_F(Pvr, IdentityNamesAndTheListingRules)
     EXPECT_EQ(strlen(name), 17u);
     EXPECT_EQ(name[0], '.');
     EXPECT_STREQ(name + 13, ".ide");
-
     char ctx[256] = {0};
     char good[] = "-rw-r--r-- 1 root root 0 Jul 15 00:42 .201907150042.ide";
     EXPECT_EQ(find_pvr_identity_callback(ctx, good), 0);
@@ -109,7 +106,6 @@ TEST_F(Pvr, UnmountFallsBackOrLetsGo)
     add_row("/dev/sdd1", "/tmp/pvr/c3", "ext4", 4000);
     theStorageManagerService.MountPvrPartitionProcess();
     ASSERT_EQ(theStorageManagerService.GetPvrMountPath(), "/tmp/pvr/c1");
-
     // Another disk than the chosen one goes: no event, the choice stays.
     {
         std::lock_guard<std::mutex> hold(theStorageManagerService.m_DevTableLock);
@@ -119,7 +115,6 @@ TEST_F(Pvr, UnmountFallsBackOrLetsGo)
     theStorageManagerService.UnmountPvrPartitionProcess();
     EXPECT_TRUE(other.events().empty());
     EXPECT_EQ(theStorageManagerService.GetPvrMountPath(), "/tmp/pvr/c1");
-
     // c1 goes: plug-out with the old path, then the change to c2.
     {
         std::lock_guard<std::mutex> hold(theStorageManagerService.m_DevTableLock);
@@ -134,7 +129,6 @@ TEST_F(Pvr, UnmountFallsBackOrLetsGo)
     EXPECT_EQ(std::string(got[0].data.begin(), got[0].data.end()), "/tmp/pvr/c1");
     EXPECT_EQ(got[1].id, LUM_TV_EVT_STORAGE_PVR_DEV_CHANGE);
     EXPECT_EQ(std::string(got[1].data.begin(), got[1].data.end()), "/tmp/pvr/c2");
-
     // Nothing left: plug-out, state cleared, the guide still lists no rows.
     {
         std::lock_guard<std::mutex> hold(theStorageManagerService.m_DevTableLock);
@@ -161,7 +155,6 @@ TEST_F(Pvr, GuideForTimeshiftOffersTheSmallestLargeEnoughPartition)
     add_row("/dev/sdb4", "", "", 3000);
     SStoragePvrDevGuideInfo guide;
     theStorageManagerService.GetPvrDevGuideInfo(guide);
-
     // The record's bytes, checked at their offsets.
     const auto* b = reinterpret_cast<const unsigned char*>(&guide);
     auto i32 = [b](size_t at) {
@@ -180,7 +173,6 @@ TEST_F(Pvr, GuideForTimeshiftOffersTheSmallestLargeEnoughPartition)
     uint64_t size;
     memcpy(&size, b + 31512 + 928, 8);
     EXPECT_EQ(size, 10000u);
-
     set_props("0", "0", "1000", "no");
     theStorageManagerService.GetPvrDevGuideInfo(guide);
     EXPECT_EQ(guide.bShow, 0);

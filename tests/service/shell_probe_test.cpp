@@ -1,8 +1,6 @@
 #include <gtest/gtest.h>
 
 #include <string>
-#include <sys/stat.h>
-#include <thread>
 #include <unistd.h>
 #include <vector>
 
@@ -11,7 +9,6 @@
 #include "test_support.h"
 
 namespace {
-
 int count_temp_files()
 {
     int n = 0;
@@ -60,21 +57,17 @@ TEST(FileReaders, DifferOnMissingEmptyAndShortBuffers)
     char buf[64];
     EXPECT_EQ(buffer_read_from_file(nullptr, 10, "/tmp/x"), -22);
     EXPECT_EQ(buffer_read_from_file(buf, 0, "/tmp/x"), -22);
-
     strcpy(buf, "junk");
     EXPECT_EQ(buffer_read_from_file(buf, sizeof(buf), "/tmp/missing-%d", 1), 0);
     EXPECT_STREQ(buf, "");
     strcpy(buf, "junk");
     EXPECT_EQ(line_read_from_file(buf, sizeof(buf), "/tmp/missing-%d", 1), -23);
     EXPECT_STREQ(buf, "");
-
     write_file("/tmp/empty", "");
     EXPECT_EQ(buffer_read_from_file(buf, sizeof(buf), "/tmp/empty"), 0);
     EXPECT_EQ(line_read_from_file(buf, sizeof(buf), "/tmp/empty"), -23);
-
     write_file("/tmp/lf", "\n");
     EXPECT_EQ(line_read_from_file(buf, sizeof(buf), "/tmp/lf"), 0);
-
     write_file("/tmp/two", "first\nsecond\n");
     EXPECT_EQ(line_read_from_file(buf, sizeof(buf), "/tmp/%s", "two"), 5);
     EXPECT_STREQ(buf, "first");

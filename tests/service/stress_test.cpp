@@ -35,7 +35,6 @@
 #include "fake_tools.h"
 
 namespace {
-
 const std::string kScratch = "/tmp/stress";
 const std::string kFiles = kScratch + "/files";    // one folder per hub caller
 const std::string kList = kScratch + "/list/";     // what the listings list
@@ -107,7 +106,6 @@ private:
         if (i >= 0 && i < kSlots)
             self->m_counts[i].fetch_add(1, std::memory_order_relaxed);
     }
-
     std::atomic<int> m_counts[kSlots] = {};
     std::atomic<int> m_benchmarkEnds{0};
     std::atomic<int> m_failedEnds{0};
@@ -186,7 +184,6 @@ void set_blkid(bool withSdq1)
 class Driver {
 public:
     explicit Driver(EventTally& tally) : m_tally(tally) {}
-
     void Cycle()
     {
         set_blkid(true);
@@ -212,7 +209,6 @@ public:
         remove("/tmp/fake/iozone.hold");
         ++m_cycles;
     }
-
     // Listings meanwhile; the format's thread runs one unmount and one mount.
     void Format()
     {
@@ -225,7 +221,6 @@ public:
         if (!eventually([] { return format_threads_alive() == 0; }))
             Fail("the format thread never ended");
     }
-
     void Finish()
     {
         Wait(LUM_TV_EVT_STORAGE_COPY, m_copies, "copy");
@@ -258,7 +253,6 @@ public:
             Fail(std::to_string(m_tally.failedEnds()) + " copies, formats or benchmarks failed");
         CheckListings();
     }
-
     int Cycles() const { return m_cycles; }
     const std::string& Failure() const { return m_failure; }
 
@@ -325,7 +319,6 @@ private:
                 Fail("the listings differ");
         }
     }
-
     EventTally& m_tally;
     std::string m_failure;
     int m_cycles = 0, m_mounts = 0, m_unmounts = 0, m_listings = 0, m_sizes = 0, m_covers = 0, m_copies = 0;
@@ -364,7 +357,6 @@ int child_stress()
     std::vector<std::thread> callers;
     for (int i = 0; i < kCallers; ++i)
         callers.emplace_back(hub_caller, i, &stop, &reports[i]);
-
     Driver driver(tally);
     auto start = std::chrono::steady_clock::now();
     std::set<std::string> fdsBefore;
@@ -381,7 +373,6 @@ int child_stress()
         t.join();
     if (driver.Failure().empty())
         driver.Finish();
-
     int rc = driver.Failure().empty() ? 0 : 2;
     if (rc != 0)
         fprintf(stderr, "driver: %s\n", driver.Failure().c_str());
@@ -411,7 +402,6 @@ int child_stress()
 }
 
 namespace {
-
 // Two volumes in the kernel's list, blkid and df, mounted by the fake tools
 // on a private /mnt; a television that records and timeshifts.
 class Stress : public FakeTools {

@@ -18,7 +18,6 @@
 #include "test_support.h"
 
 namespace {
-
 class VolumeQuery : public FakeTools {
 protected:
     void SetUp() override
@@ -117,7 +116,6 @@ TEST_F(VolumeQuery, PvrDiskTotalRepliesEightBytes)
 }
 
 namespace {
-
 class MountRun : public FakeTools {
 protected:
     void SetUp() override

@@ -4,7 +4,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
-#include <initializer_list>
 #include <climits>
 #include <string>
 #include <sched.h>
@@ -13,7 +12,6 @@
 #include <unistd.h>
 
 namespace {
-
 bool write_file(const char* path, const char* text)
 {
     int fd = open(path, O_WRONLY | O_CLOEXEC);
