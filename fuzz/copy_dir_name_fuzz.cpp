@@ -1,8 +1,6 @@
-// copy_dir_name, the listing's first look at a client's path, with every
-// destination size from 0 to 299 bytes (the listing's own is 260): the
-// first two bytes give the size, the rest up to its first NUL is the name.
-// Destination and name sit in blocks of their own size, so a write or read
-// past either shows.
+// copy_dir_name, the listing's first look at a client's path, with every destination size from 0 to 299 bytes
+// (the listing's own is 260): the first two bytes give the size, the rest up to its first NUL is the name.
+// Destination and name sit in blocks of their own size, so a write or read past either shows.
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>

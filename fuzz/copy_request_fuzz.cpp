@@ -1,9 +1,7 @@
-// The packed requests of the file operations, as pure functions on fuzzed
-// bytes: a Copy's request text (parse_copy_request, which the copy thread
-// runs on what a client sent), the unpacking of a rename's or move's path
-// pair from any bytes, and packing two texts, which must unpack to the same
-// two texts. The bytes sit in a block of their own size, so a read past the
-// request shows.
+// The packed requests of the file operations, as pure functions on fuzzed bytes: a Copy's request text
+// (parse_copy_request, which the copy thread runs on what a client sent), the unpacking of a rename's or
+// move's path pair from any bytes, and packing two texts, which must unpack to the same two texts. The bytes
+// sit in a block of their own size, so a read past the request shows.
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
@@ -16,8 +14,7 @@
 #include "fuzz_bytes.h"
 
 namespace {
-// The input split at its first NUL: the source, and the destination behind
-// it (none when there is no NUL).
+// The input split at its first NUL: the source, and the destination behind it (none when there is no NUL).
 void pack_round_trip(const uint8_t* data, size_t size)
 {
     std::string bytes(reinterpret_cast<const char*>(data), size);

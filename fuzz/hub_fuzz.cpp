@@ -1,9 +1,7 @@
-// The hub on fuzzed requests: the first byte picks a command of the command
-// list (codes without a row included), the rest is the request Parcel behind
-// the command word, and StorageModuleHub::invoke reads it as a client's.
-// Every row runs, inside the sandbox (README.md); each run starts from empty
-// /tmp and /mnt with one client file open, /tmp/client, and ends with the
-// queue emptied and every client descriptor closed.
+// The hub on fuzzed requests: the first byte picks a command of the command list (codes without a row
+// included), the rest is the request Parcel behind the command word, and StorageModuleHub::invoke reads it as
+// a client's. Every row runs, inside the sandbox (README.md); each run starts from empty /tmp and /mnt with
+// one client file open, /tmp/client, and ends with the queue emptied and every client descriptor closed.
 #include <binder/Parcel.h>
 
 #include <cstddef>
@@ -26,8 +24,7 @@ namespace {
 const int32_t kCodes[] = {LUM_STORAGE_CMD_LIST(LUM_FUZZ_CMD_CODE)};
 #undef LUM_FUZZ_CMD_CODE
 
-// Client descriptors are the lowest free numbers, and each run closes its
-// own: none lies above this.
+// Client descriptors are the lowest free numbers, and each run closes its own: none lies above this.
 constexpr int kClientFdScan = 1024;
 
 // The service's queue without its thread, as the unit tests make it.

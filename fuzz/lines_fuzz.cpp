@@ -1,10 +1,8 @@
-// The line handlers of tool output (blkid, mount, df, ls, the partition list)
-// on fuzzed output. The first byte picks the handler; the rest is the
-// tool's output, handed over line by line as parse_output_lines does: pieces
-// of at most 255 bytes, line feed removed, one context for the whole output,
-// stop at the first non-zero answer. Each line sits in a block of its own
-// size, so a read past its end shows. The shell lines the handlers run
-// (mkdir, mount, umount, blkid) reach only the sandbox's stub shell.
+// The line handlers of tool output (blkid, mount, df, ls, the partition list) on fuzzed output. The first
+// byte picks the handler; the rest is the tool's output, handed over line by line as parse_output_lines does:
+// pieces of at most 255 bytes, line feed removed, one context for the whole output, stop at the first
+// non-zero answer. Each line sits in a block of its own size, so a read past its end shows. The shell lines
+// the handlers run (mkdir, mount, umount, blkid) reach only the sandbox's stub shell.
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
@@ -32,10 +30,7 @@ void init_dev_tab(void* context)
     cursor->end = cursor->pos + STORAGE_DEV_TAB_BUF_SIZE;
 }
 
-void init_df(void* context)
-{
-    static_cast<DETERMINE_DEV_SIZE_CALLBACK_DATA*>(context)->devname = "/dev/sda1";
-}
+void init_df(void* context) { static_cast<DETERMINE_DEV_SIZE_CALLBACK_DATA*>(context)->devname = "/dev/sda1"; }
 
 struct SHandlerRow {
     line_handler_t handler;

@@ -1,9 +1,7 @@
-// The listing on fuzzed requests, as the hub posts them: the record's
-// intValue1 (how much of buf1 the listing may read), its command id and the
-// bytes of buf1 (path, NUL, flags byte), into handle_read_dirs and
-// ReadDirAdvanced. Every run lists against the same small volume under the
-// mount tree: files, a folder, a link, a FIFO and a playlist, whose
-// expansion's shell lines go to the sandbox's stub shell.
+// The listing on fuzzed requests, as the hub posts them: the record's intValue1 (how much of buf1 the listing
+// may read), its command id and the bytes of buf1 (path, NUL, flags byte), into handle_read_dirs and
+// ReadDirAdvanced. Every run lists against the same small volume under the mount tree: files, a folder, a
+// link, a FIFO and a playlist, whose expansion's shell lines go to the sandbox's stub shell.
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -25,9 +23,8 @@ void put(const std::string& name, const std::string& content)
     std::ofstream(kVolume + name, std::ios::binary) << content;
 }
 
-// The volume: an ID3 header that TagLib reads, a name in UTF-8, a folder with
-// a file, a link, a FIFO (listed without a record) and a playlist of both
-// kinds of entry.
+// The volume: an ID3 header that TagLib reads, a name in UTF-8, a folder with a file, a link, a FIFO (listed
+// without a record) and a playlist of both kinds of entry.
 void make_volume()
 {
     mkdir(kVolume.c_str(), 0755);

@@ -1,6 +1,5 @@
-// classify_uevent on fuzzed datagrams, as the watcher hands them over: at
-// most HOTPLUG_RECV_BUF_SIZE - 1 bytes with a NUL behind them, in a block of
-// exactly that size, so a read past the datagram shows.
+// classify_uevent on fuzzed datagrams, as the watcher hands them over: at most HOTPLUG_RECV_BUF_SIZE - 1
+// bytes with a NUL behind them, in a block of exactly that size, so a read past the datagram shows.
 #include <cstddef>
 #include <cstdint>
 

@@ -37,10 +37,7 @@ std::string folder_of(const std::string& value)
     return slash == 0 ? "/" : value.substr(0, slash);
 }
 
-bool starts_with(const std::string& s, const char* prefix)
-{
-    return s.compare(0, strlen(prefix), prefix) == 0;
-}
+bool starts_with(const std::string& s, const char* prefix) { return s.compare(0, strlen(prefix), prefix) == 0; }
 
 // The folders libFuzzer writes to, as absolute paths: corpus folders (its
 // arguments that are folders) and the folder of its artifacts.
@@ -139,10 +136,7 @@ int remove_entry(const char* path, const struct stat*, int, struct FTW* ftw)
     return 0;
 }
 
-void empty_folder(const char* path)
-{
-    nftw(path, remove_entry, 16, FTW_DEPTH | FTW_PHYS | FTW_MOUNT);
-}
+void empty_folder(const char* path) { nftw(path, remove_entry, 16, FTW_DEPTH | FTW_PHYS | FTW_MOUNT); }
 
 // The sandbox's promises, checked before any input runs: a shell line runs
 // nothing, and the root cannot be written.
@@ -174,9 +168,8 @@ void fuzz_enter_sandbox(int argc, char** argv)
     mount_or_fail("lumfuzzmnt", "/mnt", "tmpfs", 0, "mode=755,size=16m");
     mount_or_fail(stub_shell().c_str(), "/bin/sh", nullptr, MS_BIND, nullptr);
     minimal_dev();
-    // Each folder that stays writable becomes a mount of its own, so that
-    // its flag can be cleared alone. Under /tmp only the build's own top
-    // folder is still there (the service sandbox binds it back).
+    // Each folder that stays writable becomes a mount of its own, so that its flag can be cleared alone.
+    // Under /tmp only the build's own top folder is still there (the service sandbox binds it back).
     for (const std::string& folder : writable) {
         if (access(folder.c_str(), F_OK) != 0)
             fail("a corpus or artifact folder is hidden by the fresh /tmp, /mnt or /dev:", folder);

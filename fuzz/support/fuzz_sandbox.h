@@ -2,10 +2,9 @@
 // whose decoders reach the shell or the file system.
 #pragma once
 
-// Formats every log line, so that a format that reads past its text shows
-// under AddressSanitizer, and drops it: the fuzzer's own lines stay readable.
-// With LUM_FUZZ_LOG set in the environment the log goes to standard error as
-// usual (LUM_LOG_LEVEL applies), to follow one input's run.
+// Formats every log line, so that a format that reads past its text shows under AddressSanitizer, and drops
+// it: the fuzzer's own lines stay readable. With LUM_FUZZ_LOG set in the environment the log goes to standard
+// error as usual (LUM_LOG_LEVEL applies), to follow one input's run.
 void fuzz_quiet_log();
 
 // Enters the sandbox of README.md from LLVMFuzzerInitialize, before libFuzzer

@@ -8,8 +8,5 @@ void _start(void)
     __asm__ volatile("mov $60, %eax\n\txor %edi, %edi\n\tsyscall"); /* exit(0) */
 }
 #else
-int main(void)
-{
-    return 0;
-}
+int main(void) { return 0; }
 #endif

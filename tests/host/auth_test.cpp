@@ -1,12 +1,9 @@
-// Who reaches the service. The socket file keeps other users out (0600, or
-// 0660 for the group of --group), and behind it a client of another user
-// is closed before the daemon reads a byte from it; --group lets that group
-// in. The real daemon listens on nothing else but the framework's debug
-// shell, which answers only its own user and offers none of the service's
-// commands, and its command queue is its user's alone: the direct
-// primitives (shell lines, chmod, open/read/write/close/sync) are reached
-// through the socket or not at all. Running a client as another user needs
-// root; without it these tests skip and say so.
+// Who reaches the service. The socket file keeps other users out (0600, or 0660 for the group of --group),
+// and behind it a client of another user is closed before the daemon reads a byte from it; --group lets that
+// group in. The real daemon listens on nothing else but the framework's debug shell, which answers only its
+// own user and offers none of the service's commands, and its command queue is its user's alone: the direct
+// primitives (shell lines, chmod, open/read/write/close/sync) are reached through the socket or not at all.
+// Running a client as another user needs root; without it these tests skip and say so.
 #include <gtest/gtest.h>
 
 #include <StorageModuleCmd.h>
@@ -36,8 +33,7 @@ constexpr uid_t kNobody = 65534;
 constexpr gid_t kNogroup = 65534;
 constexpr uid_t kStranger = 12345;
 
-// Lets every user reach the socket file, so only the peer check stands in
-// the way.
+// Lets every user reach the socket file, so only the peer check stands in the way.
 void open_file_rights(const hosttest::TestServer& srv)
 {
     chmod(srv.dir.path.c_str(), 0755);
@@ -45,9 +41,8 @@ void open_file_rights(const hosttest::TestServer& srv)
     chmod(srv.config.socket_path.c_str(), 0666);
 }
 
-// Child: connects, sends `first` and waits. A server that read before it
-// checked would wait too; this one closes at once. Exit 0: closed with no
-// byte sent back.
+// Child: connects, sends `first` and waits. A server that read before it checked would wait too; this one
+// closes at once. Exit 0: closed with no byte sent back.
 int refused_client(const std::string& path, const std::string& first = "")
 {
     hosttest::Fd c(hosttest::connect_to(path));
@@ -138,9 +133,8 @@ TEST_F(AuthTest, GroupOptionOpensTheSocketToThatGroupOnly)
     EXPECT_EQ(EACCES, hosttest::run_as(kStranger, kStranger, [&] { return connect_errno(srv.config.socket_path); }));
 }
 
-// The gid of the user database's last entry. A lookup that finds no user
-// leaves that entry in its record (glibc), so a check that took such a
-// record for a user would let a stranger into that user's groups.
+// The gid of the user database's last entry. A lookup that finds no user leaves that entry in its record
+// (glibc), so a check that took such a record for a user would let a stranger into that user's groups.
 gid_t last_users_gid()
 {
     gid_t gid = 0;
@@ -151,9 +145,8 @@ gid_t last_users_gid()
     return gid;
 }
 
-// With the file rights opened, the peer check alone decides. kStranger has
-// no entry in the user database, so it has no supplementary groups to look
-// up: only its own gid can let it in.
+// With the file rights opened, the peer check alone decides. kStranger has no entry in the user database, so
+// it has no supplementary groups to look up: only its own gid can let it in.
 TEST_F(AuthTest, PeerCheckLetsInTheGroupsMembersAlone)
 {
     ASSERT_EQ(nullptr, getpwuid(kStranger)) << "pick a uid without a user";
@@ -281,10 +274,9 @@ TEST_F(RealDaemonAccess, ListensOnItsSocketAndTheDebugShellAlone)
     ASSERT_EQ(0, served_client(sock));
     std::set<std::string> inodes = socket_inodes(proc("fd"));
     std::set<std::string> listening, known;
-    // Unix sockets: Num RefCount Protocol Flags Type St Inode [Path]; a
-    // listening one has the flag __SO_ACCEPTCON (00010000). A connection
-    // the daemon accepted belongs to the client's network namespace, the
-    // test's own.
+    // Unix sockets: Num RefCount Protocol Flags Type St Inode [Path]; a listening one has the flag
+    // __SO_ACCEPTCON (00010000). A connection the daemon accepted belongs to the client's network namespace,
+    // the test's own.
     for (const std::string& table : {proc("net/unix"), std::string("/proc/self/net/unix")}) {
         for (const auto& row : net_rows(table)) {
             if (row.size() < 7 || inodes.count(row[6]) == 0)
@@ -312,8 +304,7 @@ TEST_F(RealDaemonAccess, DebugShellIsItsUsersAloneAndOffersNoneOfTheServiceComma
     EXPECT_EQ(0600u, st.st_mode & 07777);
     EXPECT_EQ(0u, st.st_uid);
     EXPECT_EQ(EACCES, hosttest::run_as(kNobody, kNogroup, [&] { return connect_errno(shell); }));
-    // Its commands: the framework's own, nothing that runs, opens or
-    // changes anything of the system.
+    // Its commands: the framework's own, nothing that runs, opens or changes anything of the system.
     std::string help = shell_talk(shell, "help\nexit\n");
     std::set<std::string> commands;
     std::istringstream lines(help);

@@ -1,7 +1,6 @@
-// Several clients invoke at once while events flow from other threads and
-// from inside invoke: replies stay matched to their requests, frames never
-// interleave, and every subscriber accounts for every event. Meant for
-// ThreadSanitizer as much as for the checks.
+// Several clients invoke at once while events flow from other threads and from inside invoke: replies stay
+// matched to their requests, frames never interleave, and every subscriber accounts for every event. Meant
+// for ThreadSanitizer as much as for the checks.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -24,8 +23,7 @@ struct Record {
     int32_t value;
 };
 
-// Reads events until the marker; returns them (without the marker) and
-// adds DROPPED counts to dropped.
+// Reads events until the marker; returns them (without the marker) and adds DROPPED counts to dropped.
 std::vector<Record> collect(int fd, uint64_t* dropped, bool* ok)
 {
     std::vector<Record> out;
@@ -62,8 +60,7 @@ int client_loop(const std::string& path, int index, bool subscribed, std::atomic
     }
     int emitted = 0;
     for (int k = 0; k < 300; ++k) {
-        // Large replies on the subscribed connection take several writes,
-        // which an event must never cut into.
+        // Large replies on the subscribed connection take several writes, which an event must never cut into.
         size_t size = subscribed && k % 10 == 0 ? 300 * 1024 : 4 + (k % 13) * 4;
         std::vector<uint8_t> body(size);
         for (size_t i = 0; i < body.size(); ++i)
@@ -90,8 +87,7 @@ int client_loop(const std::string& path, int index, bool subscribed, std::atomic
     return emitted;
 }
 
-// Every event is either seen or counted as dropped; ticks of one sender
-// arrive in the order sent.
+// Every event is either seen or counted as dropped; ticks of one sender arrive in the order sent.
 void check_subscriber(const std::vector<Record>& seen, uint64_t dropped, uint64_t total)
 {
     EXPECT_EQ(total, seen.size() + dropped);

@@ -1,9 +1,7 @@
-// lumstoragectl as a black box against a scripted daemon: the request bytes
-// it sends and the text it prints for replies and events, both against
-// frames written out by hand from the protocol's tables; and what only a
-// misbehaving daemon provokes (no daemon, silence, a daemon that vanishes
-// mid-reply, an ERROR frame). The real service's answers are in
-// ctl_rig_test.cpp.
+// lumstoragectl as a black box against a scripted daemon: the request bytes it sends and the text it prints
+// for replies and events, both against frames written out by hand from the protocol's tables; and what only a
+// misbehaving daemon provokes (no daemon, silence, a daemon that vanishes mid-reply, an ERROR frame). The
+// real service's answers are in ctl_rig_test.cpp.
 #include <gtest/gtest.h>
 
 #include <poll.h>
@@ -37,8 +35,7 @@ Bytes frame(uint8_t type, const Bytes& payload)
 const Bytes kSubscribed = frame(4, {});
 Bytes reply(const Bytes& payload) { return frame(2, payload); }
 Bytes event(const Bytes& payload) { return frame(5, payload); }
-// LUM_TV_EVT_STORAGE_FORMAT, id 0x0017001f: devName[30], 2 spare bytes,
-// int32 result (host order).
+// LUM_TV_EVT_STORAGE_FORMAT, id 0x0017001f: devName[30], 2 spare bytes, int32 result (host order).
 Bytes format_event(const std::string& name, int32_t result)
 {
     Bytes info(36, 0);
@@ -47,8 +44,7 @@ Bytes format_event(const std::string& name, int32_t result)
         info[32 + k] = static_cast<uint8_t>(static_cast<uint32_t>(result) >> (8 * k));
     return event(cat({{0x1f, 0x00, 0x17, 0x00}, info}));
 }
-// LUM_TV_EVT_STORAGE_PVR_MARK, id 0x00170020: int32 marked, int32 verdict,
-// partition_id[32] (host order).
+// LUM_TV_EVT_STORAGE_PVR_MARK, id 0x00170020: int32 marked, int32 verdict, partition_id[32] (host order).
 Bytes mark_event(const std::string& disk, uint8_t marked, uint8_t verdict)
 {
     Bytes info(40, 0);
@@ -75,9 +71,8 @@ bool read_full(int fd, uint8_t* at, size_t n)
     return true;
 }
 
-// A daemon for one client that plays a script: each step waits for one
-// frame from the client, keeps it, and writes the step's bytes. After the
-// last step it stays silent until the client leaves, or closes at once.
+// A daemon for one client that plays a script: each step waits for one frame from the client, keeps it, and
+// writes the step's bytes. After the last step it stays silent until the client leaves, or closes at once.
 class ScriptedDaemon {
 public:
     ScriptedDaemon(std::vector<Bytes> steps, bool close_after) : path(dir.path + "/d.sock")
@@ -136,9 +131,8 @@ hosttest::RunResult ctl(const std::string& socket, const std::vector<std::string
     return hosttest::run(args);
 }
 
-// Requests as the service's Parcels (little-endian, 4-byte items, C strings
-// NUL-terminated and zero-padded), replies decoded by the command's reply
-// token, in text and JSON.
+// Requests as the service's Parcels (little-endian, 4-byte items, C strings NUL-terminated and zero-padded),
+// replies decoded by the command's reply token, in text and JSON.
 TEST(CtlWire, RequestBytesAndDecodedReplies)
 {
     struct Case {
@@ -259,9 +253,8 @@ TEST(CtlWire, WatchDecodesEventsAndDropNotices)
     }
 }
 
-// Subcommands answered by events: the answer may come before the reply
-// (events and replies leave the daemon from different threads), answers
-// for other devices are skipped, a refusal ends the wait at once, and
+// Subcommands answered by events: the answer may come before the reply (events and replies leave the daemon
+// from different threads), answers for other devices are skipped, a refusal ends the wait at once, and
 // silence ends in a time-out that says what was awaited.
 TEST(CtlWire, EventAnswersAndWhatOnlyAFaultyDaemonDoes)
 {

@@ -20,8 +20,7 @@ Proc spawn(const std::vector<std::string>& args, bool ready_fd, void (*setup)() 
 // Everything the pipe gives until EOF or timeout.
 std::string drain(int fd, int timeout_ms);
 
-// Exit code, or -1 when the process did not exit within timeout_ms (it is
-// then killed).
+// Exit code, or -1 when the process did not exit within timeout_ms (it is then killed).
 int wait_exit(pid_t pid, int timeout_ms);
 
 struct RunResult {
@@ -37,16 +36,14 @@ RunResult run(const std::vector<std::string>& args);
 struct Daemon {
     Proc proc;
     std::string ready;
-    // True once the daemon says it listens on socket; more goes on its
-    // command line after the socket.
+    // True once the daemon says it listens on socket; more goes on its command line after the socket.
     bool start(const char* bin, const std::string& socket, void (*setup)() = nullptr,
                const std::vector<std::string>& more = {});
     int stop();
 };
 
-// For setup: the real service's sandbox (own IPC, network and mount
-// namespaces, the machine's /tmp kept for the socket); a child that cannot
-// enter it exits with 90.
+// For setup: the real service's sandbox (own IPC, network and mount namespaces, the machine's /tmp kept for
+// the socket); a child that cannot enter it exits with 90.
 void enter_daemon_sandbox();
 
 }  // namespace hosttest

@@ -1,7 +1,6 @@
-// lumstoraged and lumstoragectl as processes: ready line, commands, watch,
-// exit codes and a clean stop on SIGTERM (the socket's rights: server_test).
-// The fake daemon is lumstoraged's main on the fake service; the real daemon
-// runs, when it is built, in its own IPC namespace.
+// lumstoraged and lumstoragectl as processes: ready line, commands, watch, exit codes and a clean stop on
+// SIGTERM (the socket's rights: server_test). The fake daemon is lumstoraged's main on the fake service; the
+// real daemon runs, when it is built, in its own IPC namespace.
 #include <gtest/gtest.h>
 
 #include "service_sandbox.h"

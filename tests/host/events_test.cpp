@@ -1,6 +1,5 @@
-// Event fan-out through EMAL_Notify: every subscriber sees every event in
-// the same order; a subscriber that stops reading loses events (counted and
-// announced) while the sender and the other subscribers go on.
+// Event fan-out through EMAL_Notify: every subscriber sees every event in the same order; a subscriber that
+// stops reading loses events (counted and announced) while the sender and the other subscribers go on.
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -99,9 +98,8 @@ TEST(Events, SlowSubscriberLosesCountedEventsWithoutHoldingUpOthers)
     ASSERT_EQ(0, srv.start());
     Fd slow(subscribe(srv.config.socket_path));
     Fd fast(subscribe(srv.config.socket_path));
-    // The slow one reads nothing while its socket buffer and queue fill up;
-    // the fast one reads everything as it comes. 4 events in flight at most
-    // keep the fast queue far from full.
+    // The slow one reads nothing while its socket buffer and queue fill up; the fast one reads everything as
+    // it comes. 4 events in flight at most keep the fast queue far from full.
     const int kRounds = 1500;
     Seen fast_seen;
     for (int round = 0; round < kRounds; ++round) {

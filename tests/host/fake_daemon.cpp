@@ -1,13 +1,9 @@
-// lumstoraged with the fake service, for tests that run the daemon as a
-// process.
+// lumstoraged with the fake service, for tests that run the daemon as a process.
 #include "fake_service.h"
 #include "lumhost/daemon.h"
 
 namespace {
-int fake_init()
-{
-    return 0;
-}
+int fake_init() { return 0; }
 
 }  // namespace
 

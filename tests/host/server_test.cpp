@@ -1,6 +1,5 @@
-// The socket server on the fake service: exact reply bytes, bad input that
-// must end one connection and nothing else, socket rights, peer checks and
-// the client limit.
+// The socket server on the fake service: exact reply bytes, bad input that must end one connection and
+// nothing else, socket rights, peer checks and the client limit.
 #include <gtest/gtest.h>
 
 #include <sys/stat.h>

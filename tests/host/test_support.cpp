@@ -13,10 +13,7 @@
 
 namespace hosttest {
 namespace {
-int remove_entry(const char* path, const struct stat*, int, FTW*)
-{
-    return remove(path);
-}
+int remove_entry(const char* path, const struct stat*, int, FTW*) { return remove(path); }
 
 }  // namespace
 

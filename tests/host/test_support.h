@@ -19,8 +19,7 @@ struct TempDir {
     TempDir& operator=(const TempDir&) = delete;
 };
 
-// A server on fakesvc::invoke in a temporary directory, with EMAL_Notify
-// routed to it.
+// A server on fakesvc::invoke in a temporary directory, with EMAL_Notify routed to it.
 struct TestServer {
     TempDir dir;
     lumhost::HostConfig config;
@@ -63,9 +62,8 @@ Frame next_non_event(int fd, int timeout_ms = 5000);
 // True when the peer closes within timeout_ms; bytes counts what came first.
 bool closed_within(int fd, int timeout_ms, size_t* bytes);
 
-// Runs fn in a child process with the given ids (as root) and returns its
-// exit code, or -1 when the child did not exit normally. prepare runs in the
-// child before the ids change (a non-zero result is the exit code).
+// Runs fn in a child process with the given ids (as root) and returns its exit code, or -1 when the child did
+// not exit normally. prepare runs in the child before the ids change (a non-zero result is the exit code).
 int run_as(uid_t uid, gid_t gid, const std::function<int()>& fn, const std::function<int()>& prepare = nullptr);
 
 }  // namespace hosttest

@@ -11,9 +11,8 @@
 
 namespace lmdroid_test {
 namespace {
-// get: prints property LMDROID_TEST_KEY. set: sets it to LMDROID_TEST_VALUE.
-// setloop: sets it to "first" and "second value" in turn, forever, printing
-// "r" after the first set. threshold: prints the log threshold.
+// get: prints property LMDROID_TEST_KEY. set: sets it to LMDROID_TEST_VALUE. setloop: sets it to "first" and
+// "second value" in turn, forever, printing "r" after the first set. threshold: prints the log threshold.
 int child_main(const char* mode) {
     const char* key = getenv("LMDROID_TEST_KEY");
     char value[PROPERTY_VALUE_MAX];

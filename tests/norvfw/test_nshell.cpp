@@ -144,8 +144,7 @@ TEST_F(ShellSocket, AnotherUserIsClosedUnansweredWhateverTheFileMode)
         if (fd < 0)
             _exit(11);
         send(fd, "help\n", 5, MSG_NOSIGNAL);
-        // Closed, nothing answered; a close with "help" still unread reaches
-        // the client as a reset.
+        // Closed, nothing answered; a close with "help" still unread reaches the client as a reset.
         char c;
         // Closed, nothing answered: an end of file, or a reset when the
         // shell closed with our line still unread.

@@ -1,5 +1,4 @@
-// One-shot timers: expiries arrive once and in order, stale ones are told
-// apart from live ones.
+// One-shot timers: expiries arrive once and in order, stale ones are told apart from live ones.
 #include <gtest/gtest.h>
 #include <memory>
 

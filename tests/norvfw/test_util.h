@@ -49,8 +49,7 @@ inline CNorvMsg PayloadMsg(unsigned long signal)
     return msg;
 }
 
-// A queue thread that records the signals it processes and releases their
-// payloads, as a product thread does.
+// A queue thread that records the signals it processes and releases their payloads, as a product thread does.
 class Recorder : public CThreadObjectWithQueue {
 public:
     ~Recorder() override { StopThreadAndWait(); }  // before the members go

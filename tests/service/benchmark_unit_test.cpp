@@ -21,8 +21,7 @@
 namespace {
 StorageManagerService& service() { return theStorageManagerService; }
 
-// A sample of the tool's output with two processes; the mixed workload's
-// average per process is 904493.94.
+// A sample of the tool's output with two processes; the mixed workload's average per process is 904493.94.
 const char kOutput[] =
     "\tIozone: Performance Test of File I/O\n"
     "\tRun began: Mon Nov 23 16:55:23 2026\n\n"

@@ -1,5 +1,4 @@
-// CopyFile, CopyDir and the tree walk under them, on the private /tmp and on
-// small tmpfs mounts.
+// CopyFile, CopyDir and the tree walk under them, on the private /tmp and on small tmpfs mounts.
 #include <gtest/gtest.h>
 
 #include <sys/stat.h>
@@ -47,8 +46,7 @@ TEST_F(CopyFileTest, FailedCopiesGiveOneAndLeaveNothing)
 
 TEST_F(CopyFileTest, RelativePathsAreRefusedAndNeverOptions)
 {
-    // A relative client path would name a file in whatever working directory
-    // the process has.
+    // A relative client path would name a file in whatever working directory the process has.
     char cwd[4096];
     ASSERT_NE(getcwd(cwd, sizeof(cwd)), nullptr);
     ASSERT_EQ(chdir(kWork.c_str()), 0);

@@ -70,10 +70,7 @@ protected:
                    copy_threads_alive() == 0;
         });
     }
-    static void Copy(const Bytes& req)
-    {
-        theStorageManagerService.Copy(req.data(), static_cast<int>(req.size()));
-    }
+    static void Copy(const Bytes& req) { theStorageManagerService.Copy(req.data(), static_cast<int>(req.size())); }
     int feed = -1;
     Mounts mounts;
 };

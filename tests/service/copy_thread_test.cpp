@@ -1,6 +1,5 @@
-// Copy requests: how the request text is taken apart, whole runs of the copy
-// thread (held in the middle of a file where needed), and the hub's copy and
-// move rows byte for byte.
+// Copy requests: how the request text is taken apart, whole runs of the copy thread (held in the middle of a
+// file where needed), and the hub's copy and move rows byte for byte.
 #include <gtest/gtest.h>
 
 #include <binder/Parcel.h>
@@ -103,10 +102,7 @@ TEST(CopyRequest, PathsOfMoreThan256BytesAreRefusedNotCut)
 
 class CopyThread : public CopyWork {
 protected:
-    std::vector<Bytes> CopyResults(EventCapture& events)
-    {
-        return payloads(events.events(), LUM_TV_EVT_STORAGE_COPY);
-    }
+    std::vector<Bytes> CopyResults(EventCapture& events) { return payloads(events.events(), LUM_TV_EVT_STORAGE_COPY); }
 };
 
 TEST_F(CopyThread, ResultBytesOfRefusedAndFailedCopies)
@@ -145,8 +141,7 @@ TEST_F(CopyThread, ResultBytesOfRefusedAndFailedCopies)
     EXPECT_FALSE(exists(kWork + "/copy.ts.xml"));
 }
 
-// Notes each copy result together with whether the copy thread still held
-// the busy flag when it was sent.
+// Notes each copy result together with whether the copy thread still held the busy flag when it was sent.
 struct BusyAtEvent {
     std::mutex lock;
     std::vector<std::pair<int, bool>> seen;
@@ -358,9 +353,8 @@ TEST_F(CopyHub, MoveRowPacksThePathsIntoFiveHundredTwelveBytes)
 }  // namespace
 }  // namespace copy_test
 
-// Runs in a child whose threads cannot start (run_child with noThreads):
-// each request is answered 5 at once, and the busy flag stays free, so the
-// second request is refused the same way and not as a copy in progress.
+// Runs in a child whose threads cannot start (run_child with noThreads): each request is answered 5 at once,
+// and the busy flag stays free, so the second request is refused the same way and not as a copy in progress.
 int child_copy_without_threads()
 {
     using namespace copy_test;

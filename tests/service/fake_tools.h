@@ -1,6 +1,5 @@
-// Fake tools first on PATH that print what a test wrote into
-// /tmp/fake/<tool>.out and note their calls in /tmp/fake/calls; the real grep,
-// sed and awk still do their part of each command line.
+// Fake tools first on PATH that print what a test wrote into /tmp/fake/<tool>.out and note their calls in
+// /tmp/fake/calls; the real grep, sed and awk still do their part of each command line.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -14,8 +13,7 @@
 
 #include "test_support.h"
 
-// Writes /tmp/fakebin/<tool>: it notes its call in /tmp/fake/calls, then
-// runs body.
+// Writes /tmp/fakebin/<tool>: it notes its call in /tmp/fake/calls, then runs body.
 inline void write_fake_tool(const char* tool, const char* body)
 {
     std::string path = std::string("/tmp/fakebin/") + tool;
@@ -23,9 +21,8 @@ inline void write_fake_tool(const char* tool, const char* body)
     chmod(path.c_str(), 0755);
 }
 
-// A mount whose list of mounted volumes is /tmp/fake/mount.out, and an umount
-// that takes a mount point off it; format tools that wait while
-// /tmp/fake/hold exists and exit with the code in /tmp/fake/mkfs.rc; a sync
+// A mount whose list of mounted volumes is /tmp/fake/mount.out, and an umount that takes a mount point off
+// it; format tools that wait while /tmp/fake/hold exists and exit with the code in /tmp/fake/mkfs.rc; a sync
 // that does nothing. Needs /tmp/fakebin and /tmp/fake.
 inline void write_fake_volume_tools()
 {
@@ -45,12 +42,10 @@ inline void write_fake_volume_tools()
     write_fake_tool("sync", "");
 }
 
-// A fake iozone: notes its command line in /tmp/fake/iozone.calls, prints
-// /tmp/fake/iozone.out, marks that it runs (/tmp/fake/iozone.started),
-// waits while /tmp/fake/iozone.hold exists, and exits with the code in
-// /tmp/fake/iozone.rc. A fake killall beside it signals the fakes only;
-// those of test processes running beside this one are reached too, so a
-// fake gives in to SIGTERM only once its own test has allowed it
+// A fake iozone: notes its command line in /tmp/fake/iozone.calls, prints /tmp/fake/iozone.out, marks that it
+// runs (/tmp/fake/iozone.started), waits while /tmp/fake/iozone.hold exists, and exits with the code in
+// /tmp/fake/iozone.rc. A fake killall beside it signals the fakes only; those of test processes running
+// beside this one are reached too, so a fake gives in to SIGTERM only once its own test has allowed it
 // (/tmp/fake/iozone.killable) in its private /tmp. Needs /tmp/fakebin.
 inline void write_fake_benchmark_tools()
 {
@@ -62,8 +57,7 @@ inline void write_fake_benchmark_tools()
                                             "while [ -e /tmp/fake/iozone.hold ]; do sleep 0.02; done\n"
                                             "exit $(cat /tmp/fake/iozone.rc 2>/dev/null || echo 0)\n";
     chmod("/tmp/fakebin/iozone", 0755);
-    // "killall iozone" of the service reaches only the fakes, never an
-    // iozone of the machine.
+    // "killall iozone" of the service reaches only the fakes, never an iozone of the machine.
     std::ofstream("/tmp/fakebin/killall") << "#!/bin/sh\n"
                                              "[ \"$1\" = iozone ] || exec /usr/bin/killall \"$@\"\n"
                                              "exec pkill -TERM -f '^/bin/sh /tmp/fakebin/iozone'\n";

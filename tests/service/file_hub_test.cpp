@@ -25,10 +25,7 @@ Bytes operator+(Bytes a, const Bytes& b)
     return a;
 }
 
-Bytes sys_cmd(const std::string& cmd, int32_t len)
-{
-    return Request(STORAGE_LUM_EXE_SYS_CMD).i(len).s(cmd).invoke();
-}
+Bytes sys_cmd(const std::string& cmd, int32_t len) { return Request(STORAGE_LUM_EXE_SYS_CMD).i(len).s(cmd).invoke(); }
 
 int32_t open_file(const std::string& path, int flags)
 {

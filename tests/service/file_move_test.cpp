@@ -28,8 +28,7 @@ protected:
         EXPECT_EQ(ok, !sent.empty() && sent[0] == Bytes{0});
         return ok;
     }
-    // A recording: the main file and its five companions, each with its
-    // own content.
+    // A recording: the main file and its five companions, each with its own content.
     static void Recording(const std::string& main)
     {
         write_file(main, "main");
@@ -57,8 +56,7 @@ protected:
         for (const char* s : kCompanions)
             EXPECT_FALSE(exists(main + s)) << s;
     }
-    // The names in dir that met mask (IN_MOVED_FROM, IN_DELETE) while run
-    // ran, in order.
+    // The names in dir that met mask (IN_MOVED_FROM, IN_DELETE) while run ran, in order.
     template <typename Run>
     static std::vector<std::string> Order(const std::string& dir, uint32_t mask, Run run)
     {

@@ -1,6 +1,5 @@
-// The file operation tests' scratch folder under /tmp, with the working
-// directory inside it where a stray relative command would leave its trace;
-// the events sent and the command lines run.
+// The file operation tests' scratch folder under /tmp, with the working directory inside it where a stray
+// relative command would leave its trace; the events sent and the command lines run.
 #pragma once
 
 #include <gtest/gtest.h>

@@ -1,6 +1,5 @@
-// Formatting: the busy flag, the watchdog, and the replies to refused names.
-// Payloads are written out by hand; the format record is in the host's order,
-// which these vectors take to be little-endian.
+// Formatting: the busy flag, the watchdog, and the replies to refused names. Payloads are written out by
+// hand; the format record is in the host's order, which these vectors take to be little-endian.
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -16,8 +15,7 @@
 #include "test_support.h"
 
 namespace {
-// The 36 bytes of a format record: the name, zeros up to offset 32, and the
-// result's four bytes as given.
+// The 36 bytes of a format record: the name, zeros up to offset 32, and the result's four bytes as given.
 Bytes format_record(const char* name, Bytes result)
 {
     Bytes out(name, name + strlen(name));
@@ -147,8 +145,7 @@ TEST(Format, NameOfThirtyCharactersIsRefusedWithoutAnEvent)
     EXPECT_TRUE(events.events().empty());
 }
 
-// Refused names, with the fake tools in place so that a refusal that lets a
-// name through runs nothing real.
+// Refused names, with the fake tools in place so that a refusal that lets a name through runs nothing real.
 TEST_F(FakeTools, FormatOfNamesThatAreNoPlainPathRunsNoToolAndFailsAsATool)
 {
     if (!little_endian_host())

@@ -37,8 +37,7 @@ unsigned long classify(std::string datagram)
 
 const char* kUsbDisk = "/devices/pci0000:00/0000:00:14.0/usb1/1-1/1-1:1.0/host6/target6:0:0/6:0:0:0/block/sdb";
 
-// Takes signals as the service thread does, telling the watcher (when it
-// has one) that it took a plug signal.
+// Takes signals as the service thread does, telling the watcher (when it has one) that it took a plug signal.
 class Probe : public CThreadObjectWithQueue {
 public:
     void ProcessNorvMsg(CNorvMsg* msg) override
@@ -100,8 +99,7 @@ protected:
         watcher.RegisterCallbackQueue(probe.GetQueueHandle(), 0, 0, 0);
         ASSERT_EQ(watcher.StartThread("CHotPlug", 0, 0), 0);
         ASSERT_TRUE(tx.ok());
-        // Plug-ins numbered until one is heard (those sent before the
-        // watcher's socket existed are lost).
+        // Plug-ins numbered until one is heard (those sent before the watcher's socket existed are lost).
         LogCapture heard;
         int sent = 0;
         for (; sent < 200 && probe.signals.empty(); ++sent) {

@@ -16,9 +16,8 @@
 namespace {
 bool post_start_hdd() { return Request(STORAGE_START_HDD).invoke() == kTrue; }
 
-// Every step of start-up fails: no queue may be made and no thread can start
-// (the parent gave this process a thread stack size no memory holds).
-// Start-up still returns 0.
+// Every step of start-up fails: no queue may be made and no thread can start (the parent gave this process a
+// thread stack size no memory holds). Start-up still returns 0.
 int child_failing()
 {
     struct rlimit none = {0, 0};
@@ -61,8 +60,7 @@ int child_main(const char* name)
     }
     fflush(stdout);
     fflush(stderr);
-    // The service has no stop: leave without running destructors under its
-    // running threads.
+    // The service has no stop: leave without running destructors under its running threads.
     _exit(rc);
 }
 

@@ -1,6 +1,5 @@
-// Directory listings: record and block bytes against vectors built from the
-// wire tables, the filters, block splitting, times by volume type, covers. The
-// test reads the blocks with a reader of its own.
+// Directory listings: record and block bytes against vectors built from the wire tables, the filters, block
+// splitting, times by volume type, covers. The test reads the blocks with a reader of its own.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -40,13 +39,9 @@ struct Block {
     size_t len;
 };
 
-unsigned be16(const unsigned char* p)
-{
-    return (p[0] << 8) | p[1];
-}
+unsigned be16(const unsigned char* p) { return (p[0] << 8) | p[1]; }
 
-// The test's own reader of the wire format: header, then records until the
-// payload ends.
+// The test's own reader of the wire format: header, then records until the payload ends.
 Block parse_block(const Bytes& d)
 {
     Block b{be16(d.data()), be16(d.data() + 2), {}, d.size()};
@@ -88,10 +83,7 @@ protected:
         system(("mkdir -p " + kDir).c_str());
         volume("vfat");
     }
-    void volume(const char* type)
-    {
-        output("mount", "/dev/sdb1 on " + kVolume + " type " + type + " (rw)\n");
-    }
+    void volume(const char* type) { output("mount", "/dev/sdb1 on " + kVolume + " type " + type + " (rw)\n"); }
     // Runs a listing of request (len bytes of it, the path's terminator
     // included, by default) and returns its blocks.
     std::vector<Block> list(const std::string& request, int len = -1, unsigned short id = 0x1234,
@@ -206,8 +198,7 @@ TEST_F(Listing, BadPathsAndEmptyDirectories)
     EXPECT_TRUE(ok);
     EXPECT_EQ(payloads(deep + "e/", &ok), std::vector<Bytes>{failed});
     EXPECT_TRUE(log.has("directory name too long"));
-    // An entry whose full path would pass 258 bytes goes out under its name
-    // with nothing else known.
+    // An entry whose full path would pass 258 bytes goes out under its name with nothing else known.
     std::string name(200, 'n');
     touch_file(deep + name, 5000);
     char before[4096];
@@ -255,8 +246,7 @@ TEST_F(Listing, FiltersByFlagsAndTheDefault)
         EXPECT_EQ(names(list_flags(kDir, f)), (V{"link", "sub/"})) << int(f);
     // Bit 3 leaves the filter bits as they are.
     EXPECT_EQ(names(list_flags(kDir, 8 | 3)), row3);
-    // A len that says no flags byte is there keeps the default, whatever
-    // stands behind the terminator.
+    // A len that says no flags byte is there keeps the default, whatever stands behind the terminator.
     std::string request = kDir + '\0' + '\0';
     EXPECT_EQ(names(list(request, static_cast<int>(kDir.size() + 1))), names(d));
 }

@@ -1,7 +1,6 @@
-// Playlists expanded into placeholders under /tmp/m3u/ with the real touch,
-// in the private /tmp of the test process. Entries are read back as a listing
-// would see them: placeholders ordered by modification time, and the maps
-// looked up under each placeholder's name.
+// Playlists expanded into placeholders under /tmp/m3u/ with the real touch, in the private /tmp of the test
+// process. Entries are read back as a listing would see them: placeholders ordered by modification time, and
+// the maps looked up under each placeholder's name.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -20,8 +19,7 @@
 #include "test_support.h"
 
 namespace {
-// One entry as a listing would show it; the placeholder's time orders the
-// entries.
+// One entry as a listing would show it; the placeholder's time orders the entries.
 struct Entry {
     std::string link;
     std::string title;
@@ -205,8 +203,7 @@ TEST_F(Playlist, EntriesInFileOrderAsTheyAreRead)
 
 TEST_F(Playlist, TimeStampsCountMinutesFrom1902)
 {
-    // Zero-padded names of falling order, so that the placeholders' names
-    // cannot give the order by chance.
+    // Zero-padded names of falling order, so that the placeholders' names cannot give the order by chance.
     std::string text;
     for (int k = 0; k < 1441; ++k)
         text += std::to_string(9999 - k) + ".mp3\n";

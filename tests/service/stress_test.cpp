@@ -1,7 +1,6 @@
-// Everything at once on the real service, for ThreadSanitizer above all: hub
-// callers on their own threads beside the service thread's plug, mount and
-// listing runs and the format, copy and benchmark threads. The service runs
-// in a child process (its threads never stop) on fake volumes.
+// Everything at once on the real service, for ThreadSanitizer above all: hub callers on their own threads
+// beside the service thread's plug, mount and listing runs and the format, copy and benchmark threads. The
+// service runs in a child process (its threads never stop) on fake volumes.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -45,8 +44,7 @@ const char kSdq1Mount[] = "/mnt/pvr/shared/sdq1";  // plugged in and out
 const char kSdr1Mount[] = "/mnt/pvr/shared/sdr1";  // stays, and is formatted once
 const int kCallers = 4;
 const int kListEntries = 9;  // with system entries hidden
-// The first cycle (and the format) warms up; the later ones must give back
-// every descriptor they open.
+// The first cycle (and the format) warms up; the later ones must give back every descriptor they open.
 const int kMinCycles = 2;
 const auto kRunFor = std::chrono::seconds(1);
 
@@ -62,9 +60,8 @@ bool format_succeeded(const Bytes& payload)
     return info.result == 0;
 }
 
-// Counts the events by id. Relaxed atomics, and a lock that only the one
-// thread sending listings takes: a lock shared by every sender would order
-// the service's threads and hide their races from ThreadSanitizer.
+// Counts the events by id. Relaxed atomics, and a lock that only the one thread sending listings takes: a
+// lock shared by every sender would order the service's threads and hide their races from ThreadSanitizer.
 class EventTally {
 public:
     EventTally() { EMAL_SetSink(&EventTally::sink, this); }
@@ -124,10 +121,7 @@ void check(CallerReport* report, bool ok, const std::string& what)
         report->failure = what;
 }
 
-std::string text_of(const Bytes& reply)
-{
-    return std::string(reply.begin(), std::find(reply.begin(), reply.end(), 0));
-}
+std::string text_of(const Bytes& reply) { return std::string(reply.begin(), std::find(reply.begin(), reply.end(), 0)); }
 
 // Direct queries: each answer must be whole and one of the values a run leaves.
 void ask_queries(CallerReport* r)
@@ -343,8 +337,7 @@ std::set<std::string> open_fds()
 
 }  // namespace
 
-// The child process: 0 when everything ended as it should, otherwise what
-// went wrong on standard error.
+// The child process: 0 when everything ended as it should, otherwise what went wrong on standard error.
 int child_stress()
 {
     // The log's one hook lock would order all logging threads and hide races.

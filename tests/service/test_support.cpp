@@ -144,10 +144,7 @@ mode_t mode_of(const std::string& path)
     return lstat(path.c_str(), &st) == 0 ? st.st_mode & 07777 : 0;
 }
 
-void make_dirs(const std::string& path)
-{
-    ASSERT_EQ(system(("mkdir -p '" + path + "'").c_str()), 0) << path;
-}
+void make_dirs(const std::string& path) { ASSERT_EQ(system(("mkdir -p '" + path + "'").c_str()), 0) << path; }
 
 std::set<std::string> list_dir(const std::string& dir)
 {

@@ -68,11 +68,10 @@ private:
     std::vector<Event> m_events;
 };
 
-// Runs this test binary again with the arguments "--child NAME" and returns
-// its exit status (or -1); its standard output and error go to out. With
-// noThreads, the child starts with a stack limit no address space holds (1
-// TiB; 4 GiB less one byte on a 32-bit system), which glibc takes as the
-// default thread stack, so that no new thread can be created.
+// Runs this test binary again with the arguments "--child NAME" and returns its exit status (or -1); its
+// standard output and error go to out. With noThreads, the child starts with a stack limit no address space
+// holds (1 TiB; 4 GiB less one byte on a 32-bit system), which glibc takes as the default thread stack, so
+// that no new thread can be created.
 int run_child(const char* name, std::string* out, bool noThreads = false);
 // False where a changed stack limit does not reach the process (qemu-user
 // keeps RLIMIT_STACK to itself): there run_child's noThreads cannot work.
@@ -182,17 +181,15 @@ public:
     void ProcessNorvMsg(CNorvMsg* msg) override;
     std::vector<Posted> posted;
 };
-// Posts request (read from its current position) through row into probe
-// with a fresh record, as the hub does; frees the record when the post leaves
-// it to the caller, which recordLeft tells.
+// Posts request (read from its current position) through row into probe with a fresh record, as the hub does;
+// frees the record when the post leaves it to the caller, which recordLeft tells.
 bool post_row(const SCmdRow& row, const android::Parcel& request, PostProbe& probe, bool* recordLeft = nullptr);
 
 // The payloads of one event id, in order.
 std::vector<Bytes> payloads(const std::vector<Event>& all, int id);
 
-// Hands signal to the service's dispatcher as the service thread would, with
-// a fresh record whose buf1 holds text and intValue1 value; no record when
-// text is null.
+// Hands signal to the service's dispatcher as the service thread would, with a fresh record whose buf1 holds
+// text and intValue1 value; no record when text is null.
 void dispatch(unsigned long signal, const char* text = nullptr, int32_t value = 0);
 // The service's queue, made once; no service thread reads it in the unit
 // tests, so a test takes what it posted itself. Emptied here.

@@ -1,6 +1,5 @@
-// Sizes, UUIDs and volume lists against fake df, mount and blkid output, and
-// the command lines of mount and unmount runs against fake tools on a private
-// tmpfs over /mnt.
+// Sizes, UUIDs and volume lists against fake df, mount and blkid output, and the command lines of mount and
+// unmount runs against fake tools on a private tmpfs over /mnt.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -97,8 +96,7 @@ TEST_F(VolumeQuery, DirectSizesAndTypes)
     EXPECT_EQ(theStorageManagerService.GetPartitionFsType("/mnt/pvr/shared/sdq1"), "");
 }
 
-// The disk's total by df, as a 64-bit number in the Parcel's order; 0 for an
-// empty or missing id.
+// The disk's total by df, as a 64-bit number in the Parcel's order; 0 for an empty or missing id.
 TEST_F(VolumeQuery, PvrDiskTotalRepliesEightBytes)
 {
     auto total = [](const char* id) {

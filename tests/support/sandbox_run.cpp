@@ -1,7 +1,6 @@
-// sandbox_run COMMAND [ARGS...]: runs COMMAND in the service sandbox
-// (service_sandbox.h), for test scripts whose program starts the real
-// service. When the sandbox cannot be had it says so and exits 77, which
-// such tests take as their skip code.
+// sandbox_run COMMAND [ARGS...]: runs COMMAND in the service sandbox (service_sandbox.h), for test scripts
+// whose program starts the real service. When the sandbox cannot be had it says so and exits 77, which such
+// tests take as their skip code.
 #include <cerrno>
 #include <cstdio>
 #include <cstring>

@@ -37,9 +37,8 @@ bool enter_user_namespace(int flags)
     return write_file("/proc/self/gid_map", map);
 }
 
-// A fresh /tmp. A build tree that lives in /tmp (a clone there) stays
-// visible: its top folder is bound back into the new /tmp, so the test
-// binaries still find their libraries and scripts.
+// A fresh /tmp. A build tree that lives in /tmp (a clone there) stays visible: its top folder is bound back
+// into the new /tmp, so the test binaries still find their libraries and scripts.
 bool private_tmp()
 {
     char exe[PATH_MAX];

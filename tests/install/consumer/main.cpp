@@ -22,8 +22,7 @@ int main()
     printf("STORAGE_IS_ENCRYPTED: result %d, reply %s\n", rc,
            !answered ? "(none)" : encrypted != 0 ? "true" : "false");
     fflush(stdout);
-    // The service has no stop: its threads run until the process ends, so
-    // the process ends as lumstoraged does, without destroying the service's
-    // static objects under them.
+    // The service has no stop: its threads run until the process ends, so the process ends as lumstoraged
+    // does, without destroying the service's static objects under them.
     _exit(rc == 0 && answered ? 0 : 1);
 }
