@@ -1,13 +1,11 @@
-// The disk benchmark end to end on the simulated television: the real iozone
-// on an ext4 volume of a plugged stick, the progress and final events a
-// client sees, a cancel in the middle of a run, and a tool deaf to TERM
-// stopped by the unplugging of its disk.
+// The disk benchmark end to end on the simulated television: the real iozone on an ext4 volume of a plugged
+// stick, the progress and final events a client sees, a cancel in the middle of a run, and a tool deaf to
+// TERM stopped by the unplugging of its disk.
 
 #include "rig_fixture.h"
 
 namespace e2e {
 namespace {
-
 const char* kVolume = "/mnt/pvr/shared/sdb1";
 
 class Benchmark : public ServiceRig {
@@ -50,7 +48,6 @@ TEST_F(Benchmark, FullRunReportsStagesInOrderThenTheFigure)
     Result r = Ctl({"dev-benchmark", kVolume});
     EXPECT_TRUE(Has(r.out, "\"value\":true")) << r.out;
     ASSERT_TRUE(WaitForEnd());
-
     auto events = BenchEvents();
     ASSERT_GE(events.size(), 2u);
     // Status-8 events with rising stages (the thread's own 100 may follow the
@@ -77,7 +74,6 @@ TEST_F(Benchmark, FullRunReportsStagesInOrderThenTheFigure)
             .out;
     ASSERT_FALSE(figure.empty());
     EXPECT_TRUE(Has(end, "\"speed\":" + figure.substr(0, figure.find('\n')) + ",")) << end << " vs " << figure;
-
     EXPECT_EQ(WorkFiles(), "");
     EXPECT_TRUE(NoIozoneLeft());
     std::string log = tv.Log("lumstoraged");

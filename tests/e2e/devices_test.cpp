@@ -1,12 +1,10 @@
-// Plug-in, plug-out, mount and unmount requests, MTP devices and the device
-// table, end to end: the service inside the simulated television with real
-// disk images, blkid, mount, df, e2fsck, ntfs-3g.
+// Plug-in, plug-out, mount and unmount requests, MTP devices and the device table, end to end: the service
+// inside the simulated television with real disk images, blkid, mount, df, e2fsck, ntfs-3g.
 
 #include "rig_fixture.h"
 
 namespace e2e {
 namespace {
-
 const char* kStick =
     "disk stick size=128M table=msdos plugged=no vendor=SanDisk model=\"Cruzer Blade\" serial=4C530001\n"
     "  part size=48M fs=vfat label=hex:D6D0CEC4\n"
@@ -32,7 +30,6 @@ TEST_F(Devices, FatAndExt4StickIsMountedAnnouncedAndListed)
     EXPECT_TRUE(Has(mounts, "/dev/sdb1 on /mnt/pvr/shared/sdb1 type vfat")) << mounts;
     EXPECT_TRUE(Has(mounts, "/dev/sdb2 on /mnt/pvr/shared/sdb2 type ext4")) << mounts;
     EXPECT_EQ(tv.Exec("cat /mnt/pvr/shared/sdb1/readme.txt").out, "hello");
-
     // Both forms of the table: the disk with its USB identity, two partitions.
     ASSERT_TRUE(Ctl({"get-storage-volumes"}).ok());
     ASSERT_TRUE(WaitFor("LUM_TV_EVT_STORAGE_GET_DEV_TABLE", 2));
@@ -48,7 +45,6 @@ TEST_F(Devices, FatAndExt4StickIsMountedAnnouncedAndListed)
     Result text = lumrig::Run({LUMSTORAGECTL_BIN, "--socket", socket_, "volumes"});
     EXPECT_TRUE(Has(text.out, "├─sdb1")) << text.out;
     EXPECT_TRUE(Has(text.out, "中文")) << text.out;
-
     // Direct and posted size queries agree with df.
     Result total = Ctl({"partition-total-size", "/mnt/pvr/shared/sdb2"});
     std::string df = tv.Exec("df -Pm /mnt/pvr/shared/sdb2 | awk 'NR==2 {print $2}'").out;
@@ -80,7 +76,6 @@ TEST_F(Devices, DamagedExt4IsRepairedAndAnUnrepairableOneLeavesNoDirectory)
     ASSERT_EQ(Events("LUM_TV_EVT_STORAGE_DEV_MOUNT").size(), 1u);
     EXPECT_TRUE(Has(Events("LUM_TV_EVT_STORAGE_DEV_MOUNT")[0], "\"label\":\"FIXME\""));
     EXPECT_TRUE(Has(tv.Log("lumstoraged"), "<FS>: try to repair the filesystem:  e2fsck -f -p -v"));
-
     std::string bad = tv.Plug("bad").out;
     bad = bad.substr(0, bad.find('\n'));
     ASSERT_TRUE(WaitFor("LUM_TV_EVT_STORAGE_DEV_MOUNT_END", 2, 90));
@@ -155,16 +150,14 @@ TEST_F(Devices, MtpPhoneIsMountedListedAndTakenDown)
     ASSERT_TRUE(Ctl({"get-storage-volume", "VEN_04E8_PID_6860_SER_R58M1"}).ok());
     ASSERT_TRUE(WaitFor("LUM_TV_EVT_STORAGE_GET_DEV_INFO"));
     EXPECT_TRUE(Has(Events("LUM_TV_EVT_STORAGE_GET_DEV_INFO")[0], "\"status\":0,\"device\":{\"vendor\":\"Galaxy\",\"model\":\"SM-G973F\""));
-
     ASSERT_TRUE(tv.Cmd("mtp-remove", {"0"}).ok());
     ASSERT_TRUE(Ctl({"dev-umount", "VEN_04E8_PID_6860_SER_R58M1"}).ok());
     ASSERT_TRUE(WaitFor("LUM_TV_EVT_STORAGE_DEV_UMOUNT_END"));
     EXPECT_EQ(Mounts(), "");
 }
 
-// A phone the driver lists but whose storage it cannot give (its entries
-// made by hand, no storage behind them) fails the MTP part of the run: the
-// run counts 0 whatever came before in it, leaves the failed one's
+// A phone the driver lists but whose storage it cannot give (its entries made by hand, no storage behind
+// them) fails the MTP part of the run: the run counts 0 whatever came before in it, leaves the failed one's
 // directory and tries no later slot.
 TEST_F(Devices, MtpMountThatFailsEndsTheMtpPartOfTheRun)
 {

@@ -1,8 +1,7 @@
-// Faults on the simulated television: a stick pulled out in the middle of a
-// listing, a tree copy and a format; a full command queue. After each fault
-// the service still answers, the mount tree, its folder and the volume list
-// show exactly the sticks that are plugged, the files nobody was writing
-// keep their checksums, and every client has had its answer.
+// Faults on the simulated television: a stick pulled out in the middle of a listing, a tree copy and a
+// format; a full command queue. After each fault the service still answers, the mount tree, its folder and
+// the volume list show exactly the sticks that are plugged, the files nobody was writing keep their
+// checksums, and every client has had its answer.
 
 #include <functional>
 #include <future>
@@ -11,7 +10,6 @@
 
 namespace e2e {
 namespace {
-
 // Two ext4 sticks; the files under /keep must outlive every fault.
 const char* kSticks =
     "disk a size=256M table=msdos plugged=no dev=sdb\n"
@@ -27,13 +25,9 @@ const std::string kA = "/mnt/pvr/shared/sdb1";
 const std::string kB = "/mnt/pvr/shared/sdc1";
 
 // A client running beside the test; its future waits for it when it goes.
-std::future<Result> Client(std::function<Result()> run)
-{
-    return std::async(std::launch::async, std::move(run));
-}
+std::future<Result> Client(std::function<Result()> run) { return std::async(std::launch::async, std::move(run)); }
 
-// Every value of `key` in a JSON text, in order ("node" takes "/dev/sdb" out
-// of "node":"/dev/sdb").
+// Every value of `key` in a JSON text, in order ("node" takes "/dev/sdb" out of "node":"/dev/sdb").
 std::multiset<std::string> Values(const std::string& json, const std::string& key)
 {
     std::multiset<std::string> values;
@@ -47,8 +41,7 @@ std::multiset<std::string> Values(const std::string& json, const std::string& ke
 
 class Faults : public FileOps {
 protected:
-    // Both sticks plugged and mounted, the checksums of their kept files
-    // taken.
+    // Both sticks plugged and mounted, the checksums of their kept files taken.
     void StartSticks(const std::vector<std::string>& env = {})
     {
         StartService(kSticks, {"a", "b"}, env);
@@ -64,8 +57,7 @@ protected:
         const char* script = "cd \"$1/keep\" && find . -type f -exec md5sum {} + | LC_ALL=C sort -k2";
         return In({"sh", "-c", script, "sh", volume}).out;
     }
-    // Plugs stick a back in: it is mounted again beside b, and no kept file
-    // of either stick has changed.
+    // Plugs stick a back in: it is mounted again beside b, and no kept file of either stick has changed.
     void ExpectStickBack()
     {
         size_t mounts = Events("LUM_TV_EVT_STORAGE_DEV_MOUNT_END").size();
@@ -75,7 +67,6 @@ protected:
         EXPECT_EQ(Sums(kA), sumsA_);
         EXPECT_EQ(Sums(kB), sumsB_);
     }
-
     // The volume list, asked again while the queue refuses the request.
     Result Volumes() const
     {
@@ -113,7 +104,6 @@ protected:
         EXPECT_EQ(Values(table.out, "node"), nodes) << table.out;
         EXPECT_EQ(Values(table.out, "devName"), nodes) << table.out;
     }
-
     // Waits until the service's log holds `text` `count` times.
     bool WaitForLog(const std::string& text, size_t count, int timeout_s = 60) const
     {
@@ -136,7 +126,6 @@ protected:
                              "exit 1; sleep 0.02; done";
         return In({"sh", "-c", script, "sh", std::to_string(daemon[0]), dir, wait ? "3000" : "1"}).ok();
     }
-
     std::string sumsA_, sumsB_;
 };
 
@@ -145,9 +134,8 @@ TEST_F(Faults, UnplugDuringAListingLetsItEndAndTakesOnlyThatStickDown)
     StartSticks();
     if (HasFatalFailure())
         return;
-    // TagLib reads each of these to its end looking for a frame, about a
-    // tenth of a second each: the listing keeps the service thread for
-    // seconds.
+    // TagLib reads each of these to its end looking for a frame, about a tenth of a second each: the listing
+    // keeps the service thread for seconds.
     const std::string slow = kA + "/slow";
     ASSERT_TRUE(In({"sh", "-c", "mkdir \"$1\" && for i in $(seq 80); do truncate -s 1M \"$1/song$i.mp3\"; done", "sh",
                     slow})
@@ -159,7 +147,6 @@ TEST_F(Faults, UnplugDuringAListingLetsItEndAndTakesOnlyThatStickDown)
     auto volumes = Client([&] { return Ctl({"volumes", "--timeout", "120"}); });
     ASSERT_TRUE(tv.Unplug("a").ok());
     EXPECT_TRUE(ListingIn(slow, false)) << "the listing ended before the stick went: nothing was tested";
-
     const Result listed = listing.get();
     EXPECT_TRUE(Has(listed.out, "{\"path\":\"" + slow + "/\",")) << "the listing had no end\n" << listed.Describe();
     const Result table = volumes.get();
@@ -175,8 +162,7 @@ TEST_F(Faults, UnplugOfTheSourceDuringATreeCopyEndsTheCopyWithWholeFiles)
     StartSticks();
     if (HasFatalFailure())
         return;
-    // 4500 small files: the copy walks them for a few seconds, long enough
-    // for the stick to go while it runs.
+    // 4500 small files: the copy walks them for a few seconds, long enough for the stick to go while it runs.
     const std::string tree = kA + "/tree", copy = kB + "/tree";
     ASSERT_TRUE(In({"sh", "-c",
                     "mkdir \"$1\" && cd \"$1\" && for d in a b c; do mkdir $d; for i in $(seq 1500); do echo $d$i > "
@@ -187,11 +173,9 @@ TEST_F(Faults, UnplugOfTheSourceDuringATreeCopyEndsTheCopyWithWholeFiles)
     auto copying = Client([&] { return Ctl({"cp", "-r", tree, copy, "--timeout", "120"}); });
     ASSERT_TRUE(Filling(copy, 10));
     ASSERT_TRUE(tv.Unplug("a").ok());
-
     const Result copied = copying.get();
     EXPECT_TRUE(Has(copied.out, "\"result\":")) << "the copy had no end\n" << copied.Describe();
-    // A copy may end whole before the unmount run takes the stick: what it
-    // left is checked alike.
+    // A copy may end whole before the unmount run takes the stick: what it left is checked alike.
     ASSERT_TRUE(WaitFor("LUM_TV_EVT_STORAGE_DEV_UMOUNT_END", downs + 1));
     EXPECT_EQ(CopyResults().size(), 1u);
     ExpectVolumes({"sdc1"});
@@ -200,10 +184,8 @@ TEST_F(Faults, UnplugOfTheSourceDuringATreeCopyEndsTheCopyWithWholeFiles)
     Put(kB + "/small", "small");
     EXPECT_EQ(Op({"cp", kB + "/small", kB + "/small2"}), 0);
     EXPECT_EQ(Cat(kB + "/small2"), "small");
-
     ExpectStickBack();
-    // Whatever arrived is whole, but for the one file the copy may have been
-    // writing when its source went.
+    // Whatever arrived is whole, but for the one file the copy may have been writing when its source went.
     std::vector<std::string> differing = Split(Differing(copy, tree), '\n');
     EXPECT_LE(differing.size(), 1u) << Differing(copy, tree);
 }
@@ -221,7 +203,6 @@ TEST_F(Faults, UnplugDuringAFormatFailsTheFormatAndLeavesTheStickAsItWas)
     ASSERT_TRUE(WaitHeld("mkfs"));
     ASSERT_TRUE(tv.Unplug("a").ok());
     ASSERT_TRUE(Hold("mkfs", false));
-
     const Result formatted = formatting.get();
     EXPECT_EQ(formatted.status, 1) << formatted.Describe();
     EXPECT_TRUE(Has(formatted.out, "\"step\":\"result\",\"volume\":\"/dev/sdb1\",\"ok\":false"))
@@ -251,7 +232,6 @@ TEST_F(Faults, FullQueueRefusesTheExtraAtOnceRunsTheRestAndLosesNoPlug)
     // The first request takes the service thread to the held df.
     ASSERT_TRUE(Has(Ctl({"get-device-size", "held", "0"}).out, "\"value\":true"));
     ASSERT_TRUE(WaitHeld("df"));
-
     // Fifteen at once: the queue (depth 10) takes ten, the others are
     // refused while the service thread still waits.
     std::vector<std::future<Result>> clients;
@@ -270,12 +250,10 @@ TEST_F(Faults, FullQueueRefusesTheExtraAtOnceRunsTheRestAndLosesNoPlug)
     }
     EXPECT_EQ(taken.size(), 11u);
     EXPECT_EQ(tv.Exec("test -e /run/hold.df").status, 0) << "the answers came only once the service thread was free";
-
     // A stick plugged now finds the queue full.
     ASSERT_TRUE(tv.Plug("a").ok());
     ASSERT_TRUE(WaitForLog("] add@/devices/", 2));
     ASSERT_TRUE(Hold("df", false));
-
     // Every request taken runs once; the plug is not lost.
     ASSERT_TRUE(WaitFor("LUM_TV_EVT_STORAGE_HDD_GET_SIZE", taken.size()));
     ASSERT_TRUE(WaitFor("LUM_TV_EVT_STORAGE_DEV_MOUNT_END", 2, 60)) << "the stick plugged into a full queue was lost";

@@ -1,17 +1,14 @@
-// Hostile file names through every file operation of lumstoragectl, end to
-// end (the unit suite sweeps the service's operations with more): quotes,
-// backslashes, command substitutions, newlines, formats, leading dashes,
-// globs, bytes that are not UTF-8, a name of 255 bytes. lumstoragectl takes
-// each as an argument, byte for byte (argv carries everything but NUL, which
-// no name holds). Each operation must act on the named file alone: a canary
-// beside it survives, and a marker that the names would create, were any
-// of them run as shell code, never appears.
+// Hostile file names through every file operation of lumstoragectl, end to end (the unit suite sweeps the
+// service's operations with more): quotes, backslashes, command substitutions, newlines, formats, leading
+// dashes, globs, bytes that are not UTF-8, a name of 255 bytes. lumstoragectl takes each as an argument, byte
+// for byte (argv carries everything but NUL, which no name holds). Each operation must act on the named file
+// alone: a canary beside it survives, and a marker that the names would create, were any of them run as shell
+// code, never appears.
 
 #include "rig_fixture.h"
 
 namespace e2e {
 namespace {
-
 const std::string kOne = "/mnt/pvr/shared/sdb1";
 const std::string kTwo = "/mnt/pvr/shared/sdb2";
 const std::string kHere = kOne + "/h";   // the canary's folder
@@ -20,17 +17,15 @@ const std::string kAway = kTwo + "/g";    // another volume
 const std::string kCanary = kHere + "/canary";
 const std::string kMarker = "/run/hostile-marker";
 
-// The service's shells see $MARK and $CANARY: a name run as code creates
-// the marker or removes the canary.
+// The service's shells see $MARK and $CANARY: a name run as code creates the marker or removes the canary.
 const std::vector<std::string> kHostile = {
     "tail\\", "$(rm -f $CANARY)", "`touch $MARK`", "\";touch $MARK;\"",
     "new\nline", "%s%n%x%%", "-rf", " two  spaces ", "*", "a;b|c&d>e<f", "\xff\xfe\xc3(",
 };
 
-// One step of the sweep. In the templates, "H/", "A/" and "W/" begin paths in
-// the canary's folder, beside it on the same volume and on the other volume;
-// '%' stands for the hostile name. look: the three folders hold these names
-// afterwards (empty: not looked at; "-": nothing).
+// One step of the sweep. In the templates, "H/", "A/" and "W/" begin paths in the canary's folder, beside it
+// on the same volume and on the other volume; '%' stands for the hostile name. look: the three folders hold
+// these names afterwards (empty: not looked at; "-": nothing).
 struct Step {
     std::vector<const char*> args;
     const char* input;
@@ -45,8 +40,7 @@ const Step kSweep[] = {
     {{"rm", "-r", "W/%"}, "", 0, {}, {}, {}},
     {{"rm", "H/%/%"}, "", 0, {}, {}, {}},
     {{"rmdir", "H/%"}, "", 0, {"-"}, {"-"}, {"-"}},
-    // A file named n, and a recording named n.ts that goes everywhere with
-    // its companion.
+    // A file named n, and a recording named n.ts that goes everywhere with its companion.
     {{"write", "H/%"}, "data", 0, {}, {}, {}},
     {{"protect", "H/%"}, "", 0, {}, {}, {}},
     {{"rm", "H/%"}, "", 2, {"%"}, {"-"}, {"-"}},
@@ -78,9 +72,8 @@ protected:
                      "    dir /g\n",
                      {"stick"}, {"MARK=" + kMarker, "CANARY=" + kCanary});
     }
-    // Nothing ran and nothing was lost: the folders hold what they should.
-    // One look inside: each folder's names ending in NUL, then the canary
-    // and whether the marker is there, each part ending in \1.
+    // Nothing ran and nothing was lost: the folders hold what they should. One look inside: each folder's
+    // names ending in NUL, then the canary and whether the marker is there, each part ending in \1.
     void ExpectOnly(const std::set<std::string>& here, const std::set<std::string>& aside = {},
                     const std::set<std::string>& away = {}) const
     {
@@ -140,8 +133,7 @@ TEST_F(FileOpsHostile, NamesRunNothingAndEveryOperationActsOnTheNamedFileAlone)
         }
         EXPECT_EQ(Cat(kHere + "/canary"), "canary");
     }
-    // The canary and the marker are within a command's reach: one that
-    // meant to would have shown.
+    // The canary and the marker are within a command's reach: one that meant to would have shown.
     EXPECT_EQ(Op({"exec", "--", "test -f \"$CANARY\" && touch \"$MARK\""}), 0);
     EXPECT_TRUE(Here(kMarker));
 }
@@ -168,7 +160,6 @@ TEST_F(FileOpsHostile, LongNamesGoWhereTheyFitAndAreRefusedWholeElsewhere)
     EXPECT_EQ(Op({"rm", "-r", kAway + "/" + m}), 0);
     EXPECT_EQ(Op({"rmdir", there}), 0);
     ExpectOnly({});
-
     // 255 bytes, the most a name can have: the shell lines take it; the
     // requests whose fields are shorter are refused by the client.
     std::string n = "$(touch $MARK)`touch $MARK`\"\\";
@@ -190,9 +181,7 @@ TEST_F(FileOpsHostile, LongNamesGoWhereTheyFitAndAreRefusedWholeElsewhere)
     EXPECT_TRUE(OwnerWrites(here));
     EXPECT_EQ(Op({"rm", here}), 0);
     ExpectOnly({});
-
-    // A name whose escaped form does not fit a command line fails as a
-    // command: nothing cut short runs.
+    // A name whose escaped form does not fit a command line fails as a command: nothing cut short runs.
     EXPECT_EQ(Op({"mkdir", kHere + "/" + std::string(250, '"')}), 2);
     ExpectOnly({});
 }

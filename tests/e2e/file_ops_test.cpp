@@ -1,14 +1,12 @@
-// File operations end to end: protection, recordings with their companions,
-// tree copies, the copy engine's busy answer, cancel and full volume, moves
-// inside and across volumes, and the command primitives, through
-// lumstoragectl against the service on the simulated television, with real
-// ext4, FAT and NTFS volumes on plugged sticks.
+// File operations end to end: protection, recordings with their companions, tree copies, the copy engine's
+// busy answer, cancel and full volume, moves inside and across volumes, and the command primitives, through
+// lumstoragectl against the service on the simulated television, with real ext4, FAT and NTFS volumes on
+// plugged sticks.
 
 #include "rig_fixture.h"
 
 namespace e2e {
 namespace {
-
 const std::string kFat = "/mnt/pvr/shared/sdb1";
 const std::string kExt = "/mnt/pvr/shared/sdb2";
 const std::string kNtfs = "/mnt/pvr/shared/sdb3";
@@ -61,7 +59,6 @@ TEST_F(FileOpsTest, ProtectedFileIsRefusedByRmCpRenameAndMoveButWriteOverwritesI
     Put(away, "away");
     ASSERT_EQ(Op({"protect", p}), 0);
     EXPECT_EQ(Mode(p), "444");
-
     // Whatever would remove or replace it is refused, and nothing is lost.
     EXPECT_EQ(Op({"rm", p}), 2);
     EXPECT_EQ(Op({"rm", "--recording", p}), 2);
@@ -73,12 +70,10 @@ TEST_F(FileOpsTest, ProtectedFileIsRefusedByRmCpRenameAndMoveButWriteOverwritesI
     EXPECT_EQ(Cat(other), "other");
     EXPECT_EQ(Cat(away), "away");
     EXPECT_EQ(Mode(p), "444");
-
     // write lifts the protection and overwrites; the file stays writable.
     EXPECT_EQ(Write(p, "fresh"), 0);
     EXPECT_EQ(Cat(p), "fresh");
     EXPECT_EQ(Mode(p), "666");
-
     ASSERT_EQ(Op({"protect", p}), 0);
     EXPECT_EQ(Op({"rm", p}), 2);
     EXPECT_EQ(Cat(p), "fresh");
@@ -87,7 +82,6 @@ TEST_F(FileOpsTest, ProtectedFileIsRefusedByRmCpRenameAndMoveButWriteOverwritesI
     EXPECT_EQ(Op({"rm", p}), 0);
     EXPECT_FALSE(Here(p));
     EXPECT_EQ(Cat(p + ".idx"), "rec.idx") << "rm without --recording leaves the companions";
-
 }
 
 TEST_F(FileOpsTest, RecordingsKeepTheirSignatureAndTreeCopiesLeaveLinksOut)
@@ -114,7 +108,6 @@ TEST_F(FileOpsTest, RecordingsKeepTheirSignatureAndTreeCopiesLeaveLinksOut)
         EXPECT_EQ(Op({"rm", "-r", dir}), 0);
         EXPECT_FALSE(Here(dir));
     }
-
     // A recording without its ".idx.desc" is copied with the companions it
     // has, except the signature, onto both file systems, with its time.
     const std::vector<std::string> has = {".desc", ".idx", ".xml", ".xml.sig"};
@@ -130,7 +123,6 @@ TEST_F(FileOpsTest, RecordingsKeepTheirSignatureAndTreeCopiesLeaveLinksOut)
         EXPECT_EQ(In({"stat", "-c", "%Y", vol + "/copy/r.ts"}).out, "1715953500\n");
     }
     EXPECT_EQ(Names(kExt + "/rec"), Files("r.ts", has));
-
     // A tree with links to a file, a folder and nowhere: copied without them.
     const std::string tree = kExt + "/tree";
     ASSERT_TRUE(tv.Exec("mkdir -p " + tree + "/sub/deeper && cd " + tree +
@@ -175,10 +167,8 @@ TEST_F(FileOpsTest, SecondCopyIsBusyCancelStopsALargeFileAndAFullVolumeIsAnnounc
                                "i=$((i+1)); [ $i -lt 3000 ] || exit 1; sleep 0.01; done", "sh", path})
             .ok();
     };
-
-    // A second copy while the first runs is answered 5 and leaves it alone;
-    // the first still ends with its own event. (Results carry no request id:
-    // the first client takes the 5 as its own, so the recorder tells.)
+    // A second copy while the first runs is answered 5 and leaves it alone; the first still ends with its own
+    // event. (Results carry no request id: the first client takes the 5 as its own, so the recorder tells.)
     Result first;
     std::thread copying([&] { first = Ctl({"cp", big, fat + "/whole"}); });
     bool started = growing(fat + "/whole");
@@ -191,7 +181,6 @@ TEST_F(FileOpsTest, SecondCopyIsBusyCancelStopsALargeFileAndAFullVolumeIsAnnounc
     EXPECT_EQ(CopyResults(), (std::vector<int>{5, 0}));
     EXPECT_TRUE(In({"cmp", big, fat + "/whole"}).ok());
     ASSERT_TRUE(In({"rm", fat + "/whole"}).ok());
-
     // A cancel in the middle of the one file: the client's own copy answers
     // 1, and no part of the file is left behind as if it were the copy.
     std::thread cancelled([&] { first = Ctl({"cp", big, fat + "/part"}); });
@@ -205,15 +194,12 @@ TEST_F(FileOpsTest, SecondCopyIsBusyCancelStopsALargeFileAndAFullVolumeIsAnnounc
     ASSERT_TRUE(WaitFor("LUM_TV_EVT_STORAGE_COPY", 3)) << "the recorder may write after the client's answer";
     EXPECT_EQ(CopyResults(), (std::vector<int>{5, 0, 1}));
     EXPECT_EQ(size(fat + "/part"), -1LL);
-
     // The next copy runs whole: a cancel while idle is forgotten.
     EXPECT_TRUE(Ctl({"cp", "--cancel"}).ok());
     EXPECT_EQ(Op({"cp", one, fat + "/again"}), 0);
     EXPECT_EQ(Cat(fat + "/again"), "one");
-
-    // A volume with 256 KiB left: the out-of-space notice (0x11, the copy's
-    // event) comes first, then result 1, and the 2 MB file that did not fit
-    // is not there. A small file still goes.
+    // A volume with 256 KiB left: the out-of-space notice (0x11, the copy's event) comes first, then result
+    // 1, and the 2 MB file that did not fit is not there. A small file still goes.
     ASSERT_TRUE(tv.Exec("avail=$(df -Pk " + full + " | awk 'NR==2 {print $4}') && dd if=/dev/zero of=" + full +
                         "/filler bs=1k count=$((avail - 256)) 2>/dev/null; dd if=/dev/urandom of=" + vol +
                         "/big2 bs=1M count=2 2>/dev/null")
@@ -243,7 +229,6 @@ TEST_F(FileOpsTest, MovesRenameInsideAVolumeAndCopyAcrossVolumes)
     const std::vector<std::string> some = {".desc", ".idx", ".xml", ".xml.sig"};
     Recording(from + "/a.ts", kCompanions);
     Recording(from + "/b.ts", some);
-
     // Inside one volume the files keep their inodes: renamed, not copied.
     std::string inode = In({"stat", "-c", "%i", from + "/a.ts"}).out;
     EXPECT_EQ(Op({"mv", "--recording", from + "/a.ts", inside + "/a2.ts"}), 0);
@@ -253,16 +238,12 @@ TEST_F(FileOpsTest, MovesRenameInsideAVolumeAndCopyAcrossVolumes)
     EXPECT_EQ(Op({"rename", "--recording", inside + "/a2.ts", inside + "/a3.ts"}), 0);
     EXPECT_EQ(Names(inside), Files("a3.ts", kCompanions));
     ExpectRecording(inside + "/a3.ts", kCompanions);
-
-    // Across volumes every file is copied and its source goes; a missing
-    // companion is no failure.
+    // Across volumes every file is copied and its source goes; a missing companion is no failure.
     EXPECT_EQ(Op({"mv", "--recording", from + "/b.ts", across + "/b.ts"}), 0);
     EXPECT_EQ(Names(across), Files("b.ts", some));
     ExpectRecording(across + "/b.ts", some);
     EXPECT_EQ(Names(from), std::set<std::string>());
-
-    // A tree (a source ending in "/") across volumes: copied, then the
-    // source goes.
+    // A tree (a source ending in "/") across volumes: copied, then the source goes.
     ASSERT_TRUE(tv.Exec("mkdir -p " + kExt + "/dir/sub && echo one > " + kExt + "/dir/one && echo two > " + kExt +
                         "/dir/sub/two")
                     .ok());
@@ -272,9 +253,8 @@ TEST_F(FileOpsTest, MovesRenameInsideAVolumeAndCopyAcrossVolumes)
     EXPECT_FALSE(Here(kExt + "/dir"));
 }
 
-// The service's bounds are the unit suite's (direct_cmds_test); here the
-// client's own: a line of 512 is not sent, the exit status is the result,
-// capture says when it cut.
+// The service's bounds are the unit suite's (direct_cmds_test); here the client's own: a line of 512 is not
+// sent, the exit status is the result, capture says when it cut.
 TEST_F(FileOpsTest, ExecSendsLinesUpTo511AndCaptureTellsItsCut)
 {
     const std::string marker = "/run/exec-marker";
@@ -288,7 +268,6 @@ TEST_F(FileOpsTest, ExecSendsLinesUpTo511AndCaptureTellsItsCut)
     EXPECT_EQ(Op({"exec", "--", line + std::string(512 - line.size(), 'x')}), kNotSent);
     EXPECT_FALSE(Has(tv.Log("lumstoraged"), "cmd len = 512"));
     EXPECT_EQ(Op({"exec", "--", "exit 3"}), 3);
-
     Result cap = Ctl({"exec", "--capture", "--", "head -c 2000 /dev/zero | tr '\\0' a; exit 3"});
     EXPECT_TRUE(cap.ok()) << cap.Describe();
     EXPECT_TRUE(Has(cap.out, "\"count\":1024,\"output\":\"" + std::string(1024, 'a') + "\",\"cut\":true}"))

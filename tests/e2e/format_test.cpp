@@ -1,12 +1,10 @@
-// Formatting end to end on the simulated television: the real mkfs.ext4 and
-// mkfs.fat on disk images, the unmount and mount runs around them, and the
-// events a client sees.
+// Formatting end to end on the simulated television: the real mkfs.ext4 and mkfs.fat on disk images, the
+// unmount and mount runs around them, and the events a client sees.
 
 #include "rig_fixture.h"
 
 namespace e2e {
 namespace {
-
 const std::vector<std::string> kRunEvents = {
     "LUM_TV_EVT_STORAGE_DEV_UMOUNT",    "LUM_TV_EVT_STORAGE_DEV_UMOUNT_END",     "LUM_TV_EVT_STORAGE_DEV_MOUNT",
     "LUM_TV_EVT_STORAGE_DEV_MOUNT_END", "LUM_TV_EVT_STORAGE_SET_ALL_PARTITION", "LUM_TV_EVT_STORAGE_FORMAT"};
@@ -22,7 +20,6 @@ protected:
         if (!HasFatalFailure())
             MakeHoldable({"mkfs", "mkfs.ext4"});
     }
-
     // The events of a format run recorded from index `from` on, in order,
     // leaving out the others (PVR choices, guides, answers to queries).
     std::vector<std::string> RunEvents(size_t from) const
@@ -56,9 +53,8 @@ protected:
         std::string s = tv.Exec("df -Pm | awk '$1 == \"/dev/sdb1\" { print $2 }'").out;
         return s.substr(0, s.find('\n'));
     }
-    // The FAT adapter here reports no blocks for a while after a format, so a
-    // new FAT volume's size is checked against its partition's: df's total
-    // lies a little below it.
+    // The FAT adapter here reports no blocks for a while after a format, so a new FAT volume's size is
+    // checked against its partition's: df's total lies a little below it.
     void ExpectFatSize(const std::string& reply) const
     {
         int partMB = std::stoi(tv.Exec("echo $(( $(blockdev --getsize64 /dev/sdb1) >> 20 ))").out);
@@ -68,8 +64,7 @@ protected:
     }
 };
 
-// The run's events and records are the unit suite's (format_unit_test); here
-// what the real tools make of it.
+// The run's events and records are the unit suite's (format_unit_test); here what the real tools make of it.
 TEST_F(Format, RecordingTelevisionFormatsExt4ForLargeFiles)
 {
     StartFormatRig(
@@ -82,7 +77,6 @@ TEST_F(Format, RecordingTelevisionFormatsExt4ForLargeFiles)
     Result r = Ctl({"dev-format", "/dev/sdb1"});
     EXPECT_TRUE(Has(r.out, "\"value\":true")) << r.out;
     ASSERT_TRUE(WaitFor("LUM_TV_EVT_STORAGE_FORMAT", 1, 120));
-
     auto run = RunEvents(from);
     ASSERT_EQ(Names(run), kRunEvents);
     EXPECT_TRUE(Has(run[2], "\"mountPoint\":\"/mnt/pvr/shared/sdb1\",\"label\":\"\",\"labelLen\":0,\"fsType\":\"ext4\""))
@@ -93,7 +87,6 @@ TEST_F(Format, RecordingTelevisionFormatsExt4ForLargeFiles)
                                 ",\"part2MB\":0,\"part3MB\":0,\"part4MB\":0},\"complete\":true,\"rest\":\"\""))
         << run[4] << " df " << size;
     EXPECT_TRUE(Has(run[5], "\"len\":36,\"data\":{\"devName\":\"/dev/sdb1\",\"result\":0}")) << run[5];
-
     // A new, empty ext4 made for large files: one inode per MB, not per 4 KB.
     EXPECT_EQ(Blkid("TYPE"), "ext4\n");
     EXPECT_NE(Blkid("UUID"), uuid);
@@ -105,8 +98,7 @@ TEST_F(Format, RecordingTelevisionFormatsExt4ForLargeFiles)
     EXPECT_TRUE(Has(tv.Exec("mount").out, "/dev/sdb1 on /mnt/pvr/shared/sdb1 type ext4"));
 }
 
-// A failing tool first leaves the old file system mounted with its files;
-// the next format makes FAT32.
+// A failing tool first leaves the old file system mounted with its files; the next format makes FAT32.
 TEST_F(Format, TelevisionWithoutRecordingFormatsFat32AfterAFailureThatKeptTheOldOne)
 {
     StartFormatRig(
@@ -126,7 +118,6 @@ TEST_F(Format, TelevisionWithoutRecordingFormatsFat32AfterAFailureThatKeptTheOld
     EXPECT_EQ(Blkid("UUID"), uuid);
     EXPECT_EQ(tv.Exec("cat /mnt/pvr/shared/sdb1/old.txt").out, "old");
     EXPECT_TRUE(Has(tv.Exec("mount").out, "/dev/sdb1 on /mnt/pvr/shared/sdb1 type vfat"));
-
     ASSERT_TRUE(tv.Exec("rm /run/fail.mkfs").ok());
     from = Events().size();
     ASSERT_TRUE(Ctl({"dev-format", "/dev/sdb1"}).ok());
@@ -182,12 +173,10 @@ TEST_F(Format, SetAllPartitionCommandRepliesWithoutAFormatRecordAlsoForAnUnmount
     Result r = Ctl({"set-all-partition", "/dev/sdb1", "0"});
     EXPECT_TRUE(Has(r.out, "\"value\":true")) << r.out;
     ASSERT_TRUE(WaitFor("LUM_TV_EVT_STORAGE_SET_ALL_PARTITION", 1, 120));
-    // The service thread ran the command: whatever it sent came before the
-    // answer to the next request.
+    // The service thread ran the command: whatever it sent came before the answer to the next request.
     size_t volumes = Events("LUM_TV_EVT_STORAGE_GET_STORAGE_VOLUMES").size();
     ASSERT_TRUE(Ctl({"get-storage-volumes"}).ok());
     ASSERT_TRUE(WaitFor("LUM_TV_EVT_STORAGE_GET_STORAGE_VOLUMES", volumes + 1));
-
     auto run = RunEvents(from);
     ASSERT_EQ(Names(run), (std::vector<std::string>{"LUM_TV_EVT_STORAGE_DEV_UMOUNT_END", "LUM_TV_EVT_STORAGE_DEV_MOUNT",
                                                     "LUM_TV_EVT_STORAGE_DEV_MOUNT_END",

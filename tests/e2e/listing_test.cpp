@@ -1,6 +1,5 @@
-// Directory listings end to end: lumstoragectl ls against the service on the
-// simulated television, with real FAT and ext4 volumes, TagLib on a real MP3
-// and a playlist expanded into its entries.
+// Directory listings end to end: lumstoragectl ls against the service on the simulated television, with real
+// FAT and ext4 volumes, TagLib on a real MP3 and a playlist expanded into its entries.
 
 #include <ctime>
 
@@ -8,7 +7,6 @@
 
 namespace e2e {
 namespace {
-
 const char* kFat = "/mnt/pvr/shared/sdb1";
 const char* kExt = "/mnt/pvr/shared/sdb2";
 
@@ -82,13 +80,11 @@ TEST_F(Listing, LocalTimesTagsAndAPlaylistShownAsADirectory)
     StartService(desc, {"stick"}, {"TZ=CST-8"});
     if (HasFatalFailure())
         return;
-    // 2024-05-17 13:45 UTC on both volumes. Whatever time the FAT adapter
-    // makes of it, the record shows a FAT file's time as stat gives it, and
-    // an ext4 file's eight hours later.
+    // 2024-05-17 13:45 UTC on both volumes. Whatever time the FAT adapter makes of it, the record shows a FAT
+    // file's time as stat gives it, and an ext4 file's eight hours later.
     for (const char* vol : {kFat, kExt})
         ASSERT_TRUE(tv.Exec(std::string("touch -d @1715953500 ") + vol + "/same.txt").ok());
-    // The service mounted both volumes and knows their file systems: the
-    // listings ask no shell about them.
+    // The service mounted both volumes and knows their file systems: the listings ask no shell about them.
     auto asked = [&] {
         std::string log = tv.Log("lumstoraged");
         size_t n = 0;
@@ -111,12 +107,10 @@ TEST_F(Listing, LocalTimesTagsAndAPlaylistShownAsADirectory)
     EXPECT_TRUE(Has(ext.out, "\"name\":\"music/\"")) << ext.out;
     EXPECT_TRUE(Has(ext.out, "\"name\":\"lost+found/\"")) << ext.out;
     EXPECT_TRUE(Has(ext.out, "\"failed\":false")) << ext.out;
-
     // A path that is no directory fails with the exit code scripts can test.
     Result none = Ls({std::string(kExt) + "/nothing/"});
     EXPECT_EQ(none.status, 1) << none.Describe();
     EXPECT_TRUE(Has(none.out, "\"failed\":true")) << none.out;
-
     // Tags of a real MP3, and a playlist shown as a directory of its entries.
     std::string music = std::string(kExt) + "/music/";
     ASSERT_TRUE(tv.Exec("printf '#EXTM3U\\n#EXTINF:2,x\\nsong.mp3\\nhttp://radio.example/a.mp3\\n../missing.mp3\\n' > " +
@@ -129,7 +123,6 @@ TEST_F(Listing, LocalTimesTagsAndAPlaylistShownAsADirectory)
     EXPECT_TRUE(Has(song, "\"year\":2024,\"track\":5,\"duration\":2,")) << song;
     EXPECT_TRUE(Has(song, "\"tagRead\":true")) << song;
     EXPECT_TRUE(Has(dir.out, "\"name\":\"list.m3u/\"")) << dir.out;
-
     Result list = Ls({music + "list.m3u/"});
     ASSERT_TRUE(list.ok()) << list.Describe();
     size_t a = list.out.find("\"name\":\"song.mp3\"");
@@ -143,7 +136,6 @@ TEST_F(Listing, LocalTimesTagsAndAPlaylistShownAsADirectory)
     EXPECT_TRUE(Has(RecordOf(list.out, "a.mp3"), "\"link\":\"http://radio.example/a.mp3\"")) << list.out;
     EXPECT_TRUE(Has(RecordOf(list.out, "missing.mp3"), "\"link\":\"" + std::string(kExt) + "/missing.mp3\""))
         << list.out;
-
     // Tags off: the playlist is a file under its plain name, no tags read.
     Result off = Ls({music, "--no-tags"});
     ASSERT_TRUE(off.ok()) << off.Describe();

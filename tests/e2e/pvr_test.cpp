@@ -1,12 +1,10 @@
-// The PVR partition chosen, remembered, marked and lost, and the guide the
-// user interface gets, end to end on the simulated television (the choices
-// on rows made by hand: the unit suite's pvr_test).
+// The PVR partition chosen, remembered, marked and lost, and the guide the user interface gets, end to end on
+// the simulated television (the choices on rows made by hand: the unit suite's pvr_test).
 
 #include "rig_fixture.h"
 
 namespace e2e {
 namespace {
-
 class Pvr : public ServiceRig {
 protected:
     // rec.enable, tshift.enable, device_size_limit.
@@ -15,7 +13,6 @@ protected:
         return PvrProperties("rec.enable=" + rec + " tshift.enable=" + tsh + " device_size_limit=" + limit);
     }
     std::string Property(const std::string& key) { return tv.Exec("cat /run/properties/" + key + " 2>/dev/null").out; }
-
     // Index of the first event of that name at or after `from`, or -1.
     int IndexOf(const std::string& name, int from = 0)
     {
@@ -43,13 +40,11 @@ TEST_F(Pvr, FirstPlugWithTimeshiftChoosesRemembersAndSurvivesARestart)
     EXPECT_TRUE(Has(Events()[change], "\"mountPoint\":\"/mnt/pvr/shared/sdb1\"")) << Events()[change];
     EXPECT_TRUE(Has(Events()[guide], "\"len\":63000")) << Events()[guide].substr(0, 200);
     EXPECT_TRUE(Has(Events()[guide], "\"show\":false")) << Events()[guide].substr(0, 200);
-
     std::string identity = Property("persist.pvr.identity.id");
     ASSERT_EQ(identity.size(), 17u) << identity;
     EXPECT_EQ(tv.Exec("test -f /mnt/pvr/shared/sdb1/" + identity).status, 0);
     EXPECT_TRUE(Has(Reply({"pvr-dev-state"}), "\"value\":true"));
     EXPECT_TRUE(Has(Reply({"pvr-mount-path"}), "\"value\":\"/mnt/pvr/shared/sdb1\""));
-
     // A restart forgets the choice; the run for the disks present at start
     // finds the same partition by its identity and writes nothing new.
     ASSERT_TRUE(tv.Stop("lumstoraged").ok());
@@ -104,7 +99,6 @@ TEST_F(Pvr, VerdictsMarkingAndAPlugOutThatIsNotThePvrDisk)
 {
     StartService(kThreeDisks, {"two", "nt", "ro"}, {}, Props("1", "0", "0"));
     ASSERT_TRUE(tv.Exec("mount -o remount,ro /mnt/pvr/shared/sdd1").ok());
-
     // The direct query. A disk counts only with exactly one mounted partition;
     // the mount path passes the checks too, since df's line names it.
     const struct {
@@ -117,10 +111,8 @@ TEST_F(Pvr, VerdictsMarkingAndAPlugOutThatIsNotThePvrDisk)
         EXPECT_TRUE(Has(reply, "\"value\":" + std::to_string(row.verdict))) << row.disk << ": " << reply;
     }
     EXPECT_TRUE(Has(tv.Log("lumstoraged"), "The partition type is fuseblk, not usable!"));
-
-    // Marking, one verdict per row (-1: no event at all). The mount path has
-    // no line "PATH. on " in mount's listing; the read-only volume takes no
-    // identity file; the second good marking replaces the first.
+    // Marking, one verdict per row (-1: no event at all). The mount path has no line "PATH. on " in mount's
+    // listing; the read-only volume takes no identity file; the second good marking replaces the first.
     const struct {
         const char* disk;
         int verdict;
@@ -147,10 +139,8 @@ TEST_F(Pvr, VerdictsMarkingAndAPlugOutThatIsNotThePvrDisk)
     int change = IndexOf("LUM_TV_EVT_STORAGE_PVR_DEV_CHANGE");
     EXPECT_LT(change, IndexOf("LUM_TV_EVT_STORAGE_PVR_MARK", change));
     EXPECT_TRUE(Has(Reply({"pvr-mount-path"}), "\"value\":\"/mnt/pvr/shared/sdb2\""));
-
-    // With a limit both processes act: the NTFS disk going is no PVR news,
-    // the disk of the chosen FAT partition going is; the read-only volume
-    // left cannot take over.
+    // With a limit both processes act: the NTFS disk going is no PVR news, the disk of the chosen FAT
+    // partition going is; the read-only volume left cannot take over.
     ASSERT_TRUE(tv.Exec(Props("1", "1", "10")).ok());
     ASSERT_TRUE(tv.Unplug("nt").ok());
     ASSERT_TRUE(WaitFor("LUM_TV_EVT_STORAGE_DEV_UMOUNT_END", 1, 90));

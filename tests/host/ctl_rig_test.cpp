@@ -1,6 +1,5 @@
-// lumstoragectl's text and JSON output against the real service on the
-// simulated television: one stick, every subcommand family run in both
-// forms, its exit code and facts of its output checked against what the
+// lumstoragectl's text and JSON output against the real service on the simulated television: one stick, every
+// subcommand family run in both forms, its exit code and facts of its output checked against what the
 // television's own tools say. Needs root (skipped loudly without).
 #include <gtest/gtest.h>
 
@@ -8,9 +7,7 @@
 
 namespace e2e {
 namespace {
-
-// vfat sdb1 (chosen as the PVR partition at its plug: timeshift on, a 10 MB
-// limit), ext4 sdb2.
+// vfat sdb1 (chosen as the PVR partition at its plug: timeshift on, a 10 MB limit), ext4 sdb2.
 const char* kStick =
     "disk stick size=128M table=msdos plugged=no vendor=SanDisk model=\"Cruzer Blade\" serial=4C530001\n"
     "  part size=48M fs=vfat label=TSH\n"
@@ -31,7 +28,6 @@ protected:
         std::vector<std::string> json;  // parts of the --json output
         std::string input = {};         // standard input of the text run
     };
-
     // Each case runs as text, then (when it has JSON facts) with --json.
     void Check(const std::vector<Case>& cases)
     {
@@ -112,7 +108,6 @@ TEST_F(CtlRig, EverySubcommandFamilyInTextAndJson)
     EXPECT_EQ(Sh("stat -c %a " + kExt + "/d/f"), "640");
     EXPECT_EQ(Sh("cat " + kFat + "/g"), "hello");
     EXPECT_NE(tv.Exec("test -e " + kExt + "/d/g").status, 0) << "mv left its source";
-
     // A run of the stick's volumes, then a format of its ext4 partition.
     Check({
         {{"umount", "/dev/sdb"}, 0, {"unmounted " + kFat + "\n", "unmounted " + kExt + "\n", "/dev/sdb: 2 volumes unmounted\n"},

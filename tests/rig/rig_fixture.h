@@ -1,7 +1,6 @@
-// Tests on the simulated television (rig/rig): lumrig::Tv builds one from a
-// description (rig/README.md) and takes it down in its destructor; the rig's
-// watchdog takes it down when the test process dies. lumrig::RigTest skips,
-// loudly, without root.
+// Tests on the simulated television (rig/rig): lumrig::Tv builds one from a description (rig/README.md) and
+// takes it down in its destructor; the rig's watchdog takes it down when the test process dies.
+// lumrig::RigTest skips, loudly, without root.
 #pragma once
 
 #include <fcntl.h>
@@ -32,7 +31,6 @@
 #endif
 
 namespace lumrig {
-
 struct Result {
   int status = -1;  // exit status; 128+N when killed by signal N
   std::string out;
@@ -44,10 +42,9 @@ struct Result {
   }
 };
 
-// Runs argv (no shell) with `input` on stdin; kills its process group after
-// timeout_s seconds. `env` adds NAME=VALUE entries to the environment. The
-// output goes to memory files, read once the process has ended: a daemon it
-// leaves behind holds no pipe that the caller would wait on.
+// Runs argv (no shell) with `input` on stdin; kills its process group after timeout_s seconds. `env` adds
+// NAME=VALUE entries to the environment. The output goes to memory files, read once the process has ended: a
+// daemon it leaves behind holds no pipe that the caller would wait on.
 inline Result Run(const std::vector<std::string>& argv, const std::string& input = {},
                   int timeout_s = 600, const std::vector<std::string>& env = {}) {
   signal(SIGPIPE, SIG_IGN);
@@ -143,7 +140,6 @@ class Tv {
   Tv(const Tv&) = delete;
   Tv& operator=(const Tv&) = delete;
   ~Tv() { Down(); }
-
   // Builds the television from a description (text of the description
   // format, see rig/README.md). The calling process is its owner.
   Result Up(const std::string& description) {
@@ -151,18 +147,15 @@ class Tv {
     if (r.ok()) id_ = r.out.substr(0, r.out.find('\n'));
     return r;
   }
-
   Result Down() {
     if (id_.empty()) return Result{0, {}, {}};
     Result r = Rig({"down", id_});
     if (r.ok()) id_.clear();
     return r;
   }
-
   bool up() const { return !id_.empty(); }
   const std::string& id() const { return id_; }
   std::string StateDir() const { return RunDir() + "/" + id_; }
-
   // A command inside the television: a shell line, or words passed as they are.
   Result Exec(const std::string& cmd) const { return ExecArgv({"/bin/sh", "-c", cmd}); }
   Result ExecArgv(const std::vector<std::string>& argv) const { return Cmd("exec", {"--"}, argv); }
@@ -176,20 +169,17 @@ class Tv {
   }
   Result Plug(const std::string& disk) const { return Cmd("plug", {disk}); }
   Result Unplug(const std::string& disk) const { return Cmd("unplug", {disk}); }
-
   // Starts a daemon inside (rig run); its output is in Log(name).
   Result Start(const std::string& name, const std::vector<std::string>& argv) const {
     return Cmd("run", {"--name", name, "--"}, argv);
   }
   Result Stop(const std::string& name) const { return Cmd("stop", {name}); }
   std::string Log(const std::string& name) const { return ReadFile(StateDir() + "/logs/" + name + ".log"); }
-
  private:
   std::string id_;
 };
 
-// Base for tests that need the rig: skipped loudly without root; `tv` is
-// taken down after each test.
+// Base for tests that need the rig: skipped loudly without root; `tv` is taken down after each test.
 class RigTest : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -203,14 +193,12 @@ class RigTest : public ::testing::Test {
 
 }  // namespace lumrig
 
-// The service on the television, for the test folders that define
-// LUMSTORAGED_BIN and LUMSTORAGECTL_BIN: lumstoraged runs inside, lumstoragectl
-// talks to it from outside, and a `watch --json` client records every event
-// into a file the test reads. FileOps adds lumstoragectl's file subcommands
-// and looks at what they touched with the real tools inside (ls, stat, find).
+// The service on the television, for the test folders that define LUMSTORAGED_BIN and LUMSTORAGECTL_BIN:
+// lumstoraged runs inside, lumstoragectl talks to it from outside, and a `watch --json` client records every
+// event into a file the test reads. FileOps adds lumstoragectl's file subcommands and looks at what they
+// touched with the real tools inside (ls, stat, find).
 #ifdef LUMSTORAGED_BIN
 namespace e2e {
-
 using lumrig::Result;
 
 class ServiceRig : public lumrig::RigTest {
@@ -221,11 +209,9 @@ protected:
         if (HasFailure() && tv.up())
             fprintf(stderr, "--- lumstoraged log:\n%s\n", tv.Log("lumstoraged").c_str());
     }
-
-    // Builds the television, runs the shell line prepare inside it (what the
-    // service is to find at its start), starts the service with env added to
-    // its environment and the event recorder, and plugs the disks one after
-    // the other, each mounted before the next comes.
+    // Builds the television, runs the shell line prepare inside it (what the service is to find at its
+    // start), starts the service with env added to its environment and the event recorder, and plugs the
+    // disks one after the other, each mounted before the next comes.
     void StartService(const std::string& description, const std::vector<std::string>& disks = {},
                       const std::vector<std::string>& env = {}, const std::string& prepare = "")
     {
@@ -242,14 +228,12 @@ protected:
             ASSERT_TRUE(WaitFor("LUM_TV_EVT_STORAGE_DEV_MOUNT_END", i + 1));
         }
     }
-
     // Starts the service and the recorder on a television that is up; env
     // adds NAME=VALUE entries to the daemon's environment.
     void StartServiceOnly(const std::vector<std::string>& env = {})
     {
         StopRecorder();
-        // A socket file left by an earlier daemon would let the clients in
-        // before the new one listens.
+        // A socket file left by an earlier daemon would let the clients in before the new one listens.
         ASSERT_TRUE(tv.Exec("rm -f /run/lumstorage.sock").ok());
         // The debug shell's socket in the television's own /run: /tmp is
         // the host's, where every other television's daemon puts its own.
@@ -264,9 +248,8 @@ protected:
         // Each start of the service begins a new record of its events.
         events_ = tv.StateDir() + "/service-events.jsonl";
         close(open(events_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
-        // The recorder is subscribed once it sees an event: ask for the
-        // volume list until its answer shows up, starting the recorder again
-        // should it have found the daemon not ready.
+        // The recorder is subscribed once it sees an event: ask for the volume list until its answer shows
+        // up, starting the recorder again should it have found the daemon not ready.
         for (int i = 0; i < 50 && Events("LUM_TV_EVT_STORAGE_GET_STORAGE_VOLUMES").empty(); ++i) {
             if (watcher_ <= 0 || waitpid(watcher_, nullptr, WNOHANG) == watcher_)
                 StartRecorder();
@@ -275,7 +258,6 @@ protected:
         }
         ASSERT_FALSE(Events("LUM_TV_EVT_STORAGE_GET_STORAGE_VOLUMES").empty()) << "the event recorder never subscribed";
     }
-
     // `lumstoragectl watch --json` into the events file, kept from before.
     void StartRecorder()
     {
@@ -288,7 +270,6 @@ protected:
             _exit(127);
         }
     }
-
     void StopRecorder()
     {
         if (watcher_ > 0) {
@@ -297,7 +278,6 @@ protected:
             watcher_ = -1;
         }
     }
-
     // lumstoragectl --json ARGS, with `input` on its standard input.
     Result Ctl(const std::vector<std::string>& args, const std::string& input = {}) const
     {
@@ -305,7 +285,6 @@ protected:
         argv.insert(argv.end(), args.begin(), args.end());
         return lumrig::Run(argv, input, 120);
     }
-
     // Every recorded event line (a line still being written left out).
     std::vector<std::string> Events() const { return Split(lumrig::ReadFile(events_), '\n'); }
     // The pieces of text that each end in `end`, in order.
@@ -316,7 +295,6 @@ protected:
             pieces.push_back(text.substr(at, stop - at));
         return pieces;
     }
-
     // Lines of one event, e.g. "LUM_TV_EVT_STORAGE_DEV_MOUNT".
     std::vector<std::string> Events(const std::string& name) const
     {
@@ -327,20 +305,16 @@ protected:
         }
         return out;
     }
-
     // Waits until `count` events of that name have been recorded in all.
     bool WaitFor(const std::string& name, size_t count = 1, int timeout_s = 60) const
     {
         return lumrig::Until([&] { return Events(name).size() >= count; }, timeout_s);
     }
-
     static bool Has(const std::string& line, const std::string& text) { return line.find(text) != std::string::npos; }
     // mount's lines of the service's volumes.
     std::string Mounts() const { return tv.Exec("mount | grep /mnt/pvr/shared || true").out; }
-
-    // The pids of this television's processes named `name` (pgrep -x). The
-    // rig shares the host's PID namespace: processes of the host and of
-    // other televisions are told apart by their mount namespace.
+    // The pids of this television's processes named `name` (pgrep -x). The rig shares the host's PID
+    // namespace: processes of the host and of other televisions are told apart by their mount namespace.
     std::vector<pid_t> TvPids(const std::string& name) const
     {
         const char* script = "self=$(readlink /proc/self/ns/mnt); for p in $(pgrep -x \"$1\"); do "
@@ -350,19 +324,15 @@ protected:
             pids.push_back(static_cast<pid_t>(std::stol(pid)));
         return pids;
     }
-
     // Shell line that writes persist.pvr.* properties: "rec.enable=1 ...".
     static std::string PvrProperties(const std::string& assignments)
     {
         return "mkdir -p /run/properties && for a in " + assignments +
                "; do printf %s \"${a#*=}\" > /run/properties/persist.pvr.${a%%=*}; done";
     }
-
-    // Wrappers in /run/holdbin for the service's PATH (HoldableEnv): each
-    // runs the real tool of its name, but first waits while /run/hold.KEY
-    // exists (KEY: the name up to its first dot, so "mkfs" holds mkfs.ext4
-    // too), with /run/held.KEY showing that a call waits there, and fails
-    // while /run/fail.KEY exists.
+    // Wrappers in /run/holdbin for the service's PATH (HoldableEnv): each runs the real tool of its name, but
+    // first waits while /run/hold.KEY exists (KEY: the name up to its first dot, so "mkfs" holds mkfs.ext4
+    // too), with /run/held.KEY showing that a call waits there, and fails while /run/fail.KEY exists.
     void MakeHoldable(const std::vector<std::string>& tools) const
     {
         std::string wrapper = std::string("#!/bin/sh\nn=$(basename \"$0\"); k=${n%%.*}\n") +
@@ -386,10 +356,8 @@ protected:
                        "done; [ -e /run/held." + tool + " ]")
             .ok();
     }
-
     // The rig's PATH inside the television.
     static constexpr const char* kRigPath = "/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin";
-
     std::string socket_;
     std::string events_;
     pid_t watcher_ = -1;
@@ -400,9 +368,8 @@ constexpr int kNotSent = -1000;
 
 class FileOps : public ServiceRig {
 protected:
-    // Runs a subcommand and gives the result it printed, kNotSent when the
-    // client refused the request before sending. The exit status must go
-    // with it: 0 for result 0, 1 for any other, 2 for a refusal.
+    // Runs a subcommand and gives the result it printed, kNotSent when the client refused the request before
+    // sending. The exit status must go with it: 0 for result 0, 1 for any other, 2 for a refusal.
     int Op(const std::vector<std::string>& args, const std::string& input = {})
     {
         last_ = Ctl(args, input);
@@ -416,7 +383,6 @@ protected:
         return result;
     }
     int Write(const std::string& path, const std::string& data) { return Op({"write", path}, data); }
-
     // A command inside the television, its words passed as they are.
     Result In(const std::vector<std::string>& argv) const { return tv.ExecArgv(argv); }
     std::string Cat(const std::string& path) const
@@ -481,7 +447,6 @@ protected:
         }
         return results;
     }
-
     Result last_;  // of the last Op
 };
 

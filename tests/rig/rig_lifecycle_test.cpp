@@ -1,6 +1,5 @@
-// The simulated television leaves nothing behind: after a teardown, after
-// everything that could clean up died at once, and after a description that
-// cannot be built. What the rig builds (disks, tools, uevents, the MTP
+// The simulated television leaves nothing behind: after a teardown, after everything that could clean up died
+// at once, and after a description that cannot be built. What the rig builds (disks, tools, uevents, the MTP
 // stand-in) is proved by the service's own tests on it.
 #include <dirent.h>
 #include <signal.h>
@@ -11,7 +10,6 @@
 #include "rig_fixture.h"
 
 namespace {
-
 using lumrig::Result;
 using lumrig::Rig;
 using lumrig::RigTest;
@@ -56,8 +54,7 @@ TEST_F(RigTest, TeardownLeavesNoMountLoopDeviceOrProcessEvenWhenBusy) {
   Result up = tv.Up(kDisks);
   ASSERT_TRUE(up.ok()) << up.Describe();
   const std::string id = tv.id();
-  // Busy: ext4, FAT (fusefat) and NTFS (ntfs-3g) mounted, a shell sitting in
-  // a mounted folder.
+  // Busy: ext4, FAT (fusefat) and NTFS (ntfs-3g) mounted, a shell sitting in a mounted folder.
   ASSERT_TRUE(tv.Exec("mkdir -p /mnt/a /mnt/b /mnt/c && mount /dev/sdb2 /mnt/a && mount /dev/sdb1 /mnt/b && "
                       "ntfs-3g /dev/sdc1 /mnt/c")
                   .ok());
@@ -89,7 +86,6 @@ TEST_F(RigTest, LeftoversOfACrashedRunGoWithTheNextUp) {
   kill(owner, SIGKILL);
   waitpid(owner, nullptr, 0);
   ASSERT_TRUE(lumrig::Exists(state)) << "nothing cleaned up yet";
-
   Result next = tv.Up(kDisks);
   ASSERT_TRUE(next.ok()) << next.Describe();
   EXPECT_FALSE(lumrig::Exists(state));
