@@ -1,7 +1,6 @@
-// The readers of the device table's tagged bytes on damaged buffers: the table (trace_dev_table, which also
-// replaces the service's rows) and the device information (trace_dev_info). The bytes sit in a block of their
-// own size, so an element read past the end shows. A row with a label asks blkid for it, which reaches only
-// the sandbox's stub shell.
+// The readers of the device table's tagged bytes on damaged buffers: the table (trace_dev_table, which also replaces
+// the service's rows) and the device information (trace_dev_info). The bytes sit in a block of their own size, so an
+// element read past the end shows. A row with a label asks blkid for it, which reaches only the sandbox's stub shell.
 #include <cstddef>
 #include <cstdint>
 

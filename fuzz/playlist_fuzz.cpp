@@ -1,7 +1,6 @@
 // The playlist reader on fuzzed playlists: the bytes become a playlist file in the scratch folder, which
-// ExtractPlaylistToTempDir expands as a listing of "list.m3u/" does. Each entry costs a shell line (touch),
-// which the sandbox's stub shell answers with 0 at once; to keep runs short the playlist is cut after its
-// 32nd line.
+// ExtractPlaylistToTempDir expands as a listing of "list.m3u/" does. Each entry costs a shell line (touch), which the
+// sandbox's stub shell answers with 0 at once; to keep runs short the playlist is cut after its 32nd line.
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>

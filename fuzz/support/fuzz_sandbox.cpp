@@ -27,8 +27,7 @@ void drop_line(int, const char*, const char*, void*) {}
     exit(1);
 }
 
-// The folder of a libFuzzer flag's value: "dir/crash-" is "dir", "dir/" is
-// "dir", "crash-" is the current folder.
+// The folder of a libFuzzer flag's value: "dir/crash-" is "dir", "dir/" is "dir", "crash-" is the current folder.
 std::string folder_of(const std::string& value)
 {
     size_t slash = value.rfind('/');
@@ -104,8 +103,7 @@ void set_read_only(const std::string& path, bool readOnly, unsigned int flags)
         fail("cannot change the read-only flag of", path);
 }
 
-// A /dev of the harmless nodes only: the real ones are bound from
-// descriptors taken before the new /dev hides them.
+// A /dev of the harmless nodes only: the real ones are bound from descriptors taken before the new /dev hides them.
 void minimal_dev()
 {
     static const char* const kNodes[] = {"null", "zero", "full", "random", "urandom"};
@@ -138,8 +136,7 @@ int remove_entry(const char* path, const struct stat*, int, struct FTW* ftw)
 
 void empty_folder(const char* path) { nftw(path, remove_entry, 16, FTW_DEPTH | FTW_PHYS | FTW_MOUNT); }
 
-// The sandbox's promises, checked before any input runs: a shell line runs
-// nothing, and the root cannot be written.
+// The sandbox's promises, checked before any input runs: a shell line runs nothing, and the root cannot be written.
 void check_sandbox()
 {
     errno = 0;

@@ -79,9 +79,8 @@ protected:
         }
         return r;
     }
-    // The mount tree, its folder and the service's volume list name exactly
-    // these volumes ("sdb1"), each once, each on its own mount point. The
-    // list is asked for first: it comes after every run queued before it.
+    // The mount tree, its folder and the service's volume list name exactly these volumes ("sdb1"), each once, each on
+    // its own mount point. The list is asked for first: it comes after every run queued before it.
     void ExpectVolumes(const std::multiset<std::string>& volumes) const
     {
         Result table = Volumes();
@@ -232,8 +231,7 @@ TEST_F(Faults, FullQueueRefusesTheExtraAtOnceRunsTheRestAndLosesNoPlug)
     // The first request takes the service thread to the held df.
     ASSERT_TRUE(Has(Ctl({"get-device-size", "held", "0"}).out, "\"value\":true"));
     ASSERT_TRUE(WaitHeld("df"));
-    // Fifteen at once: the queue (depth 10) takes ten, the others are
-    // refused while the service thread still waits.
+    // Fifteen at once: the queue (depth 10) takes ten, the others are refused while the service thread still waits.
     std::vector<std::future<Result>> clients;
     for (size_t i = 0; i < 15; ++i)
         clients.push_back(Client([this, i] { return Ctl({"get-device-size", "q" + std::to_string(i), "0"}); }));

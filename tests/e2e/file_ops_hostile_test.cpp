@@ -1,9 +1,8 @@
-// Hostile file names through every file operation of lumstoragectl, end to end (the unit suite sweeps the
-// service's operations with more): quotes, backslashes, command substitutions, newlines, formats, leading
-// dashes, globs, bytes that are not UTF-8, a name of 255 bytes. lumstoragectl takes each as an argument, byte
-// for byte (argv carries everything but NUL, which no name holds). Each operation must act on the named file
-// alone: a canary beside it survives, and a marker that the names would create, were any of them run as shell
-// code, never appears.
+// Hostile file names through every file operation of lumstoragectl, end to end (the unit suite sweeps the service's
+// operations with more): quotes, backslashes, command substitutions, newlines, formats, leading dashes, globs, bytes
+// that are not UTF-8, a name of 255 bytes. lumstoragectl takes each as an argument, byte for byte (argv carries
+// everything but NUL, which no name holds). Each operation must act on the named file alone: a canary beside it
+// survives, and a marker that the names would create, were any of them run as shell code, never appears.
 
 #include "rig_fixture.h"
 

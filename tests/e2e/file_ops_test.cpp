@@ -1,7 +1,6 @@
-// File operations end to end: protection, recordings with their companions, tree copies, the copy engine's
-// busy answer, cancel and full volume, moves inside and across volumes, and the command primitives, through
-// lumstoragectl against the service on the simulated television, with real ext4, FAT and NTFS volumes on
-// plugged sticks.
+// File operations end to end: protection, recordings with their companions, tree copies, the copy engine's busy answer,
+// cancel and full volume, moves inside and across volumes, and the command primitives, through lumstoragectl against
+// the service on the simulated television, with real ext4, FAT and NTFS volumes on plugged sticks.
 
 #include "rig_fixture.h"
 
@@ -153,8 +152,7 @@ TEST_F(FileOpsTest, SecondCopyIsBusyCancelStopsALargeFileAndAFullVolumeIsAnnounc
         return;
     const std::string vol = "/mnt/pvr/shared/sdb1", fat = "/mnt/pvr/shared/sdb2", full = "/mnt/pvr/shared/sdc1";
     const std::string big = vol + "/big", one = vol + "/one";
-    // 200 MB through the FAT adapter take seconds: time for a second request
-    // and a cancel while one file is under way.
+    // 200 MB through the FAT adapter take seconds: time for a second request and a cancel while one file is under way.
     ASSERT_TRUE(tv.Exec("head -c 200M /dev/urandom > " + big).ok());
     Put(one, "one");
     // The size of a file inside the television, -1 when there is none.

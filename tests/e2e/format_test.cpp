@@ -137,8 +137,7 @@ TEST_F(Format, TelevisionWithoutRecordingFormatsFat32AfterAFailureThatKeptTheOld
 
 TEST_F(Format, WatchdogReportsAnOverdueFormatWhichStillEndsWithItsResult)
 {
-    // Without recording the watchdog gives a format 15 s; this one is held
-    // until the test has seen the expiry.
+    // Without recording the watchdog gives a format 15 s; this one is held until the test has seen the expiry.
     StartFormatRig("disk stick size=64M table=msdos plugged=no\n  part fs=vfat label=SLOW\n", false);
     ASSERT_TRUE(Hold("mkfs", true));
     ASSERT_TRUE(Ctl({"dev-format", "/dev/sdb1"}).ok());

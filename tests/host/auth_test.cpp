@@ -101,8 +101,7 @@ TEST_F(AuthTest, OtherUserIsKeptOutByTheFileAndClosedBeforeAnyByteIsRead)
     hosttest::TestServer srv;
     ASSERT_EQ(0, srv.start());
     auto connects = [&] { return connect_errno(srv.config.socket_path); };
-    // The folder the daemon made (0700), then the socket itself (0600),
-    // each keeps another user out on its own.
+    // The folder the daemon made (0700), then the socket itself (0600), each keeps another user out on its own.
     chmod(srv.dir.path.c_str(), 0755);
     EXPECT_EQ(EACCES, hosttest::run_as(kNobody, kNogroup, connects));
     chmod((srv.dir.path + "/run").c_str(), 0755);
@@ -200,18 +199,16 @@ protected:
         unsetenv("LMDROID_PROPERTY_DIR");
         if (!started) {
             int code = hosttest::wait_exit(daemon.proc.pid, 5000);
-            if (code == 90) {
+            if (code == 90)
                 GTEST_SKIP() << "SKIPPED LOUDLY: no sandbox for the real daemon";
-            }
             FAIL() << "real daemon did not start: '" << daemon.ready << "' exit " << code;
         }
 #endif
     }
     void TearDown() override
     {
-        if (started) {
+        if (started)
             EXPECT_EQ(0, daemon.stop());
-        }
     }
     std::string proc(const std::string& what) const { return "/proc/" + std::to_string(daemon.proc.pid) + "/" + what; }
     hosttest::TempDir dir;
@@ -274,9 +271,8 @@ TEST_F(RealDaemonAccess, ListensOnItsSocketAndTheDebugShellAlone)
     ASSERT_EQ(0, served_client(sock));
     std::set<std::string> inodes = socket_inodes(proc("fd"));
     std::set<std::string> listening, known;
-    // Unix sockets: Num RefCount Protocol Flags Type St Inode [Path]; a listening one has the flag
-    // __SO_ACCEPTCON (00010000). A connection the daemon accepted belongs to the client's network namespace,
-    // the test's own.
+    // Unix sockets: Num RefCount Protocol Flags Type St Inode [Path]; a listening one has the flag __SO_ACCEPTCON
+    // (00010000). A connection the daemon accepted belongs to the client's network namespace, the test's own.
     for (const std::string& table : {proc("net/unix"), std::string("/proc/self/net/unix")}) {
         for (const auto& row : net_rows(table)) {
             if (row.size() < 7 || inodes.count(row[6]) == 0)

@@ -13,8 +13,7 @@ struct Proc {
     int err = -1;  // its standard error, when not started with a ready fd
 };
 
-// Starts args[0]; the child's stdout (or, with ready_fd, fd 3) goes to a
-// pipe. setup runs in the child before exec.
+// Starts args[0]; the child's stdout (or, with ready_fd, fd 3) goes to a pipe. setup runs in the child before exec.
 Proc spawn(const std::vector<std::string>& args, bool ready_fd, void (*setup)() = nullptr);
 
 // Everything the pipe gives until EOF or timeout.

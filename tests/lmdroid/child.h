@@ -1,6 +1,5 @@
-// Runs this test binary again as a fresh process in the child mode named by
-// LMDROID_TEST_CHILD (see child.cpp), with the parent's environment. Shows
-// what survives a restart and what the environment does at start-up.
+// Runs this test binary again as a fresh process in the child mode named by LMDROID_TEST_CHILD (see child.cpp), with
+// the parent's environment. Shows what survives a restart and what the environment does at start-up.
 #pragma once
 
 #include <sys/types.h>

@@ -103,8 +103,7 @@ TEST_F(Props, KilledWriterLeavesOldOrNewValue) {
 
 TEST_F(Props, LeftoversGoWhenNoWriteIsUnderWayEvenWhileTheirPidLives) {
     ASSERT_EQ(0, property_set("persist.lm.k", "first"));
-    // A writer killed but not reaped yet, and a leftover whose pid another
-    // process (here init) has taken since.
+    // A writer killed but not reaped yet, and a leftover whose pid another process (here init) has taken since.
     int fd = -1;
     pid_t pid = lmdroid_test::spawn_child("setloop", &fd);
     ASSERT_GT(pid, 0);
@@ -114,8 +113,7 @@ TEST_F(Props, LeftoversGoWhenNoWriteIsUnderWayEvenWhileTheirPidLives) {
     siginfo_t info;
     ASSERT_EQ(0, waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOWAIT));  // dead, not reaped
     std::ofstream(dir_ + "/.tmp-1-1234-0") << "half";
-    // A write under way elsewhere (its lock held here) keeps every temporary
-    // file: any of them may be its own.
+    // A write under way elsewhere (its lock held here) keeps every temporary file: any of them may be its own.
     int busy = open(dir_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     ASSERT_EQ(0, flock(busy, LOCK_SH));
     ASSERT_EQ(0, property_set("persist.lm.k", "second value"));

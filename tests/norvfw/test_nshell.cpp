@@ -35,18 +35,16 @@ std::string Talk(int fd, const std::string& text)
     EXPECT_EQ(static_cast<ssize_t>(text.size()), send(fd, text.data(), text.size(), MSG_NOSIGNAL));
     std::string reply;
     char buf[1024];
-    for (ssize_t n; (n = recv(fd, buf, sizeof(buf), 0)) > 0;) {
+    for (ssize_t n; (n = recv(fd, buf, sizeof(buf), 0)) > 0;)
         reply.append(buf, static_cast<size_t>(n));
-    }
     close(fd);
     return reply;
 }
 
 int CmdEcho(int argc, char** argv, std::string* out)
 {
-    for (int i = 1; i < argc; ++i) {
+    for (int i = 1; i < argc; ++i)
         out->append(argv[i]).push_back('\n');
-    }
     return 0;
 }
 
@@ -146,8 +144,7 @@ TEST_F(ShellSocket, AnotherUserIsClosedUnansweredWhateverTheFileMode)
         send(fd, "help\n", 5, MSG_NOSIGNAL);
         // Closed, nothing answered; a close with "help" still unread reaches the client as a reset.
         char c;
-        // Closed, nothing answered: an end of file, or a reset when the
-        // shell closed with our line still unread.
+        // Closed, nothing answered: an end of file, or a reset when the shell closed with our line still unread.
         ssize_t n = recv(fd, &c, 1, 0);
         _exit(n == 0 || (n < 0 && errno == ECONNRESET) ? 0 : 12);
     }

@@ -11,9 +11,8 @@ std::vector<unsigned long> Drain(CNorvMsgQueue* q)
 {
     std::vector<unsigned long> got;
     CNorvMsg msg;
-    while (q->TryReceive(&msg) == 0) {
+    while (q->TryReceive(&msg) == 0)
         got.push_back(msg.GetSignalName());
-    }
     return got;
 }
 

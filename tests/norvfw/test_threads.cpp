@@ -25,9 +25,8 @@ public:
         char c;
         while (m_StopFlag.load() == 0) {
             m_Entered.store(true);
-            if (recv(m_Fds[0], &c, 1, 0) < 0 && errno == EINTR) {
+            if (recv(m_Fds[0], &c, 1, 0) < 0 && errno == EINTR)
                 m_Interrupted.fetch_add(1);
-            }
         }
     }
     std::atomic<bool> m_Entered{false};
@@ -93,9 +92,8 @@ TEST(Threads, ConcurrentSendersLoseNothingKeepOrderAndFreeEveryPayloadOnce)
             }
         });
     }
-    for (std::thread& t : senders) {
+    for (std::thread& t : senders)
         t.join();
-    }
     ASSERT_TRUE(WaitFor([&] { return r.GetNrOfProcessedMsgs() == kSenders * kEach; }));
     std::vector<unsigned long> next(kSenders);
     for (unsigned long signal : r.Signals()) {  // each sender's messages in its order

@@ -12,9 +12,8 @@ class Timers : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        if (!TimeOutServer::instance().IsRunning()) {
+        if (!TimeOutServer::instance().IsRunning())
             ASSERT_EQ(0, TimeOutServer::instance().StartThread("timeout_server", 0, 0));
-        }
         ASSERT_EQ(0, m_Queue.Create(QueueName("timer").c_str(), 10));
     }
     void Sleep(int ms) { std::this_thread::sleep_for(std::chrono::milliseconds(ms)); }
@@ -74,13 +73,11 @@ TEST_F(Timers, StopRacingWithTheExpiryNeverLeavesALiveExpiry)
         ASSERT_EQ(0, t.StartTimer(round % 3, 10, m_Queue.GetHandle(), 0));
         std::thread stopper([&] { t.StopTimer(); });
         stopper.join();
-        if (round == 299) {
+        if (round == 299)
             Sleep(20);
-        }
         CNorvMsg msg;
-        while (m_Queue.TryReceive(&msg) == 0) {
+        while (m_Queue.TryReceive(&msg) == 0)
             ASSERT_EQ(0, t.TimerIsValid(&msg)) << "round " << round;
-        }
     }
 }
 
@@ -93,9 +90,8 @@ TEST_F(Timers, FullQueueIsRetriedUntilThereIsRoomOrTheTimerStops)
         ASSERT_EQ(0, CNorvMsgQueue::Post(small.GetHandle(), CNorvMsg(99)));
         ASSERT_EQ(0, t.StartTimer(1, 7, small.GetHandle(), 0));
         Sleep(50);
-        if (stop) {
+        if (stop)
             t.StopTimer();
-        }
         CNorvMsg msg;
         ASSERT_EQ(0, small.TryReceive(&msg));
         EXPECT_EQ(99u, msg.GetSignalName());

@@ -16,9 +16,8 @@ std::vector<std::string> Lines(const std::string& text)
 {
     std::vector<std::string> lines;
     std::istringstream in(text);
-    for (std::string line; std::getline(in, line);) {
+    for (std::string line; std::getline(in, line);)
         lines.push_back(line);
-    }
     return lines;
 }
 
@@ -69,14 +68,12 @@ TEST_F(TraceTest, LinesStayWholeWhenThreadsTraceAtOnce)
     std::vector<std::thread> threads;
     for (int t = 0; t < kThreads; ++t) {
         threads.emplace_back([&, t] {
-            for (int i = 0; i < kLines; ++i) {
+            for (int i = 0; i < kLines; ++i)
                 TraceFormattedString(TRACE_NORVMSG, TRACELEVEL_INFO, "t%d n%d%s", t, i, tail.c_str());
-            }
         });
     }
-    for (std::thread& th : threads) {
+    for (std::thread& th : threads)
         th.join();
-    }
     std::vector<std::string> lines = Lines(capture.Stop());
     ASSERT_EQ(static_cast<size_t>(kThreads * kLines), lines.size());
     std::vector<int> next(kThreads, 0);

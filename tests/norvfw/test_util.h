@@ -27,9 +27,8 @@ template <typename Pred>
 bool WaitFor(Pred pred, int timeoutMs = 5000)
 {
     for (int waited = 0; waited < timeoutMs; ++waited) {
-        if (pred()) {
+        if (pred())
             return true;
-        }
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
     return false;
@@ -89,9 +88,8 @@ public:
             m_Saved = -1;
             char buf[4096];
             ssize_t n;
-            for (off_t at = 0; (n = pread(m_File, buf, sizeof(buf), at)) > 0; at += n) {
+            for (off_t at = 0; (n = pread(m_File, buf, sizeof(buf), at)) > 0; at += n)
                 m_Text.append(buf, static_cast<size_t>(n));
-            }
         }
         return m_Text;
     }

@@ -217,9 +217,8 @@ protected:
     {
         Result up = tv.Up(description);
         ASSERT_TRUE(up.ok()) << up.Describe();
-        if (!prepare.empty()) {
+        if (!prepare.empty())
             ASSERT_TRUE(tv.Exec(prepare).ok()) << prepare;
-        }
         StartServiceOnly(env);
         if (HasFatalFailure())
             return;
@@ -420,15 +419,13 @@ protected:
     {
         return In({"sh", "-c", "find \"$1\" -mindepth 1 -printf '%P %y\\n' | LC_ALL=C sort", "sh", dir}).out;
     }
-    // What copy holds that original does not hold the same (diff's lines),
-    // leaving out what is missing from copy.
+    // What copy holds that original does not hold the same (diff's lines), leaving out what is missing from copy.
     std::string Differing(const std::string& copy, const std::string& original) const
     {
         const char* script = "diff -rq \"$1\" \"$2\" 2>&1 | grep -v \"^Only in $2[:/]\" || true";
         return In({"sh", "-c", script, "sh", copy, original}).out;
     }
-    // Waits inside the television, at most 30 s, until more than n entries
-    // lie under dir: a copy into it is under way.
+    // Waits inside the television, at most 30 s, until more than n entries lie under dir: a copy into it is under way.
     bool Filling(const std::string& dir, int n) const
     {
         return In({"sh", "-c",

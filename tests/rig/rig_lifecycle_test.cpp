@@ -27,8 +27,7 @@ std::multiset<std::string> HostMounts() {
   return out;
 }
 
-// Loop devices backed by an image of the television (other tests may hold
-// loop devices of their own meanwhile).
+// Loop devices backed by an image of the television (other tests may hold loop devices of their own meanwhile).
 std::string LoopsOf(const std::string& id) {
   return lumrig::Run({"sh", "-c", "losetup -a | grep -F \"$0\" || true", lumrig::RunDir() + "/" + id + "/"}).out;
 }

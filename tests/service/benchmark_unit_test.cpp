@@ -1,6 +1,5 @@
-// Disk benchmark: progress stages, the figure read off the tool's output, and
-// runs against a fake iozone that can be held. Ticks are live expiries of the
-// benchmark's timer taken from the test's queue. Payloads written out by hand.
+// Disk benchmark: progress stages, the figure read off the tool's output, and runs against a fake iozone that can be
+// held. Ticks are live expiries of the benchmark's timer taken from the test's queue. Payloads written out by hand.
 #include <gtest/gtest.h>
 
 #include <cstdio>
@@ -186,7 +185,6 @@ protected:
 TEST_F(BenchmarkRun, TicksReportOneStageEachThenTheThreadReportsTheFigure)
 {
     EventCapture events;
-    LogCapture log;
     Hold();
     dispatch(SIG_ID_STORAGE_BENCHMARK, "/mnt/pvr/shared/sdq1");
     ASSERT_TRUE(benchmark_running());
@@ -205,8 +203,6 @@ TEST_F(BenchmarkRun, TicksReportOneStageEachThenTheThreadReportsTheFigure)
     ASSERT_TRUE(WaitEnd(events));
     EXPECT_EQ(payloads(events.events(), LUM_TV_EVT_STORAGE_DEV_BENCHMARK),
               (std::vector<Bytes>{kMid1, kMid50, kMid75, kMid100, kMid100, kFinal904493}));
-    EXPECT_TRUE(log.has("finished (rc=0)\n"));
-    EXPECT_TRUE(log.has("writeSpeed: 904493 readSpeed 904493\n"));
     EXPECT_EQ(benchmark_progress(), 0);
     EXPECT_EQ(benchmark_ticks(), 0ul);
     // A tick after the end does nothing.
@@ -273,7 +269,6 @@ TEST_F(BenchmarkRun, VolumeGoingAwayStopsOnlyItsOwnBenchmarkAndOneCancelJoinsThe
 TEST_F(BenchmarkRun, PathThatIsNoPlainWordIsRefusedWithoutAThread)
 {
     EventCapture events;
-    LogCapture log;
     dispatch(SIG_ID_STORAGE_BENCHMARK, "/tmp/vol;touch /tmp/fake/owned");
     dispatch(SIG_ID_STORAGE_BENCHMARK, "");
     EXPECT_FALSE(benchmark_running());
@@ -281,13 +276,11 @@ TEST_F(BenchmarkRun, PathThatIsNoPlainWordIsRefusedWithoutAThread)
     EXPECT_EQ(payloads(events.events(), LUM_TV_EVT_STORAGE_DEV_BENCHMARK), (std::vector<Bytes>{kRefused, kRefused}));
     EXPECT_FALSE(exists("/tmp/fake/owned"));
     EXPECT_FALSE(exists("/tmp/fake/iozone.calls"));
-    EXPECT_TRUE(log.has("is no plain mount path, not measured"));
 }
 
 TEST_F(BenchmarkRun, ForgedTicksAndSecondStartsChangeNothingAndTheTickLimitCancels)
 {
     EventCapture events;
-    LogCapture log;
     ASSERT_TRUE(StartHeld("/tmp/vol"));
     dispatch(SIG_ID_STORAGE_BENCHMARK_PROGRESS);  // no timer sent it
     EXPECT_EQ(benchmark_ticks(), 0ul);
@@ -298,7 +291,6 @@ TEST_F(BenchmarkRun, ForgedTicksAndSecondStartsChangeNothingAndTheTickLimitCance
     EXPECT_TRUE(benchmark_running());
     AllowKill();
     Tick();
-    EXPECT_TRUE(log.has("benchmark is running for 15min --> cancel benchmark"));
     EXPECT_FALSE(benchmark_running());
     EXPECT_EQ(benchmark_threads_alive(), 0);
     EXPECT_EQ(payloads(events.events(), LUM_TV_EVT_STORAGE_DEV_BENCHMARK), (std::vector<Bytes>{kMid1, kCancelled}));

@@ -51,10 +51,7 @@ TEST(CopyRequest, TypeByteDecidesIsOptionalAndASlashMakesATree)
 TEST(CopyRequest, CutArgumentsAreCheckedAndReadBigEndian)
 {
     COPY_THREAD_CONTEXT ctx;
-    LogCapture log;
     EXPECT_EQ(parse(request("/a/x", "/b/x", cut_tail(0, 3)), &ctx), 1);  // cut_arg_len 5
-    EXPECT_TRUE(log.has("cut_arg_len=5 (cut_arg_len MOD 4)=1"));
-    EXPECT_TRUE(log.has("***E: invalid cut arguments"));
     ASSERT_EQ(parse(request("/a/x", "/b/x", cut_tail(1)), &ctx), 0);  // 6
     EXPECT_EQ(ctx.type, 3);
     EXPECT_EQ(ctx.src_flags, 0xA1);
@@ -268,9 +265,7 @@ TEST_F(CopyHub, OldClientGetsItsTextAndNeverMoreThanArrived)
     EXPECT_STREQ(reinterpret_cast<const char*>(probe.posted[0].record.buf1), "/a/b.ts");
     EXPECT_EQ(probe.posted[1].record.intValue1, 1);
     // Without raw bytes a text of 100 bytes has no carrier.
-    LogCapture log;
     EXPECT_FALSE(Post(CopyRequest("/" + std::string(99, 'x'), 101, nullptr)));
-    EXPECT_TRUE(log.has("nothing posted"));
 }
 
 TEST_F(CopyHub, BadRawBytesAreRefusedAndNothingIsPosted)
@@ -294,11 +289,9 @@ TEST_F(CopyHub, BadRawBytesAreRefusedAndNothingIsPosted)
         {"/a", -4, &ok},
     };
     for (const Case& c : cases) {
-        LogCapture log;
         bool bFree = false;
         EXPECT_FALSE(Post(CopyRequest(c.path, c.len, c.raw), &bFree)) << c.len;
         EXPECT_TRUE(bFree);
-        EXPECT_TRUE(log.has("nothing posted")) << c.len;
     }
     EXPECT_EQ(probe.ReadMsgsFromNonBlockingQueue(), 0);
     // The largest request that is taken.

@@ -1,6 +1,5 @@
-// The file operations' hub rows, request to reply byte for byte, with the
-// events and the disk behind them: deletion, renaming and writing, shell
-// commands with their bounds, and chmod, open, read, write, sync and close.
+// The file operations' hub rows, request to reply byte for byte, with the events and the disk behind them: deletion,
+// renaming and writing, shell commands with their bounds, and chmod, open, read, write, sync and close.
 #include "file_ops_fixture.h"
 
 #include <cerrno>

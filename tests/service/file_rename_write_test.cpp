@@ -1,5 +1,4 @@
-// RenameFile and WriteFile with the real rm, mv and chmod: result bytes,
-// events, and what is left on the disk.
+// RenameFile and WriteFile with the real rm, mv and chmod: result bytes, events, and what is left on the disk.
 #include "file_ops_fixture.h"
 
 #include <cerrno>

@@ -57,8 +57,7 @@ public:
     UeventSender()
     {
         fd_ = socket(AF_NETLINK, SOCK_DGRAM | SOCK_CLOEXEC, NETLINK_KOBJECT_UEVENT);
-        // An explicit port id: the first socket bound with 0 would take the
-        // process id, which the watcher binds to.
+        // An explicit port id: the first socket bound with 0 would take the process id, which the watcher binds to.
         struct sockaddr_nl self = {};
         self.nl_family = AF_NETLINK;
         self.nl_pid = 0x7f000000u | static_cast<unsigned>(getpid());

@@ -39,13 +39,11 @@ int invoke(int word, Parcel* reply, void (*more)(Parcel*) = nullptr, size_t* end
 
 TEST(Hub, UnknownGroupGetsMinusOneAndAnEmptyReply)
 {
-    LogCapture log;
     Parcel reply;
     size_t end = 0;
     EXPECT_EQ(invoke(0x2001, &reply, nullptr, &end), -1);
     EXPECT_EQ(reply.dataSize(), 0u);
     EXPECT_EQ(end, 4u);  // behind the command word
-    EXPECT_TRUE(log.has("failed"));
     Parcel empty, reply2;
     EXPECT_EQ(StorageModuleHub::self()->invoke(empty, &reply2), -1);
     EXPECT_EQ(StorageModuleHub::self()->invoke(empty, nullptr), -1);
@@ -178,9 +176,7 @@ TEST_F(PostRow, ListingFlagsTravelBehindThePathAndLenNeverReachesFurther)
     EXPECT_TRUE(post("/mnt/pvr/shared/sdb1/", 21, &flags));
     std::string path98 = "/" + std::string(97, 'p');
     EXPECT_TRUE(post(path98, 0, &flags));
-    LogCapture log;
     EXPECT_FALSE(post(path98 + "q", 100, &flags));  // no room behind 99 bytes
-    EXPECT_TRUE(log.has("no room for the flags"));
     EXPECT_TRUE(post(path98 + "q", 100, nullptr));
     ASSERT_EQ(probe.ReadMsgsFromNonBlockingQueue(), 4);
     std::vector<StorageManagerAction_t> r;
@@ -210,12 +206,10 @@ TEST_F(PostRow, MissingOrOversizedTextsPostNothingAndLeaveTheRecordToTheHub)
     unterminated.setDataPosition(0);
     StorageManagerAction_t record;
     for (Parcel* request : {&tooLong, &missing, &unterminated}) {
-        LogCapture log;
         memset(&record, 0, sizeof(record));
         bool bFree = true;
         EXPECT_FALSE(post_cmd_row(row, *request, &record, &bFree, probe));
         EXPECT_TRUE(bFree);
-        EXPECT_TRUE(log.has("nothing posted"));
     }
     bool bFree = true;
     Parcel fine;

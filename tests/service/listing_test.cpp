@@ -84,8 +84,7 @@ protected:
         volume("vfat");
     }
     void volume(const char* type) { output("mount", "/dev/sdb1 on " + kVolume + " type " + type + " (rw)\n"); }
-    // Runs a listing of request (len bytes of it, the path's terminator
-    // included, by default) and returns its blocks.
+    // Runs a listing of request (len bytes of it, the path's terminator included, by default) and returns its blocks.
     std::vector<Block> list(const std::string& request, int len = -1, unsigned short id = 0x1234,
                             bool* ok = nullptr)
     {
@@ -322,8 +321,7 @@ TEST_F(Listing, RecordTooLargeForABlockGoesWithoutItsTags)
 {
     if (system("(command -v sox && command -v lame && command -v python3) >/dev/null 2>&1") != 0)
         GTEST_SKIP() << "SKIPPED: needs sox, lame and python3 (scripts/install-deps.sh)";
-    // Two ID3v2.3 frames of 30,000 bytes each before an MPEG stream: title
-    // and artist alone pass what one block holds.
+    // Two ID3v2.3 frames of 30,000 bytes each before an MPEG stream: title and artist alone pass what one block holds.
     ASSERT_EQ(system(("sox -n -r 44100 -b 16 -c 2 /tmp/lst/n.wav synth 1 pinknoise vol 0.5 && "
                       "lame --quiet -V 4 /tmp/lst/n.wav /tmp/lst/notag.mp3 && python3 -c '"
                       "import struct,sys\n"

@@ -78,8 +78,7 @@ protected:
         titles.clear();
         return ExtractPlaylistToTempDir(path.c_str(), links, titles);
     }
-    // The entries in the order of their placeholders' times; every
-    // placeholder must have its rows in both maps.
+    // The entries in the order of their placeholders' times; every placeholder must have its rows in both maps.
     std::vector<Entry> entries()
     {
         std::vector<std::pair<time_t, std::string>> byTime;

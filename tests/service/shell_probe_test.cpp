@@ -36,8 +36,7 @@ int collect(void* ctx, char* line)
 
 TEST(CallSystem, CommandsReadNothingFromTheHostsInput)
 {
-    // Whatever the hosting process has on its input (here a pipe with a
-    // line waiting), a command reads end-of-file.
+    // Whatever the hosting process has on its input (here a pipe with a line waiting), a command reads end-of-file.
     int fds[2];
     ASSERT_EQ(pipe(fds), 0);
     ASSERT_EQ(write(fds[1], "yes\n", 4), 4);

@@ -134,8 +134,7 @@ protected:
 
 }  // namespace
 
-// A volume a format has taken off-line is left alone by every other run
-// until the format's own run brings it back.
+// A volume a format has taken off-line is left alone by every other run until the format's own run brings it back.
 TEST_F(MountRun, AVolumeOffLineForAFormatIsLeftAloneUntilTheFormatBringsItBack)
 {
     StorageManagerService& service = theStorageManagerService;

@@ -1,6 +1,5 @@
-// A program built against an installed lumstorage, as a client of the hub is:
-// it starts the service, asks one question the service answers without any
-// disk (whether the storage is encrypted: never) and prints the answer.
+// A program built against an installed lumstorage, as a client of the hub is: it starts the service, asks one question
+// the service answers without any disk (whether the storage is encrypted: never) and prints the answer.
 #include <cstdio>
 #include <unistd.h>
 
