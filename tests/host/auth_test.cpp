@@ -25,7 +25,6 @@
 
 #include "daemon_proc.h"
 #include "fake_service.h"
-#include "lumproto/frame_io.h"
 #include "test_support.h"
 
 namespace {

@@ -3,7 +3,6 @@
 // for ThreadSanitizer as much as for the checks.
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <lumemclient/EMALClient.h>
 #include <thread>
 #include <unistd.h>

@@ -7,7 +7,6 @@
 #include <thread>
 #include <unistd.h>
 
-#include "lumproto/frame_io.h"
 #include "test_support.h"
 
 namespace {

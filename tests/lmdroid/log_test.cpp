@@ -12,7 +12,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <sstream>
-#include <string>
 #include <thread>
 #include <unistd.h>
 #include <vector>

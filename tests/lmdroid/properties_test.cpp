@@ -21,7 +21,6 @@
 #include <fstream>
 #include <set>
 #include <sstream>
-#include <string>
 #include <thread>
 #include <vector>
 

@@ -7,7 +7,6 @@
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
 #include "norvfw/Nshell.h"
 #include "test_util.h"

@@ -2,9 +2,7 @@
 // at once, and after a description that cannot be built. What the rig builds (disks, tools, uevents, the MTP
 // stand-in) is proved by the service's own tests on it.
 #include <dirent.h>
-#include <signal.h>
 
-#include <set>
 #include <sstream>
 
 #include "rig_fixture.h"

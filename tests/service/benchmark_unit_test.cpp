@@ -1,11 +1,7 @@
 // Disk benchmark: progress stages, the figure read off the tool's output, and runs against a fake iozone that can be
 // held. Ticks are live expiries of the benchmark's timer taken from the test's queue. Payloads written out by hand.
-#include <gtest/gtest.h>
 
 #include <cstdio>
-#include <cstring>
-#include <string>
-#include <sys/stat.h>
 #include <thread>
 
 #include <norvfw/NorvMsgQueue.h>
@@ -13,7 +9,6 @@
 
 #include "Benchmark.h"
 #include "SignalNo.h"
-#include "StorageManagerService.h"
 #include "fake_tools.h"
 #include "test_support.h"
 

@@ -1,8 +1,4 @@
 // CopyFile, CopyDir and the tree walk under them, on the private /tmp and on small tmpfs mounts.
-#include <gtest/gtest.h>
-
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include "copy_fixture.h"
 

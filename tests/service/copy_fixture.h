@@ -2,19 +2,14 @@
 // a copy in the middle of a file, small tmpfs mounts as other file systems.
 #pragma once
 
-#include <gtest/gtest.h>
-
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
-#include <string>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include "CopyEngine.h"
 #include "StorageEvents.h"
-#include "StorageManagerService.h"
 #include "test_support.h"
 
 namespace copy_test {

@@ -1,14 +1,10 @@
 // Copy requests: how the request text is taken apart, whole runs of the copy thread (held in the middle of a
 // file where needed), and the hub's copy and move rows byte for byte.
-#include <gtest/gtest.h>
 
-#include <binder/Parcel.h>
 #include <lumemclient/EMALSink.h>
 
 #include "FileMove.h"
 #include "SignalNo.h"
-#include "StorageCmdTable.h"
-#include "StorageModuleHub.h"
 #include "copy_fixture.h"
 
 namespace copy_test {

@@ -1,18 +1,10 @@
 // The device table: checksum, the tagged bytes the build writes, the rows the reader makes of good and
 // damaged buffers. Expected bytes are written out from the element layout (tag, length, big-endian value).
-#include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstring>
-#include <fstream>
-#include <string>
-#include <sys/stat.h>
-#include <unistd.h>
-#include <vector>
 
 #include "DevTable.h"
 #include "ServiceHandlers.h"
-#include "StorageManagerService.h"
 #include "fake_tools.h"
 #include "test_support.h"
 

@@ -2,14 +2,10 @@
 // /tmp/fake/calls; the real grep, sed and awk still do their part of each command line.
 #pragma once
 
-#include <gtest/gtest.h>
-
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
-#include <string>
 #include <sys/stat.h>
-#include <vector>
 
 #include "test_support.h"
 

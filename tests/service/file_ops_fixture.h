@@ -2,26 +2,17 @@
 // relative command would leave its trace; the events sent and the command lines run.
 #pragma once
 
-#include <gtest/gtest.h>
-
 #include <android/log.h>
 #include <cstdlib>
 #include <dirent.h>
-#include <set>
-#include <string>
 #include <sys/stat.h>
-#include <unistd.h>
-#include <vector>
 
-#include <binder/Parcel.h>
 #include <lmdroid/log_hook.h>
 
 #include "FileProtect.h"
 #include "SignalNo.h"
 #include "StorageEvents.h"
-#include "StorageManagerService.h"
 #include "StorageModuleCmd.h"
-#include "StorageModuleHub.h"
 #include "test_support.h"
 
 namespace file_ops_test {

@@ -1,16 +1,11 @@
 // Formatting: the busy flag, the watchdog, and the replies to refused names. Payloads are written out by
 // hand; the format record is in the host's order, which these vectors take to be little-endian.
-#include <gtest/gtest.h>
-
-#include <cstring>
-#include <unistd.h>
 
 #include <norvfw/NorvMsgQueue.h>
 #include <norvfw/TimeOut.h>
 
 #include "Format.h"
 #include "SignalNo.h"
-#include "StorageManagerService.h"
 #include "fake_tools.h"
 #include "test_support.h"
 

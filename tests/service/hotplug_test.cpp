@@ -1,13 +1,8 @@
-#include <gtest/gtest.h>
-
 #include <chrono>
 #include <cstring>
 #include <linux/netlink.h>
-#include <string>
 #include <sys/socket.h>
 #include <thread>
-#include <unistd.h>
-#include <vector>
 
 #include <norvfw/NorvMsgQueue.h>
 

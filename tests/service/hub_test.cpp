@@ -1,17 +1,10 @@
-#include <gtest/gtest.h>
-
 #include <cstring>
 #include <sys/stat.h>
-#include <vector>
 
-#include <binder/Parcel.h>
 #include <cutils/properties.h>
 #include <norvfw/testing.h>
 
 #include "SignalNo.h"
-#include "StorageCmdTable.h"
-#include "StorageManagerService.h"
-#include "StorageModuleHub.h"
 #include "test_support.h"
 
 namespace {

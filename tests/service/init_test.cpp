@@ -1,15 +1,11 @@
 // Start-up runs in a child process: the service's threads run until the
 // process ends. The children of the other tests are named here too.
-#include <gtest/gtest.h>
 
 #include <cstdio>
 #include <cstring>
 #include <sys/resource.h>
-#include <unistd.h>
 
-#include "StorageManagerService.h"
 #include "StorageModuleCmd.h"
-#include "StorageModuleHub.h"
 #include "StorageSystem.h"
 #include "test_support.h"
 

@@ -1,22 +1,14 @@
 // Directory listings: record and block bytes against vectors built from the wire tables, the filters, block
 // splitting, times by volume type, covers. The test reads the blocks with a reader of its own.
-#include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstring>
 #include <fcntl.h>
-#include <fstream>
-#include <string>
-#include <sys/stat.h>
 #include <sys/time.h>
-#include <unistd.h>
-#include <vector>
 
 #include <norvfw/RTC.h>
 
 #include "DirListing.h"
 #include "StorageEvents.h"
-#include "StorageManagerService.h"
 #include "fake_tools.h"
 #include "test_support.h"
 

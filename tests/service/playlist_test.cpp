@@ -1,7 +1,6 @@
 // Playlists expanded into placeholders under /tmp/m3u/ with the real touch, in the private /tmp of the test
 // process. Entries are read back as a listing would see them: placeholders ordered by modification time, and
 // the maps looked up under each placeholder's name.
-#include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -9,11 +8,8 @@
 #include <ctime>
 #include <fstream>
 #include <iconv.h>
-#include <string>
 #include <sys/stat.h>
-#include <unistd.h>
 #include <utility>
-#include <vector>
 
 #include "Playlist.h"
 #include "test_support.h"

@@ -1,15 +1,12 @@
 // The PVR identity, the choice after mount and unmount runs and the guide record, on rows filled by hand
 // whose mount points are folders of the private /tmp.
-#include <gtest/gtest.h>
 
 #include <cstring>
-#include <string>
 #include <sys/stat.h>
 
 #include <cutils/properties.h>
 
 #include "PvrIdentity.h"
-#include "StorageManagerService.h"
 #include "StoragePvr.h"
 #include "test_support.h"
 

@@ -1,9 +1,3 @@
-#include <gtest/gtest.h>
-
-#include <string>
-#include <unistd.h>
-#include <vector>
-
 #include "ShellProbe.h"
 #include "ShellQuote.h"
 #include "test_support.h"

@@ -1,30 +1,21 @@
 // Everything at once on the real service, for ThreadSanitizer above all: hub callers on their own threads
 // beside the service thread's plug, mount and listing runs and the format, copy and benchmark threads. The
 // service runs in a child process (its threads never stop) on fake volumes.
-#include <gtest/gtest.h>
 
 #include <algorithm>
 #include <android/log.h>
 #include <atomic>
 #include <chrono>
 #include <cstdio>
-#include <cstdlib>
-#include <cstring>
 #include <dirent.h>
-#include <fstream>
 #include <lmdroid/log_hook.h>
 #include <lumemclient/EMALSink.h>
-#include <mutex>
-#include <set>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include <cutils/properties.h>
 #include <norvfw/NorvMsg.h>
 
 #include "Benchmark.h"
-#include "CopyEngine.h"
 #include "Format.h"
 #include "PvrIdentity.h"
 #include "SignalNo.h"

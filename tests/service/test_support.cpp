@@ -1,7 +1,5 @@
 #include "test_support.h"
 
-#include <gtest/gtest.h>
-
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -13,13 +11,10 @@
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
 #include <lmdroid/log_hook.h>
 #include <lumemclient/EMALSink.h>
 #include <norvfw/TimeOut.h>
-
-#include "StorageManagerService.h"
 
 bool g_isolated = false;
 

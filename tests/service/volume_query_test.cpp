@@ -1,17 +1,10 @@
 // Sizes, UUIDs and volume lists against fake df, mount and blkid output, and the command lines of mount and
 // unmount runs against fake tools on a private tmpfs over /mnt.
-#include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cstdio>
-#include <cstring>
-#include <fstream>
 
-#include <binder/Parcel.h>
-
-#include "StorageManagerService.h"
 #include "StorageModuleCmd.h"
-#include "StorageModuleHub.h"
 #include "VolumeQuery.h"
 #include "fake_tools.h"
 #include "test_support.h"
