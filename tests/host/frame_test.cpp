@@ -29,11 +29,7 @@ struct SocketPair {
         if (b >= 0)
             close(b);
     }
-    void close_b()
-    {
-        close(b);
-        b = -1;
-    }
+    void close_b() { close(b); b = -1; }
 };
 
 std::vector<uint8_t> read_exact(int fd, size_t n)

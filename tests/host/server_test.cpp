@@ -27,11 +27,7 @@ void expect_serving(int fd)
     ASSERT_EQ(ReadStatus::kOk, f.status);
     EXPECT_EQ((std::vector<uint8_t>{0, 0, 0, 0, 0x11, 0x22, 0x33, 0x44}), f.payload);
 }
-void expect_serving(const std::string& path)
-{
-    Fd c(hosttest::connect_to(path));
-    expect_serving(c.fd);
-}
+void expect_serving(const std::string& path) { Fd c(hosttest::connect_to(path)); expect_serving(c.fd); }
 
 class ServerTest : public ::testing::Test {
 protected:

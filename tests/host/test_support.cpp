@@ -30,11 +30,7 @@ TempDir::~TempDir()
         nftw(path.c_str(), remove_entry, 16, FTW_DEPTH | FTW_PHYS);
 }
 
-TestServer::TestServer()
-{
-    config.socket_path = dir.path + "/run/s.sock";
-    config.frame_timeout_ms = 500;
-}
+TestServer::TestServer() { config.socket_path = dir.path + "/run/s.sock"; config.frame_timeout_ms = 500; }
 
 TestServer::~TestServer()
 {

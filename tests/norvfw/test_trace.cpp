@@ -29,11 +29,7 @@ protected:
         norvTrace.SetTraceOnAll(TRACELEVEL_NONE);
         norvTrace.StartTracingToScreen();
     }
-    void TearDown() override
-    {
-        norvTrace.StopTracingToScreen();
-        norvTrace.SetTraceOnAll(TRACELEVEL_ERROR);
-    }
+    void TearDown() override { norvTrace.StopTracingToScreen(); norvTrace.SetTraceOnAll(TRACELEVEL_ERROR); }
 };
 
 }  // namespace

@@ -58,11 +58,7 @@ public:
         m_Signals.push_back(msg->GetSignalName());
         msg->FreeSignal();
     }
-    std::vector<unsigned long> Signals()
-    {
-        std::lock_guard<std::mutex> guard(m_Lock);
-        return m_Signals;
-    }
+    std::vector<unsigned long> Signals() { std::lock_guard<std::mutex> guard(m_Lock); return m_Signals; }
 
 private:
     std::mutex m_Lock;

@@ -35,11 +35,7 @@ protected:
         ASSERT_TRUE(eventually([] { return !copy_running() && copy_threads_alive() == 0; }));
         ASSERT_EQ(system(("rm -rf " + kWork + " && mkdir -p " + kWork).c_str()), 0);
     }
-    void TearDown() override
-    {
-        CloseFeed();
-        eventually([] { return !copy_running() && copy_threads_alive() == 0; });
-    }
+    void TearDown() override { CloseFeed(); eventually([] { return !copy_running() && copy_threads_alive() == 0; }); }
     // A tmpfs of size bytes on dir, another file system than /tmp.
     bool Mount(const std::string& dir, const std::string& size = "1m") { return mounts.tmpfs(dir, "size=" + size); }
     // A FIFO at path with its write end held by the test: a copy of it

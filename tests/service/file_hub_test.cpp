@@ -18,11 +18,7 @@ Bytes cstring(const std::string& text)
     return out;
 }
 
-Bytes operator+(Bytes a, const Bytes& b)
-{
-    a.insert(a.end(), b.begin(), b.end());
-    return a;
-}
+Bytes operator+(Bytes a, const Bytes& b) { a.insert(a.end(), b.begin(), b.end()); return a; }
 
 Bytes sys_cmd(const std::string& cmd, int32_t len) { return Request(STORAGE_LUM_EXE_SYS_CMD).i(len).s(cmd).invoke(); }
 

@@ -111,11 +111,7 @@ TEST(Hub, PostedRowsAnswerQueuedAndTheServiceFreesTheRecordOnce)
 // Rows posting into a queue of the test's own.
 class PostRow : public ::testing::Test {
 protected:
-    void SetUp() override
-    {
-        REQUIRE_ISOLATION();
-        ASSERT_EQ(probe.Init("/lumtest_probe", 10, 0, false), 0);
-    }
+    void SetUp() override { REQUIRE_ISOLATION(); ASSERT_EQ(probe.Init("/lumtest_probe", 10, 0, false), 0); }
     bool Post(const SCmdRow& row, Parcel& request, bool* recordLeft = nullptr)
     {
         return post_row(row, request, probe, recordLeft);

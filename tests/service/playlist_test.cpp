@@ -94,11 +94,7 @@ protected:
         EXPECT_EQ(titles.size(), result.size());
         return result;
     }
-    std::vector<Entry> expect_entries(const std::string& path)
-    {
-        EXPECT_TRUE(expand(path)) << path;
-        return entries();
-    }
+    std::vector<Entry> expect_entries(const std::string& path) { EXPECT_TRUE(expand(path)) << path; return entries(); }
     std::string dir;
     std::map<std::string, std::string> links;
     std::map<std::string, std::string> titles;

@@ -64,11 +64,7 @@ public:
     }
     int benchmarkEnds() const { return m_benchmarkEnds.load(std::memory_order_relaxed); }
     int failedEnds() const { return m_failedEnds.load(std::memory_order_relaxed); }
-    std::vector<Bytes> listings()
-    {
-        std::lock_guard<std::mutex> hold(m_listingLock);
-        return m_listings;
-    }
+    std::vector<Bytes> listings() { std::lock_guard<std::mutex> hold(m_listingLock); return m_listings; }
 
 private:
     static constexpr int kSlots = LUM_TV_EVT_STORAGE_BUTT - LUM_TV_EVT_STORAGE_MIN;
@@ -426,11 +422,7 @@ protected:
         property_set("persist.pvr.device_size_limit", "100");
         property_set(PVR_IDENTITY_PROPERTY, "no");
     }
-    void TearDown() override
-    {
-        remove("/tmp/fake/iozone.hold");
-        FakeTools::TearDown();
-    }
+    void TearDown() override { remove("/tmp/fake/iozone.hold"); FakeTools::TearDown(); }
 };
 
 }  // namespace

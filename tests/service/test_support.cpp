@@ -28,11 +28,7 @@ void LogCapture::hook(int prio, const char* tag, const char* msg, void* ctx)
     self->m_lines.push_back({prio, tag ? tag : "", msg ? msg : ""});
 }
 
-std::vector<LogLine> LogCapture::lines()
-{
-    std::lock_guard<std::mutex> hold(m_lock);
-    return m_lines;
-}
+std::vector<LogLine> LogCapture::lines() { std::lock_guard<std::mutex> hold(m_lock); return m_lines; }
 
 int LogCapture::count(const std::string& needle)
 {
@@ -43,11 +39,7 @@ int LogCapture::count(const std::string& needle)
     return n;
 }
 
-void LogCapture::clear()
-{
-    std::lock_guard<std::mutex> hold(m_lock);
-    m_lines.clear();
-}
+void LogCapture::clear() { std::lock_guard<std::mutex> hold(m_lock); m_lines.clear(); }
 
 EventCapture::EventCapture() { EMAL_SetSink(&EventCapture::sink, this); }
 EventCapture::~EventCapture() { EMAL_SetSink(nullptr, nullptr); }
@@ -60,11 +52,7 @@ void EventCapture::sink(int event, const void* data, int len, void* ctx)
     self->m_events.push_back({event, std::vector<unsigned char>(bytes, bytes + (bytes ? len : 0))});
 }
 
-std::vector<Event> EventCapture::events()
-{
-    std::lock_guard<std::mutex> hold(m_lock);
-    return m_events;
-}
+std::vector<Event> EventCapture::events() { std::lock_guard<std::mutex> hold(m_lock); return m_events; }
 
 bool stack_limit_applies()
 {
@@ -127,11 +115,7 @@ std::string read_file(const std::string& path)
     return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
-bool exists(const std::string& path)
-{
-    struct stat st;
-    return lstat(path.c_str(), &st) == 0;
-}
+bool exists(const std::string& path) { struct stat st; return lstat(path.c_str(), &st) == 0; }
 
 mode_t mode_of(const std::string& path)
 {

@@ -116,26 +116,10 @@ private:
 class Request {
 public:
     explicit Request(int word) { p.writeInt32(word); }
-    Request& s(const std::string& text)
-    {
-        p.writeCString(text.c_str());
-        return *this;
-    }
-    Request& i(int32_t v)
-    {
-        p.writeInt32(v);
-        return *this;
-    }
-    Request& b(bool v)
-    {
-        p.writeBool(v);
-        return *this;
-    }
-    Request& raw(const std::string& bytes)
-    {
-        p.write(bytes.data(), bytes.size());
-        return *this;
-    }
+    Request& s(const std::string& text) { p.writeCString(text.c_str()); return *this; }
+    Request& i(int32_t v) { p.writeInt32(v); return *this; }
+    Request& b(bool v) { p.writeBool(v); return *this; }
+    Request& raw(const std::string& bytes) { p.write(bytes.data(), bytes.size()); return *this; }
     // The reply's bytes; invoke's result must be 0.
     Bytes invoke()
     {
