@@ -19,7 +19,6 @@
 #include <sstream>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 #include <thread>
 #include <unistd.h>
 
@@ -67,13 +66,8 @@ int served_client(const std::string& path)
 // 0 when a connection to the socket at path is taken, else connect's errno.
 int connect_errno(const std::string& path)
 {
-    int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_un addr{};
-    addr.sun_family = AF_UNIX;
-    snprintf(addr.sun_path, sizeof(addr.sun_path), "%s", path.c_str());
-    int rc = connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) == 0 ? 0 : errno;
-    close(fd);
-    return rc;
+    hosttest::Fd c(hosttest::connect_to(path));
+    return c.fd >= 0 ? 0 : errno;
 }
 
 bool wait_refused(lumhost::HostServer* server, uint64_t want)
@@ -110,7 +104,6 @@ TEST_F(AuthTest, OtherUserIsKeptOutByTheFileAndClosedBeforeAnyByteIsRead)
     EXPECT_EQ(0, hosttest::run_as(kNobody, kNogroup, [&] { return refused_client(srv.config.socket_path); }));
     EXPECT_TRUE(wait_refused(srv.server, 1));
     EXPECT_EQ(before, fakesvc::g_invokes.load()) << "a refused peer reached the service";
-    // The owner still gets through.
     EXPECT_EQ(0, served_client(srv.config.socket_path));
 }
 
@@ -127,7 +120,6 @@ TEST_F(AuthTest, GroupOptionOpensTheSocketToThatGroupOnly)
     EXPECT_EQ(0750u, st.st_mode & 07777);
     EXPECT_EQ(kNogroup, st.st_gid);
     chmod(srv.dir.path.c_str(), 0755);
-    // Another user outside the group does not get through the file rights.
     EXPECT_EQ(EACCES, hosttest::run_as(kStranger, kStranger, [&] { return connect_errno(srv.config.socket_path); }));
 }
 

@@ -53,6 +53,8 @@ Bytes mark_event(const std::string& disk, uint8_t marked, uint8_t verdict)
     std::copy(disk.begin(), disk.end(), info.begin() + 8);
     return event(cat({{0x20, 0x00, 0x17, 0x00}, info}));
 }
+// LUM_TV_EVT_STORAGE_HDD_GET_SIZE: big-endian MB, the device, NUL.
+const Bytes kSizeSdb = event({0x1a, 0x00, 0x17, 0x00, 0, 0, 0x01, 0x02, '/', 'd', 'e', 'v', '/', 's', 'd', 'b', 0});
 const Bytes kTrue{0, 0, 0, 0, 1, 0, 0, 0};   // result 0, bool true
 const Bytes kFalse{0, 0, 0, 0, 0, 0, 0, 0};  // result 0, bool false
 
@@ -214,8 +216,6 @@ TEST(CtlWire, WatchDecodesEventsAndDropNotices)
 {
     const Bytes watchdog = format_event("sda1", -3);
     const Bytes dropped = frame(6, {5, 0, 0, 0});
-    // HDD_GET_SIZE: big-endian MB, the device, NUL.
-    const Bytes size_event = event({0x1a, 0x00, 0x17, 0x00, 0, 0, 0x01, 0x02, '/', 'd', 'e', 'v', '/', 's', 'd', 'b', 0});
     const Bytes unknown = event({0x11, 0x22, 0x00, 0x00, 0xca, 0xfe});
     struct Case {
         std::vector<std::string> words;
@@ -230,7 +230,7 @@ TEST(CtlWire, WatchDecodesEventsAndDropNotices)
          "00000010  00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00\n"
          "00000020  fd ff ff ff\n(36 bytes)\n"},
         {{"watch", "--json", "--count", "2"},
-         cat({dropped, watchdog, size_event}),
+         cat({dropped, watchdog, kSizeSdb}),
          "{\"dropped\":5}\n"
          "{\"event\":\"LUM_TV_EVT_STORAGE_FORMAT\",\"id\":1507359,\"len\":36,\"data\":{\"devName\":\"sda1\","
          "\"result\":-3},\"complete\":true,\"rest\":\"\"}\n"
@@ -259,7 +259,6 @@ TEST(CtlWire, WatchDecodesEventsAndDropNotices)
 TEST(CtlWire, EventAnswersAndWhatOnlyAFaultyDaemonDoes)
 {
     const Bytes size_sdc = event({0x1a, 0x00, 0x17, 0x00, 0, 0, 0, 9, '/', 'd', 'e', 'v', '/', 's', 'd', 'c', 0});
-    const Bytes size_sdb = event({0x1a, 0x00, 0x17, 0x00, 0, 0, 0x01, 0x02, '/', 'd', 'e', 'v', '/', 's', 'd', 'b', 0});
     struct Case {
         const char* what;
         std::vector<std::string> words;
@@ -270,9 +269,9 @@ TEST(CtlWire, EventAnswersAndWhatOnlyAFaultyDaemonDoes)
         std::string err;  // a part of standard error
     };
     const Case cases[] = {
-        {"answer before the reply", {"size", "sdb"}, {kSubscribed, cat({size_sdc, size_sdb, reply(kTrue)})}, false, 0,
+        {"answer before the reply", {"size", "sdb"}, {kSubscribed, cat({size_sdc, kSizeSdb, reply(kTrue)})}, false, 0,
          "/dev/sdb: 258M (258 MB)\n", ""},
-        {"answer after the reply", {"--json", "size", "/dev/sdb"}, {kSubscribed, cat({reply(kTrue), size_sdc, size_sdb})},
+        {"answer after the reply", {"--json", "size", "/dev/sdb"}, {kSubscribed, cat({reply(kTrue), size_sdc, kSizeSdb})},
          false, 0, "{\"device\":\"/dev/sdb\",\"sizeMB\":258}\n", ""},
         {"busy volume, another volume's result skipped", {"format", "sdb1"},
          {kSubscribed, cat({reply(kTrue), format_event("sdb10", 0), format_event("sdb1", -2)})}, false, 1,

@@ -150,6 +150,5 @@ TEST_F(ShellSocket, AnotherUserIsClosedUnansweredWhateverTheFileMode)
     int status = -1;
     ASSERT_EQ(child, waitpid(child, &status, 0));
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "child status " << status;
-    // Its owner is still served.
     EXPECT_EQ("norvfw 1.0 (Linux stand-in)\n.\nbye\n.\n", Talk(Connect(m_Shell.GetSocketPath()), "version\nexit\n"));
 }

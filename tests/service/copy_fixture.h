@@ -53,7 +53,6 @@ protected:
             close(feed);
         feed = -1;
     }
-    // Waits until count copy events have come and the copy thread is gone.
     static bool WaitCopyEnd(EventCapture& events, size_t count = 1)
     {
         return eventually([&] {

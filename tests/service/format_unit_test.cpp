@@ -101,7 +101,6 @@ TEST(FormatWatchdog, OnlyALiveExpiryReportsAndItNamesTheRunningVolume)
     ASSERT_TRUE(format_claim(service(), "/dev/sdq1", &running));
     EventCapture events;
     LogCapture log;
-    // A message that no timer sent.
     CNorvMsg forged(SIG_ID_STORAGE_FORMAT_TIMEOUT);
     service().ProcessNorvMsg(&forged);
     EXPECT_TRUE(events.events().empty());

@@ -111,7 +111,6 @@ protected:
         probe.signals.clear();
     }
     void TearDown() override { watcher.StopThreadAndWait(); }
-    // Takes what the queue holds until at least n signals came.
     bool Collect(size_t n)
     {
         return eventually([&] {

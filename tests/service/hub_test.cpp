@@ -10,10 +10,7 @@
 namespace {
 using android::Parcel;
 
-std::vector<unsigned char> bytes_of(const Parcel& p)
-{
-    return std::vector<unsigned char>(p.data(), p.data() + p.dataSize());
-}
+Bytes bytes_of(const Parcel& p) { return Bytes(p.data(), p.data() + p.dataSize()); }
 
 int invoke(int word, Parcel* reply, void (*more)(Parcel*) = nullptr, size_t* endPos = nullptr)
 {

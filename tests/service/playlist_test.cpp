@@ -59,7 +59,6 @@ protected:
         ASSERT_NE(mkdtemp(tmpl), nullptr);
         dir = std::string(tmpl) + "/";
     }
-    // Writes a playlist of these bytes at dir + name, directories included.
     std::string write(const std::string& name, const std::string& bytes)
     {
         std::string path = dir + name;
