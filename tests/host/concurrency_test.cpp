@@ -18,8 +18,7 @@ constexpr int32_t kEmitId = 1507341;
 constexpr int32_t kMarkerId = 1507366;
 
 struct Record {
-    int32_t id;
-    int32_t value;
+    int32_t id, value;
 };
 
 // Reads events until the marker; returns them (without the marker) and adds DROPPED counts to dropped.

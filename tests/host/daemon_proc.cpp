@@ -88,9 +88,6 @@ bool Daemon::start(const char* bin, const std::string& socket, void (*setup)(), 
 
 int Daemon::stop() { kill(proc.pid, SIGTERM); return wait_exit(proc.pid, 10000); }
 
-// The real service creates the system-wide queue "/MQ_STORAGE_SRV" and watches the machine's disks: the
-// daemon runs in the service sandbox (own IPC, network and mount namespaces, no disks), keeping the machine's
-// /tmp where the test's socket lives.
 void enter_daemon_sandbox()
 {
     if (!enter_service_sandbox(false))

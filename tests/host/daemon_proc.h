@@ -24,8 +24,7 @@ int wait_exit(pid_t pid, int timeout_ms);
 
 struct RunResult {
     int code;
-    std::string out;
-    std::string err;
+    std::string out, err;
 };
 
 // Runs args to their end (20 s at most) and gives exit code and output.

@@ -13,11 +13,7 @@ using hosttest::Fd;
 using hosttest::Frame;
 using lumproto::ReadStatus;
 
-std::vector<uint8_t> frame_bytes(const Frame& f)
-{
-    std::vector<uint8_t> out = hosttest::frame(f.header.type, f.payload, f.header.version);
-    return out;
-}
+std::vector<uint8_t> frame_bytes(const Frame& f) { return hosttest::frame(f.header.type, f.payload, f.header.version); }
 
 // A client still gets its request answered.
 void expect_serving(int fd)

@@ -16,9 +16,7 @@ struct Utf8Case {
 
 struct AnsiCase {
     const char* text;
-    int encoding;
-    int sizeBytes;
-    int ok;
+    int encoding, sizeBytes, ok;
     std::vector<UTF16> out;
 };
 

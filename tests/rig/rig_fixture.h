@@ -33,8 +33,7 @@
 namespace lumrig {
 struct Result {
   int status = -1;  // exit status; 128+N when killed by signal N
-  std::string out;
-  std::string err;
+  std::string out, err;
   bool ok() const { return status == 0; }
   // For assertion messages.
   std::string Describe() const {
@@ -357,8 +356,7 @@ protected:
     }
     // The rig's PATH inside the television.
     static constexpr const char* kRigPath = "/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin";
-    std::string socket_;
-    std::string events_;
+    std::string socket_, events_;
     pid_t watcher_ = -1;
 };
 

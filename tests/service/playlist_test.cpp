@@ -17,8 +17,7 @@
 namespace {
 // One entry as a listing would show it; the placeholder's time orders the entries.
 struct Entry {
-    std::string link;
-    std::string title;
+    std::string link, title;
     time_t mtime;
 };
 

@@ -30,8 +30,7 @@ extern bool g_isolated;
 
 struct LogLine {
     int prio;
-    std::string tag;
-    std::string msg;
+    std::string tag, msg;
 };
 
 // Collects every log line while it lives.

@@ -10,8 +10,7 @@
 int main()
 {
     StorageSystemInit();
-    android::Parcel request;
-    android::Parcel reply;
+    android::Parcel request, reply;
     request.writeInt32(STORAGE_IS_ENCRYPTED);
     request.setDataPosition(0);
     int rc = StorageModuleHub::self()->invoke(request, &reply);
