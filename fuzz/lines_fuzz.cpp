@@ -63,8 +63,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     int rc = 0;
     while (at < size && rc == 0) {
         size_t n = 0;
-        while (at + n < size && n < kPieceMax && data[at + n++] != '\n') {
-        }
+        while (at + n < size && n < kPieceMax && data[at + n++] != '\n') {}
         char* line = fuzz_text(data + at, n);
         trim_eol(line);
         rc = row.handler(context, line);

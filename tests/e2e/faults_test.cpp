@@ -103,7 +103,6 @@ protected:
         EXPECT_EQ(Values(table.out, "node"), nodes) << table.out;
         EXPECT_EQ(Values(table.out, "devName"), nodes) << table.out;
     }
-    // Waits until the service's log holds `text` `count` times.
     bool WaitForLog(const std::string& text, size_t count, int timeout_s = 60) const
     {
         return lumrig::Until([&] {

@@ -118,8 +118,7 @@ private:
             send(fd, step.data(), step.size(), MSG_NOSIGNAL);
         }
         uint8_t rest[256];
-        while (!close_after && read_full(fd, rest, 1)) {
-        }
+        while (!close_after && read_full(fd, rest, 1)) {}
         close(fd);
     }
     int listener_ = -1;

@@ -77,8 +77,7 @@ TEST(Events, TwoSubscribersGetEveryEventInOrder)
     EXPECT_EQ(0, EMAL_Notify(kEventId + 1, nullptr, 0));
     for (int fd : {a.fd, b.fd}) {
         Seen seen;
-        while (static_cast<int>(seen.seqs.size()) < kCount && take(fd, &seen, 5000)) {
-        }
+        while (static_cast<int>(seen.seqs.size()) < kCount && take(fd, &seen, 5000)) {}
         ASSERT_EQ(static_cast<size_t>(kCount), seen.seqs.size());
         for (int32_t i = 0; i < kCount; ++i)
             ASSERT_EQ(i, seen.seqs[static_cast<size_t>(i)]);
@@ -113,8 +112,7 @@ TEST(Events, SlowSubscriberLosesCountedEventsWithoutHoldingUpOthers)
     EXPECT_EQ(0u, fast_seen.dropped);
     EXPECT_TRUE(strictly_increasing(fast_seen.seqs));
     Seen slow_seen;
-    while (take(slow.fd, &slow_seen, 300)) {
-    }
+    while (take(slow.fd, &slow_seen, 300)) {}
     // One more event carries the count of the losses before it.
     notify(kTotal, 0);
     while (slow_seen.seqs.empty() || slow_seen.seqs.back() != kTotal)

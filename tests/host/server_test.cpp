@@ -40,7 +40,6 @@ TEST_F(ServerTest, RepliesCarryResultAndParcelBytesInOrder)
     Frame f = hosttest::next_frame(c.fd);
     ASSERT_EQ(ReadStatus::kOk, f.status);
     EXPECT_EQ((std::vector<uint8_t>{1, 0, 2, 0, 8, 0, 0, 0, 0, 0, 0, 0, 9, 8, 7, 6}), frame_bytes(f));
-    // A word no handler serves: result -1, empty reply.
     ASSERT_TRUE(hosttest::send_bytes(c.fd, hosttest::request_frame(0x7000)));
     f = hosttest::next_frame(c.fd);
     EXPECT_EQ((std::vector<uint8_t>{1, 0, 2, 0, 4, 0, 0, 0, 0xff, 0xff, 0xff, 0xff}), frame_bytes(f));

@@ -71,16 +71,14 @@ inline Result Run(const std::vector<std::string>& argv, const std::string& input
   int ended = static_cast<int>(syscall(SYS_pidfd_open, pid, 0));
   struct pollfd p = {ended, POLLIN, 0};
   int pr;
-  while ((pr = poll(&p, ended >= 0 ? 1 : 0, ended >= 0 ? timeout_s * 1000 : 0)) < 0 && errno == EINTR) {
-  }
+  while ((pr = poll(&p, ended >= 0 ? 1 : 0, ended >= 0 ? timeout_s * 1000 : 0)) < 0 && errno == EINTR) {}
   bool timed_out = ended >= 0 && pr == 0;
   if (timed_out) {
     kill(-pid, SIGKILL);
     kill(pid, SIGKILL);
   }
   int st = 0;
-  while (waitpid(pid, &st, 0) < 0 && errno == EINTR) {
-  }
+  while (waitpid(pid, &st, 0) < 0 && errno == EINTR) {}
   auto drain = [](int fd) {
     std::string text(static_cast<size_t>(lseek(fd, 0, SEEK_END)), '\0');
     if (pread(fd, &text[0], text.size(), 0) != static_cast<ssize_t>(text.size())) text.clear();
@@ -132,7 +130,6 @@ inline std::string RunDir() {
   return (e && *e) ? e : "/run/lumrig";
 }
 
-// One television.
 class Tv {
  public:
   Tv() = default;

@@ -94,8 +94,7 @@ protected:
     }
     std::vector<Entry> expect_entries(const std::string& path) { EXPECT_TRUE(expand(path)) << path; return entries(); }
     std::string dir;
-    std::map<std::string, std::string> links;
-    std::map<std::string, std::string> titles;
+    std::map<std::string, std::string> links, titles;
 };
 
 // A playlist's bytes and the entries it gives, link and title; a link
@@ -156,11 +155,8 @@ std::vector<ListRow> list_rows()
          "http://radio.example/live/stream.mp3\nhttp://host/../x.mp3\nHTTP://host/y.mp3\nhttps://host/dir/z.mp3\n"
          "/abs/w.mp3\nC:\\music\\v.mp3\n",
          {{"http://radio.example/live/stream.mp3", "http://radio.example/live/stream.mp3"},
-          {"http://host/../x.mp3", "http://host/../x.mp3"},
-          {"@HTTP://host/y.mp3", "y.mp3"},
-          {"@https://host/dir/z.mp3", "z.mp3"},
-          {"@/abs/w.mp3", "w.mp3"},
-          {"@C:/music/v.mp3", "v.mp3"}}},
+          {"http://host/../x.mp3", "http://host/../x.mp3"}, {"@HTTP://host/y.mp3", "y.mp3"},
+          {"@https://host/dir/z.mp3", "z.mp3"}, {"@/abs/w.mp3", "w.mp3"}, {"@C:/music/v.mp3", "v.mp3"}}},
         {"a blank line ends the list", "blank.m3u", "#EXTM3U\n#EXTINF:1,a\n1.mp3\n2.mp3\n\n3.mp3\n4.mp3\n",
          {{"@1.mp3", "1.mp3"}, {"@2.mp3", "2.mp3"}}},
         {"empty", "empty.m3u", "", {}},
