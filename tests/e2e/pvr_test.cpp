@@ -129,8 +129,9 @@ TEST_F(Pvr, VerdictsMarkingAndAPlugOutThatIsNotThePvrDisk)
                                   ",\"pvrFlag\":" + std::to_string(row.verdict) + ",\"partitionId\":\"" +
                                   row.disk + "\""))
             << mark;
-        if (std::string(row.disk) == "/dev/sdb1")
+        if (std::string(row.disk) == "/dev/sdb1") {
             EXPECT_TRUE(Events("LUM_TV_EVT_STORAGE_PVR_DEV_CHANGE").empty()) << "a first marking is no change";
+        }
     }
     auto changes = Events("LUM_TV_EVT_STORAGE_PVR_DEV_CHANGE");
     ASSERT_EQ(changes.size(), 1u);

@@ -198,8 +198,9 @@ protected:
     }
     void TearDown() override
     {
-        if (started)
+        if (started) {
             EXPECT_EQ(0, daemon.stop());
+        }
     }
     std::string proc(const std::string& what) const { return "/proc/" + std::to_string(daemon.proc.pid) + "/" + what; }
     hosttest::TempDir dir;

@@ -12,8 +12,9 @@ class Timers : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        if (!TimeOutServer::instance().IsRunning())
+        if (!TimeOutServer::instance().IsRunning()) {
             ASSERT_EQ(0, TimeOutServer::instance().StartThread("timeout_server", 0, 0));
+        }
         ASSERT_EQ(0, m_Queue.Create(QueueName("timer").c_str(), 10));
     }
     void Sleep(int ms) { std::this_thread::sleep_for(std::chrono::milliseconds(ms)); }

@@ -213,8 +213,9 @@ protected:
     {
         Result up = tv.Up(description);
         ASSERT_TRUE(up.ok()) << up.Describe();
-        if (!prepare.empty())
+        if (!prepare.empty()) {
             ASSERT_TRUE(tv.Exec(prepare).ok()) << prepare;
+        }
         StartServiceOnly(env);
         if (HasFatalFailure())
             return;

@@ -210,8 +210,9 @@ void dispatch(unsigned long signal, const char* text, int32_t value)
 void ensure_service_queue()
 {
     StorageManagerService& s = theStorageManagerService;
-    if (s.GetQueueHandle() < 0)
+    if (s.GetQueueHandle() < 0) {
         ASSERT_EQ(s.CThreadObjectWithQueue::Init(STORAGE_SERVICE_QUEUE_NAME, MAX_STORAGE_QUEUE_SIZE, 0, false), 0);
+    }
     s.ClearQueue();
 }
 
