@@ -1,7 +1,6 @@
 // The disk benchmark end to end on the simulated television: the real iozone on an ext4 volume of a plugged
 // stick, the progress and final events a client sees, a cancel in the middle of a run, and a tool deaf to
 // TERM stopped by the unplugging of its disk.
-
 #include "rig_fixture.h"
 
 namespace e2e {

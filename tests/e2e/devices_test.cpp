@@ -1,6 +1,5 @@
 // Plug-in, plug-out, mount and unmount requests, MTP devices and the device table, end to end: the service
 // inside the simulated television with real disk images, blkid, mount, df, e2fsck, ntfs-3g.
-
 #include "rig_fixture.h"
 
 namespace e2e {

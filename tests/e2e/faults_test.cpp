@@ -2,7 +2,6 @@
 // format; a full command queue. After each fault the service still answers, the mount tree, its folder and
 // the volume list show exactly the sticks that are plugged, the files nobody was writing keep their
 // checksums, and every client has had its answer.
-
 #include <functional>
 #include <future>
 

@@ -3,7 +3,6 @@
 // that are not UTF-8, a name of 255 bytes. lumstoragectl takes each as an argument, byte for byte (argv carries
 // everything but NUL, which no name holds). Each operation must act on the named file alone: a canary beside it
 // survives, and a marker that the names would create, were any of them run as shell code, never appears.
-
 #include "rig_fixture.h"
 
 namespace e2e {

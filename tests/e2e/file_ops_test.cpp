@@ -1,7 +1,6 @@
 // File operations end to end: protection, recordings with their companions, tree copies, the copy engine's busy answer,
 // cancel and full volume, moves inside and across volumes, and the command primitives, through lumstoragectl against
 // the service on the simulated television, with real ext4, FAT and NTFS volumes on plugged sticks.
-
 #include "rig_fixture.h"
 
 namespace e2e {

@@ -1,6 +1,5 @@
 // Formatting end to end on the simulated television: the real mkfs.ext4 and mkfs.fat on disk images, the
 // unmount and mount runs around them, and the events a client sees.
-
 #include "rig_fixture.h"
 
 namespace e2e {

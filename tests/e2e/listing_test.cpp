@@ -1,6 +1,5 @@
 // Directory listings end to end: lumstoragectl ls against the service on the simulated television, with real
 // FAT and ext4 volumes, TagLib on a real MP3 and a playlist expanded into its entries.
-
 #include <ctime>
 
 #include "rig_fixture.h"

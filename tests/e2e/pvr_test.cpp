@@ -1,6 +1,5 @@
 // The PVR partition chosen, remembered, marked and lost, and the guide the user interface gets, end to end on
 // the simulated television (the choices on rows made by hand: the unit suite's pvr_test).
-
 #include "rig_fixture.h"
 
 namespace e2e {

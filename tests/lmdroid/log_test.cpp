@@ -1,5 +1,4 @@
 // Log lines as they reach standard error (redirected to a file here) and as the hook sees them.
-
 #include <android/log.h>
 #include <lmdroid/log_hook.h>
 

@@ -1,6 +1,5 @@
 // Parcel bytes against vectors written out by hand from Android's layout, and reads of short or unterminated
 // data. setData allocates exactly the data, so under the address sanitizer any read past the end is an error.
-
 #include <binder/Parcel.h>
 
 #include <gtest/gtest.h>

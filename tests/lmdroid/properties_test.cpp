@@ -1,6 +1,5 @@
 // Properties: parsing, refusals, and persistence across processes and kills.
 // Each test keeps its persistent properties in a fresh directory.
-
 #include <cutils/properties.h>
 
 #include "child.h"

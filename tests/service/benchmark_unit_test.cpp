@@ -1,6 +1,5 @@
 // Disk benchmark: progress stages, the figure read off the tool's output, and runs against a fake iozone that can be
 // held. Ticks are live expiries of the benchmark's timer taken from the test's queue. Payloads written out by hand.
-
 #include <cstdio>
 #include <thread>
 

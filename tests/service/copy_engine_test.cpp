@@ -1,5 +1,4 @@
 // CopyFile, CopyDir and the tree walk under them, on the private /tmp and on small tmpfs mounts.
-
 #include "copy_fixture.h"
 
 namespace copy_test {

@@ -1,6 +1,5 @@
 // Copy requests: how the request text is taken apart, whole runs of the copy thread (held in the middle of a
 // file where needed), and the hub's copy and move rows byte for byte.
-
 #include <lumemclient/EMALSink.h>
 
 #include "FileMove.h"

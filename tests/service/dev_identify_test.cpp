@@ -1,6 +1,5 @@
 // The text picking of device identification, against fake blkid, mount and readlink that print captured
 // output. Real tools on real disks are the rig tests' matter.
-
 #include "DevIdentify.h"
 #include "fake_tools.h"
 #include "test_support.h"

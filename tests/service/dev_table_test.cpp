@@ -1,6 +1,5 @@
 // The device table: checksum, the tagged bytes the build writes, the rows the reader makes of good and
 // damaged buffers. Expected bytes are written out from the element layout (tag, length, big-endian value).
-
 #include <algorithm>
 
 #include "DevTable.h"

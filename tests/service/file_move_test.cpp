@@ -1,6 +1,5 @@
 // Move: by rename inside one file system (the order of the companions seen by inotify), by copy across two (a tmpfs
 // mounted beside /tmp, the order seen by inotify's removals), and the ways a move by copy could lose data.
-
 #include <sys/inotify.h>
 
 #include "FileMove.h"

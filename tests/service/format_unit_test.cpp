@@ -1,6 +1,5 @@
 // Formatting: the busy flag, the watchdog, and the replies to refused names. Payloads are written out by
 // hand; the format record is in the host's order, which these vectors take to be little-endian.
-
 #include <norvfw/NorvMsgQueue.h>
 #include <norvfw/TimeOut.h>
 

@@ -1,6 +1,5 @@
 // Start-up runs in a child process: the service's threads run until the
 // process ends. The children of the other tests are named here too.
-
 #include <cstdio>
 #include <cstring>
 #include <sys/resource.h>

@@ -1,6 +1,5 @@
 // Directory listings: record and block bytes against vectors built from the wire tables, the filters, block
 // splitting, times by volume type, covers. The test reads the blocks with a reader of its own.
-
 #include <algorithm>
 #include <fcntl.h>
 #include <sys/time.h>

@@ -1,7 +1,6 @@
 // Playlists expanded into placeholders under /tmp/m3u/ with the real touch, in the private /tmp of the test
 // process. Entries are read back as a listing would see them: placeholders ordered by modification time, and
 // the maps looked up under each placeholder's name.
-
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>

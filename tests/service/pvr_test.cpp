@@ -1,6 +1,5 @@
 // The PVR identity, the choice after mount and unmount runs and the guide record, on rows filled by hand
 // whose mount points are folders of the private /tmp.
-
 #include <cstring>
 #include <sys/stat.h>
 

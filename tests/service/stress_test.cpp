@@ -1,7 +1,6 @@
 // Everything at once on the real service, for ThreadSanitizer above all: hub callers on their own threads
 // beside the service thread's plug, mount and listing runs and the format, copy and benchmark threads. The
 // service runs in a child process (its threads never stop) on fake volumes.
-
 #include <algorithm>
 #include <android/log.h>
 #include <atomic>

@@ -1,7 +1,6 @@
 // The service tests run in the service sandbox: their own IPC namespace (the queue name is system-wide),
 // their own /tmp, so that a test sees every temporary file the shell layer makes, and their own network
 // namespace, so that the uevents they inject reach nobody else. Without it the tests that need it skip.
-
 #include <cerrno>
 #include <cstdio>
 #include <cstring>

@@ -1,6 +1,5 @@
 // Sizes, UUIDs and volume lists against fake df, mount and blkid output, and the command lines of mount and
 // unmount runs against fake tools on a private tmpfs over /mnt.
-
 #include <algorithm>
 #include <cstdio>
 
