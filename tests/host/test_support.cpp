@@ -4,6 +4,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <ftw.h>
+#include <grp.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <sys/wait.h>
