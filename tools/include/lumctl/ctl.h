@@ -65,6 +65,25 @@ Runner run_ls, run_cover;                                                       
 Runner run_mkdir, run_rm, run_rmdir, run_protection, run_two_paths, run_write, run_cp;  // ctl_files.cpp
 Runner run_exec, run_chmod, run_fd_open, run_fd_close, run_fd_read, run_fd_write, run_fd_sync;  // ctl_direct.cpp
 
+// A subcommand of the command line (a word of pvr or fd under its parent)
+// and, for a top one, its help.
+struct SubRow {
+    const char* parent;  // pvr or fd for their words, else null
+    const char* name;
+    Runner* run;
+    // Names of the operands: "[NAME]" may be left out, "NAME..." takes
+    // every word left.
+    const char* operands;
+    unsigned options;
+    const char* group = nullptr;  // the overview's heading
+    // Lines of "SYNOPSIS\tSUMMARY", one per form of the subcommand.
+    const char* usage = nullptr;
+    // Options, output, default --timeout and exit status of the page.
+    const char* details = nullptr;
+};
+extern const SubRow kSubRows[];  // ctl_cli.cpp
+extern const size_t kSubRowCount;
+
 // Sends a command of the table with its fields and prints the reply.
 int run_command(const CtlContext& ctx, const CmdRow& row, const std::vector<std::string>& fields);
 
