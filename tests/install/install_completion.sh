@@ -37,11 +37,11 @@ expect_offered() {
 # The names of the command line's rows under parent $1 (nullptr: the
 # subcommands).
 row_names() {
-  awk 'index($0, "kRows[] = {") { on = 1; next } on && /^};/ { exit } on' "$source_dir/tools/src/ctl_cli.cpp" |
+  awk 'index($0, "kSubRows[] = {") { on = 1; next } on && /^};/ { exit } on' "$source_dir/tools/src/ctl_cli.cpp" |
     grep -o "{$1, \"[^\"]*\"" | sed 's/.*, "//; s/"$//'
 }
 
-subcommands=$(row_names nullptr)
+subcommands=$(row_names nullptr) || true
 [ -n "$subcommands" ] || fail "no subcommands read from tools/src/ctl_cli.cpp"
 expect_offered "$subcommands" ""
 expect_offered "$(row_names '"pvr"')" pvr ""
