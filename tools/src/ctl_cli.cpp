@@ -85,7 +85,7 @@ const SubRow kSubRows[] = {
      "not take (below 1800 MB, or recording and timeshift both off). Default\n"
      "--timeout 20 s, mark 60 s, mark --format 600 s.\n"},
     {"pvr", "state", run_pvr_state, "", kDev}, {"pvr", "path", run_pvr_path, "", kDev},
-    {"pvr", "available", run_pvr_available, "DISK", kDev}, {"pvr", "total", run_pvr_total, "DISK", kDev},
+    {"pvr", "available", run_pvr_disk, "DISK", kDev}, {"pvr", "total", run_pvr_disk, "DISK", kDev},
     {"pvr", "mark", run_pvr_mark, "DISK", kDev | kFormat}, {"pvr", "guide", run_pvr_guide, "", kDev},
     {"pvr", "limit", run_pvr_limit, "[MB]", kDev},
     {nullptr, "format", run_format, "VOLUME", kDev, kPvr,

@@ -58,8 +58,7 @@ int run_command_line(CtlContext* ctx, int argc, char** argv);
 using Runner = int(const CtlContext& ctx, const DeviceArgs& args);
 Runner run_list, run_watch, run_raw, run_help;                                   // ctl_main.cpp, ctl_help.cpp
 Runner run_volumes, run_devinfo, run_device_run, run_query;                      // ctl_devices.cpp
-Runner run_pvr_state, run_pvr_path, run_pvr_available, run_pvr_total, run_pvr_mark, run_pvr_guide,
-    run_pvr_limit;                                                               // ctl_pvr.cpp
+Runner run_pvr_state, run_pvr_path, run_pvr_disk, run_pvr_mark, run_pvr_guide, run_pvr_limit;  // ctl_pvr.cpp
 Runner run_format, run_bench;                                                    // ctl_format.cpp
 Runner run_ls, run_cover;                                                        // ctl_ls.cpp
 Runner run_mkdir, run_rm, run_rmdir, run_protection, run_two_paths, run_write, run_cp;  // ctl_files.cpp

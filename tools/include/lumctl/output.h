@@ -24,6 +24,8 @@ std::string hex_compact(const uint8_t* data, size_t len);  // "0102ff"
 std::string quoted(const char* text, size_t len);
 // text with control characters as '?', for a terminal; UTF-8 stays.
 std::string printable(const std::string& text);
+// "sdb1" for "/dev/sdb1"; any other name as it is.
+std::string without_dev(const std::string& name);
 
 // value on one line. A string member that is not valid UTF-8 is printed with
 // U+FFFD for each bad byte and gets a member NAMEHex beside it holding all of

@@ -55,6 +55,11 @@ int device_report(const CtlContext& ctx, const DeviceCall& call, const QueryOutc
 int direct_run(const CtlContext& ctx, const DeviceCall& call, const std::vector<std::string>& fields,
                CtlReply* reply);
 int direct_request(const CtlContext& ctx, const DeviceCall& call, const Bytes& request, CtlReply* reply);
+// direct_request, then the reply's first value as its command's reply token
+// reads it (a bool, a number, a text): kExitOk, or a reply too short for the
+// token reported as short_reply (kExitFailed).
+int direct_value(const CtlContext& ctx, const DeviceCall& call, const Bytes& request, const std::string& short_reply,
+                 Json* value);
 
 // The reply's Parcel, to be read from its start.
 struct ReplyParcel {
@@ -70,29 +75,11 @@ struct ReplyParcel {
 // "unmounted /mnt/usb/sdb1" from a DEV_UMOUNT event.
 std::string mounted_text(const CtlEvent& event);
 std::string unmounted_text(const CtlEvent& event);
+// A path event's text up to its NUL, for a terminal ("" for an empty event).
+std::string path_text(const CtlEvent& event);
 
 // "1 volume", "2 volumes".
 std::string count_of(long long n, const char* what);
-
-struct FileOp {
-    explicit FileOp(DeviceCall c) : call(std::move(c)) {}
-    DeviceCall call;
-    int32_t event = 0;  // the result event
-    // Run on the caller's thread: the event comes before the reply, also
-    // after a reply of false.
-    bool direct = true;
-    Bytes request;
-    Json names;                  // the operands as JSON fields ("path", or "source" and "destination")
-    bool space_notices = false;  // LUM_TV_EVT_STORAGE_OUT_OF_SPACE may come before the result
-    bool progress = false;       // a terminal is shown how far the copy of SRC DST is
-    CopyShape shape = CopyShape::kFile;
-};
-
-// Sends op's request (built 0, or error says why not: exit 2) and follows it
-// to its result: prints the result line and a hint for a failure, and
-// returns kExitOk for result 0, kExitFailed for another result, a refusal,
-// a time-out or an error.
-int run_file_op(const CtlContext& ctx, const FileOp& op, int built = 0, const std::string& error = "");
 
 // Where a format is. Mount and unmount events carry no volume name, so they
 // count only in their own phase: an unmount before the end of the unmount

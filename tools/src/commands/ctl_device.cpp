@@ -132,6 +132,21 @@ int direct_request(const CtlContext& ctx, const DeviceCall& call, const Bytes& r
     return rc == 1 && reply->result == 0 ? kExitOk : protocol_error(ctx, call.subject() + ": " + error);
 }
 
+int direct_value(const CtlContext& ctx, const DeviceCall& call, const Bytes& request, const std::string& short_reply,
+                 Json* value)
+{
+    CtlReply reply;
+    int rc = direct_request(ctx, call, request, &reply);
+    if (rc != kExitOk)
+        return rc;
+    const CmdRow* row = cmd_find(call.command);
+    Decoded decoded = decode_reply(row != nullptr ? row->reply : nullptr, reply.bytes.data(), reply.bytes.size());
+    if (!decoded.complete || decoded.fields.empty())
+        return protocol_error(ctx, short_reply);
+    *value = decoded.fields.front().json;
+    return kExitOk;
+}
+
 std::string count_of(long long n, const char* what)
 {
     return std::to_string(n) + " " + what + (n == 1 ? "" : "s");

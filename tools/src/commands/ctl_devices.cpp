@@ -143,54 +143,10 @@ struct RunPrinter {
     }
 };
 
-std::string without_dev(const std::string& name)
-{
-    return name.compare(0, 5, "/dev/") == 0 ? name.substr(5) : name;
-}
-
 std::string mb_text(long long mb, const char* what)
 {
     std::string human = mb >= 0 ? human_mb(static_cast<uint64_t>(mb)) + what + " " : "";
     return human + "(" + std::to_string(mb) + " MB)";
-}
-
-// Printers of the queries: the operand asked for, the answer's fields as the
-// event decoder gives them (none when the payload is too short).
-int print_size_as(const CtlContext& ctx, const Json& answer, const char* key, const char* what)
-{
-    if (!answer.contains("sizeMB"))
-        return protocol_error(ctx, "malformed size answer");
-    const uint32_t mb = answer["sizeMB"];
-    const std::string& name = answer["device"].get_ref<const std::string&>();
-    print_line(ctx, printable(name) + ": " + mb_text(mb, what), Json{{"device", name}, {key, mb}});
-    return kExitOk;
-}
-
-int print_size(const CtlContext& ctx, const std::string&, const Json& answer)
-{
-    return print_size_as(ctx, answer, "sizeMB", "");
-}
-
-int print_used(const CtlContext& ctx, const std::string&, const Json& answer)
-{
-    return print_size_as(ctx, answer, "usedMB", " used");
-}
-
-int print_free(const CtlContext& ctx, const std::string& uuid, const Json& answer)
-{
-    if (!answer.contains("freeMB"))
-        return protocol_error(ctx, "malformed free-space answer");
-    const int32_t mb = answer["freeMB"];
-    print_line(ctx, printable(uuid) + ": " + mb_text(mb, " free"), Json{{"uuid", uuid}, {"freeMB", mb}});
-    return kExitOk;
-}
-
-int print_uuid(const CtlContext& ctx, const std::string& path, const Json& answer)
-{
-    std::string uuid = answer.value("uuid", std::string());
-    uuid.resize(strnlen(uuid.c_str(), uuid.size()));
-    print_line(ctx, printable(path) + ": " + printable(uuid), Json{{"path", path}, {"uuid", uuid}});
-    return kExitOk;
 }
 
 // Size answers name their device, so an answer for another device (another
@@ -202,19 +158,44 @@ struct QueryKind {
     int32_t event_id;
     bool by_name;         // the answer names its device
     const char* missing;  // why the answer may never come
-    int (*print)(const CtlContext& ctx, const std::string& operand, const Json& answer);
+    // A size in MB: the answer's key, the output's key, its word ("size" has
+    // none) and the error of an answer without it; null for uuid.
+    const char* size_key;
+    const char* key;
+    const char* what;
+    const char* malformed;
 };
 
 const QueryKind kQueries[] = {
     {"size", "STORAGE_GET_DEVICE_SIZE", "0", LUM_TV_EVT_STORAGE_HDD_GET_SIZE, true,
-     "is it a device the service knows?", print_size},
+     "is it a device the service knows?", "sizeMB", "sizeMB", "", "malformed size answer"},
     {"used", "STORAGE_GET_PARTITION_USE", "0", LUM_TV_EVT_STORAGE_HDD_GET_PARTITION_USE, true,
-     "is it a device the service knows?", print_used},
+     "is it a device the service knows?", "sizeMB", "usedMB", " used", "malformed size answer"},
     {"free", "STORAGE_GET_ALLOCATE_BYTES", nullptr, LUM_TV_EVT_STORAGE_GET_ALLOCATE_BYTES, false,
-     "the service sends none for an unknown uuid", print_free},
+     "the service sends none for an unknown uuid", "freeMB", "freeMB", " free", "malformed free-space answer"},
     {"uuid", "STORAGE_GET_UUID_FOR_PATH", nullptr, LUM_TV_EVT_STORAGE_GET_UUID_FOR_PATH, false,
-     "the service sends none for a path on no known volume", print_uuid},
+     "the service sends none for a path on no known volume", nullptr, nullptr, nullptr, nullptr},
 };
+
+// A query's answer as the event decoder gives its fields (none when the
+// payload is too short): a size names its device, the free space is the
+// uuid's asked for, and a uuid is told for the path asked for.
+int print_answer(const CtlContext& ctx, const QueryKind& kind, const std::string& operand, const Json& answer)
+{
+    if (kind.size_key == nullptr) {
+        std::string uuid = answer.value("uuid", std::string());
+        uuid.resize(strnlen(uuid.c_str(), uuid.size()));
+        print_line(ctx, printable(operand) + ": " + printable(uuid), Json{{"path", operand}, {"uuid", uuid}});
+        return kExitOk;
+    }
+    if (!answer.contains(kind.size_key))
+        return protocol_error(ctx, kind.malformed);
+    const long long mb = answer[kind.size_key];
+    const std::string& name = kind.by_name ? answer["device"].get_ref<const std::string&>() : operand;
+    print_line(ctx, printable(name) + ": " + mb_text(mb, kind.what),
+               Json{{kind.by_name ? "device" : "uuid", name}, {kind.key, mb}});
+    return kExitOk;
+}
 
 template <typename Row, size_t N>
 const Row& row_of(const Row (&rows)[N], const std::string& sub)
@@ -240,10 +221,13 @@ std::string mounted_text(const CtlEvent& event)
 
 std::string unmounted_text(const CtlEvent& event)
 {
-    if (event.data.empty())
-        return "unmounted (no mount point)";
+    return event.data.empty() ? "unmounted (no mount point)" : "unmounted " + path_text(event);
+}
+
+std::string path_text(const CtlEvent& event)
+{
     const char* text = reinterpret_cast<const char*>(event.data.data());
-    return "unmounted " + printable(std::string(text, strnlen(text, event.data.size())));
+    return event.data.empty() ? "" : printable(std::string(text, strnlen(text, event.data.size())));
 }
 
 int run_volumes(const CtlContext& ctx, const DeviceArgs& args)
@@ -300,7 +284,7 @@ int run_query(const CtlContext& ctx, const DeviceArgs& args)
     };
     int rc = device_ask(ctx, call, fields, {kind.event_id}, take,
                         [&kind] { return std::string("the answer (") + kind.missing + ")"; });
-    return rc != kExitOk ? rc : kind.print(call.local, operand, answer);
+    return rc != kExitOk ? rc : print_answer(call.local, kind, operand, answer);
 }
 
 }  // namespace lumctl

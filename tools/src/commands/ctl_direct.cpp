@@ -225,16 +225,17 @@ int run_fd_write(const CtlContext& ctx, const DeviceArgs& args)
 int run_fd_sync(const CtlContext& ctx, const DeviceArgs& args)
 {
     DeviceCall call(ctx, "fd sync", "STORAGE_LUM_SYNC", args, kQueryTimeoutSeconds);
-    int32_t fd = 0, ok = 0;
-    CtlReply reply;
+    int32_t fd = 0;
+    Bytes request;
+    Json value;
     int rc = fd_arg(ctx, call, &fd);
-    if (rc != kExitOk || (rc = direct_run(ctx, call, {std::to_string(fd)}, &reply)) != kExitOk)
+    if (rc != kExitOk || (rc = call_request(ctx, call, {std::to_string(fd)}, &request)) != kExitOk ||
+        (rc = direct_value(ctx, call, request, "fd sync: the reply holds no bool", &value)) != kExitOk)
         return rc;
-    if (ReplyParcel(reply).parcel.readInt32(&ok) != android::OK)
-        return protocol_error(ctx, "fd sync: the reply holds no bool");
-    print_line(call.local, (ok != 0 ? "synced the file system of fd " : "sync failed for fd ") + std::to_string(fd),
-               Json{{"fd", fd}, {"ok", ok != 0}});
-    return ok != 0 ? kExitOk : kExitFailed;
+    const bool ok = value.get<bool>();
+    print_line(call.local, (ok ? "synced the file system of fd " : "sync failed for fd ") + std::to_string(fd),
+               Json{{"fd", fd}, {"ok", ok}});
+    return ok ? kExitOk : kExitFailed;
 }
 
 }  // namespace lumctl

@@ -41,6 +41,21 @@ const Hint kHints[] = {
     {LUM_TV_EVT_STORAGE_WRITE_FILE, 1, "the service writes no empty files: give at least one byte"},
 };
 
+// A file operation answered by one result byte.
+struct FileOp {
+    FileOp(DeviceCall c, int32_t e, Json n) : call(std::move(c)), event(e), names(std::move(n)) {}
+    DeviceCall call;
+    int32_t event;  // the result event
+    Json names;     // the operands as JSON fields ("path", or "source" and "destination")
+    // Run on the caller's thread: the event comes before the reply, also
+    // after a reply of false.
+    bool direct = true;
+    Bytes request;
+    bool space_notices = false;  // LUM_TV_EVT_STORAGE_OUT_OF_SPACE may come before the result
+    bool progress = false;       // a terminal is shown how far the copy of SRC DST is
+    CopyShape shape = CopyShape::kFile;
+};
+
 struct Follower {
     const FileOp& op;
     const CtlContext& ctx;  // with the subcommand's --json
@@ -106,15 +121,10 @@ std::string with_slash(const std::string& path)
 // STORAGE_COPY_DIRS: true or false, no reason): a request and its bool.
 int copy_by_reply(const CtlContext& ctx, const DeviceCall& call, const Bytes& request, bool* value)
 {
-    CtlReply reply;
-    int rc = direct_request(ctx, call, request, &reply);
-    if (rc != kExitOk)
-        return rc;
-    int32_t raw = 0;
-    if (ReplyParcel(reply).parcel.readInt32(&raw) != android::OK)
-        return protocol_error(ctx, std::string(call.sub) + ": the reply holds no bool");
-    *value = raw != 0;
-    return kExitOk;
+    Json got;
+    int rc = direct_value(ctx, call, request, std::string(call.sub) + ": the reply holds no bool", &got);
+    *value = rc == kExitOk && got.get<bool>();
+    return rc;
 }
 
 int cancel_copy(const CtlContext& ctx, const DeviceArgs& args)
@@ -155,8 +165,10 @@ int direct_copy(const CtlContext& ctx, DeviceCall* call, const std::string& src,
     return ok ? kExitOk : kExitFailed;
 }
 
-}  // namespace
-
+// Sends op's request (built 0, or error says why not: exit 2) and follows it
+// to its result: prints the result line and a hint for a failure, and
+// returns kExitOk for result 0, kExitFailed for another result, a refusal,
+// a time-out or an error.
 int run_file_op(const CtlContext& ctx, const FileOp& op, int built, const std::string& error)
 {
     if (built != 0)
@@ -190,20 +202,20 @@ int run_file_op(const CtlContext& ctx, const FileOp& op, int built, const std::s
     return rc != kExitOk ? rc : follower.finish();
 }
 
+}  // namespace
+
 int run_mkdir(const CtlContext& ctx, const DeviceArgs& args)
 {
-    FileOp op(DeviceCall(ctx, "mkdir", "STORAGE_CREATE_DIR", args, kFileTimeoutSeconds));
-    op.event = LUM_TV_EVT_STORAGE_CREATE_DIR;
-    op.names = {{"path", args.operands[0]}};
+    FileOp op(DeviceCall(ctx, "mkdir", "STORAGE_CREATE_DIR", args, kFileTimeoutSeconds),
+              LUM_TV_EVT_STORAGE_CREATE_DIR, {{"path", args.operands[0]}});
     std::string error;
     return run_file_op(ctx, op, build_create_dir(args.operands[0], &op.request, &error), error);
 }
 
 int run_rmdir(const CtlContext& ctx, const DeviceArgs& args)
 {
-    FileOp op(DeviceCall(ctx, "rmdir", "STORAGE_DELETE_DIR", args, kFileTimeoutSeconds));
-    op.event = LUM_TV_EVT_STORAGE_DELETE_DIR;
-    op.names = {{"path", args.operands[0]}};
+    FileOp op(DeviceCall(ctx, "rmdir", "STORAGE_DELETE_DIR", args, kFileTimeoutSeconds),
+              LUM_TV_EVT_STORAGE_DELETE_DIR, {{"path", args.operands[0]}});
     std::string error;
     return run_file_op(ctx, op, build_delete_dir(args.operands[0], kDeleteEmptyDir, &op.request, &error), error);
 }
@@ -213,11 +225,10 @@ int run_rmdir(const CtlContext& ctx, const DeviceArgs& args)
 int run_rm(const CtlContext& ctx, const DeviceArgs& args)
 {
     const bool tree = args.tree;
-    FileOp op(DeviceCall(ctx, "rm", tree ? "STORAGE_DELETE_DIR" : "STORAGE_DELETE_FILE", args,
-                         tree ? kTreeTimeoutSeconds : kFileTimeoutSeconds));
-    op.event = tree ? LUM_TV_EVT_STORAGE_DELETE_DIR : LUM_TV_EVT_STORAGE_DELETE_FILE;
     const std::string& path = args.operands[0];
-    op.names = {{"path", path}};
+    FileOp op(DeviceCall(ctx, "rm", tree ? "STORAGE_DELETE_DIR" : "STORAGE_DELETE_FILE", args,
+                         tree ? kTreeTimeoutSeconds : kFileTimeoutSeconds),
+              tree ? LUM_TV_EVT_STORAGE_DELETE_DIR : LUM_TV_EVT_STORAGE_DELETE_FILE, {{"path", path}});
     if (!tree)
         op.names["recording"] = args.recording;
     std::string error;
@@ -230,10 +241,9 @@ int run_rm(const CtlContext& ctx, const DeviceArgs& args)
 int run_protection(const CtlContext& ctx, const DeviceArgs& args)
 {
     FileOp op(DeviceCall(ctx, args.sub == "protect" ? "protect" : "unprotect", "STORAGE_SET_PROTECTED", args,
-                         kFileTimeoutSeconds, "no result will come"));
-    op.event = LUM_TV_EVT_STORAGE_SET_PROTECTED;
+                         kFileTimeoutSeconds, "no result will come"),
+              LUM_TV_EVT_STORAGE_SET_PROTECTED, {{"path", args.operands[0]}});
     op.direct = false;
-    op.names = {{"path", args.operands[0]}};
     std::string error;
     return run_file_op(ctx, op, build_set_protected(args.operands[0], args.sub == "protect", &op.request, &error),
                        error);
@@ -244,11 +254,11 @@ int run_protection(const CtlContext& ctx, const DeviceArgs& args)
 int run_two_paths(const CtlContext& ctx, const DeviceArgs& args)
 {
     const bool mv = args.sub == "mv";
-    FileOp op(DeviceCall(ctx, mv ? "mv" : "rename", "", args, mv ? kCopyTimeoutSeconds : kFileTimeoutSeconds));
-    op.event = mv ? LUM_TV_EVT_STORAGE_MOVE_FILE : LUM_TV_EVT_STORAGE_RENAME_FILE;
     const std::string& src = args.operands[0];
     const std::string& dst = args.operands[1];
-    op.names = {{"source", src}, {"destination", dst}, {"recording", args.recording}};
+    FileOp op(DeviceCall(ctx, mv ? "mv" : "rename", "", args, mv ? kCopyTimeoutSeconds : kFileTimeoutSeconds),
+              mv ? LUM_TV_EVT_STORAGE_MOVE_FILE : LUM_TV_EVT_STORAGE_RENAME_FILE,
+              {{"source", src}, {"destination", dst}, {"recording", args.recording}});
     op.progress = mv && across_volumes(src, dst);
     op.shape = args.recording ? CopyShape::kRecording : CopyShape::kFile;
     std::string error;
@@ -260,14 +270,13 @@ int run_two_paths(const CtlContext& ctx, const DeviceArgs& args)
 // write PATH [FILE|-]: the data of FILE, or of standard input.
 int run_write(const CtlContext& ctx, const DeviceArgs& args)
 {
-    FileOp op(DeviceCall(ctx, "write", "STORAGE_WRITE_FILE", args, kFileTimeoutSeconds));
-    op.event = LUM_TV_EVT_STORAGE_WRITE_FILE;
     const std::string& path = args.operands[0];
     Bytes data;
     std::string error;
     if (read_data(args.operands.size() > 1 ? args.operands[1] : "-", ctx.in, &data, &error) != 0)
         return usage_error(ctx, "write: " + error);
-    op.names = {{"path", path}, {"bytes", data.size()}};
+    FileOp op(DeviceCall(ctx, "write", "STORAGE_WRITE_FILE", args, kFileTimeoutSeconds), LUM_TV_EVT_STORAGE_WRITE_FILE,
+              {{"path", path}, {"bytes", data.size()}});
     return run_file_op(ctx, op, build_write_file(path, data, &op.request, &error), error);
 }
 
@@ -277,20 +286,20 @@ int run_cp(const CtlContext& ctx, const DeviceArgs& args)
 {
     if (args.cancel)
         return cancel_copy(ctx, args);
-    FileOp op(DeviceCall(ctx, "cp", "STORAGE_COPY", args, kCopyTimeoutSeconds, "no copy will run"));
-    std::vector<std::string>& paths = op.call.args.operands;
+    DeviceCall call(ctx, "cp", "STORAGE_COPY", args, kCopyTimeoutSeconds, "no copy will run");
+    std::vector<std::string>& paths = call.args.operands;
     if (!args.tree && !paths[0].empty() && paths[0].back() == '/')
         return usage_error(ctx, "cp: '" + paths[0] + "' ends in '/': a directory takes cp -r");
     if (args.tree)
         paths = {with_slash(paths[0]), with_slash(paths[1])};
     if (args.direct)
-        return direct_copy(ctx, &op.call, paths[0], paths[1], args.tree);
-    op.event = LUM_TV_EVT_STORAGE_COPY;
+        return direct_copy(ctx, &call, paths[0], paths[1], args.tree);
+    FileOp op(call, LUM_TV_EVT_STORAGE_COPY,
+              {{"source", paths[0]}, {"destination", paths[1]}, {"recording", args.recording}});
     op.direct = false;
     op.space_notices = true;
     op.progress = true;
     op.shape = args.tree ? CopyShape::kTree : args.recording ? CopyShape::kRecording : CopyShape::kFile;
-    op.names = {{"source", paths[0]}, {"destination", paths[1]}, {"recording", args.recording}};
     std::string error;
     int built = build_copy(paths[0], paths[1], args.recording ? kCopyRecording : kCopyPlain, &op.request, &error);
     return run_file_op(ctx, op, built, error);

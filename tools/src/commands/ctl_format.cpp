@@ -31,12 +31,6 @@ void enter(FormatFollower* f, Phase phase, const char* word)
     f->say(word, Json{{"step", word}});
 }
 
-std::string path_text(const CtlEvent& event)
-{
-    const char* text = reinterpret_cast<const char*>(event.data.data());
-    return event.data.empty() ? "" : printable(std::string(text, strnlen(text, event.data.size())));
-}
-
 // retVal, the device, and with retVal 0 the size in MB, as the event's
 // decoder reads them; an event it cannot read names no volume.
 EventStep on_partition(FormatFollower* f, const CtlEvent& event)
@@ -191,7 +185,6 @@ void FormatFollower::say(const std::string& text, const Json& json) const
         fprintf(ctx.out, "%s\n", text.c_str());
     fflush(ctx.out);
 }
-
 
 namespace {
 

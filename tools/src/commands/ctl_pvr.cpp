@@ -16,60 +16,38 @@ namespace {
 // The smallest limit the service takes.
 constexpr uint32_t kLimitMinimumMb = 1800;
 
-// Runs call's subcommand with command (null: its own) and fields.
+// Runs call's subcommand with command (null: its own) and fields, and reads
+// the value of its reply; a shorter reply is reported as short_reply, by
+// default as shorter than command answers.
 int ask(const CtlContext& ctx, const DeviceCall& call, const char* command, const std::vector<std::string>& fields,
-        CtlReply* reply)
+        Json* value, std::string short_reply = "")
 {
     DeviceCall other = call;
     other.command = command != nullptr ? command : call.command;
-    return direct_run(ctx, other, fields, reply);
+    if (short_reply.empty())
+        short_reply = std::string(call.sub) + ": the reply is shorter than " + other.command + " answers";
+    Bytes request;
+    int rc = call_request(ctx, other, fields, &request);
+    return rc != kExitOk ? rc : direct_value(ctx, other, request, short_reply, value);
 }
 
-int malformed(const CtlContext& ctx, const DeviceCall& call, const char* command)
-{
-    return protocol_error(ctx, std::string(call.sub) + ": the reply is shorter than " + command + " answers");
-}
-
-// The PVR partition's mount path: a cstring reply.
+// The PVR partition's mount path.
 int read_path(const CtlContext& ctx, const DeviceCall& call, std::string* path)
 {
-    CtlReply reply;
-    int rc = ask(ctx, call, "STORAGE_PVR_MOUNT_PATH", {}, &reply);
-    ReplyParcel in(reply);
-    const char* text = rc == kExitOk ? in.parcel.readCString() : nullptr;
-    if (rc == kExitOk && text == nullptr)
-        return malformed(ctx, call, "STORAGE_PVR_MOUNT_PATH");
-    *path = text != nullptr ? text : "";
+    Json value;
+    int rc = ask(ctx, call, "STORAGE_PVR_MOUNT_PATH", {}, &value);
+    if (rc == kExitOk)
+        *path = value.get<std::string>();
     return rc;
-}
-
-// Runs call, with its operands as fields or none, and reads the one number
-// of its reply.
-template <typename T>
-int read_number(const CtlContext& ctx, const DeviceCall& call, bool with_operands, T* value)
-{
-    CtlReply reply;
-    int rc = ask(ctx, call, nullptr, with_operands ? call.args.operands : std::vector<std::string>{}, &reply);
-    if (rc != kExitOk)
-        return rc;
-    ReplyParcel in(reply);
-    android::status_t read;
-    if constexpr (sizeof(T) == 8)
-        read = in.parcel.readInt64(value);
-    else
-        read = in.parcel.readInt32(value);
-    return read == android::OK ? kExitOk : malformed(ctx, call, call.command);
 }
 
 // The size limit of the automatic PVR choice.
 int read_limit(const CtlContext& ctx, const DeviceCall& call, uint32_t* mb)
 {
-    CtlReply reply;
-    int32_t value = 0;
-    int rc = ask(ctx, call, "STORAGE_GET_PVR_DEV_SIZE_LIMIT", {}, &reply);
-    if (rc == kExitOk && ReplyParcel(reply).parcel.readInt32(&value) != android::OK)
-        return protocol_error(ctx, "pvr limit: empty reply");
-    *mb = static_cast<uint32_t>(value);
+    Json value;
+    int rc = ask(ctx, call, "STORAGE_GET_PVR_DEV_SIZE_LIMIT", {}, &value, "pvr limit: empty reply");
+    if (rc == kExitOk)
+        *mb = value.get<uint32_t>();
     return rc;
 }
 
@@ -143,15 +121,16 @@ struct Marking {
 int run_pvr_state(const CtlContext& ctx, const DeviceArgs& args)
 {
     DeviceCall call(ctx, "pvr state", "STORAGE_PVR_DEV_STATE", args, kQueryTimeoutSeconds);
-    int32_t state = 0;
+    Json state;
     std::string path;
-    int rc = read_number(ctx, call, false, &state);
+    int rc = ask(ctx, call, nullptr, {}, &state);
     if (rc != kExitOk || (rc = read_path(ctx, call, &path)) != kExitOk)
         return rc;
-    std::string text = state == 0 ? "no PVR partition"
-                                  : "PVR partition: " + (path.empty() ? "(mount path not known)" : printable(path));
-    print_line(call.local, text, Json{{"pvr", state != 0}, {"mountPath", path}});
-    return state != 0 ? kExitOk : kExitNo;
+    const bool pvr = state.get<bool>();
+    std::string text = !pvr ? "no PVR partition"
+                            : "PVR partition: " + (path.empty() ? "(mount path not known)" : printable(path));
+    print_line(call.local, text, Json{{"pvr", pvr}, {"mountPath", path}});
+    return pvr ? kExitOk : kExitNo;
 }
 
 int run_pvr_path(const CtlContext& ctx, const DeviceArgs& args)
@@ -171,13 +150,15 @@ int run_pvr_path(const CtlContext& ctx, const DeviceArgs& args)
 }
 
 // pvr available DISK (the verdict) and pvr total DISK (the size in MB).
-static int pvr_disk(const CtlContext& ctx, const DeviceArgs& args, bool total)
+int run_pvr_disk(const CtlContext& ctx, const DeviceArgs& args)
 {
+    const bool total = args.sub == "pvr total";
     DeviceCall call(ctx, total ? "pvr total" : "pvr available",
                     total ? "STORAGE_PVR_DISK_TOTAL" : "STORAGE_PVR_DEV_AVAILABLE", args, kQueryTimeoutSeconds);
-    int32_t verdict = 0;
-    int64_t mb = 0;
-    int rc = total ? read_number(ctx, call, true, &mb) : read_number(ctx, call, true, &verdict);
+    Json value;
+    int rc = ask(ctx, call, nullptr, call.args.operands, &value);
+    const int32_t verdict = rc == kExitOk && !total ? value.get<int32_t>() : 0;
+    const int64_t mb = rc == kExitOk && total ? value.get<int64_t>() : 0;
     const std::string& disk = call.args.operands[0];
     if (rc != kExitOk || !total) {
         const char* name = verdict_name(verdict);
@@ -192,9 +173,6 @@ static int pvr_disk(const CtlContext& ctx, const DeviceArgs& args, bool total)
                Json{{"disk", disk}, {"totalMB", mb}});
     return mb > 0 ? kExitOk : kExitNo;
 }
-
-int run_pvr_available(const CtlContext& ctx, const DeviceArgs& args) { return pvr_disk(ctx, args, false); }
-int run_pvr_total(const CtlContext& ctx, const DeviceArgs& args) { return pvr_disk(ctx, args, true); }
 
 int run_pvr_guide(const CtlContext& ctx, const DeviceArgs& args)
 {

@@ -17,8 +17,7 @@ int row_count(const SStoragePvrDevGuideInfo& g)
 // "sdb1" for "/dev/sdb1".
 std::string short_name(const SConnectedDevice& row)
 {
-    std::string name = cut(row.devName, sizeof(row.devName));
-    return printable(name.compare(0, 5, "/dev/") == 0 ? name.substr(5) : name);
+    return printable(without_dev(cut(row.devName, sizeof(row.devName))));
 }
 
 // What the record asks of the user interface: text, then the partitions in
@@ -57,7 +56,7 @@ std::string partition_line(const SConnectedDevice& row)
 Json partition_json(const SConnectedDevice& row)
 {
     std::string dev = cut(row.devName, sizeof(row.devName));
-    return {{"name", dev.compare(0, 5, "/dev/") == 0 ? dev.substr(5) : dev},
+    return {{"name", without_dev(dev)},
             {"devName", dev},
             {"fsType", cut(row.fsType, sizeof(row.fsType))},
             {"sizeMB", row.devSize},

@@ -181,7 +181,6 @@ void print_json(FILE* out, const Json& value)
     fprintf(out, "%s\n", json_line(value).c_str());
 }
 
-
 namespace {
 
 constexpr size_t kTextRestBytes = 256;

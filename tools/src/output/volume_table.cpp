@@ -146,11 +146,6 @@ size_t display_width(const std::string& text)
     return width;
 }
 
-std::string short_name(const std::string& node)
-{
-    return printable(node.compare(0, 5, "/dev/") == 0 ? node.substr(5) : node);
-}
-
 bool all_digits(const std::string& text)
 {
     return !text.empty() && text.find_first_not_of("0123456789") == std::string::npos;
@@ -187,7 +182,7 @@ std::vector<Line> tree_lines(const std::vector<VolumeEntry>& entries)
     for (const VolumeEntry& e : entries) {
         if (has_parent(e, entries))
             continue;
-        lines.push_back(Line{short_name(e.node), &e});
+        lines.push_back(Line{printable(without_dev(e.node)), &e});
         std::vector<const VolumeEntry*> children;
         for (const VolumeEntry& c : entries) {
             if (is_child(c, e))
@@ -195,7 +190,7 @@ std::vector<Line> tree_lines(const std::vector<VolumeEntry>& entries)
         }
         for (size_t k = 0; k < children.size(); ++k) {
             const char* branch = k + 1 < children.size() ? "\u251c\u2500" : "\u2514\u2500";
-            lines.push_back(Line{branch + short_name(children[k]->node), children[k]});
+            lines.push_back(Line{branch + printable(without_dev(children[k]->node)), children[k]});
         }
     }
     return lines;
@@ -233,6 +228,11 @@ std::string printable(const std::string& text)
             ch = '?';
     }
     return out;
+}
+
+std::string without_dev(const std::string& name)
+{
+    return name.compare(0, 5, "/dev/") == 0 ? name.substr(5) : name;
 }
 
 std::string render_volume_table(const std::vector<VolumeEntry>& entries)

@@ -189,8 +189,6 @@ bool parse_listing_block(const uint8_t* data, size_t len, ListingBlock* block)
     return true;
 }
 
-
-
 std::string record_line(const ListingRecord& r, bool human)
 {
     std::string size = human ? human_kib(r.size_kib) : std::to_string(r.size_kib);
@@ -199,7 +197,6 @@ std::string record_line(const ListingRecord& r, bool human)
              mjd_date(r.mjd).c_str(), time_text(r).c_str());
     return head + printable(r.name) + tags_text(r);
 }
-
 
 Json listing_block_json(const ListingBlock& block)
 {
