@@ -192,9 +192,9 @@ TEST(CtlWire, RequestBytesAndDecodedReplies)
          kTrue,
          "STORAGE_PVR_MARK_DEV (4129): result 0\n  value: true\n"},
         {{"raw", "0x7000", "i:-2", "u:4294967295", "l:0x0102030405060708", "b:true", "c:A", "c:255", "s:ab",
-          "x:0a:0b"},
+          "s:", "x:0a:0b"},
          {0x00, 0x70, 0, 0, 0xfe, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 8, 7, 6, 5, 4, 3, 2, 1,
-          1, 0, 0, 0, 'A', 0, 0, 0, 0xff, 0, 0, 0, 'a', 'b', 0, 0, 0x0a, 0x0b},
+          1, 0, 0, 0, 'A', 0, 0, 0, 0xff, 0, 0, 0, 'a', 'b', 0, 0, 0, 0, 0, 0, 0x0a, 0x0b},
          {0xff, 0xff, 0xff, 0xff},
          "(unknown command) (28672): result -1\n  (no reply)\n"},
     };
