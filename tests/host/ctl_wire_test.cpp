@@ -266,6 +266,7 @@ TEST(CtlWire, EventAnswersAndWhatOnlyAFaultyDaemonDoes)
         int code;
         std::string out;
         std::string err;  // a part of standard error
+        Bytes request{};  // when given, the REQUEST payload that went out after the SUBSCRIBE
     };
     const Case cases[] = {
         {"answer before the reply", {"size", "sdb"}, {kSubscribed, cat({size_sdc, kSizeSdb, reply(kTrue)})}, false, 0,
@@ -279,6 +280,12 @@ TEST(CtlWire, EventAnswersAndWhatOnlyAFaultyDaemonDoes)
          {kSubscribed, cat({reply(kTrue), mark_event("/dev/sdc1", 1, 0), mark_event("/dev/sdb1", 0, 2)})}, false, 3,
          "/dev/sdb1: not marked: format unusable (2)\n", ""},
         {"refused", {"size", "sdb"}, {kSubscribed, reply(kFalse)}, false, 1, "", "refused"},
+        {"mv", {"mv", "/a", "/b"}, {kSubscribed, cat({event({0x15, 0x00, 0x17, 0x00, 3}), reply(kFalse)})}, false, 1,
+         "mv /a /b: failed (result 3)\n", "", {0x3a, 0x10, 0, 0, '/', 'a', 0, 0, '/', 'b', 0, 0, 0, 0, 0, 0}},
+        {"rename", {"rename", "/a.ts", "/b.ts", "--recording"},
+         {kSubscribed, cat({event({0x14, 0x00, 0x17, 0x00, 3}), reply(kFalse)})}, false, 1,
+         "rename /a.ts /b.ts: failed (result 3)\n", "",
+         {0x2c, 0x10, 0, 0, '/', 'a', '.', 't', 's', 0, 0, 0, '/', 'b', '.', 't', 's', 0, 0, 0, 1, 0, 0, 0}},
         {"silent after the reply", {"size", "sdb", "--timeout", "0.3"}, {kSubscribed, reply(kTrue)}, false, 1, "",
          "size sdb: timed out after 0.3 s waiting for the answer (is it a device the service knows?)"},
         {"no reply at all", {"pvr", "state", "--timeout", "0.3"}, {{}}, false, 1, "", "timed out after 0.3 s"},
@@ -296,6 +303,10 @@ TEST(CtlWire, EventAnswersAndWhatOnlyAFaultyDaemonDoes)
         EXPECT_EQ(c.code, r.code);
         EXPECT_EQ(c.out, r.out);
         EXPECT_NE(std::string::npos, r.err.find(c.err)) << r.err;
+        if (!c.request.empty()) {
+            ASSERT_EQ(2u, d.received.size());
+            EXPECT_EQ(frame(1, c.request), d.received[1]);
+        }
     }
 }
 
