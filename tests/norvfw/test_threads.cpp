@@ -36,16 +36,26 @@ private:
     int m_Fds[2];
 };
 
-// Waits on a condition nobody signals: the wake signal cannot end that.
+// Waits on a condition until Release(): the wake signal cannot end that. Its thread touches nothing of the
+// object, which may be gone by then.
 class Stuck : public CThreadObject {
 public:
     void ThreadWorkFunction() override
     {
-        static std::mutex* lock = new std::mutex;
-        static std::condition_variable* never = new std::condition_variable;
-        std::unique_lock<std::mutex> guard(*lock);
-        never->wait(guard, [] { return false; });
+        std::unique_lock<std::mutex> guard(*s_lock);
+        s_cond->wait(guard, [] { return s_released; });
+        ++s_ended;
     }
+    static void Release()
+    {
+        std::lock_guard<std::mutex> guard(*s_lock);
+        s_released = true;
+        s_cond->notify_all();
+    }
+    static inline std::mutex* s_lock = new std::mutex;  // never destroyed: threads may wait at exit
+    static inline std::condition_variable* s_cond = new std::condition_variable;
+    static inline bool s_released = false;
+    static inline std::atomic<int> s_ended{0};
 };
 
 // Ends the process from its own thread, as a product command handler may.
@@ -113,6 +123,17 @@ TEST(Threads, DestroyingRunningThreadsStopsThem)
     SocketWaiter* w = new SocketWaiter;
     ASSERT_EQ(0, w->StartThread("dtor_sock", 0, 0));
     ASSERT_TRUE(WaitFor([&] { return w->m_Entered.load(); }));
+    // One that does not stop is let go after a while; its entry goes, and only its own.
+    Stuck* stuck = new Stuck;
+    ASSERT_EQ(0, stuck->StartThread("dtor_stuck", 0, 0));
+    SocketWaiter* after = new SocketWaiter;
+    ASSERT_EQ(0, after->StartThread("dtor_after", 0, 0));
+    delete stuck;
+    Stuck::Release();
+    ASSERT_TRUE(WaitFor([] { return Stuck::s_ended.load() == 1; }));
+    EXPECT_EQ(0, after->StopThreadAndWait());
+    EXPECT_FALSE(after->IsRunning());
+    delete after;
     delete r;
     delete w;
 }
