@@ -358,6 +358,7 @@ TEST(CtlHelp, EverySubcommandHasAPageAndUsageErrorsExitTwo)
     for (const Case& c : std::vector<Case>{
              {{"cp", "relative", "/b"}, "(lumstoragectl help cp shows its usage)"},
              {{"pvr", "nothing"}, "(lumstoragectl help pvr shows its usage)"},
+             {{"pvr", "limit", "12x"}, "pvr limit: MB is a whole number of megabytes, not '12x'"},
              {{"get-device-size", "sda", "x"}, "lumstoragectl: "},
              {{"watch", "--count", "0"}, "lumstoragectl: "},
              {{"format", std::string(30, 'a')}, "lumstoragectl: "},
