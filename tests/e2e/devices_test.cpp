@@ -186,18 +186,14 @@ TEST_F(Devices, MtpMountThatFailsEndsTheMtpPartOfTheRun)
     }
 }
 
-TEST_F(Devices, StaleMountDirectoriesGoAtStartAndUsedOnesStay)
+// Also: at start the mount directories left over go, those with a volume mounted stay.
+TEST_F(Devices, HostileLabelsAndRequestsRunNothingAndStaleDirectoriesGoAtStart)
 {
-    StartService("disk stick size=64M table=msdos plugged=no\n  part fs=ext4\n", {}, {},
+    StartService("disk stick size=64M table=msdos plugged=no\n  part fs=ext4 label='$(touch /tmp/pw)'\n", {"stick"}, {},
                  "mkdir -p /mnt/pvr/shared/sdc1 /mnt/pvr/shared/sdd1 && mount -t tmpfs sdd1 /mnt/pvr/shared/sdd1");
     EXPECT_NE(tv.Exec("test -d /mnt/pvr/shared/sdc1").status, 0);
     EXPECT_EQ(tv.Exec("test -d /mnt/pvr/shared/sdd1").status, 0);
     EXPECT_TRUE(Has(tv.Log("lumstoraged"), "clear 1 file in mount path"));
-}
-
-TEST_F(Devices, HostileLabelsAndRequestsRunNothing)
-{
-    StartService("disk stick size=64M table=msdos plugged=no\n  part fs=ext4 label='$(touch /tmp/pw)'\n", {"stick"});
     EXPECT_TRUE(Has(Events("LUM_TV_EVT_STORAGE_DEV_MOUNT")[0], "\"label\":\"$(touch /tmp/pw)\""));
     Ctl({"get-uuid-for-path", "\"; touch /tmp/pw2; \""});
     Ctl({"partition-fs-type", "$(touch /tmp/pw3)"});
