@@ -190,11 +190,7 @@ void note_copy_result(int event, const void* data, int len, void*)
 
 TEST(CopyThreadStart, ThreadThatCannotStartIsAnsweredFiveAndLeavesNoBusyFlag)
 {
-#if defined(__SANITIZE_THREAD__)
-    GTEST_SKIP() << "SKIPPED under ThreadSanitizer: its runtime cannot map a 1 TiB thread stack limit";
-#endif
-    if (!stack_limit_applies())
-        GTEST_SKIP() << "SKIPPED: a stack limit does not reach this process (qemu-user keeps it to itself)";
+    REQUIRE_THREADLESS_CHILD();
     std::string out;
     EXPECT_EQ(run_child("copy_without_threads", &out, true), 0) << out;
     size_t first = out.find("***E: creating copy thread: ");

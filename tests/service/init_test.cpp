@@ -72,11 +72,7 @@ size_t find_in(const std::string& out, const char* needle)
 TEST(StorageSystemInit, ReturnsZeroWhenEveryStepFails)
 {
     REQUIRE_ISOLATION();
-#if defined(__SANITIZE_THREAD__)
-    GTEST_SKIP() << "SKIPPED under ThreadSanitizer: its runtime cannot map a 1 TiB thread stack limit";
-#endif
-    if (!stack_limit_applies())
-        GTEST_SKIP() << "SKIPPED: a stack limit does not reach this process (qemu-user keeps it to itself)";
+    REQUIRE_THREADLESS_CHILD();
     std::string out;
     ASSERT_EQ(run_child("failing", &out, true), 0) << out;
     find_in(out, "TvSystemApp:: Error during init: TimeOutServer::instance().StartThread(\"timeout_server\")");

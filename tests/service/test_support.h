@@ -72,9 +72,16 @@ private:
 // holds (1 TiB; 4 GiB less one byte on a 32-bit system), which glibc takes as the default thread stack, so
 // that no new thread can be created.
 int run_child(const char* name, std::string* out, bool noThreads = false);
-// False where a changed stack limit does not reach the process (qemu-user
-// keeps RLIMIT_STACK to itself): there run_child's noThreads cannot work.
+// Skips where run_child's noThreads cannot work: under ThreadSanitizer, and where a changed stack limit does
+// not reach the process (qemu-user keeps RLIMIT_STACK to itself).
 bool stack_limit_applies();
+#if defined(__SANITIZE_THREAD__)
+#define REQUIRE_THREADLESS_CHILD() GTEST_SKIP() << "SKIPPED under ThreadSanitizer: it cannot map a 1 TiB stack limit"
+#else
+#define REQUIRE_THREADLESS_CHILD() \
+    if (!stack_limit_applies())    \
+    GTEST_SKIP() << "SKIPPED: a stack limit does not reach this process (qemu-user keeps it to itself)"
+#endif
 
 // Waits for a condition that another thread of the service brings about; the
 // bound (60 s) only keeps a broken build from hanging.
