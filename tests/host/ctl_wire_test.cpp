@@ -282,6 +282,8 @@ TEST(CtlWire, EventAnswersAndWhatOnlyAFaultyDaemonDoes)
         {"refused", {"size", "sdb"}, {kSubscribed, reply(kFalse)}, false, 1, "", "refused"},
         {"mv", {"mv", "/a", "/b"}, {kSubscribed, cat({event({0x15, 0x00, 0x17, 0x00, 3}), reply(kFalse)})}, false, 1,
          "mv /a /b: failed (result 3)\n", "", {0x3a, 0x10, 0, 0, '/', 'a', 0, 0, '/', 'b', 0, 0, 0, 0, 0, 0}},
+        {"rm", {"rm", "/a"}, {kSubscribed, cat({event({0x0e, 0x00, 0x17, 0x00, 3}), reply(kFalse)})}, false, 1,
+         "rm /a: rm failed (result 3)\n", "", {0x27, 0x10, 0, 0, '/', 'a', 0, 0, 3, 0, 0, 0}},
         {"rename", {"rename", "/a.ts", "/b.ts", "--recording"},
          {kSubscribed, cat({event({0x14, 0x00, 0x17, 0x00, 3}), reply(kFalse)})}, false, 1,
          "rename /a.ts /b.ts: failed (result 3)\n", "",
