@@ -82,13 +82,9 @@ TEST_F(CopyDirTest, RelativeRootsAreRefusedBeforeAnythingIsMade)
     char cwd[4096];
     ASSERT_NE(getcwd(cwd, sizeof(cwd)), nullptr);
     ASSERT_EQ(chdir(kWork.c_str()), 0);
-    int relSrc = CopyDir("src/", (kWork + "/dst").c_str());
-    int relDst = CopyDir((kWork + "/src/").c_str(), "dst");
-    int empty = CopyDir("", "");
+    const int rc[] = {CopyDir("src/", (kWork + "/dst").c_str()), CopyDir((kWork + "/src/").c_str(), "dst"), CopyDir("", "")};
     ASSERT_EQ(chdir(cwd), 0);
-    EXPECT_EQ(relSrc, -1);
-    EXPECT_EQ(relDst, -1);
-    EXPECT_EQ(empty, -1);
+    EXPECT_EQ(std::vector<int>(rc, rc + 3), std::vector<int>(3, -1));
     EXPECT_FALSE(exists(kWork + "/dst"));
 }
 
@@ -115,6 +111,9 @@ TEST_F(CopyDirTest, DestinationPathThatDoesNotFitStopsTheWalkInsteadOfBeingCut)
     // The source's full path fits 259 bytes, its twin at the destination not.
     std::string dst = kWork + "/" + std::string(200, 'd');
     LogCapture log;
+    // A root that does not fit is refused whole, not cut.
+    EXPECT_EQ(CopyDir((kWork + "/src/").c_str(), (dst + "/" + std::string(60, 'e')).c_str()), -1);
+    EXPECT_TRUE(log.has("path too long for a tree copy"));
     EXPECT_EQ(CopyDir((kWork + "/src/").c_str(), dst.c_str()), ENAMETOOLONG);
     EXPECT_TRUE(log.has("destination path for"));
 }
