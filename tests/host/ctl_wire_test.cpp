@@ -144,6 +144,7 @@ TEST(CtlWire, RequestBytesAndDecodedReplies)
     };
     const Case cases[] = {
         {{"pvr-dev-state"}, {0x1d, 0x10, 0, 0}, kTrue, "STORAGE_PVR_DEV_STATE (4125): result 0\n  value: true\n"},
+        {{"pvr", "limit"}, {0x1f, 0x10, 0, 0}, {0, 0, 0, 0, 10, 0, 0, 0}, "PVR size limit: 10M (10 MB)\n"},
         {{"--json", "4125"},
          {0x1d, 0x10, 0, 0},
          kTrue,
