@@ -330,6 +330,8 @@ TEST(CtlWire, NoDaemonSaysHowToStartOne)
         EXPECT_EQ(r.err.size() - says.size(), r.err.find(says)) << r.err;
         EXPECT_EQ(r.err.size() - 1, r.err.find('\n')) << "one line: " << r.err;
     }
+    const std::string too_long = "/" + std::string(107, 's');  // sun_path holds 107 bytes and a NUL
+    EXPECT_NE(std::string::npos, ctl(too_long, {"volumes"}).err.find(too_long + ": a socket path has 1 to 107 bytes"));
 }
 
 // Every subcommand has its page; a wrong command line exits 2, names the

@@ -36,7 +36,7 @@ private:
     int m_Fds[2];
 };
 
-// Waits on a condition until Release(): the wake signal cannot end that. Its thread touches nothing of the
+// Waits on a condition until s_released: the wake signal cannot end that. Its thread touches nothing of the
 // object, which may be gone by then.
 class Stuck : public CThreadObject {
 public:
@@ -44,12 +44,6 @@ public:
     {
         std::unique_lock<std::mutex> guard(*s_lock);
         s_cond->wait(guard, [] { return s_released; });
-    }
-    static void Release()
-    {
-        std::lock_guard<std::mutex> guard(*s_lock);
-        s_released = true;
-        s_cond->notify_all();
     }
     static inline std::mutex* s_lock = new std::mutex;  // never destroyed: threads may wait at exit
     static inline std::condition_variable* s_cond = new std::condition_variable;
@@ -127,7 +121,10 @@ TEST(Threads, DestroyingRunningThreadsStopsThem)
     SocketWaiter* after = new SocketWaiter;
     ASSERT_EQ(0, after->StartThread("dtor_after", 0, 0));
     delete stuck;
-    Stuck::Release();
+    std::unique_lock<std::mutex> release(*Stuck::s_lock);
+    Stuck::s_released = true;
+    release.unlock();
+    Stuck::s_cond->notify_all();
     EXPECT_EQ(0, after->StopThreadAndWait());
     EXPECT_FALSE(after->IsRunning());
     delete after;
