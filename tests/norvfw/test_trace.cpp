@@ -38,6 +38,7 @@ TEST_F(TraceTest, LevelsFilterAndUnitsAreNamedFromTheTable)
 {
     norvTrace.SetTraceOn(TRACE_NORVMSGQUEUE, TRACELEVEL_WARNING);
     norvTrace.SetTraceOn(TRACE_OBSERVE, TRACELEVEL_ALL);
+    norvTrace.SetTraceOn(128, TRACELEVEL_ALL);  // no such unit: changes nothing
     norvtest::StdoutCapture capture;
     TraceFormattedString(TRACE_NORVMSGQUEUE, TRACELEVEL_INFO, "hidden %d", 1);
     TraceFormattedString(TRACE_NORVMSGQUEUE, TRACELEVEL_ERROR, "shown %d\n", 2);
