@@ -78,9 +78,11 @@ bool stack_limit_applies();
 #if defined(__SANITIZE_THREAD__)
 #define REQUIRE_THREADLESS_CHILD() GTEST_SKIP() << "SKIPPED under ThreadSanitizer: it cannot map a 1 TiB stack limit"
 #else
-#define REQUIRE_THREADLESS_CHILD() \
-    if (!stack_limit_applies())    \
-    GTEST_SKIP() << "SKIPPED: a stack limit does not reach this process (qemu-user keeps it to itself)"
+#define REQUIRE_THREADLESS_CHILD()                                                                  \
+    do {                                                                                            \
+        if (!stack_limit_applies())                                                                 \
+            GTEST_SKIP() << "SKIPPED: a stack limit does not reach this process (qemu-user keeps it to itself)"; \
+    } while (0)
 #endif
 
 // Waits for a condition that another thread of the service brings about; the

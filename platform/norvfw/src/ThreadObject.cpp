@@ -152,10 +152,9 @@ int CmdThreads(int argc, char** argv, std::string* out)
     return 0;
 }
 
-// The final overrider of ThreadWorkFunction as a plain function, looked up
-// now, on the starting thread (a GNU extension; other compilers leave the
-// lookup to the new thread).
-// A run's start, handed to its new thread.
+// A run's start, handed to its new thread. work is ThreadWorkFunction of the
+// object's final class: the new thread must not read the object's vtable,
+// which a destructor may already be rewriting.
 struct ThreadStart {
     CThreadObject* self;
     unsigned long serial;
@@ -163,6 +162,9 @@ struct ThreadStart {
     char name[16];
 };
 
+// The final overrider of ThreadWorkFunction as a plain function, looked up
+// now, on the starting thread (a GNU extension; other compilers leave the
+// lookup to the new thread).
 void (*ResolveWork(CThreadObject* object))(CThreadObject*)
 {
 #if defined(__GNUC__) && !defined(__clang__)
@@ -204,7 +206,7 @@ void SetCurrentThreadCounter(const std::atomic<unsigned long>* counter)
 
 }  // namespace norvfw_internal
 
-CThreadObject::CThreadObject() : m_StopFlag(0), m_Work(nullptr), m_Thread(), m_Running(false), m_Joinable(false), m_Serial(0)
+CThreadObject::CThreadObject() : m_StopFlag(0), m_Thread(), m_Running(false), m_Joinable(false), m_Serial(0)
 {
     m_Name[0] = '\0';
 }
@@ -287,7 +289,6 @@ int CThreadObject::StartThread(const char* name, int priority, int stackSize)
                              priority);
     }
     m_StopFlag.store(0);
-    m_Work = ResolveWork(this);
     m_Serial = AddThread(this, GetThreadType());
 
     pthread_attr_t attr;
@@ -298,7 +299,7 @@ int CThreadObject::StartThread(const char* name, int priority, int stackSize)
         pthread_attr_setstacksize(&attr, size < least ? least : size);
     }
     m_Running.store(true);
-    ThreadStart* start = new ThreadStart{this, m_Serial, m_Work, {}};
+    ThreadStart* start = new ThreadStart{this, m_Serial, ResolveWork(this), {}};
     memcpy(start->name, m_Name, sizeof(start->name));
     int rc = pthread_create(&m_Thread, &attr, Trampoline, start);
     pthread_attr_destroy(&attr);

@@ -54,10 +54,6 @@ private:
     // waits for good. 0 once joined, -ETIMEDOUT, or -EDEADLK on itself.
     int JoinWithWakes(double timeoutMs);
 
-    // ThreadWorkFunction of the object's final class, looked up by
-    // StartThread: the new thread must not read the object's vtable, which a
-    // destructor may already be rewriting.
-    void (*m_Work)(CThreadObject*);
     pthread_t m_Thread;
     std::atomic<bool> m_Running;
     bool m_Joinable;          // guarded by m_Control
