@@ -155,6 +155,14 @@ int CmdThreads(int argc, char** argv, std::string* out)
 // The final overrider of ThreadWorkFunction as a plain function, looked up
 // now, on the starting thread (a GNU extension; other compilers leave the
 // lookup to the new thread).
+// A run's start, handed to its new thread.
+struct ThreadStart {
+    CThreadObject* self;
+    unsigned long serial;
+    void (*work)(CThreadObject*);
+    char name[16];
+};
+
 void (*ResolveWork(CThreadObject* object))(CThreadObject*)
 {
 #if defined(__GNUC__) && !defined(__clang__)
@@ -233,17 +241,22 @@ bool CThreadObject::StopForDestruction()
 
 void* CThreadObject::Trampoline(void* arg)
 {
-    CThreadObject* self = static_cast<CThreadObject*>(arg);
-    unsigned long serial = self->m_Serial;
-    pthread_setname_np(pthread_self(), self->m_Name);
+    // What the run needs, copied by StartThread: a thread that the destructor
+    // let go reads nothing more of an object that may be gone.
+    ThreadStart* start = static_cast<ThreadStart*>(arg);
+    CThreadObject* self = start->self;
+    unsigned long serial = start->serial;
+    void (*work)(CThreadObject*) = start->work;
+    pthread_setname_np(pthread_self(), start->name);
+    delete start;
     sigset_t wake;
     sigemptyset(&wake);
     sigaddset(&wake, norvfw_internal::WakeSignal());
     pthread_sigmask(SIG_UNBLOCK, &wake, nullptr);
     SetThreadTid(serial, static_cast<long>(syscall(SYS_gettid)));
 
-    if (self->m_Work != nullptr) {
-        self->m_Work(self);
+    if (work != nullptr) {
+        work(self);
     } else {
         self->ThreadWorkFunction();
     }
@@ -285,9 +298,12 @@ int CThreadObject::StartThread(const char* name, int priority, int stackSize)
         pthread_attr_setstacksize(&attr, size < least ? least : size);
     }
     m_Running.store(true);
-    int rc = pthread_create(&m_Thread, &attr, Trampoline, this);
+    ThreadStart* start = new ThreadStart{this, m_Serial, m_Work, {}};
+    memcpy(start->name, m_Name, sizeof(start->name));
+    int rc = pthread_create(&m_Thread, &attr, Trampoline, start);
     pthread_attr_destroy(&attr);
     if (rc != 0) {
+        delete start;
         m_Running.store(false);
         {
             std::lock_guard<std::mutex> regGuard(Registry().lock);
