@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 
+#include "norvfw/Nshell.h"
 #include "norvfw/TimeOut.h"
 #include "norvfw/testing.h"
 #include "test_util.h"
@@ -44,10 +45,12 @@ public:
     {
         std::unique_lock<std::mutex> guard(*s_lock);
         s_cond->wait(guard, [] { return s_released; });
+        ++s_ended;
     }
     static inline std::mutex* s_lock = new std::mutex;  // never destroyed: threads may wait at exit
     static inline std::condition_variable* s_cond = new std::condition_variable;
     static inline bool s_released = false;
+    static inline std::atomic<int> s_ended{0};
 };
 
 // Ends the process from its own thread, as a product command handler may.
@@ -121,12 +124,17 @@ TEST(Threads, DestroyingRunningThreadsStopsThem)
     SocketWaiter* after = new SocketWaiter;
     ASSERT_EQ(0, after->StartThread("dtor_after", 0, 0));
     delete stuck;
+    InitThreadObjectNshell();
+    std::string threads;
+    ASSERT_EQ(0, nshell.Execute("threads", &threads));
+    EXPECT_TRUE(threads.find("dtor_after") != std::string::npos && threads.find("dtor_stuck") == std::string::npos)
+        << threads;
     std::unique_lock<std::mutex> release(*Stuck::s_lock);
     Stuck::s_released = true;
     release.unlock();
     Stuck::s_cond->notify_all();
-    EXPECT_EQ(0, after->StopThreadAndWait());
-    EXPECT_FALSE(after->IsRunning());
+    // Its end must leave the gone object alone (a use after free otherwise).
+    ASSERT_TRUE(WaitFor([] { return Stuck::s_ended.load() == 1; }));
     delete after;
     delete r;
     delete w;
