@@ -163,10 +163,7 @@ TEST(LogEnv, ThresholdFromEnvironmentAtStart) {
     const char* cases[][2] = {{nullptr, "3"}, {"2", "2"}, {"8", "8"}, {"w", "5"}, {"E", "6"},
                               {"s", "8"},     {"9", "3"}, {"", "3"},  {"info", "3"}};
     for (auto& c : cases) {
-        if (c[0] != nullptr)
-            setenv("LUM_LOG_LEVEL", c[0], 1);
-        else
-            unsetenv("LUM_LOG_LEVEL");
+        c[0] != nullptr ? setenv("LUM_LOG_LEVEL", c[0], 1) : unsetenv("LUM_LOG_LEVEL");
         int status = 0;
         EXPECT_EQ(c[1], lmdroid_test::run_child("threshold", &status)) << (c[0] ? c[0] : "(unset)");
         EXPECT_EQ(0, status);
