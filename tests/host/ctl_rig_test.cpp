@@ -7,17 +7,17 @@
 
 namespace e2e {
 namespace {
-// vfat sdb1 (chosen as the PVR partition at its plug: timeshift on, a 10 MB limit), ext4 sdb2.
+// vfat sda1 (chosen as the PVR partition at its plug: timeshift on, a 10 MB limit), ext4 sda2.
 const char* kStick =
-    "disk stick size=128M table=msdos plugged=no vendor=SanDisk model=\"Cruzer Blade\" serial=4C530001\n"
+    "disk stick size=128M table=msdos plugged=no vendor=SanDisk model=\"Cruzer Blade\" serial=4C530001 dev=sda\n"
     "  part size=48M fs=vfat label=TSH\n"
     "    file /readme.txt text=hello\n"
     "  part fs=ext4 label=DATA\n";
 const char* kProperties = "mkdir -p /run/properties && printf 0 > /run/properties/persist.pvr.rec.enable && "
                           "printf 1 > /run/properties/persist.pvr.tshift.enable && "
                           "printf 10 > /run/properties/persist.pvr.device_size_limit";
-const std::string kFat = "/mnt/pvr/shared/sdb1";
-const std::string kExt = "/mnt/pvr/shared/sdb2";
+const std::string kFat = "/mnt/pvr/shared/sda1";
+const std::string kExt = "/mnt/pvr/shared/sda2";
 
 class CtlRig : public ServiceRig {
 protected:
@@ -62,7 +62,7 @@ TEST_F(CtlRig, EverySubcommandFamilyInTextAndJson)
     StartService(kStick, {"stick"}, {}, kProperties);
     if (HasFatalFailure())
         return;
-    const std::string uuid = Sh("blkid -s UUID -o value /dev/sdb2");
+    const std::string uuid = Sh("blkid -s UUID -o value /dev/sda2");
     const std::string used = Sh("df -Pm " + kFat + " | awk 'NR==2 {print $3}'");
     // Free blocks, the reserved ones too.
     const std::string free_mb = Sh("echo $(( $(stat -f -c '%f * %S' " + kExt + ") / 1048576 ))");
@@ -71,14 +71,14 @@ TEST_F(CtlRig, EverySubcommandFamilyInTextAndJson)
         {{"pvr-dev-state"}, 0, {"STORAGE_PVR_DEV_STATE (4125): result 0\n  value: true\n"},
          {"{\"command\":\"STORAGE_PVR_DEV_STATE\",\"code\":4125,\"result\":0,\"reply\":{\"value\":true},"}},
         {{"volumes"}, 0,
-         {"NAME", "sdb ", "├─sdb1", "└─sdb2", "vfat", "TSH", "ext4", "DATA", kFat, "SanDisk", "Cruzer Blade", "128M"},
-         {"\"devices\":[", "\"rows\":[", "\"node\":\"/dev/sdb2\",\"mountPoint\":\"" + kExt + "\""}},
-        {{"devinfo", "/dev/sdb"}, 0, {"vendor: SanDisk", "model: Cruzer Blade", "serial: 4C530001", "devId: 0x"},
+         {"NAME", "sda ", "├─sda1", "└─sda2", "vfat", "TSH", "ext4", "DATA", kFat, "SanDisk", "Cruzer Blade", "128M"},
+         {"\"devices\":[", "\"rows\":[", "\"node\":\"/dev/sda2\",\"mountPoint\":\"" + kExt + "\""}},
+        {{"devinfo", "/dev/sda"}, 0, {"vendor: SanDisk", "model: Cruzer Blade", "serial: 4C530001", "devId: 0x"},
          {"\"serial\":\"4C530001\""}},
         {{"devinfo", "/dev/sdz"}, 3, {}, {"\"status\":1"}},
-        {{"size", "/dev/sdb"}, 0, {"/dev/sdb: 128M (128 MB)\n"}, {"{\"device\":\"/dev/sdb\",\"sizeMB\":128}"}},
-        {{"used", "/dev/sdb1"}, 0, {"/dev/sdb1: " + used + "M used (" + used + " MB)\n"},
-         {"{\"device\":\"/dev/sdb1\",\"usedMB\":" + used + "}"}},
+        {{"size", "/dev/sda"}, 0, {"/dev/sda: 128M (128 MB)\n"}, {"{\"device\":\"/dev/sda\",\"sizeMB\":128}"}},
+        {{"used", "/dev/sda1"}, 0, {"/dev/sda1: " + used + "M used (" + used + " MB)\n"},
+         {"{\"device\":\"/dev/sda1\",\"usedMB\":" + used + "}"}},
         {{"uuid", kExt}, 0, {kExt + ": " + uuid + "\n"}, {"{\"path\":\"" + kExt + "\",\"uuid\":\"" + uuid + "\"}"}},
         {{"free", uuid}, 0, {uuid + ": ", "free (" + free_mb + " MB)"},
          {"{\"uuid\":\"" + uuid + "\",\"freeMB\":" + free_mb + "}"}},
@@ -86,9 +86,9 @@ TEST_F(CtlRig, EverySubcommandFamilyInTextAndJson)
         // PVR: the stick's vfat partition was chosen at its plug.
         {{"pvr", "state"}, 0, {"PVR partition: " + kFat + "\n"}, {"{\"pvr\":true,\"mountPath\":\"" + kFat + "\"}"}},
         {{"pvr", "path"}, 0, {kFat + "\n"}, {"{\"mountPath\":\"" + kFat + "\"}"}},
-        {{"pvr", "available", "/dev/sdb1"}, 0, {"/dev/sdb1: verdict 0, success\n"},
-         {"{\"disk\":\"/dev/sdb1\",\"verdict\":0,\"name\":\"success\",\"usable\":true}"}},
-        {{"pvr", "total", "/dev/sdb"}, 0, {"/dev/sdb: ", "(128 MB)"}, {"{\"disk\":\"/dev/sdb\",\"totalMB\":128}"}},
+        {{"pvr", "available", "/dev/sda1"}, 0, {"/dev/sda1: verdict 0, success\n"},
+         {"{\"disk\":\"/dev/sda1\",\"verdict\":0,\"name\":\"success\",\"usable\":true}"}},
+        {{"pvr", "total", "/dev/sda"}, 0, {"/dev/sda: ", "(128 MB)"}, {"{\"disk\":\"/dev/sda\",\"totalMB\":128}"}},
         {{"pvr", "limit"}, 0, {"PVR size limit: 10M (10 MB)"}, {"{\"limitMB\":10}"}},
         // With the PVR partition chosen there is nothing to ask.
         {{"pvr", "guide"}, 0, {"show: no\nasks: nothing to do\npartitions: 0\nconnected devices: 3\n"},
@@ -110,18 +110,18 @@ TEST_F(CtlRig, EverySubcommandFamilyInTextAndJson)
     EXPECT_NE(tv.Exec("test -e " + kExt + "/d/g").status, 0) << "mv left its source";
     // A run of the stick's volumes, then a format of its ext4 partition.
     Check({
-        {{"umount", "/dev/sdb"}, 0, {"unmounted " + kFat + "\n", "unmounted " + kExt + "\n", "/dev/sdb: 2 volumes unmounted\n"},
+        {{"umount", "/dev/sda"}, 0, {"unmounted " + kFat + "\n", "unmounted " + kExt + "\n", "/dev/sda: 2 volumes unmounted\n"},
          {}},
-        {{"mount", "/dev/sdb"}, 0,
+        {{"mount", "/dev/sda"}, 0,
          {"mounted " + kFat + " (vfat, label TSH)\n", "mounted " + kExt + " (ext4, label DATA)\n",
-          "/dev/sdb: 2 volumes mounted\n"},
+          "/dev/sda: 2 volumes mounted\n"},
          {}},
         // Without recording the service makes FAT32.
-        {{"format", "/dev/sdb2"}, 0,
+        {{"format", "/dev/sda2"}, 0,
          {"unmounting\nunmounted " + kExt + "\nformatting\nmounting\nmounted " + kExt + " (vfat)\nresult: ok, "},
          {}},
     });
-    EXPECT_EQ(Sh("blkid -p -s TYPE -o value /dev/sdb2"), "vfat");
+    EXPECT_EQ(Sh("blkid -p -s TYPE -o value /dev/sda2"), "vfat");
 }
 
 }  // namespace

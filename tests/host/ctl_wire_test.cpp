@@ -229,13 +229,15 @@ TEST(CtlWire, WatchDecodesEventsAndDropNotices)
          "00000000  73 64 61 31 00 00 00 00 00 00 00 00 00 00 00 00\n"
          "00000010  00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00\n"
          "00000020  fd ff ff ff\n(36 bytes)\n"},
-        {{"watch", "--json", "--count", "2"},
-         cat({dropped, watchdog, kSizeSdb}),
+        {{"watch", "--json", "--count", "3"},
+         cat({dropped, watchdog, kSizeSdb, event({0x0e, 0x00, 0x17, 0x00, 2})}),
          "{\"dropped\":5}\n"
          "{\"event\":\"LUM_TV_EVT_STORAGE_FORMAT\",\"id\":1507359,\"len\":36,\"data\":{\"devName\":\"sda1\","
          "\"result\":-3},\"complete\":true,\"rest\":\"\"}\n"
          "{\"event\":\"LUM_TV_EVT_STORAGE_HDD_GET_SIZE\",\"id\":1507354,\"len\":13,\"data\":{\"sizeMB\":258,"
-         "\"device\":\"/dev/sdb\"},\"complete\":true,\"rest\":\"\"}\n"},
+         "\"device\":\"/dev/sdb\"},\"complete\":true,\"rest\":\"\"}\n"
+         "{\"event\":\"LUM_TV_EVT_STORAGE_DELETE_FILE\",\"id\":1507342,\"len\":1,\"data\":{\"result\":2},"
+         "\"complete\":true,\"rest\":\"\"}\n"},
         {{"watch", "--json", "--hex", "--count", "1"},
          unknown,
          "{\"event\":null,\"id\":8721,\"len\":2,\"hex\":\"cafe\",\"data\":{\"hex\":\"cafe\"},\"complete\":true,"

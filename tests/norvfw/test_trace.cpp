@@ -36,7 +36,9 @@ protected:
 
 TEST_F(TraceTest, LevelsFilterAndUnitsAreNamedFromTheTable)
 {
-    norvTrace.SetTraceOn(TRACE_NORVMSGQUEUE, TRACELEVEL_WARNING);
+    std::string out;
+    nshell.AddNshellInternalNshellCmds();
+    ASSERT_EQ(0, nshell.Execute("trace norvmsgqueue warning", &out)) << out;  // a unit by its name, any case
     norvTrace.SetTraceOn(TRACE_OBSERVE, TRACELEVEL_ALL);
     norvTrace.SetTraceOn(128, TRACELEVEL_ALL);  // no such unit: changes nothing
     norvtest::StdoutCapture capture;
