@@ -49,8 +49,7 @@ protected:
     // df's size of the volume in MB, as the service reports it.
     std::string DfSize() const
     {
-        std::string s = tv.Exec("df -Pm | awk '$1 == \"/dev/sdb1\" { print $2 }'").out;
-        return s.substr(0, s.find('\n'));
+        return tv.Exec("df -Pm | awk '$1 == \"/dev/sdb1\" { print $2 }'").Line();
     }
     // The FAT adapter here reports no blocks for a while after a format, so a new FAT volume's size is
     // checked against its partition's: df's total lies a little below it.

@@ -52,8 +52,7 @@ protected:
     }
     std::string Sh(const std::string& line) const
     {
-        std::string out = tv.Exec(line).out;
-        return out.empty() ? out : out.substr(0, out.find('\n'));
+        return tv.Exec(line).Line();
     }
 };
 
@@ -72,7 +71,7 @@ TEST_F(CtlRig, EverySubcommandFamilyInTextAndJson)
          {"{\"command\":\"STORAGE_PVR_DEV_STATE\",\"code\":4125,\"result\":0,\"reply\":{\"value\":true},"}},
         {{"volumes"}, 0,
          {"NAME", "sda ", "├─sda1", "└─sda2", "vfat", "TSH", "ext4", "DATA", kFat, "SanDisk", "Cruzer Blade", "128M"},
-         {"\"devices\":[", "\"rows\":[", "\"node\":\"/dev/sda2\",\"mountPoint\":\"" + kExt + "\""}},
+         {"\"devices\":[", "\"devName\":\"/dev/sda2\"", "\"node\":\"/dev/sda2\",\"mountPoint\":\"" + kExt + "\""}},
         {{"devinfo", "/dev/sda"}, 0, {"vendor: SanDisk", "model: Cruzer Blade", "serial: 4C530001", "devId: 0x"},
          {"\"serial\":\"4C530001\""}},
         {{"devinfo", "/dev/sdz"}, 3, {}, {"\"status\":1"}},

@@ -35,6 +35,7 @@ struct Result {
   int status = -1;  // exit status; 128+N when killed by signal N
   std::string out, err;
   bool ok() const { return status == 0; }
+  std::string Line() const { return out.substr(0, out.find('\n')); }  // the output's first line
   // For assertion messages.
   std::string Describe() const {
     return "status " + std::to_string(status) + "\n--- stdout\n" + out + "--- stderr\n" + err;
@@ -389,8 +390,7 @@ protected:
     // The permission bits in octal, "644".
     std::string Mode(const std::string& path) const
     {
-        std::string mode = In({"stat", "-c", "%a", "--", path}).out;
-        return mode.substr(0, mode.find('\n'));
+        return In({"stat", "-c", "%a", "--", path}).Line();
     }
     bool OwnerWrites(const std::string& path) const
     {
