@@ -2,6 +2,7 @@
 // line per device, partitions indented under their disk, columns as wide as
 // their widest cell.
 #include <algorithm>
+#include <cctype>
 
 #include "lumctl/output.h"
 
@@ -21,7 +22,7 @@ const char* volume_type(const VolumeEntry& entry)
     const char* name = entry.node.c_str();
     bool disk = strncmp(name, "/dev/", 5) == 0 && strlen(name + 5) == 3;
     for (size_t i = 5; disk && i < 8; ++i)
-        disk = (name[i] >= 'a' && name[i] <= 'z') || (name[i] >= 'A' && name[i] <= 'Z');
+        disk = isalpha(static_cast<unsigned char>(name[i])) != 0;  // the client keeps the C locale
     return disk ? "disk" : "part";
 }
 
