@@ -366,6 +366,7 @@ TEST(CtlHelp, EverySubcommandHasAPageAndUsageErrorsExitTwo)
              {{"cp", "relative", "/b"}, "(lumstoragectl help cp shows its usage)"},
              {{"pvr", "nothing"}, "(lumstoragectl help pvr shows its usage)"},
              {{"pvr", "limit", "12x"}, "pvr limit: MB is a whole number of megabytes, not '12x'"},
+             {{"pvr", "limit", "4294967296"}, "not '4294967296'"},
              {{"get-device-size", "sda", "x"}, "lumstoragectl: "},
              {{"watch", "--count", "0"}, "lumstoragectl: "},
              {{"format", std::string(30, 'a')}, "lumstoragectl: "},
