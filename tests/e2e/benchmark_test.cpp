@@ -20,11 +20,7 @@ protected:
     }
     std::vector<std::string> BenchEvents() const { return Events("LUM_TV_EVT_STORAGE_DEV_BENCHMARK"); }
     static bool Running(const std::string& line) { return Has(line, "\"data\":{\"status\":8,"); }
-    static int Progress(const std::string& line)
-    {
-        size_t at = line.find("\"progress\":");
-        return at == std::string::npos ? -1 : std::stoi(line.substr(at + 11));
-    }
+    static int Progress(const std::string& line) { return static_cast<int>(Number(line, "progress")); }
     // Waits for an event that ends the benchmark (any status but 8).
     bool WaitForEnd(int timeout_s = 240) const
     {

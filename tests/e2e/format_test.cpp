@@ -56,7 +56,7 @@ protected:
     void ExpectFatSize(const std::string& reply) const
     {
         int partMB = std::stoi(tv.Exec("echo $(( $(blockdev --getsize64 /dev/sdb1) >> 20 ))").out);
-        int sizeMB = std::stoi(reply.substr(reply.find("\"sizeMB\":") + 9));
+        long long sizeMB = Number(reply, "sizeMB");
         EXPECT_LE(sizeMB, partMB) << reply;
         EXPECT_GE(sizeMB, partMB - 4) << reply;
     }

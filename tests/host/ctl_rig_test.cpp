@@ -59,9 +59,8 @@ TEST_F(CtlRig, EverySubcommandFamilyInTextAndJson)
     // Free blocks, the reserved ones too.
     const std::string free_mb = tv.Exec("echo $(( $(stat -f -c '%f * %S' " + kExt + ") / 1048576 ))").Line();
     ASSERT_FALSE(uuid.empty());
-    auto fd_open = [this](const char* flags) {  // fd open's JSON line ends in "fd":N}
-        const std::string out = Ctl({"fd", "open", kExt + "/h", flags, "0644"}).out;
-        return std::to_string(atoi(out.c_str() + out.rfind(':') + 1));
+    auto fd_open = [this](const char* flags) {
+        return std::to_string(Number(Ctl({"fd", "open", kExt + "/h", flags, "0644"}).out, "fd"));
     };
     const std::string w = fd_open("O_WRONLY|O_CREAT"), r = fd_open("O_RDONLY");
     Check({
@@ -90,7 +89,7 @@ TEST_F(CtlRig, EverySubcommandFamilyInTextAndJson)
         {{"pvr", "guide"}, 0, {"show: no\nasks: nothing to do\npartitions: 0\nconnected devices: 3\n"},
          {"{\"show\":false,\"event\":4,\"asks\":\"nothing to do\",\"partitionNum\":0,\"partitions\":[],"
           "\"connectedDevNum\":3}"}},
-        // Files on the ext4 partition, each checked there by the shell.
+        // Files on the ext4 partition, checked there by the shell and by exec.
         {{"ls", kFat}, 0, {"readme.txt"}, {"\"name\":\"readme.txt\""}},
         {{"mkdir", kExt + "/d"}, 0, {}, {}},
         {{"write", kExt + "/d/f", "-"}, 0, {}, {}, "hello"},

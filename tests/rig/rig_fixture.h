@@ -308,6 +308,12 @@ protected:
         return lumrig::Until([&] { return Events(name).size() >= count; }, timeout_s);
     }
     static bool Has(const std::string& line, const std::string& text) { return line.find(text) != std::string::npos; }
+    // The number of a JSON line's first field named key; -1 without one.
+    static long long Number(const std::string& line, const std::string& key)
+    {
+        size_t at = line.find("\"" + key + "\":");
+        return at == std::string::npos ? -1 : std::atoll(line.c_str() + at + key.size() + 3);
+    }
     // mount's lines of the service's volumes.
     std::string Mounts() const { return tv.Exec("mount | grep /mnt/pvr/shared || true").out; }
     // The pids of this television's processes named `name` (pgrep -x). The rig shares the host's PID
