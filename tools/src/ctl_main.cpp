@@ -57,12 +57,11 @@ int run_command(const CtlContext& ctx, const CmdRow& row, const std::vector<std:
 int run_raw(const CtlContext& ctx, const DeviceArgs& args)
 {
     const std::string& name = args.operands[0];
-    int32_t word = 0;
+    long long number = 0;
     const CmdRow* row = cmd_find(name.c_str());
-    if (row != nullptr)
-        word = row->value;
-    else if (!parse_cmd_number(name.c_str(), &word))
+    if (row == nullptr && !parse_number(name, 0, INT32_MAX, &number))
         return usage_error(ctx, "'" + name + "' is neither a command nor a number");
+    const int32_t word = row != nullptr ? row->value : static_cast<int32_t>(number);
     std::vector<std::string> items(args.operands.begin() + 1, args.operands.end());
     std::vector<uint8_t> request;
     std::string error;

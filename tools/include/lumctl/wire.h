@@ -105,7 +105,11 @@ const CmdRow* cmd_rows(size_t* count);
 // By exact name, by name without STORAGE_ (or STROAGE_) in any case with '-'
 // for '_' ("dev-mount"), or by number (decimal or 0x hex); null otherwise.
 const CmdRow* cmd_find(const char* word);
-bool parse_cmd_number(const char* text, int32_t* out);
+// A whole number of text in [low, high] in base as strtoll reads it (0: C's
+// rules), by default decimal or, after "0x", hex; no blanks, no '+', a '-'
+// only where low is below 0. The one reader of the command line's numbers.
+constexpr int kDecimalOrHex = -1;
+bool parse_number(const std::string& text, long long low, long long high, long long* out, int base = kDecimalOrHex);
 
 // Each builder returns 0 with the request (command word first) in out, or
 // -1 with a message in error.

@@ -2,8 +2,7 @@
 // reply: exec [--capture] COMMAND..., chmod PATH MODE, and fd WORD ... on
 // descriptors that stay open in the daemon after lumstoragectl ends, until
 // fd close (the result, and errno behind a negative one).
-#include <cerrno>
-#include <cstdlib>
+#include <cstring>
 #include <functional>
 
 #include "commands.h"
@@ -17,22 +16,11 @@ constexpr double kExecTimeoutSeconds = 600;  // the reply comes when the command
 // The reply of a read holds the count twice and the bytes padded to 4.
 constexpr long long kReadMax = lumproto::kMaxPayload - 16;
 
-bool parse_count(const std::string& text, long long high, long long* out)
-{
-    char* end = nullptr;
-    errno = 0;
-    long long value = strtoll(text.c_str(), &end, 10);
-    if (text.empty() || errno != 0 || *end != '\0' || value < 0 || value > high)
-        return false;
-    *out = value;
-    return true;
-}
-
 // The descriptor of an fd word (its first operand).
 int fd_arg(const CtlContext& ctx, const DeviceCall& call, int32_t* fd)
 {
     long long value = 0;
-    if (!parse_count(call.args.operands[0], INT32_MAX, &value))
+    if (!parse_number(call.args.operands[0], 0, INT32_MAX, &value, 10))
         return usage_error(
             ctx, std::string(call.sub) + ": FD is a number 0..2147483647, not '" + call.args.operands[0] + "'");
     *fd = static_cast<int32_t>(value);
@@ -177,7 +165,7 @@ int run_fd_read(const CtlContext& ctx, const DeviceArgs& args)
     int rc = fd_arg(ctx, call, &fd);
     if (rc != kExitOk)
         return rc;
-    if (!parse_count(args.operands[1], kReadMax, &bytes))
+    if (!parse_number(args.operands[1], 0, kReadMax, &bytes, 10))
         return usage_error(
             ctx, "fd read: BYTES is a number 0.." + std::to_string(kReadMax) + ", not '" + args.operands[1] + "'");
     Bytes request;

@@ -1,7 +1,5 @@
 // pvr WORD: the PVR requests. state, path, available, total, guide and limit
 // are answered by the reply alone; mark waits for the marking's verdict.
-#include <cerrno>
-#include <cstdlib>
 #include <memory>
 
 #include <StorageEvents.h>
@@ -49,19 +47,6 @@ int read_limit(const CtlContext& ctx, const DeviceCall& call, uint32_t* mb)
     if (rc == kExitOk)
         *mb = value.get<uint32_t>();
     return rc;
-}
-
-// Decimal megabytes 0..4294967295; false for anything else.
-bool parse_mb(const std::string& text, uint32_t* mb)
-{
-    if (text.empty() || text.size() > 10 || text.find_first_not_of("0123456789") != std::string::npos)
-        return false;
-    errno = 0;
-    unsigned long long v = strtoull(text.c_str(), nullptr, 10);
-    if (errno != 0 || v > UINT32_MAX)
-        return false;
-    *mb = static_cast<uint32_t>(v);
-    return true;
 }
 
 std::string ignored_because(uint32_t asked)
@@ -210,8 +195,9 @@ int run_pvr_limit(const CtlContext& ctx, const DeviceArgs& args)
 {
     DeviceCall call(ctx, "pvr limit", "STORAGE_SET_PVR_DEV_SIZE_LIMIT", args, kQueryTimeoutSeconds);
     int rc = kExitOk;
-    uint32_t asked = 0, before = 0, after = 0;
-    if (!call.args.operands.empty() && !parse_mb(call.args.operands[0], &asked))
+    uint32_t before = 0, after = 0;
+    long long asked = 0;
+    if (!call.args.operands.empty() && !parse_number(call.args.operands[0], 0, UINT32_MAX, &asked, 10))
         return usage_error(ctx, "pvr limit: MB is a whole number of megabytes, not '" + call.args.operands[0] + "'");
     if ((rc = read_limit(ctx, call, &before)) != kExitOk)
         return rc;
@@ -223,7 +209,7 @@ int run_pvr_limit(const CtlContext& ctx, const DeviceArgs& args)
     if ((rc = direct_run(ctx, call, {std::to_string(asked)}, &reply)) != kExitOk ||
         (rc = read_limit(ctx, call, &after)) != kExitOk)
         return rc;
-    return report_set(call.local, before, asked, after);
+    return report_set(call.local, before, static_cast<uint32_t>(asked), after);
 }
 
 // pvr mark DISK [--format]: asks the service to make DISK the PVR disk and

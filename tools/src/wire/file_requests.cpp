@@ -1,8 +1,6 @@
 // Requests of the file subcommands. Every field goes through
 // android::Parcel, so the bytes are the layout the service reads: 4-byte
 // items, strings NUL-terminated and zero-padded, raw bytes padded.
-#include <cerrno>
-#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <strings.h>
@@ -212,23 +210,10 @@ const FlagName kOpenFlags[] = {
     {"NOFOLLOW", O_NOFOLLOW}, {"CLOEXEC", O_CLOEXEC},
 };
 
-bool parse_number(const std::string& text, int base, long long low, long long high, long long* out)
-{
-    if (text.empty() || text[0] == '-' || text[0] == '+' || text[0] == ' ')
-        return false;
-    char* end = nullptr;
-    errno = 0;
-    long long value = strtoll(text.c_str(), &end, base);
-    if (errno != 0 || *end != '\0' || value < low || value > high)
-        return false;
-    *out = value;
-    return true;
-}
-
 bool parse_flag(const std::string& word, int32_t* out)
 {
     long long number = 0;
-    if (parse_number(word, 0, 0, INT32_MAX, &number)) {
+    if (parse_number(word, 0, INT32_MAX, &number, 0)) {
         *out = static_cast<int32_t>(number);
         return true;
     }
@@ -265,7 +250,7 @@ bool parse_open_flags(const std::string& text, int32_t* out)
 bool parse_mode(const std::string& text, int32_t* out)
 {
     long long mode = 0;
-    if (!parse_number(text, 8, 0, 07777, &mode))
+    if (!parse_number(text, 0, 07777, &mode, 8))
         return false;
     *out = static_cast<int32_t>(mode);
     return true;

@@ -50,27 +50,12 @@ void append_parcel(const android::Parcel& parcel, Bytes* out)
     out->insert(out->end(), parcel.data(), parcel.data() + parcel.dataSize());
 }
 
-bool parse_integer(const std::string& text, long long low, long long high, long long* out)
-{
-    const char* s = text.c_str();
-    const char* digits = (s[0] == '-' || s[0] == '+') ? s + 1 : s;
-    if (text.empty() || !isxdigit(static_cast<unsigned char>(digits[0])))
-        return false;
-    char* end = nullptr;
-    errno = 0;
-    long long value = strtoll(s, &end, strncasecmp(digits, "0x", 2) == 0 ? 16 : 10);
-    if (errno != 0 || *end != '\0' || value < low || value > high)
-        return false;
-    *out = value;
-    return true;
-}
-
 // An integer field of the given range, written as int32 or int64.
 template <long long Low, long long High, bool Wide = false>
 bool write_integer(const std::string& text, android::Parcel* parcel)
 {
     long long v = 0;
-    if (!parse_integer(text, Low, High, &v))
+    if (!parse_number(text, Low, High, &v))
         return false;
     return (Wide ? parcel->writeInt64(v) : parcel->writeInt32(static_cast<int32_t>(v))) == android::OK;
 }
@@ -168,23 +153,27 @@ const CmdRow* cmd_rows(size_t* count)
     return kRows;
 }
 
-bool parse_cmd_number(const char* text, int32_t* out)
+bool parse_number(const std::string& text, long long low, long long high, long long* out, int base)
 {
-    if (text[0] == '\0' || !isdigit(static_cast<unsigned char>(text[0])))
+    const char* s = text.c_str();
+    const char* digits = s[0] == '-' && low < 0 ? s + 1 : s;
+    if (!isxdigit(static_cast<unsigned char>(digits[0])))
         return false;
+    if (base == kDecimalOrHex)
+        base = strncasecmp(digits, "0x", 2) == 0 ? 16 : 10;
     char* end = nullptr;
     errno = 0;
-    long long value = strtoll(text, &end, strncasecmp(text, "0x", 2) == 0 ? 16 : 10);
-    if (errno != 0 || *end != '\0' || value > INT32_MAX)
+    long long value = strtoll(s, &end, base);
+    if (errno != 0 || *end != '\0' || value < low || value > high)
         return false;
-    *out = static_cast<int32_t>(value);
+    *out = value;
     return true;
 }
 
 const CmdRow* cmd_find(const char* word)
 {
-    int32_t number = 0;
-    const bool by_number = parse_cmd_number(word, &number);
+    long long number = 0;
+    const bool by_number = parse_number(word, 0, INT32_MAX, &number);
     for (const CmdRow& row : kRows) {
         if (by_number ? row.value == number : strcmp(row.name, word) == 0)
             return &row;
