@@ -37,9 +37,9 @@ int transact_and_print(const CtlContext& ctx, const CmdRow* row, int32_t word,
         return protocol_error(ctx, connect_error(ctx.socket_path, -fd));
     CtlReply reply;
     std::string error;
-    int rc = ctl_transact(fd, request, &reply, &error);
+    int rc = ctl_transact(fd, request, -1, &reply, &error);
     close(fd);
-    if (rc != 0)
+    if (rc != 1)
         return protocol_error(ctx, error);
     print_reply(ctx, row, word, reply);
     return kExitOk;
@@ -104,8 +104,12 @@ int run_watch(const CtlContext& ctx_in, const DeviceArgs& args)
     int rc = ctl_subscribe(fd, &error) != 0 ? protocol_error(ctx, error) : kExitOk;
     double deadline = args.timeout >= 0 ? now_seconds() + args.timeout : -1;
     for (long seen = 0; rc == kExitOk && (args.count < 0 || seen < args.count);) {
-        CtlEvent event;
-        int got = ctl_next_event(fd, time_left_ms(deadline), &event, &error);
+        CtlIncoming in;
+        int got = ctl_next_incoming(fd, time_left_ms(deadline), &in, &error);
+        if (got > 0 && in.is_reply) {
+            got = -1;
+            error = "unexpected REPLY frame";
+        }
         if (got < 0)
             rc = protocol_error(ctx, error);
         else if (got == 0 && args.count >= 0)
@@ -113,8 +117,8 @@ int run_watch(const CtlContext& ctx_in, const DeviceArgs& args)
                                          " events");
         if (got <= 0)
             break;
-        print_event(ctx, event);
-        seen += event.dropped ? 0 : 1;
+        print_event(ctx, in.event);
+        seen += in.event.dropped ? 0 : 1;
     }
     close(fd);
     return rc;

@@ -19,10 +19,6 @@ struct CtlReply {
     std::vector<uint8_t> bytes;  // the reply Parcel
 };
 
-// Sends one REQUEST and waits for its REPLY. Returns 0, or -1 with a message
-// in error (an ERROR frame's text, a closed connection, a bad frame).
-int ctl_transact(int fd, const std::vector<uint8_t>& request, CtlReply* reply, std::string* error);
-
 // Sends SUBSCRIBE and waits for SUBSCRIBED. Returns 0 or -1 with error.
 int ctl_subscribe(int fd, std::string* error);
 
@@ -32,10 +28,6 @@ struct CtlEvent {
     int32_t id;
     std::vector<uint8_t> data;   // the event's bytes
 };
-
-// Waits up to timeout_ms (below 0: forever) for the next EVENT or DROPPED
-// frame. Returns 1 with an event, 0 on timeout, -1 with error.
-int ctl_next_event(int fd, int timeout_ms, CtlEvent* event, std::string* error);
 
 // Sends one REQUEST without waiting for its REPLY. Returns 0 or -1 with error.
 int ctl_send_request(int fd, const std::vector<uint8_t>& request, std::string* error);
@@ -51,5 +43,10 @@ struct CtlIncoming {
 // Waits up to timeout_ms (below 0: forever) for the next REPLY, EVENT or
 // DROPPED frame. Returns 1 with a frame, 0 on timeout, -1 with error.
 int ctl_next_incoming(int fd, int timeout_ms, CtlIncoming* in, std::string* error);
+
+// Sends one REQUEST and waits up to timeout_ms (below 0: forever) for its
+// REPLY, skipping the events of a subscribed connection. Returns 1 with the
+// reply, 0 on timeout, -1 with error.
+int ctl_transact(int fd, const std::vector<uint8_t>& request, int timeout_ms, CtlReply* reply, std::string* error);
 
 }  // namespace lumctl

@@ -22,23 +22,11 @@ std::string refusal_text(const CtlReply& reply)
     return "the service refused the request";
 }
 
-// Sends the request and waits for its REPLY: 1, 0 on time-out, -1 with
-// error. The connection is not subscribed; stray events are skipped.
-int wait_reply(int fd, const EventQuery& query, CtlReply* reply, std::string* error)
+// call's --timeout, or its default, in milliseconds.
+int timeout_ms(const DeviceCall& call)
 {
-    double deadline = now_seconds() + query.timeout_ms / 1000.0;
-    if (ctl_send_request(fd, query.request, error) != 0)
-        return -1;
-    for (;;) {
-        CtlIncoming in;
-        int rc = ctl_next_incoming(fd, time_left_ms(deadline), &in, error);
-        if (rc <= 0)
-            return rc;
-        if (in.is_reply) {
-            *reply = in.reply;
-            return 1;
-        }
-    }
+    double ms = std::ceil(call.args.timeout * 1000);
+    return ms > 2e9 ? 2000000000 : static_cast<int>(ms);
 }
 
 }  // namespace
@@ -87,8 +75,7 @@ void device_wait(const DeviceCall& call, std::vector<int32_t> ids,
 {
     query->ids = std::move(ids);
     query->on_event = std::move(on_event);
-    double ms = std::ceil(call.args.timeout * 1000);
-    query->timeout_ms = ms > 2e9 ? 2000000000 : static_cast<int>(ms);
+    query->timeout_ms = timeout_ms(call);
 }
 
 int device_report(const CtlContext& ctx, const DeviceCall& call, const QueryOutcome& out,
@@ -116,14 +103,11 @@ int direct_run(const CtlContext& ctx, const DeviceCall& call, const std::vector<
 
 int direct_request(const CtlContext& ctx, const DeviceCall& call, const Bytes& request, CtlReply* reply)
 {
-    EventQuery query;
-    query.request = request;
-    device_wait(call, {}, nullptr, &query);
     std::string error;
     int fd = ctl_connect(ctx.socket_path);
     if (fd < 0)
         return protocol_error(ctx, call.subject() + ": " + connect_error(ctx.socket_path, -fd));
-    int rc = wait_reply(fd, query, reply, &error);
+    int rc = ctl_transact(fd, request, timeout_ms(call), reply, &error);
     close(fd);
     if (rc == 0)
         error = "timed out after " + seconds_text(call.args.timeout) + " waiting for the reply";

@@ -8,6 +8,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include "lumctl/wire.h"
 #include "lumproto/frame_io.h"
 #include "lumproto/socket_path.h"
 
@@ -139,22 +140,6 @@ int ctl_send_request(int fd, const std::vector<uint8_t>& request, std::string* e
     return rc == 0 ? 0 : send_failed(rc, error);
 }
 
-int ctl_transact(int fd, const std::vector<uint8_t>& request, CtlReply* reply, std::string* error)
-{
-    if (ctl_send_request(fd, request, error) != 0)
-        return -1;
-    lumproto::FrameHeader header{};
-    std::vector<uint8_t> payload;
-    // Events may come first on a subscribed connection; they are skipped.
-    do {
-        if (read_one(fd, &header, &payload, error) != 0)
-            return -1;
-    } while (header.type == lumproto::kEvent || header.type == lumproto::kDropped);
-    if (header.type != lumproto::kReply)
-        return unexpected(header, error);
-    return take_reply(payload, reply, error);
-}
-
 int ctl_subscribe(int fd, std::string* error)
 {
     int rc = lumproto::write_frame(fd, lumproto::kSubscribe, static_cast<const void*>(nullptr), 0);
@@ -165,16 +150,6 @@ int ctl_subscribe(int fd, std::string* error)
     if (read_one(fd, &header, &payload, error) != 0)
         return -1;
     return header.type == lumproto::kSubscribed ? 0 : unexpected(header, error);
-}
-
-int ctl_next_event(int fd, int timeout_ms, CtlEvent* event, std::string* error)
-{
-    lumproto::FrameHeader header{};
-    std::vector<uint8_t> payload;
-    int rc = wait_and_read(fd, timeout_ms, &header, &payload, error);
-    if (rc <= 0)
-        return rc;
-    return take_event(header, &payload, event) ? 1 : unexpected(header, error);
 }
 
 int ctl_next_incoming(int fd, int timeout_ms, CtlIncoming* in, std::string* error)
@@ -188,6 +163,21 @@ int ctl_next_incoming(int fd, int timeout_ms, CtlIncoming* in, std::string* erro
     if (in->is_reply)
         return take_reply(payload, &in->reply, error) == 0 ? 1 : -1;
     return take_event(header, &payload, &in->event) ? 1 : unexpected(header, error);
+}
+
+int ctl_transact(int fd, const std::vector<uint8_t>& request, int timeout_ms, CtlReply* reply, std::string* error)
+{
+    const double deadline = timeout_ms < 0 ? -1 : now_seconds() + timeout_ms / 1000.0;
+    if (ctl_send_request(fd, request, error) != 0)
+        return -1;
+    for (;;) {
+        CtlIncoming in;
+        int rc = ctl_next_incoming(fd, time_left_ms(deadline), &in, error);
+        if (rc == 1 && in.is_reply)
+            *reply = in.reply;
+        if (rc <= 0 || in.is_reply)
+            return rc;
+    }
 }
 
 }  // namespace lumctl
