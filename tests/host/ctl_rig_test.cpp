@@ -87,8 +87,8 @@ TEST_F(CtlRig, EverySubcommandFamilyInTextAndJson)
         {{"pvr", "limit"}, 0, {"PVR size limit: 10M (10 MB)"}, {"{\"limitMB\":10}"}},
         // With the PVR partition chosen there is nothing to ask.
         {{"pvr", "guide"}, 0, {"show: no\nasks: nothing to do\npartitions: 0\nconnected devices: 3\n"},
-         {"{\"show\":false,\"event\":4,\"asks\":\"nothing to do\",\"partitionNum\":0,\"partitions\":[],"
-          "\"connectedDevNum\":3}"}},
+         {"{\"show\":false,\"event\":4,\"partitionNum\":0,\"partitions\":[],\"connectedDevNum\":3,",
+          "\"asks\":\"nothing to do\"}"}},
         // Files on the ext4 partition, checked there by the shell and by exec.
         {{"ls", kFat}, 0, {"readme.txt"}, {"\"name\":\"readme.txt\""}},
         {{"mkdir", kExt + "/d"}, 0, {}, {}},

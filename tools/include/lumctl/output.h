@@ -8,8 +8,6 @@
 #include <utility>
 #include <vector>
 
-#include <StoragePvr.h>
-
 #include "lumctl/wire.h"
 
 namespace lumctl {
@@ -43,10 +41,10 @@ std::string human_kib(uint64_t kib);
 // devices)" when entries is empty.
 std::string render_volume_table(const std::vector<VolumeEntry>& entries);
 
-// The guide record: show, asks, the partitions and the connected devices,
-// in lines of words or as one JSON object.
-std::string guide_text(const SStoragePvrDevGuideInfo& guide);
-Json guide_json(const SStoragePvrDevGuideInfo& guide);
+// The decoded guide record (decode_guide): what it asks of the user
+// interface in words, and all of it in lines of words.
+std::string guide_asks(const Json& guide);
+std::string guide_text(const Json& guide);
 
 // A copy's progress, seen on this machine (the service's): the source's
 // sizes against the destination's as it grows.

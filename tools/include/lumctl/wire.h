@@ -81,6 +81,9 @@ inline Json event_json(const CtlEvent& event)
 size_t decode_tagged_table(const uint8_t* data, size_t len, Decoded* out);
 size_t decode_device_rows(const uint8_t* data, size_t len, Decoded* out);
 size_t decode_dev_info(const uint8_t* data, size_t len, Decoded* out);
+// The PVR guide record: show, event, the partition rows and the connected
+// devices' rows (as many as the counts say, up to the record's rows).
+size_t decode_guide(const uint8_t* data, size_t len, Decoded* out);
 // The name of an EStoragePvrFlag, "unknown" outside the enumeration.
 const char* verdict_name(int32_t verdict);
 // The word of a one-byte file result for its event ("protected"), the

@@ -1,6 +1,5 @@
 // pvr WORD: the PVR requests. state, path, available, total, guide and limit
 // are answered by the reply alone; mark waits for the marking's verdict.
-#include <memory>
 
 #include <StorageEvents.h>
 #include <StoragePvr.h>
@@ -177,13 +176,14 @@ int run_pvr_guide(const CtlContext& ctx, const DeviceArgs& args)
     if (bytes == nullptr)
         return protocol_error(ctx, "pvr guide: the record is shorter than " +
                                        std::to_string(sizeof(SStoragePvrDevGuideInfo)) + " bytes");
-    // 63000 bytes: on the heap, not the stack.
-    std::unique_ptr<SStoragePvrDevGuideInfo> guide(new SStoragePvrDevGuideInfo);
-    memcpy(guide.get(), bytes, sizeof(*guide));
+    Decoded decoded;
+    decode_guide(static_cast<const uint8_t*>(bytes), sizeof(SStoragePvrDevGuideInfo), &decoded);
+    Json guide = fields_json(decoded);
+    guide["asks"] = guide_asks(guide);
     if (call.local.json)
-        print_json(ctx.out, guide_json(*guide));
+        print_json(ctx.out, guide);
     else
-        fputs(guide_text(*guide).c_str(), ctx.out);
+        fputs(guide_text(guide).c_str(), ctx.out);
     return kExitOk;
 }
 

@@ -1,24 +1,13 @@
-// The guide record in words. Strings are read only up to their field's
-// size; the partition count is bounded by the record's rows.
+// The guide record in words, from its decoded fields (as watch shows the
+// guide events): what it asks of the user interface, the partitions in rows
+// of their own and the count of connected devices.
+#include <StoragePvr.h>
+
 #include "lumctl/output.h"
 
 namespace lumctl {
 
 namespace {
-
-std::string cut(const char* text, size_t size) { return std::string(text, strnlen(text, size)); }
-
-int row_count(const SStoragePvrDevGuideInfo& g)
-{
-    int n = g.s32PartitionNum;
-    return n < 0 ? 0 : n > STORAGE_GUIDE_ROWS ? STORAGE_GUIDE_ROWS : n;
-}
-
-// "sdb1" for "/dev/sdb1".
-std::string short_name(const SConnectedDevice& row)
-{
-    return printable(without_dev(cut(row.devName, sizeof(row.devName))));
-}
 
 // What the record asks of the user interface: text, then the partitions in
 // question (the first, or all) or none when none are listed.
@@ -38,14 +27,19 @@ const RequestRow kRequests[] = {
     {PLUGIN_EVENT_BUTT, "nothing to do", nullptr, false},
 };
 
-// "  sdb1: vfat, 29.1G (29773 MB), on /mnt/pvr/shared/sdb1, label PVRDISK"
-std::string partition_line(const SConnectedDevice& row)
+// "sdb1" for "/dev/sdb1".
+std::string short_name(const Json& row)
 {
-    std::string fs = cut(row.fsType, sizeof(row.fsType));
-    std::string mount = cut(row.mountPoint, sizeof(row.mountPoint));
-    std::string label = cut(row.volumeName, sizeof(row.volumeName));
+    return printable(without_dev(row["devName"]));
+}
+
+// "  sdb1: vfat, 29.1G (29773 MB), on /mnt/pvr/shared/sdb1, label PVRDISK"
+std::string partition_line(const Json& row)
+{
+    const std::string fs = row["fsType"], mount = row["mountPoint"], label = row["label"];
+    const uint64_t mb = row["sizeMB"];
     std::string line = "  " + short_name(row) + ": " + (fs.empty() ? "no file system" : printable(fs)) + ", " +
-                       human_mb(row.devSize) + " (" + std::to_string(row.devSize) + " MB)";
+                       human_mb(mb) + " (" + std::to_string(mb) + " MB)";
     if (!mount.empty())
         line += ", on " + printable(mount);
     if (!label.empty())
@@ -53,59 +47,37 @@ std::string partition_line(const SConnectedDevice& row)
     return line + "\n";
 }
 
-Json partition_json(const SConnectedDevice& row)
-{
-    std::string dev = cut(row.devName, sizeof(row.devName));
-    return {{"name", without_dev(dev)},
-            {"devName", dev},
-            {"fsType", cut(row.fsType, sizeof(row.fsType))},
-            {"sizeMB", row.devSize},
-            {"usedMB", row.devUsedSize},
-            {"mountPoint", cut(row.mountPoint, sizeof(row.mountPoint))},
-            {"label", cut(row.volumeName, sizeof(row.volumeName))}};
-}
-
-std::string guide_request(const SStoragePvrDevGuideInfo& g)
-{
-    for (const RequestRow& row : kRequests) {
-        if (row.event != g.enEvt)
-            continue;
-        if (row.none == nullptr || row_count(g) == 0)
-            return row.none == nullptr ? row.text : row.none;
-        std::string out = row.text;
-        for (int i = 0; i < (row.all ? row_count(g) : 1); ++i)
-            out += (i > 0 ? ", " : "") + short_name(g.astPartition[i]);
-        return out;
-    }
-    return "unknown request " + std::to_string(static_cast<int>(g.enEvt));
-}
-
 }  // namespace
 
-std::string guide_text(const SStoragePvrDevGuideInfo& guide)
+std::string guide_asks(const Json& guide)
 {
-    std::string out = std::string("show: ") + (guide.bShow != 0 ? "yes" : "no") + "\n";
-    out += "asks: " + guide_request(guide) + "\n";
-    out += "partitions: " + std::to_string(guide.s32PartitionNum);
-    if (guide.s32PartitionNum != row_count(guide))
-        out += " (" + std::to_string(row_count(guide)) + " in the record)";
-    out += "\n";
-    for (int i = 0; i < row_count(guide); ++i)
-        out += partition_line(guide.astPartition[i]);
-    return out + "connected devices: " + std::to_string(guide.s32ConnectedDevNum) + "\n";
+    const Json& rows = guide["partitions"];
+    for (const RequestRow& row : kRequests) {
+        if (row.event != guide["event"])
+            continue;
+        if (row.none == nullptr || rows.empty())
+            return row.none == nullptr ? row.text : row.none;
+        std::string out = row.text;
+        for (size_t i = 0; i < (row.all ? rows.size() : 1); ++i)
+            out += (i > 0 ? ", " : "") + short_name(rows[i]);
+        return out;
+    }
+    return "unknown request " + guide["event"].dump();
 }
 
-Json guide_json(const SStoragePvrDevGuideInfo& guide)
+std::string guide_text(const Json& guide)
 {
-    Json rows = Json::array();
-    for (int i = 0; i < row_count(guide); ++i)
-        rows.push_back(partition_json(guide.astPartition[i]));
-    return {{"show", guide.bShow != 0},
-            {"event", guide.enEvt},
-            {"asks", guide_request(guide)},
-            {"partitionNum", guide.s32PartitionNum},
-            {"partitions", rows},
-            {"connectedDevNum", guide.s32ConnectedDevNum}};
+    const Json& rows = guide["partitions"];
+    const int count = guide["partitionNum"];
+    std::string out = std::string("show: ") + (guide["show"] ? "yes" : "no") + "\n";
+    out += "asks: " + guide_asks(guide) + "\n";
+    out += "partitions: " + std::to_string(count);
+    if (static_cast<size_t>(count) != rows.size())
+        out += " (" + std::to_string(rows.size()) + " in the record)";
+    out += "\n";
+    for (const Json& row : rows)
+        out += partition_line(row);
+    return out + "connected devices: " + guide["connectedDevNum"].dump() + "\n";
 }
 
 }  // namespace lumctl

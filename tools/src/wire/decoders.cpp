@@ -151,23 +151,6 @@ size_t decode_mark_info(const uint8_t* data, size_t len, Decoded* out)
     return sizeof(info);
 }
 
-size_t decode_guide(const uint8_t* data, size_t len, Decoded* out)
-{
-    if (len < sizeof(SStoragePvrDevGuideInfo))
-        return 0;
-    // 63000 bytes: copied to the heap, not the stack of the caller.
-    std::string copy(reinterpret_cast<const char*>(data), sizeof(SStoragePvrDevGuideInfo));
-    const auto* g = reinterpret_cast<const SStoragePvrDevGuideInfo*>(copy.data());
-    add_bool(out, "show", g->bShow);
-    add_int(out, "event", g->enEvt);
-    name_last(out, kGuideEvents, g->enEvt);
-    add_int(out, "partitionNum", g->s32PartitionNum);
-    add_rows(out, "partitions", g->astPartition, g->s32PartitionNum);
-    add_int(out, "connectedDevNum", g->s32ConnectedDevNum);
-    add_rows(out, "connected", g->astConnectedDev, g->s32ConnectedDevNum);
-    return sizeof(SStoragePvrDevGuideInfo);
-}
-
 // SStorageFormatInfo: devName (bounded to its 30 bytes), result as a signed
 // int, with names for the busy and timeout values.
 size_t decode_format_info(const uint8_t* data, size_t len, Decoded* out)
@@ -405,6 +388,23 @@ size_t decode_dev_info(const uint8_t* data, size_t len, Decoded* out)
     if (len > 1)
         out->fields.push_back(Field{"device", obj.text, obj.json});
     return len;
+}
+
+size_t decode_guide(const uint8_t* data, size_t len, Decoded* out)
+{
+    if (len < sizeof(SStoragePvrDevGuideInfo))
+        return 0;
+    // 63000 bytes: copied to the heap, not the stack of the caller.
+    std::string copy(reinterpret_cast<const char*>(data), sizeof(SStoragePvrDevGuideInfo));
+    const auto* g = reinterpret_cast<const SStoragePvrDevGuideInfo*>(copy.data());
+    add_bool(out, "show", g->bShow);
+    add_int(out, "event", g->enEvt);
+    name_last(out, kGuideEvents, g->enEvt);
+    add_int(out, "partitionNum", g->s32PartitionNum);
+    add_rows(out, "partitions", g->astPartition, g->s32PartitionNum);
+    add_int(out, "connectedDevNum", g->s32ConnectedDevNum);
+    add_rows(out, "connected", g->astConnectedDev, g->s32ConnectedDevNum);
+    return sizeof(SStoragePvrDevGuideInfo);
 }
 
 const char* verdict_name(int32_t verdict)
