@@ -37,9 +37,12 @@ void print_json(FILE* out, const Json& value);
 std::string human_mb(uint64_t mb);
 std::string human_kib(uint64_t kib);
 
-// The table in the manner of lsblk, partitions under their disk; "(no
-// devices)" when entries is empty.
-std::string render_volume_table(const std::vector<VolumeEntry>& entries);
+// The decoded volume list (decode_tagged_table's devices) as a table in the
+// manner of lsblk, partitions under their disk; "(no devices)" when empty.
+std::string render_volume_table(const Json& devices);
+// A text element of a device for a terminal, without the blanks that pad
+// vendor, model and serial ("" when missing).
+std::string device_text(const Json& element, const char* key);
 
 // The decoded guide record (decode_guide): what it asks of the user
 // interface in words, and all of it in lines of words.

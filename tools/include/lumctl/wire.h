@@ -231,22 +231,6 @@ size_t parse_cover(const uint8_t* data, size_t len, CoverAnswer* out);
 size_t decode_listing_block(const uint8_t* data, size_t len, Decoded* out);
 size_t decode_cover(const uint8_t* data, size_t len, Decoded* out);
 
-// ---- The volume list as records.
-
-struct VolumeEntry {
-    std::string node;  // "/dev/sdb1", or an MTP device id
-    int conn = 0;      // connection type; 0 on partitions
-    std::string mount_point, label, fs_type, vendor, model, serial;
-    uint32_t dev_id = 0;
-    uint32_t size_mb = 0, used_mb = 0;
-    bool has_size = false, has_used = false;
-};
-
-// The entry of a decoded element list, vendor, model and serial unpadded.
-VolumeEntry volume_entry(const Json& elements);
-// False when the list is malformed; the entries before the fault are kept.
-bool parse_volume_table(const uint8_t* data, size_t len, std::vector<VolumeEntry>* out);
-
 // ---- Requests answered by event: subscribe, send, then hand the awaited
 // events to a handler until it says done, the reply refuses, or time is up.
 

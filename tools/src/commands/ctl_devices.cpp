@@ -2,7 +2,6 @@
 // forms as JSON), devinfo DEVICE, mount and umount DEVICE (each volume as it
 // is announced, then the count of the run's end event), and the queries
 // size, used, free and uuid (one request, one answering event).
-#include <StorageDevice.h>
 #include <StorageEvents.h>
 
 #include "commands.h"
@@ -31,43 +30,41 @@ EventStep take_volumes(VolumeEvents* got, const CtlEvent& event)
     return EventStep::kDone;
 }
 
-// The one field a list decoder gives, as JSON.
-Json list_json(size_t (*decode)(const uint8_t*, size_t, Decoded*), const Bytes& data)
+// The one field a list decoder gives, as JSON; whole: it took every byte.
+Json list_json(size_t (*decode)(const uint8_t*, size_t, Decoded*), const Bytes& data, bool* whole = nullptr)
 {
     Decoded d;
-    decode(data.data(), data.size(), &d);
+    const size_t used = decode(data.data(), data.size(), &d);
+    if (whole != nullptr)
+        *whole = used == data.size();
     return d.fields.empty() ? Json::array() : d.fields[0].json;
 }
 
 // The list carries labels as the volumes store them (GBK on FAT); the rows
 // carry them converted to UTF-8, so the table shows those.
-void apply_row_labels(const Bytes& rows, std::vector<VolumeEntry>* entries)
+Json with_row_labels(Json devices, const Json& rows)
 {
-    for (size_t at = 0; at + sizeof(SConnectedDevice) <= rows.size(); at += sizeof(SConnectedDevice)) {
-        SConnectedDevice row;
-        memcpy(&row, rows.data() + at, sizeof(row));
-        std::string name(row.devName, strnlen(row.devName, sizeof(row.devName)));
-        std::string label(row.volumeName, strnlen(row.volumeName, sizeof(row.volumeName)));
-        for (VolumeEntry& e : *entries) {
-            if (e.node == name && !label.empty())
-                e.label = label;
+    for (const Json& row : rows) {
+        for (Json& device : devices) {
+            if (device.value("node", std::string()) == row["devName"] && row["label"] != "")
+                device["label"] = row["label"];
         }
     }
+    return devices;
 }
 
 int print_volumes(const CtlContext& ctx, const VolumeEvents& got)
 {
-    std::vector<VolumeEntry> entries;
-    bool whole = parse_volume_table(got.volumes.data(), got.volumes.size(), &entries);
-    apply_row_labels(got.rows, &entries);
+    bool whole = false;
+    const Json devices = list_json(decode_tagged_table, got.volumes, &whole);
+    const Json rows = list_json(decode_device_rows, got.rows);
     if (ctx.json)
-        print_json(ctx.out, Json{{"devices", list_json(decode_tagged_table, got.volumes)},
-                                 {"rows", list_json(decode_device_rows, got.rows)}});
+        print_json(ctx.out, Json{{"devices", devices}, {"rows", rows}});
     else
-        fputs(render_volume_table(entries).c_str(), ctx.out);
+        fputs(render_volume_table(with_row_labels(devices, rows)).c_str(), ctx.out);
     if (whole)
         return kExitOk;
-    long long shown = static_cast<long long>(entries.size());
+    long long shown = static_cast<long long>(devices.size());
     return protocol_error(ctx, "volumes: the volume list is malformed after " + count_of(shown, "device"));
 }
 
@@ -92,10 +89,10 @@ int print_devinfo(const CtlContext& ctx, const std::string& name, const Bytes& d
         return protocol_error(ctx, "devinfo " + name + ": malformed device information");
     if (ctx.json)
         return kExitOk;
-    VolumeEntry e = volume_entry(data.size() > 1 ? decoded.fields[1].json : Json::object());
+    const Json e = data.size() > 1 ? decoded.fields[1].json : Json::object();
     fprintf(ctx.out, "device: %s\nstatus: 0 (ok)\nvendor: %s\nmodel: %s\nserial: %s\ndevId: 0x%08X\n",
-            printable(name).c_str(), printable(e.vendor).c_str(), printable(e.model).c_str(),
-            printable(e.serial).c_str(), e.dev_id);
+            printable(name).c_str(), device_text(e, "vendor").c_str(), device_text(e, "model").c_str(),
+            device_text(e, "serial").c_str(), e.value("devId", 0u));
     return kExitOk;
 }
 

@@ -15,14 +15,19 @@ const char* const kConnLabels[] = {"-",       "HDDEdwa", "HDDAsdd", "USBAsdd",
                                    "HDD Int", "USB Int", "USB Ext", "PTP"};
 constexpr int kConnPtp = 7;
 
-const char* volume_type(const VolumeEntry& entry)
+std::string text_of(const Json& e, const char* key)
 {
-    if (entry.conn == kConnPtp || entry.node.compare(0, 3, "VEN") == 0)
+    return e.value(key, std::string());
+}
+
+const char* volume_type(const Json& e)
+{
+    const std::string node = text_of(e, "node");
+    if (e.value("conn", 0) == kConnPtp || node.compare(0, 3, "VEN") == 0)
         return "mtp";
-    const char* name = entry.node.c_str();
-    bool disk = strncmp(name, "/dev/", 5) == 0 && strlen(name + 5) == 3;
+    bool disk = node.compare(0, 5, "/dev/") == 0 && node.size() == 8;
     for (size_t i = 5; disk && i < 8; ++i)
-        disk = isalpha(static_cast<unsigned char>(name[i])) != 0;  // the client keeps the C locale
+        disk = isalpha(static_cast<unsigned char>(node[i])) != 0;  // the client keeps the C locale
     return disk ? "disk" : "part";
 }
 
@@ -42,33 +47,9 @@ std::string trim_blanks(const std::string& text)
 
 }  // namespace
 
-VolumeEntry volume_entry(const Json& elements)
+std::string device_text(const Json& element, const char* key)
 {
-    VolumeEntry e;
-    auto text = [&elements](const char* name) { return elements.value(name, std::string()); };
-    e.node = text("node");
-    e.conn = elements.value("conn", 0);
-    e.mount_point = text("mountPoint");
-    e.label = text("label");
-    e.fs_type = text("fsType");
-    e.vendor = trim_blanks(text("vendor"));
-    e.model = trim_blanks(text("model"));
-    e.serial = trim_blanks(text("serial"));
-    e.dev_id = elements.value("devId", 0u);
-    e.has_size = elements.contains("sizeMB");
-    e.size_mb = elements.value("sizeMB", 0u);
-    e.has_used = elements.contains("usedMB");
-    e.used_mb = elements.value("usedMB", 0u);
-    return e;
-}
-
-bool parse_volume_table(const uint8_t* data, size_t len, std::vector<VolumeEntry>* out)
-{
-    Decoded decoded;
-    size_t used = decode_tagged_table(data, len, &decoded);
-    for (const Json& elements : decoded.fields.front().json)
-        out->push_back(volume_entry(elements));
-    return used == len;
+    return printable(trim_blanks(text_of(element, key)));
 }
 
 namespace {
@@ -154,16 +135,16 @@ bool all_digits(const std::string& text)
 
 // A partition belongs to the disk whose node is its node without the
 // trailing number ("/dev/sdb1" under "/dev/sdb").
-bool is_child(const VolumeEntry& part, const VolumeEntry& disk)
+bool is_child(const Json& part, const Json& disk)
 {
+    const std::string node = text_of(part, "node"), disk_node = text_of(disk, "node");
     return strcmp(volume_type(part), "part") == 0 && strcmp(volume_type(disk), "disk") == 0 &&
-           part.node.compare(0, disk.node.size(), disk.node) == 0 &&
-           all_digits(part.node.substr(disk.node.size()));
+           node.compare(0, disk_node.size(), disk_node) == 0 && all_digits(node.substr(disk_node.size()));
 }
 
-bool has_parent(const VolumeEntry& part, const std::vector<VolumeEntry>& entries)
+bool has_parent(const Json& part, const Json& entries)
 {
-    for (const VolumeEntry& e : entries) {
+    for (const Json& e : entries) {
         if (is_child(part, e))
             return true;
     }
@@ -172,26 +153,26 @@ bool has_parent(const VolumeEntry& part, const std::vector<VolumeEntry>& entries
 
 struct Line {
     std::string name;
-    const VolumeEntry* entry;
+    const Json* entry;
 };
 
 // Entries in their order, each disk followed by its partitions; partitions
 // whose disk is not listed stand on their own.
-std::vector<Line> tree_lines(const std::vector<VolumeEntry>& entries)
+std::vector<Line> tree_lines(const Json& entries)
 {
     std::vector<Line> lines;
-    for (const VolumeEntry& e : entries) {
+    for (const Json& e : entries) {
         if (has_parent(e, entries))
             continue;
-        lines.push_back(Line{printable(without_dev(e.node)), &e});
-        std::vector<const VolumeEntry*> children;
-        for (const VolumeEntry& c : entries) {
+        lines.push_back(Line{printable(without_dev(text_of(e, "node"))), &e});
+        std::vector<const Json*> children;
+        for (const Json& c : entries) {
             if (is_child(c, e))
                 children.push_back(&c);
         }
         for (size_t k = 0; k < children.size(); ++k) {
             const char* branch = k + 1 < children.size() ? "\u251c\u2500" : "\u2514\u2500";
-            lines.push_back(Line{branch + printable(without_dev(children[k]->node)), children[k]});
+            lines.push_back(Line{branch + printable(without_dev(text_of(*children[k], "node"))), children[k]});
         }
     }
     return lines;
@@ -200,22 +181,28 @@ std::vector<Line> tree_lines(const std::vector<VolumeEntry>& entries)
 struct Column {
     const char* title;
     bool right;  // sizes line up on their right edge
-    std::string (*cell)(const VolumeEntry& e);
+    std::string (*cell)(const Json& e);
 };
 
-using Cell = const VolumeEntry&;
+using Cell = const Json&;
+
+// A size element in MB, "" when the device has none.
+std::string size_cell(const Json& e, const char* key)
+{
+    return e.contains(key) ? human_mb(e[key].get<uint64_t>()) : "";
+}
 
 // NAME comes first, from the tree.
 const Column kColumns[] = {
     {"TYPE", false, [](Cell e) -> std::string { return volume_type(e); }},
-    {"CONN", false, [](Cell e) { return conn_label(e.conn); }},
-    {"FSTYPE", false, [](Cell e) { return printable(e.fs_type); }},
-    {"LABEL", false, [](Cell e) { return printable(e.label); }},
-    {"SIZE", true, [](Cell e) { return e.has_size ? human_mb(e.size_mb) : ""; }},
-    {"USED", true, [](Cell e) { return e.has_used ? human_mb(e.used_mb) : ""; }},
-    {"MOUNTPOINT", false, [](Cell e) { return printable(e.mount_point); }},
-    {"VENDOR", false, [](Cell e) { return printable(e.vendor); }},
-    {"MODEL", false, [](Cell e) { return printable(e.model); }},
+    {"CONN", false, [](Cell e) { return conn_label(e.value("conn", 0)); }},
+    {"FSTYPE", false, [](Cell e) { return printable(text_of(e, "fsType")); }},
+    {"LABEL", false, [](Cell e) { return printable(text_of(e, "label")); }},
+    {"SIZE", true, [](Cell e) { return size_cell(e, "sizeMB"); }},
+    {"USED", true, [](Cell e) { return size_cell(e, "usedMB"); }},
+    {"MOUNTPOINT", false, [](Cell e) { return printable(text_of(e, "mountPoint")); }},
+    {"VENDOR", false, [](Cell e) { return device_text(e, "vendor"); }},
+    {"MODEL", false, [](Cell e) { return device_text(e, "model"); }},
 };
 
 }  // namespace
@@ -236,7 +223,7 @@ std::string without_dev(const std::string& name)
     return name.compare(0, 5, "/dev/") == 0 ? name.substr(5) : name;
 }
 
-std::string render_volume_table(const std::vector<VolumeEntry>& entries)
+std::string render_volume_table(const Json& entries)
 {
     std::vector<std::vector<std::string>> rows{{"NAME"}};
     for (const Column& c : kColumns)
