@@ -17,6 +17,10 @@ std::string hex_spaced(const uint8_t* data, size_t len, size_t max_bytes);
 // Lines of "00000010  01 02 ff ...": the offset, then up to 16 bytes.
 std::string hex_dump(const uint8_t* data, size_t len);
 std::string hex_compact(const uint8_t* data, size_t len);  // "0102ff"
+// Length of a well-formed UTF-8 sequence of two to four bytes at text[i],
+// its code point in *code_point; 0 for overlong forms, surrogates and cut
+// sequences.
+size_t utf8_sequence(const unsigned char* text, size_t i, size_t len, uint32_t* code_point = nullptr);
 // A C-style quoted string: printable ASCII and valid UTF-8 as they are, the
 // rest as \xNN.
 std::string quoted(const char* text, size_t len);

@@ -47,11 +47,7 @@ std::string hex_compact(const uint8_t* data, size_t len)
     return out;
 }
 
-namespace {
-
-// Length of a well-formed UTF-8 sequence of two to four bytes at text[i], or
-// 0 (overlong forms, surrogates and cut sequences included).
-size_t utf8_sequence(const unsigned char* text, size_t i, size_t len)
+size_t utf8_sequence(const unsigned char* text, size_t i, size_t len, uint32_t* code_point)
 {
     unsigned char c = text[i];
     size_t n = (c & 0xE0) == 0xC0 ? 2 : (c & 0xF0) == 0xE0 ? 3 : (c & 0xF8) == 0xF0 ? 4 : 0;
@@ -66,8 +62,12 @@ size_t utf8_sequence(const unsigned char* text, size_t i, size_t len)
     static const unsigned kMin[] = {0, 0, 0x80, 0x800, 0x10000};
     if (cp < kMin[n] || cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF))
         return 0;
+    if (code_point != nullptr)
+        *code_point = cp;
     return n;
 }
+
+namespace {
 
 bool valid_utf8(const std::string& text)
 {

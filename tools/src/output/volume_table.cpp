@@ -110,20 +110,17 @@ bool is_wide(uint32_t cp)
     return false;
 }
 
-// Columns on screen: one per character, two for a wide one; UTF-8
-// continuation bytes take none, a stray one counts as one.
+// Columns on screen: one per character, two for a wide one, one for each
+// byte that is not part of a well-formed UTF-8 sequence.
 size_t display_width(const std::string& text)
 {
+    const auto* bytes = reinterpret_cast<const unsigned char*>(text.data());
     size_t width = 0;
     for (size_t i = 0; i < text.size();) {
-        unsigned char lead = static_cast<unsigned char>(text[i]);
-        size_t n = lead >= 0xf0 ? 4 : lead >= 0xe0 ? 3 : lead >= 0xc0 ? 2 : 1;
-        uint32_t cp = n == 1 ? lead : lead & (0x3f >> (n - 1));
-        size_t k = 1;
-        for (; k < n && i + k < text.size() && (static_cast<unsigned char>(text[i + k]) & 0xc0) == 0x80; ++k)
-            cp = cp << 6 | (static_cast<unsigned char>(text[i + k]) & 0x3f);
-        width += k == n && is_wide(cp) ? 2 : 1;
-        i += k;
+        uint32_t cp = 0;
+        const size_t n = bytes[i] >= 0x80 ? utf8_sequence(bytes, i, text.size(), &cp) : 0;
+        width += n > 0 && is_wide(cp) ? 2 : 1;
+        i += n > 0 ? n : 1;
     }
     return width;
 }
