@@ -36,8 +36,10 @@ std::string without_dev(const std::string& name);
 std::string json_line(Json value);
 void print_json(FILE* out, const Json& value);
 
-// Megabytes (kilobytes) in the largest unit, steps of 1024, that keeps the
-// number at 1 or above, one decimal unless it is 0: "48M", "1.9G", "3G".
+// value in the largest of units (letters, steps of 1024) that keeps the
+// number at 1 or above, one decimal unless it is 0: "48M", "1.9G", "3G";
+// human_mb and human_kib for megabytes and kilobytes.
+std::string human_units(uint64_t value, const char* units);
 std::string human_mb(uint64_t mb);
 std::string human_kib(uint64_t kib);
 
@@ -68,7 +70,7 @@ CopyPlan plan_copy(CopyShape shape, const std::string& src, const std::string& d
 // Whether dst's folder lies on another file system than src (a move copies).
 bool across_volumes(const std::string& src, const std::string& dst);
 
-// "12.3M of 48.0M  25%  3 of 10 files  4.1M/s  0:09 left", redrawn in place;
+// "12.3M of 48M  25%  3 of 10 files  4.1M/s  0:09 left", redrawn in place;
 // clear() wipes it before the result is printed.
 class ProgressBar {
 public:

@@ -11,18 +11,10 @@ namespace {
 constexpr size_t kMostTreeFiles = 100000;
 const char* const kCompanions[] = {".desc", ".idx", ".idx.desc", ".xml"};  // copied beside a recording
 
-// 48.0M, 1.9G: one decimal, powers of 1024.
-std::string amount(double bytes)
+// "48M", "1.9G".
+std::string amount(uint64_t bytes)
 {
-    const char* units = "BKMGTP";
-    int unit = 0;
-    while (bytes >= 1024 && unit < 5) {
-        bytes /= 1024;
-        ++unit;
-    }
-    char buf[32];
-    snprintf(buf, sizeof(buf), unit == 0 ? "%.0f%c" : "%.1f%c", bytes, units[unit]);
-    return buf;
+    return human_units(bytes, "BKMGTP");
 }
 
 // 0:09, 12:30, 1:02:03.
@@ -89,14 +81,14 @@ struct ProgressFigures {
 // The rate and the time left once bytes moved for half a second.
 std::string progress_line(const ProgressFigures& f)
 {
-    std::string line = amount(static_cast<double>(f.bytes_done)) + " of " + amount(static_cast<double>(f.bytes_total));
+    std::string line = amount(f.bytes_done) + " of " + amount(f.bytes_total);
     int percent = f.bytes_total > 0 ? static_cast<int>(f.bytes_done * 100 / f.bytes_total) : 0;
     line += "  " + std::to_string(percent) + "%";
     line += "  " + std::to_string(f.files_done) + " of " + std::to_string(f.files_total) + " file" +
             (f.files_total == 1 ? "" : "s");
     if (f.seconds >= 0.5 && f.bytes_done > 0) {
         double rate = static_cast<double>(f.bytes_done) / f.seconds;
-        line += "  " + amount(rate) + "/s";
+        line += "  " + amount(static_cast<uint64_t>(rate)) + "/s";
         if (f.bytes_total >= f.bytes_done)
             line += "  " + clock_text(static_cast<double>(f.bytes_total - f.bytes_done) / rate) + " left";
     }

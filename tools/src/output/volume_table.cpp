@@ -52,10 +52,6 @@ std::string device_text(const Json& element, const char* key)
     return printable(trim_blanks(text_of(element, key)));
 }
 
-namespace {
-
-// value in the largest of units (steps of 1024) that keeps it at 1 or above,
-// with one decimal unless it is 0.
 std::string human_units(uint64_t value, const char* units)
 {
     const size_t count = strlen(units);
@@ -78,8 +74,6 @@ std::string human_units(uint64_t value, const char* units)
         out += "." + std::to_string(tenths % 10);
     return out + units[unit];
 }
-
-}  // namespace
 
 std::string human_mb(uint64_t mb)
 {
