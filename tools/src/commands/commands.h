@@ -4,8 +4,6 @@
 // by step (format VOLUME, pvr mark DISK --format).
 #pragma once
 
-#include <binder/Parcel.h>
-
 #include "lumctl/ctl.h"
 
 namespace lumctl {
@@ -49,27 +47,16 @@ void device_wait(const DeviceCall& call, std::vector<int32_t> ids,
 int device_report(const CtlContext& ctx, const DeviceCall& call, const QueryOutcome& out,
                   const std::function<std::string()>& waiting);
 
-// A request answered by its reply alone, built from call's command and
-// fields, or by the caller. kExitOk with a reply of result 0; otherwise
-// reported, kExitFailed.
+// A request answered by its reply alone: request, or when it is empty call's
+// command built with fields. kExitOk with a reply of result 0 and, when
+// asked, the reply's bytes or its fields as the command's reply token reads
+// them ("value", "errno", ...); otherwise reported: a usage error for
+// fields that make no request, kExitFailed for a refusal, a time-out or a
+// reply too short for its token.
 int direct_run(const CtlContext& ctx, const DeviceCall& call, const std::vector<std::string>& fields,
                CtlReply* reply);
-int direct_request(const CtlContext& ctx, const DeviceCall& call, const Bytes& request, CtlReply* reply);
-// direct_request, then the reply's first value as its command's reply token
-// reads it (a bool, a number, a text): kExitOk, or a reply too short for the
-// token reported as short_reply (kExitFailed).
-int direct_value(const CtlContext& ctx, const DeviceCall& call, const Bytes& request, const std::string& short_reply,
-                 Json* value);
-
-// The reply's Parcel, to be read from its start.
-struct ReplyParcel {
-    android::Parcel parcel;
-    explicit ReplyParcel(const CtlReply& reply)
-    {
-        if (!reply.bytes.empty())
-            parcel.setData(reply.bytes.data(), reply.bytes.size());
-    }
-};
+int direct_ask(const CtlContext& ctx, const DeviceCall& call, const std::vector<std::string>& fields, Bytes request,
+               Json* answer);
 
 // "mounted /mnt/usb/sdb1 (vfat, label KINGSTON)" from a DEV_MOUNT event,
 // "unmounted /mnt/usb/sdb1" from a DEV_UMOUNT event.

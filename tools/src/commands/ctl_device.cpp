@@ -29,6 +29,23 @@ int timeout_ms(const DeviceCall& call)
     return ms > 2e9 ? 2000000000 : static_cast<int>(ms);
 }
 
+// Sends request and waits for its reply: kExitOk for a reply of result 0,
+// otherwise reported.
+int direct_request(const CtlContext& ctx, const DeviceCall& call, const Bytes& request, CtlReply* reply)
+{
+    std::string error;
+    int fd = ctl_connect(ctx.socket_path);
+    if (fd < 0)
+        return protocol_error(ctx, call.subject() + ": " + connect_error(ctx.socket_path, -fd));
+    int rc = ctl_transact(fd, request, timeout_ms(call), reply, &error);
+    close(fd);
+    if (rc == 0)
+        error = "timed out after " + seconds_text(call.args.timeout) + " waiting for the reply";
+    if (rc == 1 && reply->result != 0)
+        error = refusal_text(*reply);
+    return rc == 1 && reply->result == 0 ? kExitOk : protocol_error(ctx, call.subject() + ": " + error);
+}
+
 }  // namespace
 
 int call_request(const CtlContext& ctx, const DeviceCall& call, const std::vector<std::string>& fields, Bytes* out)
@@ -101,33 +118,18 @@ int direct_run(const CtlContext& ctx, const DeviceCall& call, const std::vector<
     return rc != kExitOk ? rc : direct_request(ctx, call, request, reply);
 }
 
-int direct_request(const CtlContext& ctx, const DeviceCall& call, const Bytes& request, CtlReply* reply)
-{
-    std::string error;
-    int fd = ctl_connect(ctx.socket_path);
-    if (fd < 0)
-        return protocol_error(ctx, call.subject() + ": " + connect_error(ctx.socket_path, -fd));
-    int rc = ctl_transact(fd, request, timeout_ms(call), reply, &error);
-    close(fd);
-    if (rc == 0)
-        error = "timed out after " + seconds_text(call.args.timeout) + " waiting for the reply";
-    if (rc == 1 && reply->result != 0)
-        error = refusal_text(*reply);
-    return rc == 1 && reply->result == 0 ? kExitOk : protocol_error(ctx, call.subject() + ": " + error);
-}
-
-int direct_value(const CtlContext& ctx, const DeviceCall& call, const Bytes& request, const std::string& short_reply,
-                 Json* value)
+int direct_ask(const CtlContext& ctx, const DeviceCall& call, const std::vector<std::string>& fields, Bytes request,
+               Json* answer)
 {
     CtlReply reply;
-    int rc = direct_request(ctx, call, request, &reply);
-    if (rc != kExitOk)
+    int rc = request.empty() ? call_request(ctx, call, fields, &request) : kExitOk;
+    if (rc != kExitOk || (rc = direct_request(ctx, call, request, &reply)) != kExitOk || answer == nullptr)
         return rc;
     const CmdRow* row = cmd_find(call.command);
     Decoded decoded = decode_reply(row != nullptr ? row->reply : nullptr, reply.bytes.data(), reply.bytes.size());
     if (!decoded.complete || decoded.fields.empty())
-        return protocol_error(ctx, short_reply);
-    *value = decoded.fields.front().json;
+        return protocol_error(ctx, call.subject() + ": the reply is shorter than " + call.command + " answers");
+    *answer = fields_json(decoded);
     return kExitOk;
 }
 

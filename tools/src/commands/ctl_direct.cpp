@@ -27,41 +27,37 @@ int fd_arg(const CtlContext& ctx, const DeviceCall& call, int32_t* fd)
     return kExitOk;
 }
 
-// Sends the request and reads the int32 result and, for a negative one, the
-// errno behind it. A negative result is reported (with json, when JSON is
-// asked for) and returns kExitFailed.
-int errno_call(const CtlContext& ctx, const DeviceCall& call, const Bytes& request, Json json, int32_t* value,
-               CtlReply* reply)
+// direct_ask, then the result ("value", "count" for a read) and the errno
+// behind a negative one, which is reported (with json, when JSON is asked
+// for): kExitFailed.
+int errno_call(const CtlContext& ctx, const DeviceCall& call, const std::vector<std::string>& fields,
+               const Bytes& request, Json json, Json* answer)
 {
-    int rc = direct_request(ctx, call, request, reply);
+    int rc = direct_ask(ctx, call, fields, request, answer);
     if (rc != kExitOk)
         return rc;
-    ReplyParcel in(*reply);
-    int32_t err = 0;
-    if (in.parcel.readInt32(value) != android::OK || (*value < 0 && in.parcel.readInt32(&err) != android::OK))
-        return protocol_error(ctx, call.subject() + ": the reply ends early");
-    if (*value >= 0)
+    const int32_t value = answer->contains("count") ? (*answer)["count"] : (*answer)["value"];
+    if (value >= 0)
         return kExitOk;
+    const int err = (*answer)["errno"];
     if (call.local.json) {
-        json["result"] = *value;
+        json["result"] = value;
         json["errno"] = err;
         print_json(ctx.out, json);
     }
     return protocol_error(ctx, call.subject() + ": " + strerror(err) + " (errno " + std::to_string(err) + ")");
 }
 
-// errno_call on call's command with fields (or on request when fields is
-// empty), then on success json with key = the result, or the text of it.
-int errno_run(const CtlContext& ctx, const DeviceCall& call, const std::vector<std::string>& fields, Bytes request,
-              Json json, const char* key, const std::function<std::string(int32_t)>& text)
+// errno_call, then on success json with key = the result, or the text of it.
+int errno_run(const CtlContext& ctx, const DeviceCall& call, const std::vector<std::string>& fields,
+              const Bytes& request, Json json, const char* key, const std::function<std::string(int32_t)>& text)
 {
-    int32_t value = 0;
-    CtlReply reply;
-    int rc = fields.empty() ? kExitOk : call_request(ctx, call, fields, &request);
-    if (rc != kExitOk || (rc = errno_call(ctx, call, request, json, &value, &reply)) != kExitOk)
+    Json answer;
+    int rc = errno_call(ctx, call, fields, request, json, &answer);
+    if (rc != kExitOk)
         return rc;
-    json[key] = value;
-    print_line(call.local, text(value), json);
+    json[key] = answer["value"];
+    print_line(call.local, text(answer["value"]), json);
     return kExitOk;
 }
 
@@ -84,15 +80,12 @@ int run_exec(const CtlContext& ctx, const DeviceArgs& args)
     std::string error;
     if (build_exec(command, args.capture, &request, &error) != 0)
         return usage_error(ctx, "exec: " + error);
-    CtlReply reply;
-    int rc = direct_request(ctx, call, request, &reply);
+    Json answer;
+    int rc = direct_ask(ctx, call, {}, request, &answer);
     if (rc != kExitOk)
         return rc;
-    ReplyParcel in(reply);
-    int32_t result = 0;
+    const int32_t result = answer["value"];
     if (!args.capture) {
-        if (in.parcel.readInt32(&result) != android::OK)
-            return protocol_error(ctx, "exec: the reply holds no result");
         const std::string text = result == 0 ? "ok"
                                  : result < 0 ? "the command did not run (result " + std::to_string(result) + ")"
                                               : "exit status " + std::to_string(result);
@@ -100,14 +93,12 @@ int run_exec(const CtlContext& ctx, const DeviceArgs& args)
         return result == 0 ? kExitOk : kExitFailed;
     }
     // The count of bytes read, and when above 0 the output up to its first NUL.
-    const char* output = "";
-    if (in.parcel.readInt32(&result) != android::OK || (result > 0 && (output = in.parcel.readCString()) == nullptr))
-        return protocol_error(ctx, "exec --capture: the reply ends early");
+    const std::string output = answer.value("text", std::string());
     const bool cut = result >= static_cast<int32_t>(kCaptureMax);
     if (call.local.json)
         print_json(ctx.out, Json{{"shell", command}, {"count", result}, {"output", output}, {"cut", cut}});
     else
-        fputs(output, ctx.out);
+        fputs(output.c_str(), ctx.out);
     if (result < 0)
         return protocol_error(
             ctx, "exec --capture: the command could not be started (result " + std::to_string(result) + ")");
@@ -160,7 +151,7 @@ int run_fd_close(const CtlContext& ctx, const DeviceArgs& args)
 int run_fd_read(const CtlContext& ctx, const DeviceArgs& args)
 {
     DeviceCall call(ctx, "fd read", "STROAGE_LUM_READ", args, kQueryTimeoutSeconds);
-    int32_t fd = 0, count = 0, length = 0;
+    int32_t fd = 0;
     long long bytes = 0;
     int rc = fd_arg(ctx, call, &fd);
     if (rc != kExitOk)
@@ -168,26 +159,21 @@ int run_fd_read(const CtlContext& ctx, const DeviceArgs& args)
     if (!parse_number(args.operands[1], 0, kReadMax, &bytes, 10))
         return usage_error(
             ctx, "fd read: BYTES is a number 0.." + std::to_string(kReadMax) + ", not '" + args.operands[1] + "'");
-    Bytes request;
-    Json json = {{"fd", fd}};
-    CtlReply reply;
-    if ((rc = call_request(ctx, call, {std::to_string(fd), std::to_string(bytes)}, &request)) != kExitOk ||
-        (rc = errno_call(ctx, call, request, json, &count, &reply)) != kExitOk)
+    Json json = {{"fd", fd}}, answer;
+    if ((rc = errno_call(ctx, call, {std::to_string(fd), std::to_string(bytes)}, {}, json, &answer)) != kExitOk)
         return rc;
-    ReplyParcel in(reply);
-    in.parcel.setDataPosition(4);
-    const void* data = nullptr;
-    if (in.parcel.readInt32(&length) != android::OK || length != count ||
-        (count > 0 && (data = in.parcel.readInplace(static_cast<size_t>(count))) == nullptr))
-        return protocol_error(ctx, "fd read: the reply ends early or its counts differ");
-    const uint8_t* p = static_cast<const uint8_t*>(data);
+    const int32_t count = answer["count"];
+    if (answer["length"] != count)
+        return protocol_error(ctx, "fd read: the counts of the reply differ");
+    const std::string hex = answer["data"];
     if (call.local.json) {
         json["count"] = count;
-        json["hex"] = hex_compact(p, static_cast<size_t>(count));
+        json["hex"] = hex;
         print_json(ctx.out, json);
-    } else if (count > 0) {
-        fwrite(p, 1, static_cast<size_t>(count), ctx.out);
+        return kExitOk;
     }
+    for (size_t i = 0; i + 1 < hex.size(); i += 2)  // the decoder holds the bytes as hex
+        fputc(std::stoi(hex.substr(i, 2), nullptr, 16), ctx.out);
     return kExitOk;
 }
 
@@ -214,13 +200,11 @@ int run_fd_sync(const CtlContext& ctx, const DeviceArgs& args)
 {
     DeviceCall call(ctx, "fd sync", "STORAGE_LUM_SYNC", args, kQueryTimeoutSeconds);
     int32_t fd = 0;
-    Bytes request;
-    Json value;
+    Json answer;
     int rc = fd_arg(ctx, call, &fd);
-    if (rc != kExitOk || (rc = call_request(ctx, call, {std::to_string(fd)}, &request)) != kExitOk ||
-        (rc = direct_value(ctx, call, request, "fd sync: the reply holds no bool", &value)) != kExitOk)
+    if (rc != kExitOk || (rc = direct_ask(ctx, call, {std::to_string(fd)}, {}, &answer)) != kExitOk)
         return rc;
-    const bool ok = value.get<bool>();
+    const bool ok = answer["value"];
     print_line(call.local, (ok ? "synced the file system of fd " : "sync failed for fd ") + std::to_string(fd),
                Json{{"fd", fd}, {"ok", ok}});
     return ok ? kExitOk : kExitFailed;

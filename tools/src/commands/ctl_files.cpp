@@ -121,9 +121,9 @@ std::string with_slash(const std::string& path)
 // STORAGE_COPY_DIRS: true or false, no reason): a request and its bool.
 int copy_by_reply(const CtlContext& ctx, const DeviceCall& call, const Bytes& request, bool* value)
 {
-    Json got;
-    int rc = direct_value(ctx, call, request, std::string(call.sub) + ": the reply holds no bool", &got);
-    *value = rc == kExitOk && got.get<bool>();
+    Json answer;
+    int rc = direct_ask(ctx, call, {}, request, &answer);
+    *value = rc == kExitOk && answer["value"].get<bool>();
     return rc;
 }
 

@@ -245,8 +245,7 @@ int run_bench(const CtlContext& ctx, const DeviceArgs& args)
 {
     if (args.cancel) {
         DeviceCall call(ctx, "bench", "STORAGE_DEV_CANCEL_BENCHMARK", args, kQueryTimeoutSeconds);
-        CtlReply reply;
-        int rc = direct_run(ctx, call, {}, &reply);
+        int rc = direct_ask(ctx, call, {}, {}, nullptr);
         if (rc == kExitOk)
             print_line(call.local, "cancel requested", Json{{"cancel", true}});
         return rc;

@@ -1,6 +1,6 @@
 // pvr WORD: the PVR requests. state, path, available, total, guide and limit
 // are answered by the reply alone; mark waits for the marking's verdict.
-
+#include <binder/Parcel.h>
 #include <StorageEvents.h>
 #include <StoragePvr.h>
 
@@ -14,18 +14,16 @@ namespace {
 constexpr uint32_t kLimitMinimumMb = 1800;
 
 // Runs call's subcommand with command (null: its own) and fields, and reads
-// the value of its reply; a shorter reply is reported as short_reply, by
-// default as shorter than command answers.
+// the value of its reply.
 int ask(const CtlContext& ctx, const DeviceCall& call, const char* command, const std::vector<std::string>& fields,
-        Json* value, std::string short_reply = "")
+        Json* value)
 {
     DeviceCall other = call;
     other.command = command != nullptr ? command : call.command;
-    if (short_reply.empty())
-        short_reply = std::string(call.sub) + ": the reply is shorter than " + other.command + " answers";
-    Bytes request;
-    int rc = call_request(ctx, other, fields, &request);
-    return rc != kExitOk ? rc : direct_value(ctx, other, request, short_reply, value);
+    Json answer;
+    int rc = direct_ask(ctx, other, fields, {}, &answer);
+    *value = answer["value"];
+    return rc;
 }
 
 // The PVR partition's mount path.
@@ -42,7 +40,7 @@ int read_path(const CtlContext& ctx, const DeviceCall& call, std::string* path)
 int read_limit(const CtlContext& ctx, const DeviceCall& call, uint32_t* mb)
 {
     Json value;
-    int rc = ask(ctx, call, "STORAGE_GET_PVR_DEV_SIZE_LIMIT", {}, &value, "pvr limit: empty reply");
+    int rc = ask(ctx, call, "STORAGE_GET_PVR_DEV_SIZE_LIMIT", {}, &value);
     if (rc == kExitOk)
         *mb = value.get<uint32_t>();
     return rc;
@@ -166,13 +164,14 @@ int run_pvr_guide(const CtlContext& ctx, const DeviceArgs& args)
     if (rc != kExitOk)
         return rc;
     // int32 result, then the record's bytes.
-    ReplyParcel in(reply);
+    android::Parcel in;
+    in.setData(reply.bytes.data(), reply.bytes.size());
     int32_t result = 0;
-    if (in.parcel.readInt32(&result) != android::OK)
+    if (in.readInt32(&result) != android::OK)
         return protocol_error(ctx, "pvr guide: empty reply");
     if (result != 0)
         return protocol_error(ctx, "pvr guide: the service answered result " + std::to_string(result));
-    const void* bytes = in.parcel.readInplace(sizeof(SStoragePvrDevGuideInfo));
+    const void* bytes = in.readInplace(sizeof(SStoragePvrDevGuideInfo));
     if (bytes == nullptr)
         return protocol_error(ctx, "pvr guide: the record is shorter than " +
                                        std::to_string(sizeof(SStoragePvrDevGuideInfo)) + " bytes");
@@ -205,8 +204,7 @@ int run_pvr_limit(const CtlContext& ctx, const DeviceArgs& args)
         print_line(call.local, "PVR size limit: " + limit_text(before), Json{{"limitMB", before}});
         return kExitOk;
     }
-    CtlReply reply;
-    if ((rc = direct_run(ctx, call, {std::to_string(asked)}, &reply)) != kExitOk ||
+    if ((rc = direct_ask(ctx, call, {std::to_string(asked)}, {}, nullptr)) != kExitOk ||
         (rc = read_limit(ctx, call, &after)) != kExitOk)
         return rc;
     return report_set(call.local, before, static_cast<uint32_t>(asked), after);
