@@ -15,36 +15,20 @@ constexpr uint32_t kLimitMinimumMb = 1800;
 
 // Runs call's subcommand with command (null: its own) and fields, and reads
 // the value of its reply.
+template <typename T>
 int ask(const CtlContext& ctx, const DeviceCall& call, const char* command, const std::vector<std::string>& fields,
-        Json* value)
+        T* value)
 {
     DeviceCall other = call;
     other.command = command != nullptr ? command : call.command;
     Json answer;
     int rc = direct_ask(ctx, other, fields, {}, &answer);
-    *value = answer["value"];
+    if (rc == kExitOk)
+        *value = answer["value"].get<T>();
     return rc;
 }
 
-// The PVR partition's mount path.
-int read_path(const CtlContext& ctx, const DeviceCall& call, std::string* path)
-{
-    Json value;
-    int rc = ask(ctx, call, "STORAGE_PVR_MOUNT_PATH", {}, &value);
-    if (rc == kExitOk)
-        *path = value.get<std::string>();
-    return rc;
-}
-
-// The size limit of the automatic PVR choice.
-int read_limit(const CtlContext& ctx, const DeviceCall& call, uint32_t* mb)
-{
-    Json value;
-    int rc = ask(ctx, call, "STORAGE_GET_PVR_DEV_SIZE_LIMIT", {}, &value);
-    if (rc == kExitOk)
-        *mb = value.get<uint32_t>();
-    return rc;
-}
+const char kPathCommand[] = "STORAGE_PVR_MOUNT_PATH", kLimitCommand[] = "STORAGE_GET_PVR_DEV_SIZE_LIMIT";
 
 std::string ignored_because(uint32_t asked)
 {
@@ -103,12 +87,11 @@ struct Marking {
 int run_pvr_state(const CtlContext& ctx, const DeviceArgs& args)
 {
     DeviceCall call(ctx, "pvr state", "STORAGE_PVR_DEV_STATE", args, kQueryTimeoutSeconds);
-    Json state;
+    bool pvr = false;
     std::string path;
-    int rc = ask(ctx, call, nullptr, {}, &state);
-    if (rc != kExitOk || (rc = read_path(ctx, call, &path)) != kExitOk)
+    int rc = ask(ctx, call, nullptr, {}, &pvr);
+    if (rc != kExitOk || (rc = ask(ctx, call, kPathCommand, {}, &path)) != kExitOk)
         return rc;
-    const bool pvr = state.get<bool>();
     std::string text = !pvr ? "no PVR partition"
                             : "PVR partition: " + (path.empty() ? "(mount path not known)" : printable(path));
     print_line(call.local, text, Json{{"pvr", pvr}, {"mountPath", path}});
@@ -119,7 +102,7 @@ int run_pvr_path(const CtlContext& ctx, const DeviceArgs& args)
 {
     DeviceCall call(ctx, "pvr path", "STORAGE_PVR_MOUNT_PATH", args, kQueryTimeoutSeconds);
     std::string path;
-    int rc = read_path(ctx, call, &path);
+    int rc = ask(ctx, call, kPathCommand, {}, &path);
     if (rc != kExitOk)
         return rc;
     if (call.local.json)
@@ -198,14 +181,14 @@ int run_pvr_limit(const CtlContext& ctx, const DeviceArgs& args)
     long long asked = 0;
     if (!call.args.operands.empty() && !parse_number(call.args.operands[0], 0, UINT32_MAX, &asked, 10))
         return usage_error(ctx, "pvr limit: MB is a whole number of megabytes, not '" + call.args.operands[0] + "'");
-    if ((rc = read_limit(ctx, call, &before)) != kExitOk)
+    if ((rc = ask(ctx, call, kLimitCommand, {}, &before)) != kExitOk)
         return rc;
     if (call.args.operands.empty()) {
         print_line(call.local, "PVR size limit: " + limit_text(before), Json{{"limitMB", before}});
         return kExitOk;
     }
     if ((rc = direct_ask(ctx, call, {std::to_string(asked)}, {}, nullptr)) != kExitOk ||
-        (rc = read_limit(ctx, call, &after)) != kExitOk)
+        (rc = ask(ctx, call, kLimitCommand, {}, &after)) != kExitOk)
         return rc;
     return report_set(call.local, before, static_cast<uint32_t>(asked), after);
 }
