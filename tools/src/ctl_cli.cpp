@@ -195,6 +195,16 @@ const SubRow kSubRows[] = {
 };
 const size_t kSubRowCount = sizeof(kSubRows) / sizeof(kSubRows[0]);
 
+const SubRow* find_row(const char* parent, const std::string& name)
+{
+    for (const SubRow& row : kSubRows) {
+        if ((row.parent == nullptr ? parent == nullptr : parent != nullptr && strcmp(parent, row.parent) == 0) &&
+            name == row.name)
+            return &row;
+    }
+    return nullptr;
+}
+
 namespace {
 
 // Seconds from 0 (zero_ok) or above 0, to 1e9; CLI11 itself would take
@@ -315,17 +325,6 @@ CLI::App* add_row(CLI::App* app, const SubRow& row, DeviceArgs* args)
     return sub;
 }
 
-// The row of name under parent (null: a top row).
-const SubRow& row_named(const char* parent, const std::string& name)
-{
-    for (const SubRow& row : kSubRows) {
-        if ((row.parent == nullptr ? parent == nullptr : parent != nullptr && strcmp(parent, row.parent) == 0) &&
-            name == row.name)
-            return row;
-    }
-    return kSubRows[0];
-}
-
 // "state, path, ..." for pvr.
 std::string words_of(const std::string& parent)
 {
@@ -403,14 +402,14 @@ int run_command_line(CtlContext* ctx, int argc, char** argv)
     } catch (const CLI::ParseError& e) {
         ctx->command = (top = top_of()) != nullptr ? top->get_name() : "";
         std::string what = e.what();
-        if (top != nullptr && (row_named(nullptr, ctx->command).options & kWords) && top->get_subcommands().empty())
+        if (top != nullptr && (find_row(nullptr, ctx->command)->options & kWords) && top->get_subcommands().empty())
             what = "a word is missing or unknown: " + words_of(ctx->command);
         return usage_error(*ctx, (top != nullptr ? ctx->command + ": " : "") + what);
     }
     if (top == nullptr)
         return run_service_command(ctx, app.remaining());
     ctx->command = top->get_name();
-    const SubRow& row = row_named(nullptr, ctx->command);
+    const SubRow& row = *find_row(nullptr, ctx->command);
     std::vector<std::string> stray = app.remaining(!(row.options & kCommandTail));
     if (!stray.empty())
         return usage_error(*ctx, ctx->command + ": not its option or operand: '" + stray[0] + "'");
@@ -427,7 +426,7 @@ int run_command_line(CtlContext* ctx, int argc, char** argv)
         return row.run(*ctx, args);
     args.word = top->get_subcommands()[0]->get_name();
     args.sub += " " + args.word;
-    return row_named(ctx->command.c_str(), args.word).run(*ctx, args);
+    return find_row(ctx->command.c_str(), args.word)->run(*ctx, args);
 }
 
 }  // namespace lumctl

@@ -13,7 +13,7 @@ namespace lumctl {
 int usage_error(const CtlContext& ctx, const std::string& message)
 {
     std::string hint = "lumstoragectl help shows the usage";
-    if (!ctx.command.empty() && has_help(ctx.command.c_str()))
+    if (find_row(nullptr, ctx.command) != nullptr)
         hint = "lumstoragectl help " + ctx.command + " shows its usage";
     fprintf(ctx.err, "lumstoragectl: %s\n(%s)\n", message.c_str(), hint.c_str());
     return kExitUsage;

@@ -82,6 +82,9 @@ struct SubRow {
 };
 extern const SubRow kSubRows[];  // ctl_cli.cpp
 extern const size_t kSubRowCount;
+// The row of name under parent (null: a top row, which has a help page), or
+// null.
+const SubRow* find_row(const char* parent, const std::string& name);
 
 // Sends a command of the table with its fields and prints the reply.
 int run_command(const CtlContext& ctx, const CmdRow& row, const std::vector<std::string>& fields);
@@ -96,9 +99,8 @@ void print_line(const CtlContext& ctx, const std::string& text, const Json& json
 int usage_error(const CtlContext& ctx, const std::string& message);
 int protocol_error(const CtlContext& ctx, const std::string& message);
 
-// Whether the subcommand has a help page; the overview (word null), a
-// subcommand's page or a command's description, else a usage error.
-bool has_help(const char* subcommand);
+// The overview (word null), a subcommand's page or a command's
+// description, else a usage error.
 int print_help(const CtlContext& ctx, const char* word);
 
 }  // namespace lumctl

@@ -38,16 +38,6 @@ const char kExitStatus[] =
     "    than success, no size, a size limit it did not take, no device\n"
     "    information, a cover status other than 0\n";
 
-// The top row of name.
-const SubRow* find_help(const char* name)
-{
-    for (const SubRow* row = kSubRows; row != kSubRows + kSubRowCount; ++row) {
-        if (row->parent == nullptr && strcmp(row->name, name) == 0)
-            return row;
-    }
-    return nullptr;
-}
-
 // The lines of a row, each "SYNOPSIS\tSUMMARY", joined by fn's texts: the
 // overview's "  SYNOPSIS  SUMMARY" (the summary on a line of its own when
 // the synopsis is long) or a page's synopsis with the summary below.
@@ -136,16 +126,11 @@ void print_command(FILE* out, const CmdRow& row)
 
 }  // namespace
 
-bool has_help(const char* subcommand)
-{
-    return find_help(subcommand) != nullptr;
-}
-
 int print_help(const CtlContext& ctx, const char* word)
 {
     if (word == nullptr)
         print_overview(ctx.out);
-    else if (const SubRow* row = find_help(word))
+    else if (const SubRow* row = find_row(nullptr, word))
         print_row(ctx.out, *row);
     else if (const CmdRow* cmd = cmd_find(word))
         print_command(ctx.out, *cmd);
