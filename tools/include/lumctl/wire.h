@@ -166,24 +166,13 @@ constexpr int kListingNoFlags = -1;
 // whose low byte is the flags byte (len counts it).
 int build_listing_request(const std::string& path, int flags, uint16_t id, Bytes* out, std::string* error);
 
-struct ListingRecord {
-    bool is_protected = false;  // the owner-write bit is clear
-    uint32_t size_kib = 0;      // 0 for a directory
-    uint32_t mjd = 0;           // modification date, Modified Julian Date
-    uint8_t hour = 0;
-    uint8_t minute = 0;
-    std::string name, title, artist, album, genre, link;
-    uint16_t year = 0;
-    uint16_t track = 0;
-    uint32_t duration = 0;  // seconds
-    uint32_t bitrate = 0;   // kbit/s
-    bool tag_read = false;  // TagLib read the file
-};
-
 struct ListingBlock {
     uint16_t offset = 0;  // records sent in earlier blocks of the listing
     uint16_t total = 0;   // entries of the listing, low 16 bits
-    std::vector<ListingRecord> records;
+    // Each record as named fields: protected, sizeKiB, mjd (Modified Julian
+    // Date), date, time, name, title, artist, album, genre, link, year,
+    // track, duration (s), bitrate (kbit/s), tagRead (TagLib read the file).
+    Json records = Json::array();
     size_t used = 0;     // bytes of the header and the whole records
     std::string damage;  // why the walk stopped before the payload's end
 };
@@ -192,7 +181,7 @@ struct ListingBlock {
 // short ends the walk and is described in damage. False below 4 bytes.
 bool parse_listing_block(const uint8_t* data, size_t len, ListingBlock* block);
 // "r     1 2024-05-17 13:45 a.mp3  title "T", year 2024, 3:35, 192 kbit/s"
-std::string record_line(const ListingRecord& record, bool human);
+std::string record_line(const Json& record, bool human);
 // {"offset":N,"total":N,"records":[...]} and "damage" for a damaged block.
 Json listing_block_json(const ListingBlock& block);
 

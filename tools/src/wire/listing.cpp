@@ -16,50 +16,7 @@ constexpr int64_t kMjdOfEpoch = 40587;  // 1970-01-01
 uint32_t be24(const uint8_t* p) { return be16(p) << 8 | p[2]; }
 
 // The six strings of a record, in their order on the wire.
-std::string ListingRecord::*const kStrings[] = {&ListingRecord::name,  &ListingRecord::title,
-                                                &ListingRecord::artist, &ListingRecord::album,
-                                                &ListingRecord::genre, &ListingRecord::link};
 const char* const kStringNames[] = {"name", "title", "artist", "album", "genre", "link"};
-
-// One record from p[0..n): the bytes it takes, or 0 with the reason.
-size_t parse_record(const uint8_t* p, size_t n, ListingRecord* rec, std::string* why)
-{
-    if (n < kFileInfoBytes) {
-        *why = "file information cut short (" + std::to_string(n) + " of 10 bytes)";
-        return 0;
-    }
-    rec->is_protected = p[0] != 0;
-    rec->size_kib = be32(p + 1);
-    rec->mjd = be24(p + 5);
-    rec->hour = p[8];
-    rec->minute = p[9];
-    size_t at = kFileInfoBytes;
-    for (size_t i = 0; i < 6; ++i) {
-        const void* nul = at < n ? memchr(p + at, 0, n - at) : nullptr;
-        if (nul == nullptr) {
-            *why = std::string(kStringNames[i]) + " without its NUL";
-            return 0;
-        }
-        size_t len = static_cast<size_t>(static_cast<const uint8_t*>(nul) - (p + at));
-        (rec->*kStrings[i]).assign(reinterpret_cast<const char*>(p + at), len);
-        at += len + 1;
-    }
-    if (n - at < 1 + kTagInfoBytes) {
-        *why = "tag information cut short (" + std::to_string(n - at) + " of 19 bytes)";
-        return 0;
-    }
-    if (p[at] != 0) {
-        *why = "separator is " + std::to_string(p[at]) + ", not 0";
-        return 0;
-    }
-    const uint8_t* tag = p + at + 1;
-    rec->year = static_cast<uint16_t>(be16(tag));
-    rec->track = static_cast<uint16_t>(be16(tag + 2));
-    rec->duration = be32(tag + 4);
-    rec->bitrate = be32(tag + 8);
-    rec->tag_read = tag[17] != 0;
-    return at + 1 + kTagInfoBytes;
-}
 
 // Days since 1970-01-01 to year, month and day of the proleptic Gregorian
 // calendar (H. Hinnant's civil_from_days); negative days are before 1970.
@@ -76,13 +33,6 @@ void civil_from_days(int64_t z, int64_t* y, unsigned* m, unsigned* d)
     *y = yoe + era * 400 + (*m <= 2 ? 1 : 0);
 }
 
-std::string time_text(const ListingRecord& r)
-{
-    char buf[16];
-    snprintf(buf, sizeof(buf), "%02u:%02u", r.hour, r.minute);
-    return buf;
-}
-
 std::string duration_text(uint32_t seconds)
 {
     char buf[24];
@@ -91,24 +41,25 @@ std::string duration_text(uint32_t seconds)
 }
 
 // The tags present, in wire order: "title "T", year 2024, 3:35, 192 kbit/s".
-std::string tags_text(const ListingRecord& r)
+std::string tags_text(const Json& r)
 {
     std::vector<std::string> parts;
-    for (size_t i = 1; i < 5; ++i) {
-        const std::string& value = r.*kStrings[i];
+    for (const char* name : {"title", "artist", "album", "genre"}) {
+        const std::string& value = r[name].get_ref<const std::string&>();
         if (!value.empty())
-            parts.push_back(std::string(kStringNames[i]) + " " + quoted(value.data(), value.size()));
+            parts.push_back(std::string(name) + " " + quoted(value.data(), value.size()));
     }
-    if (r.year != 0)
-        parts.push_back("year " + std::to_string(r.year));
-    if (r.track != 0)
-        parts.push_back("track " + std::to_string(r.track));
-    if (r.duration != 0)
-        parts.push_back(duration_text(r.duration));
-    if (r.bitrate != 0)
-        parts.push_back(std::to_string(r.bitrate) + " kbit/s");
-    if (!r.link.empty())
-        parts.push_back("link " + quoted(r.link.data(), r.link.size()));
+    if (r["year"] != 0)
+        parts.push_back("year " + r["year"].dump());
+    if (r["track"] != 0)
+        parts.push_back("track " + r["track"].dump());
+    if (r["duration"] != 0)
+        parts.push_back(duration_text(r["duration"]));
+    if (r["bitrate"] != 0)
+        parts.push_back(r["bitrate"].dump() + " kbit/s");
+    const std::string& link = r["link"].get_ref<const std::string&>();
+    if (!link.empty())
+        parts.push_back("link " + quoted(link.data(), link.size()));
     std::string out;
     for (const std::string& part : parts)
         out += (out.empty() ? "  " : ", ") + part;
@@ -132,34 +83,51 @@ std::string mjd_date(uint32_t mjd)
     return buf;
 }
 
-Json record_json(const ListingRecord& r)
-{
-    Json json = {{"protected", r.is_protected}, {"sizeKiB", r.size_kib}, {"mjd", r.mjd},
-                 {"date", mjd_date(r.mjd)},     {"time", time_text(r)}};
-    for (size_t i = 0; i < 6; ++i)
-        json[kStringNames[i]] = r.*kStrings[i];
-    json["year"] = r.year;
-    json["track"] = r.track;
-    json["duration"] = r.duration;
-    json["bitrate"] = r.bitrate;
-    json["tagRead"] = r.tag_read;
-    return json;
-}
-
-std::string records_text(const std::vector<ListingRecord>& records)
+std::string records_text(const Json& records)
 {
     std::string out;
-    for (const ListingRecord& r : records)
+    for (const Json& r : records)
         out += (out.empty() ? "" : "\n  ") + record_line(r, false);
     return out;
 }
 
-Json records_json(const std::vector<ListingRecord>& records)
+// One record from p[0..n): the bytes it takes, or 0 with the reason.
+size_t parse_record(const uint8_t* p, size_t n, Json* rec, std::string* why)
 {
-    Json out = Json::array();
-    for (const ListingRecord& r : records)
-        out.push_back(record_json(r));
-    return out;
+    if (n < kFileInfoBytes) {
+        *why = "file information cut short (" + std::to_string(n) + " of 10 bytes)";
+        return 0;
+    }
+    char time[16];
+    snprintf(time, sizeof(time), "%02u:%02u", p[8], p[9]);
+    *rec = {{"protected", p[0] != 0}, {"sizeKiB", be32(p + 1)}, {"mjd", be24(p + 5)}, {"date", mjd_date(be24(p + 5))},
+            {"time", time}};
+    size_t at = kFileInfoBytes;
+    for (const char* name : kStringNames) {
+        const void* nul = at < n ? memchr(p + at, 0, n - at) : nullptr;
+        if (nul == nullptr) {
+            *why = std::string(name) + " without its NUL";
+            return 0;
+        }
+        size_t len = static_cast<size_t>(static_cast<const uint8_t*>(nul) - (p + at));
+        (*rec)[name] = std::string(reinterpret_cast<const char*>(p + at), len);
+        at += len + 1;
+    }
+    if (n - at < 1 + kTagInfoBytes) {
+        *why = "tag information cut short (" + std::to_string(n - at) + " of 19 bytes)";
+        return 0;
+    }
+    if (p[at] != 0) {
+        *why = "separator is " + std::to_string(p[at]) + ", not 0";
+        return 0;
+    }
+    const uint8_t* tag = p + at + 1;
+    (*rec)["year"] = be16(tag);
+    (*rec)["track"] = be16(tag + 2);
+    (*rec)["duration"] = be32(tag + 4);
+    (*rec)["bitrate"] = be32(tag + 8);
+    (*rec)["tagRead"] = tag[17] != 0;
+    return at + 1 + kTagInfoBytes;
 }
 
 }  // namespace
@@ -170,11 +138,11 @@ bool parse_listing_block(const uint8_t* data, size_t len, ListingBlock* block)
         return false;
     block->offset = static_cast<uint16_t>(be16(data));
     block->total = static_cast<uint16_t>(be16(data + 2));
-    block->records.clear();
+    block->records = Json::array();
     block->damage.clear();
     size_t at = kHeaderBytes;
     while (at < len) {
-        ListingRecord rec;
+        Json rec;
         std::string why;
         size_t used = parse_record(data + at, len - at, &rec, &why);
         if (used == 0) {
@@ -189,18 +157,19 @@ bool parse_listing_block(const uint8_t* data, size_t len, ListingBlock* block)
     return true;
 }
 
-std::string record_line(const ListingRecord& r, bool human)
+std::string record_line(const Json& r, bool human)
 {
-    std::string size = human ? human_kib(r.size_kib) : std::to_string(r.size_kib);
+    const uint32_t kib = r["sizeKiB"];
+    const std::string size = human ? human_kib(kib) : std::to_string(kib);
     char head[64];
-    snprintf(head, sizeof(head), "%c %*s %s %s ", r.is_protected ? 'r' : 'w', human ? 6 : 9, size.c_str(),
-             mjd_date(r.mjd).c_str(), time_text(r).c_str());
-    return head + printable(r.name) + tags_text(r);
+    snprintf(head, sizeof(head), "%c %*s %s %s ", r["protected"] ? 'r' : 'w', human ? 6 : 9, size.c_str(),
+             r["date"].get_ref<const std::string&>().c_str(), r["time"].get_ref<const std::string&>().c_str());
+    return head + printable(r["name"]) + tags_text(r);
 }
 
 Json listing_block_json(const ListingBlock& block)
 {
-    Json json = {{"offset", block.offset}, {"total", block.total}, {"records", records_json(block.records)}};
+    Json json = {{"offset", block.offset}, {"total", block.total}, {"records", block.records}};
     if (!block.damage.empty())
         json["damage"] = block.damage;
     return json;
@@ -216,7 +185,7 @@ size_t decode_listing_block(const uint8_t* data, size_t len, Decoded* out)
     add_uint(out, "total", block.total);
     if (failed)
         out->fields.back().text += " (failed)";
-    out->fields.push_back(Field{"records", records_text(block.records), records_json(block.records)});
+    out->fields.push_back(Field{"records", records_text(block.records), block.records});
     if (!block.damage.empty()) {
         add_string(out, "damage", block.damage.data(), block.damage.size());
         out->complete = false;
