@@ -144,7 +144,6 @@ TEST(CtlWire, RequestBytesAndDecodedReplies)
     };
     const Case cases[] = {
         {{"pvr-dev-state"}, {0x1d, 0x10, 0, 0}, kTrue, "STORAGE_PVR_DEV_STATE (4125): result 0\n  value: true\n"},
-        {{"pvr", "limit"}, {0x1f, 0x10, 0, 0}, {0, 0, 0, 0, 10, 0, 0, 0}, "PVR size limit: 10M (10 MB)\n"},
         {{"--json", "4125"},
          {0x1d, 0x10, 0, 0},
          kTrue,
@@ -188,10 +187,6 @@ TEST(CtlWire, RequestBytesAndDecodedReplies)
          "{\"command\":\"STROAGE_LUM_READ\",\"code\":4152,\"result\":0,\"reply\":{\"count\":3,\"length\":3,"
          "\"data\":\"78797a\"},\"complete\":true,\"rest\":\"\"}\n"},
         // raw: every item type; x bytes go out exactly, without padding.
-        {{"pvr-mark-dev", "/dev/sdb1", "true"},
-         {0x21, 0x10, 0, 0, '/', 'd', 'e', 'v', '/', 's', 'd', 'b', '1', 0, 0, 0, 1, 0, 0, 0},
-         kTrue,
-         "STORAGE_PVR_MARK_DEV (4129): result 0\n  value: true\n"},
         {{"raw", "0x7000", "i:-2", "u:4294967295", "l:0x0102030405060708", "b:true", "c:A", "c:255", "s:ab",
           "s:", "x:0a:0b"},
          {0x00, 0x70, 0, 0, 0xfe, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 8, 7, 6, 5, 4, 3, 2, 1,
@@ -274,8 +269,13 @@ TEST(CtlWire, EventAnswersAndWhatOnlyAFaultyDaemonDoes)
     const Case cases[] = {
         {"answer before the reply", {"size", "sdb"}, {kSubscribed, cat({size_sdc, kSizeSdb, reply(kTrue)})}, false, 0,
          "/dev/sdb: 258M (258 MB)\n", ""},
-        {"answer after the reply", {"--json", "size", "/dev/sdb"}, {kSubscribed, cat({reply(kTrue), size_sdc, kSizeSdb})},
-         false, 0, "{\"device\":\"/dev/sdb\",\"sizeMB\":258}\n", ""},
+        {"damaged listing", {"--json", "ls", "/a"},
+         {kSubscribed, cat({reply(kTrue), event({0x0b, 0, 0x17, 0, 0, 0, 0, 1, 1, 0, 0, 0, 0, 0, 0, 0, 0, 0})}), reply(kTrue)},
+         false, 1,
+         "{\"offset\":0,\"total\":1,\"records\":[],\"damage\":\"record 1 at byte 4: name without its NUL\"}\n"
+         "{\"path\":\"/a\",\"damage\":\"damaged block at offset 0: record 1 at byte 4: name without its NUL\","
+         "\"failed\":true}\n",
+         "ls /a: damaged block"},
         {"busy volume, another volume's result skipped", {"format", "sdb1"},
          {kSubscribed, cat({reply(kTrue), format_event("sdb10", 0), format_event("sdb1", -2)})}, false, 1,
          "result: failed (another format is running)\n", ""},

@@ -53,12 +53,12 @@ struct Lister {
         BlockRole role = listing.take(block);
         if (role == BlockRole::kSkipped)
             return EventStep::kMore;
+        if (!block.damage.empty())
+            damage = "damaged block at offset " + std::to_string(block.offset) + ": " + block.damage;
         if (role != BlockRole::kEndMark && !refused && ctx.json)
             held.push_back(std::move(block));
         else if (role != BlockRole::kEndMark && !refused)
             print_block(block, role);
-        if (!block.damage.empty())
-            damage = "damaged block at offset " + std::to_string(block.offset) + ": " + block.damage;
         if (elapsed_us < 0 && result_known())
             elapsed_us = std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::steady_clock::now() - started)
                              .count();
