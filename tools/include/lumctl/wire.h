@@ -210,13 +210,8 @@ struct ListingAssembly {
     uint32_t not_shown() const { return (total - received) & 0xFFFF; }
 };
 
-struct CoverAnswer {
-    uint8_t status = 0;
-    std::string path;  // the link to the cover
-};
-// Status byte, then the path with its NUL. The bytes taken, 0 without NUL.
-size_t parse_cover(const uint8_t* data, size_t len, CoverAnswer* out);
-// The event decoders of both.
+// The event decoders of both: a block; the cover answer's status byte and
+// path (the link to the cover, up to its NUL).
 size_t decode_listing_block(const uint8_t* data, size_t len, Decoded* out);
 size_t decode_cover(const uint8_t* data, size_t len, Decoded* out);
 

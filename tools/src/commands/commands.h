@@ -65,8 +65,8 @@ std::string unmounted_text(const CtlEvent& event);
 // A path event's text up to its NUL, for a terminal ("" for an empty event).
 std::string path_text(const CtlEvent& event);
 
-// "1 volume", "2 volumes".
-std::string count_of(long long n, const char* what);
+// "1 volume", "2 volumes"; "1 entry", "2 entries" with the plural given.
+std::string count_of(long long n, const char* one, const char* many = nullptr);
 
 // Where a format is. Mount and unmount events carry no volume name, so they
 // count only in their own phase: an unmount before the end of the unmount

@@ -133,9 +133,10 @@ int direct_ask(const CtlContext& ctx, const DeviceCall& call, const std::vector<
     return kExitOk;
 }
 
-std::string count_of(long long n, const char* what)
+std::string count_of(long long n, const char* one, const char* many)
 {
-    return std::to_string(n) + " " + what + (n == 1 ? "" : "s");
+    const std::string plural = many != nullptr ? many : std::string(one) + "s";
+    return std::to_string(n) + " " + (n == 1 ? one : plural);
 }
 
 }  // namespace lumctl

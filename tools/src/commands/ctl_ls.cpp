@@ -24,10 +24,7 @@ constexpr double kListingTimeoutSeconds = 30;
 // the service's default (a flags byte always replaces the default).
 constexpr int kNoTagsFilter = 1;
 
-std::string entries(long long n)
-{
-    return std::to_string(n) + (n == 1 ? " entry" : " entries");
-}
+std::string entries(long long n) { return count_of(n, "entry", "entries"); }
 
 struct Lister {
     CtlContext ctx;  // with the subcommand's --json
@@ -197,24 +194,26 @@ int run_cover(const CtlContext& ctx, const DeviceArgs& args)
             return usage_error(ctx, "cover: '" + text + "' is too long: the service takes at most " +
                                         std::to_string(kServiceTextMax) + " bytes");
     }
-    CoverAnswer answer;
+    Json answer;
     const std::string& folder = args.operands[0];
     const std::string& file = args.operands[1];
     auto take = [&answer, &file](const CtlEvent& e) {
-        CoverAnswer got;
-        if (parse_cover(e.data.data(), e.data.size(), &got) == 0 || !names_file(got.path, file))
+        Json got = event_json(e);
+        if (!got.contains("path") || !names_file(got["path"], file))
             return EventStep::kMore;
-        answer = got;
+        answer = std::move(got);
         return EventStep::kDone;
     };
     int rc = device_ask(ctx, call, args.operands, {LUM_TV_EVT_STORAGE_EXTRACT_COVER}, take,
                         [] { return std::string("the cover answer"); });
     if (rc != kExitOk)
         return rc;
-    const std::string text = "cover of " + printable(file) + ": " + printable(answer.path) + " (status " +
-                             std::to_string(answer.status) + (answer.status == 0 ? "" : ", failed") + ")";
-    print_line(call.local, text, Json{{"folder", folder}, {"file", file}, {"status", answer.status}, {"path", answer.path}});
-    return answer.status == 0 ? kExitOk : kExitNo;
+    const std::string path = answer["path"];
+    const unsigned status = answer["status"];
+    const std::string text = "cover of " + printable(file) + ": " + printable(path) + " (status " +
+                             std::to_string(status) + (status == 0 ? "" : ", failed") + ")";
+    print_line(call.local, text, Json{{"folder", folder}, {"file", file}, {"status", status}, {"path", path}});
+    return status == 0 ? kExitOk : kExitNo;
 }
 
 }  // namespace lumctl

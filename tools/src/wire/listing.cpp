@@ -193,24 +193,14 @@ size_t decode_listing_block(const uint8_t* data, size_t len, Decoded* out)
     return block.used;
 }
 
-size_t parse_cover(const uint8_t* data, size_t len, CoverAnswer* out)
+size_t decode_cover(const uint8_t* data, size_t len, Decoded* out)
 {
     const void* nul = len > 1 ? memchr(data + 1, 0, len - 1) : nullptr;
     if (nul == nullptr)
         return 0;
-    out->status = data[0];
-    out->path.assign(reinterpret_cast<const char*>(data + 1), static_cast<const uint8_t*>(nul) - (data + 1));
-    return out->path.size() + 2;
-}
-
-size_t decode_cover(const uint8_t* data, size_t len, Decoded* out)
-{
-    CoverAnswer answer;
-    size_t used = parse_cover(data, len, &answer);
-    if (used == 0)
-        return 0;
-    add_uint(out, "status", answer.status);
-    add_string(out, "path", answer.path.data(), answer.path.size());
+    const size_t used = static_cast<size_t>(static_cast<const uint8_t*>(nul) - data) + 1;
+    add_uint(out, "status", data[0]);
+    add_string(out, "path", reinterpret_cast<const char*>(data + 1), used - 2);
     // The spare bytes (room of a three-letter extension) carry nothing.
     return len - used <= 3 ? len : used + 3;
 }
