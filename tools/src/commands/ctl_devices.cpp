@@ -16,20 +16,6 @@ struct VolumeEvents {
     bool have_volumes = false;
 };
 
-// The list event, then the device-table event that follows it.
-EventStep take_volumes(VolumeEvents* got, const CtlEvent& event)
-{
-    if (event.id == LUM_TV_EVT_STORAGE_GET_STORAGE_VOLUMES) {
-        got->volumes = event.data;
-        got->have_volumes = true;
-        return EventStep::kMore;
-    }
-    if (!got->have_volumes)
-        return EventStep::kMore;  // a table sent for an earlier request
-    got->rows = event.data;
-    return EventStep::kDone;
-}
-
 // The one field a list decoder gives, as JSON; whole: it took every byte.
 Json list_json(size_t (*decode)(const uint8_t*, size_t, Decoded*), const Bytes& data, bool* whole = nullptr)
 {
@@ -231,8 +217,18 @@ int run_volumes(const CtlContext& ctx, const DeviceArgs& args)
 {
     DeviceCall call(ctx, "volumes", "STORAGE_GET_STORAGE_VOLUMES", args, kQueryTimeoutSeconds);
     VolumeEvents got;
-    int rc = device_ask(ctx, call, {}, {LUM_TV_EVT_STORAGE_GET_STORAGE_VOLUMES, LUM_TV_EVT_STORAGE_GET_DEV_TABLE},
-                        [&got](const CtlEvent& e) { return take_volumes(&got, e); },
+    // The list event, then the device-table event that follows it (a table
+    // before the list was sent for an earlier request).
+    auto take = [&got](const CtlEvent& e) {
+        if (e.id == LUM_TV_EVT_STORAGE_GET_STORAGE_VOLUMES) {
+            got.volumes = e.data;
+            got.have_volumes = true;
+            return EventStep::kMore;
+        }
+        got.rows = e.data;
+        return got.have_volumes ? EventStep::kDone : EventStep::kMore;
+    };
+    int rc = device_ask(ctx, call, {}, {LUM_TV_EVT_STORAGE_GET_STORAGE_VOLUMES, LUM_TV_EVT_STORAGE_GET_DEV_TABLE}, take,
                         [] { return std::string("the volume list and the device table"); });
     return rc != kExitOk ? rc : print_volumes(call.local, got);
 }

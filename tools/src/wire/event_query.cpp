@@ -8,8 +8,6 @@
 #include <ctime>
 #include <unistd.h>
 
-#include <binder/Parcel.h>
-
 #include "lumctl/wire.h"
 
 namespace lumctl {
@@ -122,12 +120,8 @@ int time_left_ms(double deadline)
 
 bool reply_accepted(const CtlReply& reply)
 {
-    if (reply.result != 0 || reply.bytes.size() < 4)
-        return false;
-    android::Parcel parcel;
-    parcel.setData(reply.bytes.data(), reply.bytes.size());
-    int32_t value = 0;
-    return parcel.readInt32(&value) == android::OK && value != 0;
+    const Decoded posted = decode_reply("b", reply.bytes.data(), reply.bytes.size());
+    return reply.result == 0 && !posted.fields.empty() && posted.fields[0].json == true;
 }
 
 // Runs the query on a connection that is already subscribed.

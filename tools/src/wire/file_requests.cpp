@@ -73,17 +73,11 @@ int check_path(const std::string& path, size_t limit, std::string* error)
     return 0;
 }
 
-bool ends_with(const std::string& text, const char* tail)
-{
-    size_t n = strlen(tail);
-    return text.size() >= n && text.compare(text.size() - n, n, tail) == 0;
-}
-
 // A recording is named by its main file, NAME.ts; the companions add their
 // suffixes to that whole name.
 int check_recording(const std::string& path, std::string* error)
 {
-    if (ends_with(path, ".ts"))
+    if (path.size() >= 3 && path.compare(path.size() - 3, 3, ".ts") == 0)
         return 0;
     return refuse(error, "--recording takes the main file of a recording, NAME.ts, not '" + path + "'");
 }
