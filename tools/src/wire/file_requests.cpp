@@ -45,11 +45,8 @@ struct Request {
     // Checks the frame limit and hands the bytes over.
     int done(Bytes* out, std::string* error) const
     {
-        if (parcel.dataSize() > lumproto::kMaxPayload) {
-            *error = "the request of " + std::to_string(parcel.dataSize()) + " bytes is above the frame limit of " +
-                     std::to_string(lumproto::kMaxPayload) + " bytes";
+        if (check_frame(parcel.dataSize(), error) != 0)
             return -1;
-        }
         out->assign(parcel.data(), parcel.data() + parcel.dataSize());
         return 0;
     }

@@ -113,14 +113,6 @@ int decode_hex(const std::string& text, Bytes* out)
     return high < 0 ? 0 : -1;
 }
 
-int check_size(const Bytes& out, std::string* error)
-{
-    if (out.size() <= lumproto::kMaxPayload)
-        return 0;
-    *error = "request of " + std::to_string(out.size()) + " bytes is above the frame limit";
-    return -1;
-}
-
 // The bytes behind an 'r' field: "@path" reads the file, "@@text" is the
 // literal "@text", anything else is the literal text; padded to 4. When the
 // int32 before them was "-", their count goes there.
@@ -228,7 +220,7 @@ int build_request(const CmdRow& row, const std::vector<std::string>& args, Bytes
         if (rc != 0)
             return -1;
     }
-    return check_size(*out, error);
+    return check_frame(out->size(), error);
 }
 
 int build_raw_request(int32_t word, const std::vector<std::string>& items, Bytes* out, std::string* error)
@@ -248,7 +240,16 @@ int build_raw_request(int32_t word, const std::vector<std::string>& items, Bytes
         if (item[0] != 'x' && encode_field(item[0], value, out, error) != 0)
             return -1;
     }
-    return check_size(*out, error);
+    return check_frame(out->size(), error);
+}
+
+int check_frame(size_t size, std::string* error)
+{
+    if (size <= lumproto::kMaxPayload)
+        return 0;
+    *error = "the request of " + std::to_string(size) + " bytes is above the frame limit of " +
+             std::to_string(lumproto::kMaxPayload) + " bytes";
+    return -1;
 }
 
 int read_data(const std::string& file, FILE* in, Bytes* out, std::string* error)
