@@ -49,12 +49,10 @@ int device_report(const CtlContext& ctx, const DeviceCall& call, const QueryOutc
 
 // A request answered by its reply alone: request, or when it is empty call's
 // command built with fields. kExitOk with a reply of result 0 and, when
-// asked, the reply's bytes or its fields as the command's reply token reads
-// them ("value", "errno", ...); otherwise reported: a usage error for
-// fields that make no request, kExitFailed for a refusal, a time-out or a
-// reply too short for its token.
-int direct_run(const CtlContext& ctx, const DeviceCall& call, const std::vector<std::string>& fields,
-               CtlReply* reply);
+// asked, its fields as the command's reply token reads them ("value",
+// "errno", ...); otherwise reported: a usage error for fields that make no
+// request, kExitFailed for a refusal, a time-out or a reply too short for
+// its token.
 int direct_ask(const CtlContext& ctx, const DeviceCall& call, const std::vector<std::string>& fields, Bytes request,
                Json* answer);
 

@@ -110,14 +110,6 @@ int device_report(const CtlContext& ctx, const DeviceCall& call, const QueryOutc
     return protocol_error(ctx, call.subject() + ": " + why);
 }
 
-int direct_run(const CtlContext& ctx, const DeviceCall& call, const std::vector<std::string>& fields,
-               CtlReply* reply)
-{
-    Bytes request;
-    int rc = call_request(ctx, call, fields, &request);
-    return rc != kExitOk ? rc : direct_request(ctx, call, request, reply);
-}
-
 int direct_ask(const CtlContext& ctx, const DeviceCall& call, const std::vector<std::string>& fields, Bytes request,
                Json* answer)
 {

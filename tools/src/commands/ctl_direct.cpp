@@ -172,8 +172,9 @@ int run_fd_read(const CtlContext& ctx, const DeviceArgs& args)
         print_json(ctx.out, json);
         return kExitOk;
     }
-    for (size_t i = 0; i + 1 < hex.size(); i += 2)  // the decoder holds the bytes as hex
-        fputc(std::stoi(hex.substr(i, 2), nullptr, 16), ctx.out);
+    Bytes data;  // the decoder holds the bytes as hex
+    decode_hex(hex, &data);
+    fwrite(data.data(), 1, data.size(), ctx.out);
     return kExitOk;
 }
 

@@ -1,6 +1,5 @@
 // pvr WORD: the PVR requests. state, path, available, total, guide and limit
 // are answered by the reply alone; mark waits for the marking's verdict.
-#include <binder/Parcel.h>
 #include <StorageEvents.h>
 #include <StoragePvr.h>
 
@@ -142,24 +141,16 @@ int run_pvr_disk(const CtlContext& ctx, const DeviceArgs& args)
 int run_pvr_guide(const CtlContext& ctx, const DeviceArgs& args)
 {
     DeviceCall call(ctx, "pvr guide", "STORAGE_PVR_GET_DEV_GUIDE_INFO", args, kQueryTimeoutSeconds);
-    CtlReply reply;
-    int rc = direct_run(ctx, call, {}, &reply);
+    Json answer;
+    int rc = direct_ask(ctx, call, {}, {}, &answer);
     if (rc != kExitOk)
         return rc;
-    // int32 result, then the record's bytes.
-    android::Parcel in;
-    in.setData(reply.bytes.data(), reply.bytes.size());
-    int32_t result = 0;
-    if (in.readInt32(&result) != android::OK)
-        return protocol_error(ctx, "pvr guide: empty reply");
-    if (result != 0)
-        return protocol_error(ctx, "pvr guide: the service answered result " + std::to_string(result));
-    const void* bytes = in.readInplace(sizeof(SStoragePvrDevGuideInfo));
-    if (bytes == nullptr)
-        return protocol_error(ctx, "pvr guide: the record is shorter than " +
-                                       std::to_string(sizeof(SStoragePvrDevGuideInfo)) + " bytes");
+    if (answer["value"] != 0)
+        return protocol_error(ctx, "pvr guide: the service answered result " + answer["value"].dump());
+    Bytes record;  // the reply decoder holds the record as hex
     Decoded decoded;
-    decode_guide(static_cast<const uint8_t*>(bytes), sizeof(SStoragePvrDevGuideInfo), &decoded);
+    decode_hex(answer["guide"], &record);
+    decode_guide(record.data(), record.size(), &decoded);
     Json guide = fields_json(decoded);
     guide["asks"] = guide_asks(guide);
     if (call.local.json)
