@@ -298,7 +298,10 @@ TEST(CtlWire, EventAnswersAndWhatOnlyAFaultyDaemonDoes)
         {"vanishes before any answer", {"size", "sdb"}, {kSubscribed, {}}, true, 1, "", "closed"},
         {"ERROR frame", {"pvr-dev-state"}, {frame(9, {'t', 'o', 'o', ' ', 'm', 'a', 'n', 'y'})}, true, 1, "",
          "daemon error: too many"},
-        {"frame of another version", {"pvr-dev-state"}, {{2, 0, 2, 0, 0, 0, 0, 0}}, false, 1, "", "lumstoragectl: "},
+        {"cover of another file skipped", {"cover", "/m", "a"},
+         {kSubscribed, cat({reply(kTrue), event({0x1e, 0, 0x17, 0, 0, '/', 'b', '.', 0}),
+                            event({0x1e, 0, 0x17, 0, 2, '/', 'a', '.', 'j', 'p', 'g', 0, 0, 0, 0})})},
+         false, 3, "cover of a: /a.jpg (status 2, failed)\n", "", {0x30, 0x10, 0, 0, '/', 'm', 0, 0, 'a', 0, 0, 0}},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.what);
@@ -320,8 +323,7 @@ TEST(CtlWire, NoDaemonSaysHowToStartOne)
     hosttest::TempDir dir;
     const std::string none = dir.path + "/none.sock";
     for (const std::vector<std::string>& words : std::vector<std::vector<std::string>>{
-             {"4106"}, {"watch"}, {"volumes"}, {"pvr", "state"}, {"format", "sdb1"}, {"ls", "/a"}, {"cp", "--cancel"},
-             {"exec", "true"}, {"fd", "close", "7"}}) {
+             {"4106"}, {"watch"}, {"volumes"}, {"ls", "/a"}, {"exec", "true"}, {"fd", "close", "7"}}) {
         hosttest::RunResult r = ctl(none, words);
         EXPECT_EQ(1, r.code) << words[0];
         EXPECT_EQ("", r.out) << words[0];
