@@ -5,6 +5,7 @@
 #include <csignal>
 #include <cstdio>
 #include <cstring>
+#include <fcntl.h>
 #include <unistd.h>
 
 #include "host_log.h"
@@ -15,18 +16,38 @@ namespace lumhost {
 namespace {
 
 // The socket path for the signal handler, which may only make
-// async-signal-safe calls.
+// async-signal-safe calls. Once the server runs, the handler hands the stop
+// to the main thread through the pipe, which lets go of the connection
+// threads before the process ends; before that it ends the process itself.
 char g_socket_path[108];
+int g_stop_pipe[2] = {-1, -1};
+volatile sig_atomic_t g_serving = 0;
 
 void on_stop_signal(int)
 {
+    if (g_serving != 0 && write(g_stop_pipe[1], "x", 1) == 1)
+        return;
     unlink(g_socket_path);
+    _exit(0);
+}
+
+// Waits for a stop signal, then ends the process at once: the socket file
+// goes, the finished connection threads are joined and the others left.
+[[noreturn]] void serve_until_stopped(HostServer* server)
+{
+    char byte = 0;
+    while (read(g_stop_pipe[0], &byte, 1) < 0 && errno == EINTR) {
+    }
+    unlink(g_socket_path);
+    host_server_abandon(server);
     _exit(0);
 }
 
 int install_signals(const std::string& path)
 {
     snprintf(g_socket_path, sizeof(g_socket_path), "%s", path.c_str());
+    if (pipe2(g_stop_pipe, O_CLOEXEC) != 0)
+        return -errno;
     struct sigaction sa{};
     sa.sa_handler = on_stop_signal;
     sigemptyset(&sa.sa_mask);
@@ -97,8 +118,8 @@ int lumstoraged_main(int argc, char** argv, const DaemonHooks& hooks)
     host_emal_attach(server);
     announce_ready(options);
     HOST_LOG(INFO, "serving on %s", config.socket_path.c_str());
-    for (;;)
-        pause();
+    g_serving = 1;
+    serve_until_stopped(server);
 }
 
 }  // namespace lumhost

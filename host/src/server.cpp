@@ -194,6 +194,21 @@ void host_server_stop(HostServer* server)
     delete server;
 }
 
+void host_server_abandon(HostServer* server)
+{
+    uint64_t one = 1;
+    if (write(server->wake_fd, &one, sizeof(one)) != sizeof(one))
+        HOST_LOG(ERROR, "eventfd write: %s", strerror(errno));
+    server->acceptor.join();
+    std::lock_guard<std::mutex> hold(server->slots_lock);
+    for (auto& slot : server->slots) {
+        if (slot->done.load(std::memory_order_acquire))
+            slot->thread.join();
+        else
+            slot->thread.detach();
+    }
+}
+
 void host_server_publish(HostServer* server, int event, const void* data, size_t len)
 {
     hub_publish(&server->shared.hub, event, data, len);

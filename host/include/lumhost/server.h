@@ -59,6 +59,13 @@ int host_server_start(const HostConfig& config, const ListenSocket& listen_socke
 // frees the server. The daemon never calls it; tests do.
 void host_server_stop(HostServer* server);
 
+// For a process about to _exit: stops accepting, joins the connection
+// threads that have finished and detaches the others, without waiting for
+// them (one may sit in a long command). No thread is left finished and
+// unjoined, which a thread checker would report. The server stays
+// allocated.
+void host_server_abandon(HostServer* server);
+
 // Copies one event into the queue of every subscriber; never blocks on a
 // client. Callable from any thread.
 void host_server_publish(HostServer* server, int event, const void* data, size_t len);
