@@ -147,6 +147,15 @@ void accept_loop(HostServer* server)
     }
 }
 
+// Wakes the accept loop to end and waits for it.
+void stop_accepting(HostServer* server)
+{
+    uint64_t one = 1;
+    if (write(server->wake_fd, &one, sizeof(one)) != sizeof(one))
+        HOST_LOG(ERROR, "eventfd write: %s", strerror(errno));
+    server->acceptor.join();
+}
+
 }  // namespace
 
 int host_server_start(const HostConfig& config, const ListenSocket& listen_socket,
@@ -174,10 +183,7 @@ int host_server_start(const HostConfig& config, const ListenSocket& listen_socke
 
 void host_server_stop(HostServer* server)
 {
-    uint64_t one = 1;
-    if (write(server->wake_fd, &one, sizeof(one)) != sizeof(one))
-        HOST_LOG(ERROR, "eventfd write: %s", strerror(errno));
-    server->acceptor.join();
+    stop_accepting(server);
     {
         std::lock_guard<std::mutex> hold(server->slots_lock);
         for (auto& slot : server->slots)
@@ -196,10 +202,7 @@ void host_server_stop(HostServer* server)
 
 void host_server_abandon(HostServer* server)
 {
-    uint64_t one = 1;
-    if (write(server->wake_fd, &one, sizeof(one)) != sizeof(one))
-        HOST_LOG(ERROR, "eventfd write: %s", strerror(errno));
-    server->acceptor.join();
+    stop_accepting(server);
     std::lock_guard<std::mutex> hold(server->slots_lock);
     for (auto& slot : server->slots) {
         if (slot->done.load(std::memory_order_acquire))
