@@ -174,7 +174,8 @@ int run_fd_read(const CtlContext& ctx, const DeviceArgs& args)
     }
     Bytes data;  // the decoder holds the bytes as hex
     decode_hex(hex, &data);
-    fwrite(data.data(), 1, data.size(), ctx.out);
+    if (!data.empty())
+        fwrite(data.data(), 1, data.size(), ctx.out);
     return kExitOk;
 }
 
