@@ -32,6 +32,7 @@ struct Field {
     std::string name;
     std::string text;
     Json json;
+    Bytes bytes = {};  // a byte field's bytes, which json holds in hex
 };
 
 struct Decoded {
@@ -149,9 +150,6 @@ int build_fd_write(int32_t fd, const Bytes& data, Bytes* out, std::string* error
 // number; a mode in octal, 0 to 07777.
 bool parse_open_flags(const std::string& text, int32_t* out);
 bool parse_mode(const std::string& text, int32_t* out);
-// Appends the bytes of hex digits, optionally separated by spaces, colons or
-// dashes: 0, or -1 for a text that is not such digits.
-int decode_hex(const std::string& text, Bytes* out);
 // 0 for a request of size bytes that fits a frame, else -1 with error.
 int check_frame(size_t size, std::string* error);
 // All of FILE, or of in for "-", up to the frame limit.

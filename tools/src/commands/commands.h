@@ -50,11 +50,12 @@ int device_report(const CtlContext& ctx, const DeviceCall& call, const QueryOutc
 // A request answered by its reply alone: request, or when it is empty call's
 // command built with fields. kExitOk with a reply of result 0 and, when
 // asked, its fields as the command's reply token reads them ("value",
-// "errno", ...); otherwise reported: a usage error for fields that make no
+// "errno", ...) and the bytes of its byte field (a read's data, the guide
+// record); otherwise reported: a usage error for fields that make no
 // request, kExitFailed for a refusal, a time-out or a reply too short for
 // its token.
 int direct_ask(const CtlContext& ctx, const DeviceCall& call, const std::vector<std::string>& fields, Bytes request,
-               Json* answer);
+               Json* answer, Bytes* bytes = nullptr);
 
 // "mounted /mnt/usb/sdb1 (vfat, label KINGSTON)" from a DEV_MOUNT event,
 // "unmounted /mnt/usb/sdb1" from a DEV_UMOUNT event.

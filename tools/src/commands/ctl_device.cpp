@@ -111,7 +111,7 @@ int device_report(const CtlContext& ctx, const DeviceCall& call, const QueryOutc
 }
 
 int direct_ask(const CtlContext& ctx, const DeviceCall& call, const std::vector<std::string>& fields, Bytes request,
-               Json* answer)
+               Json* answer, Bytes* bytes)
 {
     CtlReply reply;
     int rc = request.empty() ? call_request(ctx, call, fields, &request) : kExitOk;
@@ -122,6 +122,10 @@ int direct_ask(const CtlContext& ctx, const DeviceCall& call, const std::vector<
     if (!decoded.complete || decoded.fields.empty())
         return protocol_error(ctx, call.subject() + ": the reply is shorter than " + call.command + " answers");
     *answer = fields_json(decoded);
+    for (Field& field : decoded.fields) {
+        if (bytes != nullptr && !field.bytes.empty())
+            *bytes = std::move(field.bytes);
+    }
     return kExitOk;
 }
 

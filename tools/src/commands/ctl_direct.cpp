@@ -31,9 +31,9 @@ int fd_arg(const CtlContext& ctx, const DeviceCall& call, int32_t* fd)
 // behind a negative one, which is reported (with json, when JSON is asked
 // for): kExitFailed.
 int errno_call(const CtlContext& ctx, const DeviceCall& call, const std::vector<std::string>& fields,
-               const Bytes& request, Json json, Json* answer)
+               const Bytes& request, Json json, Json* answer, Bytes* bytes = nullptr)
 {
-    int rc = direct_ask(ctx, call, fields, request, answer);
+    int rc = direct_ask(ctx, call, fields, request, answer, bytes);
     if (rc != kExitOk)
         return rc;
     const int32_t value = answer->contains("count") ? (*answer)["count"] : (*answer)["value"];
@@ -160,22 +160,20 @@ int run_fd_read(const CtlContext& ctx, const DeviceArgs& args)
         return usage_error(
             ctx, "fd read: BYTES is a number 0.." + std::to_string(kReadMax) + ", not '" + args.operands[1] + "'");
     Json json = {{"fd", fd}}, answer;
-    if ((rc = errno_call(ctx, call, {std::to_string(fd), std::to_string(bytes)}, {}, json, &answer)) != kExitOk)
+    Bytes data;
+    if ((rc = errno_call(ctx, call, {std::to_string(fd), std::to_string(bytes)}, {}, json, &answer, &data)) !=
+        kExitOk)
         return rc;
     const int32_t count = answer["count"];
     if (answer["length"] != count)
         return protocol_error(ctx, "fd read: the counts of the reply differ");
-    const std::string hex = answer["data"];
     if (call.local.json) {
         json["count"] = count;
-        json["hex"] = hex;
+        json["hex"] = answer["data"];
         print_json(ctx.out, json);
-        return kExitOk;
-    }
-    Bytes data;  // the decoder holds the bytes as hex
-    decode_hex(hex, &data);
-    if (!data.empty())
+    } else if (!data.empty()) {
         fwrite(data.data(), 1, data.size(), ctx.out);
+    }
     return kExitOk;
 }
 

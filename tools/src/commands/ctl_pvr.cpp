@@ -142,14 +142,13 @@ int run_pvr_guide(const CtlContext& ctx, const DeviceArgs& args)
 {
     DeviceCall call(ctx, "pvr guide", "STORAGE_PVR_GET_DEV_GUIDE_INFO", args, kQueryTimeoutSeconds);
     Json answer;
-    int rc = direct_ask(ctx, call, {}, {}, &answer);
+    Bytes record;
+    int rc = direct_ask(ctx, call, {}, {}, &answer, &record);
     if (rc != kExitOk)
         return rc;
     if (answer["value"] != 0)
         return protocol_error(ctx, "pvr guide: the service answered result " + answer["value"].dump());
-    Bytes record;  // the reply decoder holds the record as hex
     Decoded decoded;
-    decode_hex(answer["guide"], &record);
     decode_guide(record.data(), record.size(), &decoded);
     Json guide = fields_json(decoded);
     guide["asks"] = guide_asks(guide);

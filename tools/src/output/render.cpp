@@ -158,7 +158,7 @@ void add_bytes(Decoded* out, const char* name, const uint8_t* data, size_t len)
     std::string text = std::to_string(len) + " bytes";
     if (len > 0)
         text += ": " + hex_spaced(data, len, kTextBytes);
-    out->fields.push_back(Field{name, text, hex_compact(data, len)});
+    out->fields.push_back(Field{name, text, hex_compact(data, len), Bytes(data, data + len)});
 }
 
 Json fields_json(const Decoded& decoded)

@@ -93,6 +93,26 @@ const FieldType kFieldTypes[] = {
     {'c', "one character or a number -128..255", write_char},
 };
 
+// Hex digits, optionally separated by spaces, colons or dashes.
+int decode_hex(const std::string& text, Bytes* out)
+{
+    int high = -1;
+    for (char ch : text) {
+        if (ch == ' ' || ch == ':' || ch == '-')
+            continue;
+        if (!isxdigit(static_cast<unsigned char>(ch)))
+            return -1;
+        int v = isdigit(static_cast<unsigned char>(ch)) ? ch - '0' : tolower(static_cast<unsigned char>(ch)) - 'a' + 10;
+        if (high < 0) {
+            high = v;
+        } else {
+            out->push_back(static_cast<uint8_t>(high << 4 | v));
+            high = -1;
+        }
+    }
+    return high < 0 ? 0 : -1;
+}
+
 // The bytes behind an 'r' field: "@path" reads the file, "@@text" is the
 // literal "@text", anything else is the literal text; padded to 4. When the
 // int32 before them was "-", their count goes there.
@@ -221,25 +241,6 @@ int build_raw_request(int32_t word, const std::vector<std::string>& items, Bytes
             return -1;
     }
     return check_frame(out->size(), error);
-}
-
-int decode_hex(const std::string& text, Bytes* out)
-{
-    int high = -1;
-    for (char ch : text) {
-        if (ch == ' ' || ch == ':' || ch == '-')
-            continue;
-        if (!isxdigit(static_cast<unsigned char>(ch)))
-            return -1;
-        int v = isdigit(static_cast<unsigned char>(ch)) ? ch - '0' : tolower(static_cast<unsigned char>(ch)) - 'a' + 10;
-        if (high < 0) {
-            high = v;
-        } else {
-            out->push_back(static_cast<uint8_t>(high << 4 | v));
-            high = -1;
-        }
-    }
-    return high < 0 ? 0 : -1;
 }
 
 int check_frame(size_t size, std::string* error)
